@@ -1,0 +1,48 @@
+# Thin front of the build: what a target does stands in scripts/ and CMakePresets.json.
+#
+#   make                  the tool (build/bin/zlibcompress), the library (build/lib/libtessel.a), tests
+#   make run              packs and unpacks 100 MB of this machine's files and checks every byte
+#   make test             all tests
+#   make bench            all comparisons; BENCH="alloc list" for some of them
+#   make fuzz             every fuzzer for FUZZ_SECONDS
+#   make lint             clang-format, warnings of g++ and clang++, clang-tidy
+#   make sanitize         all tests under AddressSanitizer and UndefinedBehaviorSanitizer
+#   make test-ilp32       all tests as 32-bit programs
+#   make install          tool, library, headers and the skeleton of a home directory below PREFIX
+#
+# Missing Debian packages are installed first; TESSEL_SETUP=no prevents that.
+PREFIX ?= /usr/local
+FUZZ_SECONDS ?= 60
+export CMAKE_GENERATOR ?= Ninja
+CTEST = ctest --output-on-failure --no-tests=error -j $$(nproc) --test-dir
+
+.PHONY: all run test bench fuzz lint sanitize test-ilp32 install clean
+all:
+	@scripts/setup.sh build test && scripts/build.sh release
+
+run:
+	@scripts/setup.sh build test && scripts/build.sh release zlibcompress && scripts/run.sh
+
+test: all
+	@$(CTEST) build
+
+bench:
+	@scripts/setup.sh build bench && scripts/bench.sh $(BENCH)
+
+fuzz:
+	@scripts/setup.sh build fuzz && scripts/fuzz.sh $(FUZZ_SECONDS)
+
+lint:
+	@scripts/setup.sh build test lint && scripts/lint.sh
+
+sanitize:
+	@scripts/setup.sh build test && scripts/sanitize.sh
+
+test-ilp32:
+	@scripts/setup.sh build ilp32 && scripts/build.sh ilp32 && $(CTEST) build/ilp32
+
+install: all
+	@cmake --install build --prefix $(PREFIX)
+
+clean:
+	@rm -rf build
