@@ -1,0 +1,46 @@
+// The process: the library-wide fatal stop and this process's place among the managed processes.
+#pragma once
+
+#include "core/types.h"
+
+struct ProcDetailsT;       // procinternal.h
+struct ProcProcessTableT;  // procinternal.h
+struct ObjCountEntryT;     // object.h
+
+// Process state of the runtime context.
+struct TesselContextProcessS {
+    ProcIdT tId;  // 0 until the process has an identifier
+    void* ptProgressBuffer;
+    BooleanT bIsAdopted;
+    ListO oCleanupList;
+    char* pstrTitle;
+    char* pstrName;
+    ProcProcessTableT* ptProcessTable;
+    ObjCountEntryT* ptObjCountBase;
+    ProcDetailsT* ptDetails;  // this process's record in shared memory, null when there is none
+    BooleanT bInCleanup;
+    void* ptSharedMemoryBase;
+    void (*fnOnTerminate)();
+    int32 lInCleanup;
+    void* ptKilnTime;
+    BooleanT bNewStyleTasks;
+    BooleanT bIAmAProxy;
+    void* oTaskContext;
+    ListO oExtendibleContext;  // context objects, at most one of each class
+    char* pstrTraceName;
+};
+
+// TRUE when a ProcCrash that is not forced stops the process too. FALSE at start.
+extern BooleanT gbDoCrash;
+
+BooleanT ProcessInitialize();
+BooleanT ProcessInitializeThread(TesselContextT* ptTlContext);
+void ProcessReleaseThread(TesselContextT* ptTlContext);
+
+// The fatal stop, called after an inconsistency was traced. Unless bForce or gbDoCrash is TRUE it
+// returns at once. Otherwise it sends SIGSEGV to the own process; it returns only where that signal
+// is ignored, blocked or handled, so every caller leaves its data sound and reports failure.
+void ProcCrash(BooleanT bForce);
+
+// The identifier of this process; 0 when it has none.
+ProcIdT ProcGetId();

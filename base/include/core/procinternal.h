@@ -1,0 +1,20 @@
+// Records of the shared memory that a process manager makes and the managed processes share. The
+// layout is fixed: processes of both word sizes attach the same segment.
+#pragma once
+
+#include "core/trace.h"
+#include "core/types.h"
+
+// One per process. The trace buffer's record area follows the record directly.
+struct ProcDetailsT {
+    char strTitle[80];
+    int32 lMemCount;
+    int32 lMemMax;
+    int32 lMemAllocations;
+    int32 lObjCount;
+    int32 lObjMax;
+    int32 lObjAllocations;
+    TraceBufHeaderT tTraceBuffer;
+};
+static_assert(offsetof(ProcDetailsT, lMemCount) == 80 &&
+              offsetof(ProcDetailsT, tTraceBuffer) == 104 && sizeof(ProcDetailsT) == 120);
