@@ -1,0 +1,35 @@
+// What the sources of the object model share: from a reference to its header, to its fields by
+// their table, and the registry of templates. Private to the library.
+#pragma once
+
+#include <cstring>
+
+#include "core/object.h"
+
+// Sorted by magic; holds the head template of each class. Entries are never removed.
+struct ObjTemplateRegistryT {
+    int32 lMaximumEntries;
+    int32 lEntryCount;
+    ObjTemplateT* ptEntries;
+};
+extern ObjTemplateRegistryT gsObjTemplateMap;
+
+inline ObjHeaderT* ObjHeaderOf(void* oObject) { return static_cast<ObjHeaderT*>(oObject) - 1; }
+
+inline void* ObjFieldAt(void* oObject, const ObjDbFieldT& tField) {
+    return static_cast<ByteT*>(oObject) + tField.lObjOffset;
+}
+
+// Fields are read and written by their declared type through memory copies, whatever record type
+// the class's own code sees there.
+template <class T>
+T ObjLoad(const void* pField) {
+    T tValue;
+    std::memcpy(&tValue, pField, sizeof(T));
+    return tValue;
+}
+
+template <class T>
+void ObjStore(void* pField, T tValue) {
+    std::memcpy(pField, &tValue, sizeof(T));
+}
