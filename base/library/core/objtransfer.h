@@ -1,0 +1,54 @@
+// What writer, reader and whole streams of objects share. Private to the library.
+#pragma once
+
+#include "core/map.h"
+#include "core/objserial.h"
+#include "core/trace.h"
+#include "core/types.h"
+
+// Longs are stored least significant byte first, whatever the host.
+inline void ObjStoreLong(ByteT* pBytes, int32 lValue) {
+    const auto tBits = static_cast<uint32>(lValue);
+    for (int iByte = 0; iByte < 4; iByte++)
+        pBytes[iByte] = static_cast<ByteT>(tBits >> (8 * iByte));
+}
+
+inline int32 ObjLoadLong(const ByteT* pBytes) {
+    return static_cast<int32>(static_cast<uint32>(pBytes[0]) | static_cast<uint32>(pBytes[1]) << 8 |
+                              static_cast<uint32>(pBytes[2]) << 16 |
+                              static_cast<uint32>(pBytes[3]) << 24);
+}
+
+// Lead byte of an object reference.
+enum ObjLocationTypeE : ByteT {
+    eObjLocationNull = 0,
+    eObjLocationSingle = 1,       // held by one holder: body follows
+    eObjLocationSharedFirst = 2,  // map id and body follow
+    eObjLocationSharedAgain = 3,  // map id follows
+};
+
+constexpr int32 StnzTitleSize = 1024;  // full title of a stanza with its terminator
+constexpr int32 ObjMapGrowth = 16;
+
+// Memory sinks and sources. The cookie is the address of a position pointer, or of a 64-bit count.
+BooleanT ObjWriteToMemory(void* pCookie, void* pBuffer, int32 lSize);
+BooleanT ObjWriteToCounter(void* pCookie, void* pBuffer, int32 lSize);
+BooleanT ObjReadFromMemory(void* pCookie, void* pBuffer, int32 lSize);
+
+// Enters a shared object in the stream's map, made on first use. FALSE when the key is in it
+// already.
+BooleanT ObjEnterInMap(ObjSerialStreamT tStream, int32 lMapId, void* oObject, MapLocateFnT fnLocate,
+                       MapReleaseFnT fnRelease);
+
+// Counts one more object inside another while it lives.
+class ObjDepthGuard {
+ public:
+    explicit ObjDepthGuard(ObjSerialStreamT tStream) : m_tStream(tStream) { m_tStream->lDepth++; }
+    ~ObjDepthGuard() { m_tStream->lDepth--; }
+    ObjDepthGuard(const ObjDepthGuard&) = delete;
+    ObjDepthGuard& operator=(const ObjDepthGuard&) = delete;
+    bool TooDeep() const { return m_tStream->lDepth > ObjMaximumDepth; }
+
+ private:
+    ObjSerialStreamT m_tStream;
+};
