@@ -1,0 +1,8 @@
+// Signals held while library code runs.
+#pragma once
+
+#include "core/types.h"
+
+BooleanT SigInitialize();
+BooleanT SigInitializeThread(TesselContextT* ptTlContext);
+void SigReleaseThread(TesselContextT* ptTlContext);

@@ -1,0 +1,8 @@
+// Times, deadlines and the clock.
+#pragma once
+
+#include "core/types.h"
+
+BooleanT TimeInitialize();
+BooleanT TimeInitializeThread(TesselContextT* ptTlContext);
+void TimeReleaseThread(TesselContextT* ptTlContext);

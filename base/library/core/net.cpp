@@ -1,0 +1,8 @@
+// Network sockets.
+#include "core/net.h"
+
+BooleanT NetInitialize() { return TRUE; }
+
+BooleanT NetInitializeThread(TesselContextT* /*ptTlContext*/) { return TRUE; }
+
+void NetReleaseThread(TesselContextT* /*ptTlContext*/) {}
