@@ -1,0 +1,38 @@
+// Faults at system calls: the n-th call of a kind fails, moves fewer bytes than asked for, or finds
+// the disk full. Only calls made by the library and the program itself are reached, and only in
+// programs that are linked with the options of tests/test_faults.options.
+#pragma once
+
+#include <cstddef>
+
+enum class Call {
+    Malloc,
+    Open,  // without an error: another process makes the file at the last moment
+    Read,
+    Write,
+    Close,  // the descriptor is gone all the same
+    Rename,
+    Unlink,
+    Mkdir,
+    Stat,   // by path
+    Fstat,  // by descriptor
+    Compress,
+    Uncompress,
+};
+
+struct Fault {
+    Call call;
+    int nth = 1;    // the first call hit, counted from 1 since FaultArm
+    int error = 0;  // errno of the call, or result of a compression; 0: no failure
+    int times = 1;  // calls hit in a row
+    // Read and write without an error: bytes that the call moves at the most.
+    std::size_t atMost = 0;
+};
+
+constexpr int FaultForEver = 1 << 30;
+
+void FaultArm(const Fault& fault);
+// From now on writes find room for this many bytes, all files taken together.
+void FaultArmFullDisk(std::size_t room);
+// Ends the faults; the number of calls that were hit.
+int FaultDisarm();

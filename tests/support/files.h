@@ -1,0 +1,46 @@
+// What the tests of paths and files share.
+#pragma once
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <functional>
+#include <string>
+
+#include "core/memory.h"
+#include "support/support.h"
+
+// A path that goes where a std::string or a const char* is taken.
+struct Name : std::string {
+    Name(std::string text) : std::string(std::move(text)) {}
+    Name(const char* text) : std::string(text) {}
+    operator const char*() const { return c_str(); }
+};
+
+// A fresh directory and the names in it.
+struct Dir : TempDir {
+    Name operator()(const std::string& name) const { return Name(Path() + "/" + name); }
+};
+
+// The text of a block that the caller owns; "<null>" for none.
+inline std::string Owned(char* block) {
+    if (block == nullptr) return "<null>";
+    std::string text = block;
+    MemFree(&block);
+    return text;
+}
+
+inline RunResult InChild(std::function<int()> function) {
+    return RunForked([](void* f) { return (*static_cast<std::function<int()>*>(f))(); }, &function);
+}
+
+// Makes directories of one name inside each other until their path is longer than the system takes.
+inline const Name TooDeepName(std::string(200, 'n'));
+inline bool MakeTooDeep(const std::string& top) {
+    return InChild([&] {
+               int failed = chdir(top.c_str());
+               for (int level = 0; level < 25 && failed == 0; ++level)
+                   failed = mkdir(TooDeepName, 0700) != 0 || chdir(TooDeepName) != 0;
+               return failed;
+           }).exitCode == 0;
+}

@@ -1,0 +1,38 @@
+// What an operation must not leave behind: objects, memory blocks and open descriptors.
+#pragma once
+
+#include <dirent.h>
+
+#include <string>
+
+#include "core/memory.h"
+#include "core/object.h"
+
+class Leftovers {
+ public:
+    Leftovers()
+        : m_objects(ObjCount()), m_blocks(MemUsedCount()), m_descriptors(OpenDescriptors()) {}
+    // Empty when all counts are what they were; else the differences.
+    std::string Text() const {
+        const Leftovers now;
+        if (now.m_objects == m_objects && now.m_blocks == m_blocks &&
+            now.m_descriptors == m_descriptors) {
+            return {};
+        }
+        return std::to_string(now.m_objects - m_objects) + " objects, " +
+               std::to_string(now.m_blocks - m_blocks) + " blocks, " +
+               std::to_string(now.m_descriptors - m_descriptors) + " descriptors left";
+    }
+
+ private:
+    static int OpenDescriptors() {
+        int count = 0;
+        DIR* dir = opendir("/proc/self/fd");
+        while (dir != nullptr && readdir(dir) != nullptr) count++;
+        if (dir != nullptr) closedir(dir);
+        return count;
+    }
+    int32 m_objects;
+    int32 m_blocks;
+    int m_descriptors;
+};

@@ -1,0 +1,394 @@
+// Packing and unpacking with one call after the other failing. Each attempt runs in a child process
+// and is summed up by one letter; a sweep puts the fault at the first call of a kind, at the second
+// and so on until the operation needs no further one, so that its letters tell what every single
+// call means for the result.
+#include <gtest/gtest.h>
+#include <zlib.h>
+
+#include <cerrno>
+#include <csignal>
+#include <filesystem>
+
+#include "core/filebase.h"
+#include "core/filesys.h"
+#include "pakzlib.h"
+#include "support/archivebytes.h"
+#include "support/faults.h"
+#include "support/leftovers.h"
+#include "support/support.h"
+
+namespace {
+
+const std::string TmpDir = TestHome() + "/tmp";
+
+// The letters: where packing failed, whether unpacking succeeded.
+constexpr char NotInitialised = 'I';
+constexpr char NotCompressed = 'C';
+constexpr char NotFinished = 'F';
+constexpr char Packed = 'P';
+constexpr char Restored = 'R';
+constexpr char NotRestored = 'N';
+constexpr char Stopped = 'S';
+constexpr char NotReached = '.';
+
+struct File {
+    std::string name;
+    std::string content;
+};
+using Files = std::vector<File>;
+
+const Files Large = {{"large", bytes::RandomBytes(200000, 1)}};
+const Files LargeAndSmall = {Large[0], {"small", "0123456789"}};
+const Files Small = {{"small", "0123456789"}};
+
+std::string ArchiveOf(const Files& files) {
+    std::vector<bytes::File> chunked;
+    for (const File& file : files) chunked.push_back(bytes::Chunked(file.name, file.content));
+    return bytes::Archive(chunked);
+}
+
+char Pack(PakZlibContextO* poContext, const std::string& archive, const std::string& source) {
+    if (PakZlibInitialize(poContext, archive.c_str()) != TRUE) return NotInitialised;
+    if (PakZlibCompressFile(*poContext, source.c_str(), nullptr) != TRUE) return NotCompressed;
+    return PakZlibFinalize(poContext) == TRUE ? Packed : NotFinished;
+}
+
+// One attempt; what the child finds wrong it prints.
+struct Attempt {
+    bool pack;
+    const Files& files;
+    std::function<void()> arm;
+    const TempDir dir;
+    const std::string expected = ArchiveOf(files);
+    std::string Path(const std::string& name) const { return dir / name; }
+};
+
+void Check(bool good, const char* what) {
+    if (!good) std::printf("wrong: %s\n", what);
+}
+
+char PackAttempt(const Attempt& attempt) {
+    const std::string archive = attempt.Path("archive");
+    PakZlibContextO oContext = nullptr;
+    attempt.arm();
+    const char letter = Pack(&oContext, archive, attempt.Path(attempt.files[0].name));
+    const bool hit = FaultDisarm() > 0;
+    switch (letter) {
+        case NotInitialised:
+            Check(oContext == nullptr && ReadFile(archive).empty(), "state before compressing");
+            break;
+        case NotCompressed:
+            Check(Exists(archive) && ReadFile(archive).empty(), "archive is there and empty");
+            Check(ListDir(TmpDir).size() == 1, "temporary file is there");
+            Check(PakZlibCleanupContext(&oContext) == TRUE, "cleaning up");
+            Check(ListDir(TmpDir).empty(), "temporary file is gone");
+            break;
+        case NotFinished:
+            Check(oContext == nullptr && ListDir(TmpDir).empty(), "state after finalising");
+            break;
+        default:
+            Check(oContext == nullptr && ReadFile(archive) == attempt.expected, "archive");
+    }
+    return hit ? letter : NotReached;
+}
+
+char UnpackAttempt(const Attempt& attempt) {
+    const std::string target = attempt.Path("target");
+    attempt.arm();
+    const bool restored =
+        PakZlibUncompress(attempt.Path("archive").c_str(), target.c_str()) == TRUE;
+    const bool hit = FaultDisarm() > 0;
+    // Each file is whole before the next one is begun; the last one may be cut.
+    const std::vector<std::string> names = ListDir(target);
+    Check(names.size() <= attempt.files.size(), "number of files");
+    for (std::size_t i = 0; i < attempt.files.size(); i++) {
+        const File& file = attempt.files[i];
+        if (i >= names.size()) {
+            Check(!restored, "file is missing");
+            continue;
+        }
+        const std::string content = ReadFile(target + "/" + file.name);
+        const bool whole = restored || i + 1 < names.size();
+        Check(content == (whole ? file.content : file.content.substr(0, content.size())),
+              "restored content");
+    }
+    if (!hit) return NotReached;
+    return restored ? Restored : NotRestored;
+}
+
+int RunAttempt(void* argument) {
+    std::signal(SIGSEGV, SIG_DFL);
+    const auto& attempt = *static_cast<const Attempt*>(argument);
+    const Leftovers before;
+    const char letter = attempt.pack ? PackAttempt(attempt) : UnpackAttempt(attempt);
+    const std::string left = before.Text();
+    Check(left.empty(), left.c_str());
+    return letter;
+}
+
+char Try(bool pack, const Files& files, const std::function<void()>& arm) {
+    Attempt attempt = {.pack = pack, .files = files, .arm = arm, .dir = {}};
+    for (const File& file : files) WriteFile(attempt.Path(file.name), file.content);
+    if (!pack) WriteFile(attempt.Path("archive"), attempt.expected);
+    const RunResult result = RunForked(RunAttempt, &attempt);
+    for (const auto& entry : std::filesystem::directory_iterator(TmpDir)) {
+        std::filesystem::remove(entry.path());
+    }
+    EXPECT_EQ(result.output, "");
+    if (result.signal == SIGSEGV) return Stopped;
+    EXPECT_EQ(result.signal, 0);
+    return static_cast<char>(result.exitCode);
+}
+
+std::string Sweep(bool pack, const Files& files, Fault fault) {
+    std::string letters;
+    for (fault.nth = 1; fault.nth < 2000; fault.nth++) {
+        const char letter = Try(pack, files, [fault] { FaultArm(fault); });
+        if (letter == NotReached) break;
+        letters += letter;
+    }
+    return letters;
+}
+
+class Faults : public testing::Test {
+ protected:
+    // Classes and the path of the temporary directory are kept from their first use on.
+    static void SetUpTestSuite() {
+        if (std::filesystem::exists("/dev/shm")) setenv("TMPDIR", "/dev/shm", 0);
+        const TempDir dir;
+        WriteFile(dir / "file", "");
+        PakZlibContextO oContext = nullptr;
+        Pack(&oContext, dir / "archive", dir / "file");
+        PakZlibUncompress((dir / "archive").c_str(), (dir / "target").c_str());
+    }
+};
+
+}  // namespace
+
+TEST_F(Faults, EveryFailingCallIsReported) {
+    const struct {
+        Call call;
+        std::vector<int> errors;
+        int times;
+        std::string pack;
+        std::string unpack;
+    } rows[] = {
+        // Opening for writing is tried twice, the second time without truncation; not so for the
+        // temporary file, which must be new.
+        {Call::Open, {EIO}, 2, "IICF", "NNN"},
+        {Call::Open, {ENOSPC}, 1, "PICF", "NRR"},
+        {Call::Read, {EIO, EAGAIN}, 1, "CCCCFFF", "NNNNNNN"},
+        {Call::Write, {EAGAIN, ENOSPC}, 1, "CCCCFFF", "NNNNN"},
+        // Closing what was only read loses nothing.
+        {Call::Close, {EIO}, 1, "PFPF", "NNR"},
+        // The archive is complete all the same.
+        {Call::Unlink, {EIO}, 1, "P", ""},
+        {Call::Mkdir, {EIO}, 1, "", "N"},
+        // Of the archive and of the source, which is no directory, exists and has a size; of the
+        // archive and of the target.
+        {Call::Stat, {EIO}, 1, "PPCC", "NR"},
+        {Call::Fstat, {EIO}, 1, "", "N"},
+        {Call::Compress, {Z_MEM_ERROR}, 1, "CCCC", ""},
+        {Call::Uncompress, {Z_MEM_ERROR}, 1, "", "NNNNN"},
+        // Short transfers, of 3 bytes. Where the writer copies it goes on after them.
+        {Call::Read, {0}, 1, "CCCCPPP", "NNNNNNN"},
+        {Call::Write, {0}, 1, "CCCCFFF", "NNNNN"},
+    };
+    for (const auto& row : rows) {
+        for (const int error : row.errors) {
+            SCOPED_TRACE(testing::Message() << "call " << static_cast<int>(row.call) << " error "
+                                            << error << " times " << row.times);
+            const Fault fault = {.call = row.call, .error = error, .times = row.times, .atMost = 3};
+            EXPECT_EQ(Sweep(true, Large, fault), row.pack);
+            EXPECT_EQ(Sweep(false, LargeAndSmall, fault), row.unpack);
+        }
+    }
+}
+
+TEST_F(Faults, InterruptedCallsAreRepeated) {
+    const struct {
+        Call call;
+        std::size_t pack;
+        std::size_t unpack;
+    } rows[] = {{Call::Open, 4, 3},  {Call::Read, 7, 7},   {Call::Write, 7, 5},
+                {Call::Close, 4, 3}, {Call::Unlink, 1, 0}, {Call::Mkdir, 0, 1},
+                {Call::Stat, 4, 2},  {Call::Fstat, 0, 1}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(static_cast<int>(row.call));
+        // A call is never closed again, as its descriptor may be another's by then.
+        const Fault fault = {
+            .call = row.call, .error = EINTR, .times = row.call == Call::Close ? 1 : 3};
+        EXPECT_EQ(Sweep(true, Large, fault), std::string(row.pack, Packed));
+        EXPECT_EQ(Sweep(false, LargeAndSmall, fault), std::string(row.unpack, Restored));
+    }
+}
+
+TEST_F(Faults, MemoryIsAskedForTwiceThenTheProcessStops) {
+    for (const bool pack : {true, false}) {
+        const std::string once = Sweep(pack, Small, {.call = Call::Malloc, .error = ENOMEM});
+        EXPECT_GT(once.size(), 10U);
+        EXPECT_EQ(once, std::string(once.size(), pack ? Packed : Restored));
+        const std::string always =
+            Sweep(pack, Small, {.call = Call::Malloc, .error = ENOMEM, .times = FaultForEver});
+        EXPECT_EQ(always, std::string(once.size(), Stopped));
+    }
+}
+
+TEST_F(Faults, FullDisk) {
+    const std::size_t archive = ArchiveOf(Large).size();
+    const std::size_t headers = 4 + 18 + 67 + 5 + 4 * 16;
+    const std::size_t data = archive - headers;
+    for (const auto& [room, letter] : std::vector<std::pair<std::size_t, char>>{
+             {0, NotCompressed},
+             {1, NotCompressed},
+             {100000, NotCompressed},
+             {data - 1, NotCompressed},
+             {data, NotFinished},
+             {data + 3, NotFinished},
+             {data + headers, NotFinished},
+             {data + headers + 131071, NotFinished},
+             {data + headers + 131072, NotFinished},
+             {data + archive - 1, NotFinished},
+             {data + archive, NotReached},
+         }) {
+        EXPECT_EQ(Try(true, Large, [room = room] { FaultArmFullDisk(room); }), letter) << room;
+    }
+    for (const auto& [room, letter] : std::vector<std::pair<std::size_t, char>>{
+             {0, NotRestored},
+             {65536, NotRestored},
+             {199999, NotRestored},
+             {200000, NotRestored},
+             {200009, NotRestored},
+             {200010, NotReached},
+         }) {
+        EXPECT_EQ(Try(false, LargeAndSmall, [room = room] { FaultArmFullDisk(room); }), letter)
+            << room;
+    }
+}
+
+TEST_F(Faults, FailuresAreNamed) {
+    const struct {
+        bool pack;
+        Fault fault;
+        std::vector<int32> numbers;
+    } rows[] = {
+        {true, {.call = Call::Stat, .nth = 4, .error = EIO}, {24}},
+        {true, {.call = Call::Compress, .error = Z_MEM_ERROR}, {20, 26, 29}},
+        {true, {.call = Call::Write, .nth = 1, .error = ENOSPC}, {26, 29}},
+        {true, {.call = Call::Write, .nth = 4, .error = ENOSPC}, {26, 30}},
+        {true, {.call = Call::Write, .nth = 5, .error = ENOSPC}, {11}},
+        {true, {.call = Call::Close, .nth = 2, .error = EIO}, {12}},
+        {true, {.call = Call::Open, .nth = 4, .error = EIO}, {13}},
+        {true, {.call = Call::Read, .nth = 5, .error = EIO}, {14}},
+        {true, {.call = Call::Close, .nth = 4, .error = EIO}, {15}},
+        {false, {.call = Call::Mkdir, .error = EIO}, {47, 48}},
+        {false, {.call = Call::Open, .nth = 1, .error = EIO}, {49}},
+        {false, {.call = Call::Read, .nth = 1, .error = EIO}, {55}},
+        {false, {.call = Call::Fstat, .nth = 1, .error = EIO}, {53}},
+        {false, {.call = Call::Read, .nth = 2, .error = EIO}, {53}},
+        {false, {.call = Call::Open, .nth = 2, .error = EIO, .times = 2}, {43, 51}},
+        {false, {.call = Call::Read, .nth = 3, .error = EIO}, {39, 40, 51}},
+        {false, {.call = Call::Uncompress, .nth = 1, .error = Z_MEM_ERROR}, {37, 40, 51}},
+        {false, {.call = Call::Write, .nth = 1, .error = ENOSPC}, {38, 40, 51}},
+        {false, {.call = Call::Close, .nth = 1, .error = EIO}, {38, 51}},
+    };
+    for (const auto& row : rows) {
+        const TempDir dir;
+        WriteFile(dir / "large", Large[0].content);
+        WriteFile(dir / "restorable", ArchiveOf(Large));
+        PakZlibContextO oContext = nullptr;
+        const TraceCapture trace;
+        FaultArm(row.fault);
+        if (row.pack) {
+            EXPECT_NE(Pack(&oContext, dir / "archive", dir / "large"), Packed);
+        } else {
+            EXPECT_EQ(PakZlibUncompress((dir / "restorable").c_str(), (dir / "target").c_str()),
+                      FALSE);
+        }
+        FaultDisarm();
+        for (const int32 number : row.numbers) {
+            EXPECT_TRUE(trace.Has("PAKZLIB", number)) << number;
+        }
+        if (oContext != nullptr) PakZlibCleanupContext(&oContext);
+    }
+    EXPECT_EQ(ListDir(TmpDir), std::vector<std::string>());
+}
+
+// A file that could not be packed leaves no trace in the archive that is finished nevertheless.
+TEST_F(Faults, ArchiveGoesOnAfterAFailedFile) {
+    const Fault faults[] = {
+        {.call = Call::Write, .nth = 1, .error = ENOSPC},
+        {.call = Call::Write, .nth = 3, .atMost = 7},
+        {.call = Call::Write, .nth = 4, .error = ENOSPC},
+        {.call = Call::Write, .nth = 4, .atMost = 7},
+        {.call = Call::Compress, .nth = 2, .error = Z_MEM_ERROR},
+        {.call = Call::Read, .nth = 3},
+    };
+    const Leftovers before;
+    for (const Fault& fault : faults) {
+        const TempDir dir;
+        WriteFile(dir / "large", Large[0].content);
+        WriteFile(dir / "small", Small[0].content);
+        PakZlibContextO oContext = nullptr;
+        ASSERT_EQ(PakZlibInitialize(&oContext, (dir / "archive").c_str()), TRUE);
+        FaultArm(fault);
+        EXPECT_EQ(PakZlibCompressFile(oContext, (dir / "large").c_str(), nullptr), FALSE);
+        EXPECT_EQ(FaultDisarm(), 1);
+        EXPECT_EQ(PakZlibCompressFile(oContext, (dir / "small").c_str(), nullptr), TRUE);
+        EXPECT_EQ(PakZlibCompressFile(oContext, (dir / "large").c_str(), nullptr), TRUE);
+        EXPECT_EQ(PakZlibFinalize(&oContext), TRUE);
+        EXPECT_TRUE(ReadFile(dir / "archive") == ArchiveOf({Small[0], Large[0]}));
+    }
+    EXPECT_EQ(before.Text(), "");
+}
+
+// Processes without an identifier of their own draw the same temporary names.
+TEST_F(Faults, TemporaryFileOfAnotherIsLeftAlone) {
+    const TempDir dir;
+    WriteFile(dir / "large", Large[0].content);
+    PakZlibContextO oContext = nullptr;
+    FaultArm({.call = Call::Open, .nth = 2, .times = 3});
+    EXPECT_EQ(PakZlibInitialize(&oContext, (dir / "archive").c_str()), TRUE);
+    EXPECT_EQ(FaultDisarm(), 3);
+    EXPECT_EQ(PakZlibCompressFile(oContext, (dir / "large").c_str(), nullptr), TRUE);
+    EXPECT_EQ(PakZlibFinalize(&oContext), TRUE);
+    EXPECT_TRUE(ReadFile(dir / "archive") == ArchiveOf(Large));
+    EXPECT_EQ(ListDir(TmpDir).size(), 3U);
+    for (const auto& entry : std::filesystem::directory_iterator(TmpDir)) {
+        EXPECT_EQ(ReadFile(entry.path()), "another's");
+        std::filesystem::remove(entry.path());
+    }
+}
+
+TEST_F(Faults, RenamingThatFails) {
+    const TempDir dir;
+    const std::string from = dir / "from";
+    const std::string to = dir / "to";
+    const Leftovers before;
+    // Between file systems the file is copied.
+    WriteFile(from, Large[0].content);
+    FaultArm({.call = Call::Rename, .error = EXDEV});
+    EXPECT_EQ(FileRenameAndMove(from.c_str(), to.c_str()), TRUE);
+    EXPECT_EQ(FaultDisarm(), 1);
+    EXPECT_FALSE(Exists(from));
+    EXPECT_TRUE(ReadFile(to) == Large[0].content);
+    // It stays where it is when there is no room for the copy.
+    FaultArm({.call = Call::Rename, .error = EXDEV});
+    FaultArmFullDisk(100000);
+    EXPECT_EQ(FileRenameAndMove(to.c_str(), from.c_str()), FALSE);
+    FaultDisarm();
+    EXPECT_TRUE(ReadFile(to) == Large[0].content);
+
+    FileHandleT tHandle = FileHandleClosed;
+    FaultArm({.call = Call::Rename, .error = EIO});
+    EXPECT_EQ(FileSysOpenLocked(&tHandle, to.c_str(), FileModeWriteBinary), FALSE);
+    EXPECT_EQ(FaultDisarm(), 1);
+    EXPECT_EQ(tHandle, FileHandleClosed);
+    EXPECT_TRUE(ReadFile(to) == Large[0].content);
+    FaultArm({.call = Call::Rename, .error = EINTR, .times = 3});
+    EXPECT_EQ(FileSysOpenLocked(&tHandle, to.c_str(), FileModeWriteBinary), TRUE);
+    EXPECT_EQ(FaultDisarm(), 3);
+    EXPECT_EQ(FileSysClose(&tHandle), TRUE);
+    EXPECT_EQ(ReadFile(to), "");
+    EXPECT_EQ(before.Text(), "");
+}

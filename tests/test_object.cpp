@@ -1,0 +1,498 @@
+// Templates, instances, holders, copies, comparison, order, tag lists and counters.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "core/context.h"
+#include "core/list.h"
+#include "core/map.h"
+#include "core/object.h"
+#include "core/objserial.h"
+#include "core/objwrappers.h"
+#include "core/procinternal.h"
+#include "core/strbase.h"
+#include "core/tree.h"
+#include "support/leftovers.h"
+#include "support/support.h"
+
+namespace {
+
+// A record with every kind of component.
+struct AllS {
+    BooleanT bValue;
+    int32 lValue;
+    char* pstrValue;
+    void* oLink;
+    void* oPrivate;
+    StnzT* ptStanza;
+    ObjDataFieldT tData;
+    char acInline[8];  // declared as 5
+    ObjViewInfoT tView;
+    int64 llValue;
+    UniqueT tUnique;
+    void* pPointer;
+};
+constexpr int32 AllMagic = ObjMagic(0xc9a00001);
+constexpr char AllDescriptor[] = "b;i;s;o;ol;z;d;n5;v;I;u;p;";
+
+struct LinkS {
+    void* oNext;
+};
+constexpr int32 LinkMagic = ObjMagic(0xc9a00002);
+
+AllS* NewAll() {
+    auto* o = ObjNew<AllS>(AllMagic, AllDescriptor);
+    o->bValue = TRUE;
+    o->lValue = -7;
+    o->pstrValue = StrDuplicate("text");
+    o->oLink = ObjIntegerNew(1);
+    o->oPrivate = ObjIntegerNew(2);
+    StnzCreate(&o->ptStanza, "category", "title", 3);
+    o->tData = {3, StrDuplicate("xyz")};
+    std::memcpy(o->acInline, "inlin", 5);
+    o->tView = {4, StrDuplicate("view"), nullptr};
+    StnzCreate(&o->tView.pStanza, nullptr, "of the view", 1);
+    o->llValue = int64{-5} << 40;
+    std::memset(o->tUnique.tUnique, 0xab, sizeof(UniqueT));
+    o->pPointer = o;
+    return o;
+}
+
+std::vector<ByteT> LocalStream(void* o) {
+    std::vector<ByteT> bytes(static_cast<std::size_t>(ObjSerializedSizeLocal(o)));
+    EXPECT_EQ(ObjSerializeLocal(o, bytes.data(), nullptr), TRUE);
+    return bytes;
+}
+
+// A chain of depth links, each held by the one before.
+LinkS* NewChain(int depth) {
+    LinkS* o = nullptr;
+    for (int i = 0; i < depth; i++) {
+        auto* outer = ObjNew<LinkS>(LinkMagic, "o;");
+        outer->oNext = o;
+        o = outer;
+    }
+    return o;
+}
+
+ObjTemplateT Template(const char* descriptor, int32 size = ObjSizeUnknown) {
+    static uint32 magic = 0xc9b00000;
+    return ObjTemplateNewInternal(size, ObjMagic(magic++), descriptor, nullptr);
+}
+
+TEST(Templates, LayTheFieldsOutAsTheCompilerDoes) {
+    ObjTemplateT all = Template(AllDescriptor, sizeof(AllS));
+    ASSERT_NE(all, nullptr);
+    const ObjDbFieldT* fields = all->tDbData.atFields;
+    const std::vector<std::size_t> offsets = {
+        offsetof(AllS, bValue),  offsetof(AllS, lValue),   offsetof(AllS, pstrValue),
+        offsetof(AllS, oLink),   offsetof(AllS, oPrivate), offsetof(AllS, ptStanza),
+        offsetof(AllS, tData),   offsetof(AllS, acInline), offsetof(AllS, tView),
+        offsetof(AllS, llValue), offsetof(AllS, tUnique),  offsetof(AllS, pPointer)};
+    ASSERT_EQ(static_cast<std::size_t>(all->tDbData.lFieldCount), offsets.size());
+    for (std::size_t i = 0; i < offsets.size(); i++) {
+        EXPECT_EQ(static_cast<std::size_t>(fields[i].lObjOffset), offsets[i]) << i;
+        EXPECT_EQ(fields[i].bPrivate, BooleanFrom(i == 4)) << i;
+        EXPECT_EQ(fields[i].lSize, i == 7 ? 5 : 0) << i;
+    }
+    EXPECT_EQ(all->tDbData.bInvalidDbObject, TRUE);
+    EXPECT_EQ(all->bSimpleFormat, FALSE);
+    EXPECT_EQ(Template("b;i;l;n3;I;u;p;")->bSimpleFormat, TRUE);
+}
+
+TEST(Templates, SizesOfDescriptors) {
+    const struct {
+        const char* descriptor;
+        int32 fields;
+        int32 size32;  // data size with 4-byte pointers
+        int32 fixed;
+        BooleanT invalid;
+    } shapes[] = {
+        {"o;i;n65536;o;", 4, 65548, 44, FALSE},
+        {"s;s;i;i;i;o;o;o;", 8, 32, 68, FALSE},
+        {"o;s;p;s;p;o;o;", 7, 28, 56, TRUE},
+        {"i;i;L;l;o;", 5, 20, 40, TRUE},
+        {"o;l;l;o;l;o;b;l;", 8, 32, 44, TRUE},
+        {"n5;i;", 2, 12, 28, FALSE},
+        {"i;q;i;", 1, 4, 20, FALSE},
+        {"i", 1, 4, 20, FALSE},
+        {"", 0, 0, 16, FALSE},
+        {"n;", 1, 0, 24, FALSE},
+        {"v;d;I;", 3, 28, 32, FALSE},
+        {"u;", 1, 32, 48, FALSE},
+        {"n3;n3;b;", 3, 12, 36, FALSE},
+        {"i;;i;", 1, 4, 20, FALSE},
+    };
+    for (const auto& shape : shapes) {
+        ObjTemplateT built = Template(shape.descriptor);
+        ASSERT_NE(built, nullptr) << shape.descriptor;
+        const ObjDbDataT& data = built->tDbData;
+        EXPECT_EQ(data.lFieldCount, shape.fields) << shape.descriptor;
+        EXPECT_EQ(data.lDbFixedSize, shape.fixed) << shape.descriptor;
+        EXPECT_EQ(data.bInvalidDbObject, shape.invalid) << shape.descriptor;
+        if (sizeof(void*) == 4) {
+            EXPECT_EQ(data.lObjSize, shape.size32 + 20) << shape.descriptor;
+        }
+    }
+    const ObjDbFieldT* pending = Template("o;i;n65536;o;")->tDbData.atFields;
+    EXPECT_EQ(pending[2].lObjOffset, static_cast<int32>(sizeof(void*)) + 4);
+    EXPECT_EQ(pending[1].lDbOffset, 24);
+    EXPECT_EQ(pending[2].lDbOffset, 28);
+    EXPECT_EQ(pending[3].lDbOffset, 36);
+    if (sizeof(void*) == 4) {
+        EXPECT_EQ(std::vector({sizeof(ListS), sizeof(ListNodeS), sizeof(TreeS), sizeof(TreeNodeS),
+                               sizeof(ObjHeaderT)}),
+                  (std::vector<std::size_t>{20, 16, 12, 32, 16}));
+    }
+}
+
+TEST(Templates, UnknownLettersAndModifiersAreTraced) {
+    TraceCapture trace;
+    ASSERT_NE(Template("i;q;i;"), nullptr);
+    EXPECT_EQ(trace.Text("OBJECT", 30), "Invalid component q");
+    ASSERT_NE(Template("ix;"), nullptr);
+    EXPECT_EQ(trace.Text("OBJECT", 29), "Unknown component modifier 'x'");
+}
+
+TEST(Templates, WhatCannotBeBuiltIsAForcedStop) {
+    const IgnoreCrash pass;
+    TraceCapture trace;
+    const char* impossible[] = {"i;", "n2147483647;n2147483647;", "n99999999999;", "n2147483647;"};
+    for (const char* descriptor : impossible) {
+        trace.Clear();
+        EXPECT_EQ(Template(descriptor, 5), nullptr) << descriptor;
+        EXPECT_TRUE(trace.Has("OBJECT", 3)) << descriptor;
+        EXPECT_EQ(trace.Text("OBJECT", 67), "Failed to get a template, die horribly");
+        EXPECT_TRUE(trace.Has("PROCESS", 209));
+    }
+    // Another shape without a translator; the same shape is the same template.
+    const int32 magic = ObjMagic(0xc9a00010);
+    ObjTemplateT first = ObjTemplateNewInternal(4, magic, "i;", nullptr);
+    EXPECT_EQ(ObjTemplateNewInternal(4, magic, "i;", nullptr), first);
+    trace.Clear();
+    EXPECT_EQ(ObjTemplateNewInternal(4, magic, "b;", nullptr), nullptr);
+    EXPECT_EQ(trace.Text("OBJECT", 155),
+              "Object 'Unknown object magic 0xc9a00010' c9a00010 has changed shape from 'b;' to "
+              "'i;'");
+    EXPECT_EQ(ObjNewInternal(4, magic, "b;", nullptr, nullptr), nullptr);
+    EXPECT_TRUE(trace.Has("OBJECT", 81));
+    // No magic, no descriptor: refused without a forced stop.
+    trace.Clear();
+    EXPECT_EQ(ObjTemplateNewInternal(4, 1, "i;", nullptr), nullptr);
+    EXPECT_EQ(ObjTemplateCreateInternal(&first, 4, magic, nullptr, nullptr), FALSE);
+    EXPECT_TRUE(trace.Has("OBJECT", 84) && trace.Has("OBJECT", 34));
+    EXPECT_FALSE(trace.Has("PROCESS", 209));
+}
+
+TEST(Templates, TheForcedStopEndsTheProcess) {
+    const auto changeShape = [](void*) {
+        ObjTemplateNewInternal(4, ObjMagic(0xc9a00011), "i;", nullptr);
+        ObjTemplateNewInternal(4, ObjMagic(0xc9a00011), "b;", nullptr);
+        return 0;
+    };
+    EXPECT_EQ(RunForked(changeShape, nullptr).signal, SIGSEGV);
+}
+
+TEST(Names, OfMagicsAndObjects) {
+    for (const auto& [magic, name] : {std::pair{0, "No Magic"},
+                                      {1, "Invalid Magic"},
+                                      {ObjMagic(0xc9a0ffff), "Unknown Object"},
+                                      {ListMagic, "LIST"}}) {
+        EXPECT_STREQ(ObjNameFromMagic(magic), name);
+    }
+    EXPECT_STREQ(ObjNameFromObject(nullptr), "NULL Object");
+    const int32 magic = ObjMagic(0xc9a00020);
+    auto* o = ObjNew<LinkS>(magic, "o;");
+    EXPECT_STREQ(ObjNameFromObject(o), "Unknown object magic 0xc9a00020");
+    EXPECT_EQ(ObjSetObjName(magic, ""), FALSE);
+    EXPECT_EQ(ObjSetObjName(ListMagic, "OTHER"), FALSE);
+    EXPECT_EQ(ObjSetObjName(7, "OTHER"), FALSE);
+    EXPECT_EQ(ObjSetObjName(magic, "NAMED"), TRUE);
+    EXPECT_EQ(ObjSetObjName(magic, "AGAIN"), FALSE);
+    EXPECT_STREQ(ObjNameFromObject(o), "NAMED");
+    EXPECT_EQ(ObjSetObjName(ObjMagic(0xc9a00021), "BEFORE"), TRUE);
+    ObjHolder<LinkS> later(ObjNew<LinkS>(ObjMagic(0xc9a00021), "o;"));
+    EXPECT_STREQ(ObjNameFromObject(later.Get()), "BEFORE");
+    EXPECT_EQ(ObjGetInstanceCount(magic), 1);
+    EXPECT_EQ(ObjGetInstanceCount(ObjMagic(0xc9a0ffff)), -1);
+    ObjRelease(&o);
+    EXPECT_EQ(ObjGetInstanceCount(magic), 0);
+}
+
+TEST(Holders, TheLastReleaseFreesWhatTheObjectOwns) {
+    ObjHolder<AllS> warm(NewAll());
+    const Leftovers before;
+    AllS* o = NewAll();
+    EXPECT_EQ(ObjIncRefCount(o), TRUE);
+    AllS* second = o;
+    EXPECT_EQ(ObjRelease(&second), TRUE);
+    EXPECT_EQ(second, nullptr);
+    EXPECT_EQ(ObjCheckTypeInternal(o, AllMagic), TRUE);
+    EXPECT_EQ(ObjRelease(&o), TRUE);
+    EXPECT_EQ(ObjRelease(&o), FALSE);
+    EXPECT_EQ(before.Text(), "");
+    EXPECT_EQ(ObjReleaseInternal(nullptr), FALSE);
+    EXPECT_EQ(ObjIncRefCount(nullptr), FALSE);
+}
+
+TEST(Holders, DamageIsSeen) {
+    auto* o = ObjNew<LinkS>(LinkMagic, "o;");
+    ObjHeaderT* header = reinterpret_cast<ObjHeaderT*>(o) - 1;
+    const struct {
+        int32* damaged;
+        int32 byCheck, byMagic, byRelease;  // messages
+    } cases[] = {{&header->pFooter->lMagic, 28, 146, 71}, {&header->lMagic, 27, 147, 72}};
+    for (const auto& c : cases) {
+        TraceCapture trace;
+        int32 magic = 5;
+        *c.damaged = 0x12345678;
+        EXPECT_EQ(ObjHasValidGlobalMagic(o), FALSE);
+        EXPECT_EQ(ObjGetMagic(o, &magic), FALSE);
+        EXPECT_EQ(magic, 0);
+        ObjCheck(o);
+        LinkS* kept = o;
+        EXPECT_EQ(ObjRelease(&kept), FALSE);
+        EXPECT_EQ(kept, o);
+        for (int32 number : {c.byCheck, c.byMagic, c.byRelease})
+            EXPECT_EQ(trace.Count("OBJECT", number), 1) << number;
+        if (c.damaged == &header->lMagic) {
+            EXPECT_EQ(ObjIncRefCount(o), FALSE);
+            EXPECT_STREQ(ObjNameFromObject(o), "Invalid Object");
+        }
+        *c.damaged = LinkMagic;
+    }
+    EXPECT_EQ(ObjRelease(&o), TRUE);
+}
+
+int32 g_destroyed = 0;
+void CountDestroyed(void* oDying) {
+    g_destroyed++;
+    // The object is whole, and holders taken and given back here are harmless.
+    EXPECT_NE(static_cast<LinkS*>(oDying)->oNext, nullptr);
+    ObjIncRefCount(oDying);
+    ObjReleaseInternal(&oDying);
+}
+
+TEST(Holders, TheDestructorSeesTheWholeObjectOnce) {
+    auto* o = ObjNew<LinkS>(ObjMagic(0xc9a00030), "o;", CountDestroyed);
+    o->oNext = ObjIntegerNew(1);
+    ObjRelease(&o);
+    EXPECT_EQ(g_destroyed, 1);
+}
+
+TEST(Holders, LongChainsAndCirclesGo) {
+    const int32 objects = ObjCount();
+    LinkS* chain = NewChain(1000000);  // in constant stack
+    EXPECT_EQ(ObjRelease(&chain), TRUE);
+    EXPECT_EQ(ObjCount(), objects);
+    LinkS* first = NewChain(2);
+    static_cast<LinkS*>(first->oNext)->oNext = first;
+    ObjIncRefCount(first);
+    ObjReleaseContents(first);
+    EXPECT_EQ(first->oNext, nullptr);
+    EXPECT_EQ(ObjCount(), objects + 1);
+    ObjRelease(&first);
+    EXPECT_EQ(ObjCount(), objects);
+}
+
+TEST(Copies, AreEqualAndIndependent) {
+    ObjHolder<AllS> o(NewAll());
+    void* copy = nullptr;
+    ASSERT_EQ(ObjDuplicateInternal(&copy, o.Get(), TRUE), TRUE);
+    EXPECT_EQ(LocalStream(copy), LocalStream(o.Get()));
+    EXPECT_EQ(ObjCompare(copy, o.Get()), TRUE);
+    static_cast<AllS*>(copy)->pstrValue[0] = 'T';
+    EXPECT_EQ(ObjCompare(copy, o.Get()), FALSE);
+    EXPECT_STREQ(o.Get()->pstrValue, "text");
+    ObjReleaseInternal(&copy);
+    // Without local data the private link stays behind.
+    ASSERT_EQ(ObjDuplicateInternal(&copy, o.Get(), FALSE), TRUE);
+    EXPECT_EQ(static_cast<AllS*>(copy)->oPrivate, nullptr);
+    EXPECT_EQ(ObjGetInteger(static_cast<ObjIntegerO>(static_cast<AllS*>(copy)->oLink)), 1);
+    ObjReleaseInternal(&copy);
+    ASSERT_EQ(ObjDuplicate(&copy, o.Get()), TRUE);
+    EXPECT_EQ(static_cast<AllS*>(copy)->pPointer, o.Get());
+    ObjReleaseInternal(&copy);
+    EXPECT_EQ(ObjCompare(o.Get(), nullptr), FALSE);
+    EXPECT_EQ(ObjDuplicateInternal(&copy, nullptr, TRUE), FALSE);
+}
+
+TEST(Copies, KeepSharingCirclesListsAndTrees) {
+    ObjHolder<ListS> list(ListNew());
+    ObjHolder<ObjIntegerS> shared(ObjIntegerNew(3));
+    ListAddLastItem(list.Get(), shared.Get());
+    ListAddLastItem(list.Get(), shared.Get());
+    TreeO tree = TreeNewFromPool(MemGetDefaultPoolId());
+    TreeNodeO root = TreeAddRootItem(shared.Get(), tree);
+    root->bOpen = TRUE;
+    TreeAddItem(shared.Get(), TreeAddItem(shared.Get(), root, TREE_LAST_CHILD), TREE_FIRST_CHILD);
+    TreeAddItem(shared.Get(), root, TREE_SIBLING_AFTER);
+    ListPushLastItem(list.Get(), &tree);
+    auto* loop = ObjNew<LinkS>(LinkMagic, "o;");
+    loop->oNext = loop;
+    ObjIncRefCount(loop);
+    ListPushLastItem(list.Get(), &loop);
+
+    void* copied = nullptr;
+    ASSERT_EQ(ObjDuplicateInternal(&copied, list.Get(), TRUE), TRUE);
+    auto* copy = static_cast<ListO>(copied);
+    ASSERT_EQ(copy->lItemCount, 4);
+    void* item = copy->oFirst->oData;
+    EXPECT_NE(item, shared.Get());
+    EXPECT_EQ(copy->oFirst->oNext->oData, item);
+    auto* copiedTree = static_cast<TreeO>(copy->oFirst->oNext->oNext->oData);
+    EXPECT_EQ(copiedTree->oFirstNode->bOpen, TRUE);
+    EXPECT_EQ(copiedTree->oFirstNode->oChild->oChild->oData, item);
+    EXPECT_EQ(copiedTree->oLastNode->oData, item);
+    auto* copiedLoop = static_cast<LinkS*>(copy->oLast->oData);
+    EXPECT_EQ(copiedLoop->oNext, copiedLoop);
+    for (void* oLoop : {copy->oLast->oData, list.Get()->oLast->oData}) ObjReleaseContents(oLoop);
+    ObjReleaseInternal(&copied);
+}
+
+TEST(Copies, DeepGraphsAreRefused) {
+    const int32 objects = ObjCount();
+    LinkS* fits = NewChain(ObjMaximumDepth);
+    LinkS* deep = NewChain(ObjMaximumDepth + 1);
+    void* copy = nullptr;
+    EXPECT_EQ(ObjDuplicateInternal(&copy, fits, TRUE), TRUE);
+    EXPECT_EQ(ObjCompare(copy, fits), TRUE);
+    ObjReleaseInternal(&copy);
+    EXPECT_EQ(ObjDuplicateInternal(&copy, deep, TRUE), FALSE);
+    EXPECT_EQ(copy, nullptr);
+    EXPECT_EQ(ObjSerializedSize(deep), -1);
+    ObjRelease(&fits);
+    ObjRelease(&deep);
+
+    EXPECT_EQ(ObjCount(), objects);
+}
+
+int32 ByValue(void* oA, void* oB) {
+    const int32 a = ObjGetInteger(static_cast<ObjIntegerO>(oA));
+    const int32 b = ObjGetInteger(static_cast<ObjIntegerO>(oB));
+    return a < b ? -1 : static_cast<int32>(a > b);
+}
+
+int32 Limited(void* oA, void* oB, void* pvLeft) {
+    return --*static_cast<int*>(pvLeft) < 0 ? 2 : ByValue(oA, oB);
+}
+
+TEST(Sorting, MatchesTheStandardSort) {
+    std::mt19937 random(7);
+    for (int count : {0, 1, 2, 3, 10, 1000, 100000}) {
+        for (int kind = 0; kind < 4; kind++) {
+            std::vector<int32> values;
+            std::vector<void*> objects;
+            for (int i = 0; i < count; i++) {
+                const int drawn = static_cast<int>(random() % 1000);
+                values.push_back(kind == 0 ? drawn : kind == 1 ? i : kind == 2 ? -i : 5);
+                objects.push_back(ObjIntegerNew(values.back()));
+            }
+            objects.push_back(nullptr);
+            EXPECT_EQ(ObjQuickSort(objects.data(), count - 1, ByValue), TRUE);
+            objects.pop_back();
+            std::sort(values.begin(), values.end());
+            for (int i = 0; i < count; i++) {
+                ASSERT_EQ(ObjGetInteger(static_cast<ObjIntegerO>(objects[i])), values[i]);
+                ObjReleaseInternal(&objects[i]);
+            }
+        }
+    }
+}
+
+TEST(Sorting, StopsAtABadComparisonAndLosesNothing) {
+    for (int good = 0; good < 400; good++) {
+        std::vector<void*> objects;
+        for (int i = 0; i < 50; i++) objects.push_back(ObjIntegerNew((i * 37) % 50));
+        std::vector<void*> before = objects;
+        int left = good;
+        const BooleanT sorted = ObjQuickSortWithCookie(objects.data(), 49, Limited, &left);
+        EXPECT_EQ(sorted, BooleanFrom(left >= 0)) << good;
+        std::vector<void*> after = objects;
+        std::sort(before.begin(), before.end());
+        std::sort(after.begin(), after.end());
+        EXPECT_EQ(before, after);
+        for (void* o : objects) ObjReleaseInternal(&o);
+    }
+}
+
+TEST(Tags, SetFieldsByTheirIndex) {
+    ObjHolder<AllS> o(NewAll());
+    ObjSetFromTags(o.Get(), OBJ_TAG_BEGIN, 0, FALSE, 1, 42, 2, "new", OBJ_TAG_END);
+    EXPECT_EQ(std::pair(o.Get()->bValue, o.Get()->lValue), std::pair(FALSE, 42));
+    EXPECT_STREQ(o.Get()->pstrValue, "new");
+    TraceCapture trace;
+    ObjSetFromTagsVA(o.Get(), OBJ_TAG_NONE);
+    EXPECT_TRUE(trace.Records().empty());
+    ObjSetFromTagsVA(o.Get(), OBJ_TAG_BEGIN, 1, 43, 3, nullptr, OBJ_TAG_END);
+    EXPECT_EQ(o.Get()->lValue, 43);
+    ObjSetFromTagsVA(o.Get(), OBJ_TAG_BEGIN, 99, 1, OBJ_TAG_END);
+    EXPECT_EQ(trace.Count("OBJECT", 160), 2);
+    ObjSetFromTagsVA(o.Get(), 5, 6, OBJ_TAG_END);
+    ObjSetFromTags(o.Get(), 5, 6, OBJ_TAG_END);
+    EXPECT_EQ(trace.Count("OBJECT", 161), 1);
+    EXPECT_EQ(trace.Count("OBJECT", 159), 1);
+}
+
+TEST(Counts, FollowTheObjectsAndAreMirrored) {
+    ProcDetailsT details = {};
+    gtTlContext.sProcess.ptDetails = &details;
+    ObjIntegerO o = ObjIntegerNew(1);
+    EXPECT_EQ(details.lObjCount, ObjCount());
+    EXPECT_EQ(details.lObjMax, ObjMax());
+    EXPECT_EQ(details.lObjAllocations, ObjAllocations());
+    ObjRelease(&o);
+    EXPECT_EQ(details.lObjCount, ObjCount());
+    gtTlContext.sProcess.ptDetails = nullptr;
+}
+
+TEST(Counts, TablesAreMergedByClass) {
+    ObjCountEntryT* before = nullptr;
+    ObjCountEntryT* after = nullptr;
+    ObjCountEntryT* copy = nullptr;
+    ObjCountEntryT* zero = nullptr;
+    ObjHolder<ObjStringS> gone(ObjStringNew("x"));
+    ObjGetObjectCounts(&before);
+    ObjHolder<ObjInt64S> one(ObjInt64New(1));
+    ObjHolder<LinkS> fresh(ObjNew<LinkS>(ObjMagic(0xc9a00040), "o;"));
+    ObjGetObjectCounts(&after);
+    ObjCopyObjectCounts(&copy, after);
+    TraceCapture trace;
+    ObjTraceCounts(0, after, before);
+    EXPECT_EQ(trace.CountText("     1 OBJ_INT64"), 1);
+    EXPECT_EQ(trace.CountText("     1 Unknown object magic 0xc9a00040"), 1);
+    EXPECT_EQ(trace.Text("OBJECT", 157), "     2 Total Objects listed");
+    EXPECT_EQ(trace.Count("OBJECT", 78), 2);
+    ObjSubtractObjectCounts(copy, before);
+    trace.Clear();
+    EXPECT_EQ(ObjGetZeroedObjectCounts(&zero), TRUE);
+    ObjTraceCounts(0, copy, zero);
+    EXPECT_EQ(trace.Count("OBJECT", 78), 2);
+    trace.Clear();
+    ObjTraceCounts(0, nullptr, before);
+    EXPECT_EQ(trace.CountText("    -1 OBJ_STRING"), 1);
+    EXPECT_FALSE(trace.Has("OBJECT", 157));
+    for (ObjCountEntryT** table : {&before, &after, &copy, &zero}) MemFree(table);
+}
+
+TEST(Counts, TheMonitorReportsWhenItIsDue) {
+    ObjSetMonitor(0, 0);
+    EXPECT_EQ(gtTlContext.sObject.bDoMonitor, FALSE);
+    ObjSetMonitor(0, 5);
+    ObjHolder<ObjInt64S> one(ObjInt64New(1));
+    TraceCapture trace;
+    ObjMonitor();
+    EXPECT_TRUE(trace.Has("OBJECT", 91) && trace.Has("OBJECT", 92));
+    EXPECT_EQ(trace.CountText("     1 OBJ_INT64"), 1);
+    trace.Clear();
+    ObjMonitor();
+    EXPECT_TRUE(trace.Records().empty());
+    ObjClearMonitor();
+    EXPECT_EQ(gtTlContext.sObject.ptBase, nullptr);
+}
+
+}  // namespace

@@ -1,0 +1,490 @@
+// Object streams, against bytes written down here.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "core/list.h"
+#include "core/objserial.h"
+#include "core/objwrappers.h"
+#include "core/tree.h"
+#include "support/archivebytes.h"
+#include "support/leftovers.h"
+#include "support/support.h"
+
+using bytes::Integer, bytes::List, bytes::Long, bytes::Object, bytes::String;
+using bytes::SharedAgain, bytes::SharedFirst;
+
+namespace {
+
+std::string Hex(const std::string& bytes) {
+    std::string text;
+    for (const char c : bytes) {
+        char digits[4];
+        std::snprintf(digits, sizeof(digits), "%02X ", static_cast<unsigned char>(c));
+        text += digits;
+    }
+    return text;
+}
+
+const std::string kZero(1, '\0');
+const std::string kList = Long(0xc8a2f9b9);
+const std::string kTree = Long(0xc8a2f9a1);
+const std::string kSelf = SharedFirst(1, Object(0xc9c00002, "o;i;", SharedAgain(1) + Long(3)));
+
+std::string Write(void* o) {
+    std::string bytes(static_cast<std::size_t>(ObjSerializedSize(o)), '?');
+    int32 written = -1;
+    EXPECT_EQ(ObjSerializeToMemory(o, bytes.data(), &written), TRUE);
+    EXPECT_EQ(static_cast<std::size_t>(written), bytes.size());
+    return bytes;
+}
+
+BooleanT Read(void** po, const std::string& bytes) {
+    // In a block of exactly this size, so that a read past the end shows.
+    std::vector<char> block;
+    block.reserve(1);
+    block.assign(bytes.begin(), bytes.end());
+    return ObjReconstructFromMemorySized(po, block.data(), static_cast<int32>(block.size()));
+}
+
+struct MixedS {
+    void* oLink;
+    void* oPrivate;
+    StnzT* ptStanza;
+    ObjDataFieldT tData;
+    char acInline[4];
+    ObjViewInfoT tView;
+    int64 llValue;
+    UniqueT tUnique;
+    void* pPointer;
+};
+constexpr uint32 MixedMagic = 0xc9c00001;
+constexpr char MixedDescriptor[] = "o;ol;z;d;c3;v;I;u;p;";
+
+StnzT* NewStanza(const char* category, const char* title) {
+    StnzT* stanza = nullptr;
+    StnzCreate(&stanza, category, title, 3);
+    StnzKeyT* key = nullptr;
+    StnzCreateKey(&key, "k", 2);
+    StnzAddValueToKey(&key, "v");
+    StnzAddValueToKey(&key, nullptr);
+    StnzAddKeyToStanza(&stanza, &key);
+    return stanza;
+}
+
+const std::string kStanza = "\1" + String("cat:title") + Long(1) + Long(3) + String("k") + Long(2) +
+                            Long(2) + String("v") + Long(0);
+
+TEST(Stream, EveryElementHasItsBytes) {
+    EXPECT_EQ(Hex(Write(nullptr)), "00 ");
+    ObjHolder<ObjIntegerS> five(ObjIntegerNew(5));
+    EXPECT_EQ(Hex(Write(five.Get())), "01 2A F2 6C C9 03 00 00 00 69 3B 00 05 00 00 00 ");
+    ObjHolder<ListS> empty(ListNew());
+    EXPECT_EQ(Hex(Write(empty.Get())), "01 B9 F9 A2 C8 00 00 00 00 00 00 00 00 00 B9 F9 A2 C8 ");
+
+    ObjHolder<MixedS> o(ObjNew<MixedS>(ObjMagic(MixedMagic), MixedDescriptor));
+    o.Get()->oLink = ObjBooleanNew(TRUE);
+    o.Get()->oPrivate = ObjIntegerNew(-2);
+    o.Get()->ptStanza = NewStanza("cat", "title");
+    o.Get()->tData = {2, MemAllocateFromPool(2, nullptr)};
+    std::memcpy(o.Get()->tData.pData, "\xff\x01", 2);
+    std::memcpy(o.Get()->acInline, "abc", 3);
+    o.Get()->tView = {-1, nullptr, NewStanza(nullptr, "cat:title")};
+    o.Get()->llValue = 0x0102030405060708;
+    std::memset(o.Get()->tUnique.tUnique, 'u', 32);
+    o.Get()->pPointer = reinterpret_cast<void*>(std::uintptr_t{0x89abcdef});
+    const auto expected = [&](const std::string& hidden, const std::string& pointer) {
+        return Object(MixedMagic, MixedDescriptor,
+                      Object(0xc96cec79, "b;", "\1") + hidden + kStanza + Long(2) + "\xff\x01" +
+                          Long(3) + "abc" + Long(-1) + Long(0) + kStanza + Long(0x05060708) +
+                          Long(0x01020304) + std::string(32, 'u') + pointer);
+    };
+    EXPECT_EQ(Hex(Write(o.Get())), Hex(expected(kZero, Long(0x89abcdef))));
+    std::string local(static_cast<std::size_t>(ObjSerializedSizeLocal(o.Get())), '?');
+    ASSERT_EQ(ObjSerializeLocal(o.Get(), local.data(), nullptr), TRUE);
+    const std::string pointer(reinterpret_cast<const char*>(&o.Get()->pPointer), sizeof(void*));
+    EXPECT_EQ(Hex(local), Hex(expected(Integer(-2), pointer)));
+
+    void* again = nullptr;
+    ASSERT_EQ(Read(&again, expected(kZero, Long(0x89abcdef))), TRUE);
+    const auto* read = static_cast<const MixedS*>(again);
+    EXPECT_STREQ(read->ptStanza->pstrCatagory, "cat");
+    EXPECT_STREQ(read->tView.pStanza->pstrTitle, "title");
+    EXPECT_EQ(Hex(Write(again)), Hex(expected(kZero, Long(0x89abcdef))));
+    ObjReleaseInternal(&again);
+}
+
+TEST(Stream, SharedObjectsAreWrittenOnce) {
+    ObjHolder<ListS> list(ListNew());
+    ObjIntegerO shared = ObjIntegerNew(7);
+    ListAddLastItem(list.Get(), shared);
+    ListPushLastItem(list.Get(), &shared);
+    ObjHolder<ObjStringS> elsewhere(ObjStringNew(""));
+    ListAddLastItem(list.Get(), elsewhere.Get());
+    const std::string bytes = List({SharedFirst(1, Integer(7)), SharedAgain(1),
+                                    SharedFirst(2, Object(0xc96cec6f, "s;", String("")))});
+    EXPECT_EQ(Hex(Write(list.Get())), Hex(bytes));
+    void* o = nullptr;
+    ASSERT_EQ(Read(&o, bytes), TRUE);
+    auto* read = static_cast<ListO>(o);
+    EXPECT_EQ(read->oFirst->oData, read->oFirst->oNext->oData);
+    EXPECT_EQ((static_cast<ObjHeaderT*>(read->oFirst->oData) - 1)->lRefCount, 2);
+    EXPECT_EQ((static_cast<ObjHeaderT*>(read->oLast->oData) - 1)->lRefCount, 1);
+    ObjReleaseInternal(&o);
+}
+
+TEST(Stream, TreesAreWrittenRowByRow) {
+    TreeO tree = TreeNewFromPool(MemGetDefaultPoolId());
+    const auto add = [&](int32 value, TreeNodeO at, TreePositionE position) {
+        ObjIntegerO item = ObjIntegerNew(value);
+        return at == nullptr ? TreePushRootItem(reinterpret_cast<void**>(&item), tree)
+                             : TreePushItem(reinterpret_cast<void**>(&item), at, position);
+    };
+    EXPECT_EQ(Hex(Write(tree)), Hex("\1" + kTree + kZero + kZero + kTree));
+    TreeNodeO one = add(1, nullptr, TREE_FIRST_CHILD);
+    one->bOpen = TRUE;
+    TreeNodeO two = add(2, one, TREE_LAST_CHILD);
+    add(3, two, TREE_LAST_CHILD);
+    add(4, one, TREE_LAST_CHILD);
+    add(5, one, TREE_SIBLING_AFTER);
+    ObjIntegerO cookie = ObjIntegerNew(9);
+    TreeSetCookie(tree, cookie);
+    ObjRelease(&cookie);
+    const std::string closed = "\1" + kZero;
+    const std::string bytes = "\1" + kTree + Integer(9) + "\1\1" + Integer(1) + closed +
+                              Integer(2) + closed + Integer(3) + kZero + kZero + closed +
+                              Integer(4) + kZero + kZero + closed + Integer(5) + kZero + kZero +
+                              kTree;
+    EXPECT_EQ(Hex(Write(tree)), Hex(bytes));
+    void* o = nullptr;
+    ASSERT_EQ(Read(&o, bytes), TRUE);
+    EXPECT_EQ(Hex(Write(o)), Hex(bytes));
+    ObjReleaseInternal(&o);
+    ASSERT_EQ(Read(&o, bytes.substr(0, bytes.size() - 4) + kList), FALSE);
+    ObjRelease(&tree);
+}
+
+TEST(Stream, BadStreamsAreRefusedAndLeaveNothing) {
+    const auto stanza = [](const std::string& title, int32 keys, int32 room) {
+        return Object(0xc96ceed4, "z;", "\1" + String(title) + Long(keys) + Long(room));
+    };
+    const std::string list = List({Integer(1)});
+    const struct {
+        const char* name;
+        std::string bytes;
+        int32 message;
+    } streams[] = {
+        {"nothing", "", 53},
+        {"lead byte", "\4", 51},
+        {"not in map", SharedAgain(1), 49},
+        {"no descriptor", "\1" + Long(0xc96cf22a) + Long(0), 121},
+        {"open descriptor", "\1" + Long(0xc96cf22a) + Long(2) + "i;", 121},
+        {"descriptor length", "\1" + Long(0xc96cf22a) + Long(0x7fffffff) + "i;", 121},
+        {"negative length", "\1" + Long(0xc96cf22a) + Long(-1), 121},
+        {"no such magic", Object(5, "i;", Long(1)), 122},
+        {"announced inline", Object(0xc9c00003, "n2147483647;", ""), 122},
+        {"many inlines", Object(0xc9c00003, "n2147483647;n2147483647;n2147483647;", ""), 122},
+        {"inline size", Object(0xc9c00004, "n4;", Long(5) + "abcde"), 123},
+        {"open string", Object(0xc96cec6f, "s;", Long(2) + "ab"), 123},
+        {"data size", Object(0xc999120d, "d;", Long(0x7fffffff) + "ab"), 123},
+        {"negative data", Object(0xc999120d, "d;", Long(-5) + "ab"), 123},
+        {"backward link", Object(0xc8a2f9bb, "L;l;L;l;", Integer(1) + kZero), 44},
+        {"foreign functions",
+         Object(0xc938e027, "i;i;i;i;p;p;p;d;",
+                Long(8) + Long(1) + Long(1) + Long(1) + Long(1) + Long(1) + Long(1) + Long(0)),
+         44},
+        {"item count", "\1" + kList + Long(0) + Long(0x7fffffff) + kZero, 139},
+        {"negative count", "\1" + kList + Long(0) + Long(-1) + kZero, 139},
+        {"wrong class", List({Integer(1)}, 0xc96cec6f), 127},
+        {"null item", List({kZero}), 127},
+        {"end of list", list.substr(0, 30) + Long(1), 129},
+        {"cut list", list.substr(0, 32), 129},
+        {"cut item", list.substr(0, 20), 128},
+        {"same id twice", List({SharedFirst(1, Integer(7)), SharedFirst(1, Integer(8))}), 182},
+        {"circle, then cut", kSelf.substr(0, kSelf.size() - 1), 123},
+        {"circle in a broken list", List({kSelf, "\5"}), 51},
+        {"stanza counts", stanza("t", 5, 5), 123},
+        {"stanza room", stanza("t", 1, 0), 123},
+        {"stanza title", stanza(std::string(1024, 't'), 0, 1), 123},
+        {"null in tree", "\1" + kTree + kZero + "\1\1" + kZero + kZero + kZero + kTree, 54},
+        {"end of tree", "\1" + kTree + kZero + kZero + Long(0), 45},
+    };
+    for (const auto& bad : streams) {
+        void* warm = nullptr;
+        Read(&warm, bad.bytes);  // the first time makes templates
+        const Leftovers before;
+        TraceCapture trace(0);
+        void* o = nullptr;
+        EXPECT_EQ(Read(&o, bad.bytes), FALSE) << bad.name;
+        EXPECT_EQ(o, nullptr) << bad.name;
+        EXPECT_TRUE(trace.Has("OBJECT", bad.message)) << bad.name;
+        EXPECT_EQ(trace.Count("OBJECT", 54), 1) << bad.name;
+        EXPECT_EQ(before.Text(), "") << bad.name;
+    }
+}
+
+TEST(Stream, NestingIsBounded) {
+    void* o = nullptr;
+    for (const int depth : {999, 1000}) {
+        std::string bytes;
+        for (int i = 0; i < depth; i++) bytes += Object(0xc9c00005, "o;", "");
+        // The innermost null is a reference of its own.
+        EXPECT_EQ(Read(&o, bytes + kZero), BooleanFrom(depth < ObjMaximumDepth)) << depth;
+        ObjReleaseInternal(&o);
+    }
+    std::string tree = "\1" + kTree + kZero;
+    for (int i = 0; i < 100000; i++) tree += "\1\1" + Integer(i);
+    tree += std::string(100001, '\0') + kTree;
+    ASSERT_EQ(Read(&o, tree), TRUE);
+    EXPECT_TRUE(Write(o) == tree);
+    ObjReleaseInternal(&o);
+}
+
+// A random graph in which every object made so far may be held again.
+class GraphMaker {
+ public:
+    explicit GraphMaker(unsigned seed) : m_random(seed) {}
+    ~GraphMaker() {
+        for (void* o : m_made) ObjReleaseInternal(&o);
+    }
+    void* Make(int depth) {
+        if (!m_made.empty() && Draw(4) == 0) {
+            void* o = m_made[Draw(m_made.size())];
+            ObjIncRefCount(o);
+            return o;
+        }
+        void* o = MakeNew(depth);
+        if (Draw(3) == 0) {
+            ObjIncRefCount(o);
+            m_made.push_back(o);
+        }
+        return o;
+    }
+
+ private:
+    std::size_t Draw(std::size_t below) { return m_random() % below; }
+    void* MakeNew(int depth) {
+        switch (Draw(depth > 0 ? 8 : 5)) {
+            case 0:
+                return ObjIntegerNew(static_cast<int32>(m_random()));
+            case 1:
+                return ObjStringNew(Draw(2) == 0 ? nullptr : std::string(Draw(50), 's').c_str());
+            case 2:
+                return ObjInt64New(static_cast<int64>(m_random()) << 31);
+            case 3:
+                return ObjDataFieldNew(std::string(40, 'd').data(), static_cast<int32>(Draw(40)));
+            case 4:
+                return ObjStanzaNew(NewStanza(Draw(2) == 0 ? nullptr : "c", "t"));
+            case 5: {
+                auto* o = ObjNew<MixedS>(ObjMagic(MixedMagic), MixedDescriptor);
+                o->oLink = Make(depth - 1);
+                o->oPrivate = ObjIntegerNew(static_cast<int32>(m_random()));
+                o->pPointer = o->oLink;
+                return o;
+            }
+            case 6: {
+                ListO list = ListNew();
+                for (std::size_t i = Draw(6); i > 0; i--) {
+                    void* item = Make(depth - 1);
+                    ListPushLastItemInternal(list, &item);
+                }
+                list->oCookie = Draw(3) == 0 ? Make(depth - 1) : nullptr;
+                return list;
+            }
+            default: {
+                TreeO tree = TreeNewFromPool(MemGetDefaultPoolId());
+                TreeNodeO node = nullptr;
+                for (std::size_t i = Draw(6); i > 0; i--) {
+                    void* item = Make(depth - 1);
+                    node = node == nullptr
+                               ? TreePushRootItem(&item, tree)
+                               : TreePushItem(&item, node, static_cast<TreePositionE>(Draw(6)));
+                    node->bOpen = static_cast<BooleanT>(Draw(2));
+                }
+                return tree;
+            }
+        }
+    }
+
+    std::mt19937 m_random;
+    std::vector<void*> m_made;
+};
+
+TEST(Stream, RandomGraphsComeBackAsTheyWere) {
+    const int32 objects = ObjCount();
+    for (unsigned seed = 0; seed < 400; seed++) {
+        void* graph = nullptr;
+        {
+            GraphMaker maker(seed);
+            graph = maker.Make(6);
+        }
+        const std::string bytes = Write(graph);
+        void* again = nullptr;
+        ASSERT_EQ(Read(&again, bytes), TRUE) << seed;
+        EXPECT_TRUE(Write(again) == bytes) << seed;
+        ObjReleaseInternal(&again);
+        for (const bool direct : {true, false}) {
+            void* copy = nullptr;
+            ASSERT_EQ(
+                direct ? ObjDuplicateInternal(&copy, graph, TRUE) : ObjDuplicate(&copy, graph),
+                TRUE)
+                << seed;
+            EXPECT_EQ(ObjCompare(copy, graph), TRUE) << seed;
+            ObjReleaseInternal(&copy);
+        }
+        // Cut anywhere, it is refused and leaves nothing.
+        const int32 before = ObjCount();
+        for (std::size_t cut = 0; cut < bytes.size() && seed < 40; cut += 1 + bytes.size() / 50) {
+            EXPECT_EQ(Read(&again, bytes.substr(0, cut)), FALSE);
+            EXPECT_EQ(ObjCount(), before);
+        }
+        ObjReleaseInternal(&graph);
+    }
+    EXPECT_EQ(ObjCount(), objects);
+}
+
+// --- translators ---
+
+struct NewShapeS {
+    int32 lFirst;
+    void* oSelf;
+    int32 lAdded;
+};
+constexpr uint32 TranslatedMagic = 0xc9c00010;
+BooleanT g_translation = eObjTranslateResultModified;
+
+// The old shape had no lAdded.
+BooleanT Translate(void** poObject) {
+    if (std::string(ObjGetDescriptor(*poObject)) == "i;o;i;") return eObjTranslateResultUnchanged;
+    if (g_translation != eObjTranslateResultModified) return g_translation;
+    struct OldShape {
+        int32 lFirst;
+        void* oSelf;
+    };
+    const auto* old = static_cast<const OldShape*>(*poObject);
+    auto* fresh = ObjNew<NewShapeS>(ObjMagic(TranslatedMagic), "i;o;i;");
+    *fresh = {old->lFirst, old->oSelf, 77};
+    ObjIncRefCount(fresh->oSelf);
+    ObjReleaseInternal(poObject);
+    *poObject = fresh;
+    return eObjTranslateResultModified;
+}
+
+TEST(Translators, ReplaceAnOlderShapeEverywhere) {
+    ASSERT_EQ(ObjSetTranslator<NewShapeS>(ObjMagic(TranslatedMagic), "i;o;i;", nullptr, Translate),
+              TRUE);
+    const std::string old =
+        SharedFirst(1, Object(TranslatedMagic, "i;o;", Long(5) + SharedAgain(1)));
+    const Leftovers before;
+    void* o = nullptr;
+    ASSERT_EQ(Read(&o, List({old, SharedAgain(1)})), TRUE);
+    auto* list = static_cast<ListO>(o);
+    auto* item = static_cast<NewShapeS*>(list->oFirst->oData);
+    EXPECT_EQ(item->lFirst, 5);
+    EXPECT_EQ(item->lAdded, 77);
+    EXPECT_EQ(item->oSelf, item);
+    EXPECT_EQ(list->oLast->oData, item);
+    ObjReleaseContents(item);
+    ObjReleaseInternal(&o);
+    TraceCapture trace;
+    for (const auto& [result, message] :
+         {std::pair{eObjTranslateResultInvalid, 168}, {eObjTranslateResultError, 169}}) {
+        g_translation = result;
+        EXPECT_EQ(Read(&o, old), FALSE);
+        EXPECT_TRUE(trace.Has("OBJECT", message));
+    }
+    EXPECT_EQ(before.Text(), "");
+    // Too late for a translator once there was an object.
+    const IgnoreCrash pass;
+    ObjHolder<ObjIntegerS> made(ObjIntegerNew(1));
+    EXPECT_EQ(ObjSetTranslator<ObjIntegerS>(ObjIntegerMagic, "i;", nullptr, Translate), FALSE);
+    EXPECT_TRUE(trace.Has("OBJECT", 163));
+}
+
+// --- buffers and files ---
+
+TEST(Buffers, FramesCountThemselves) {
+    char own[64] = "head";
+    ObjBufferDescriptorT* buffer = nullptr;
+    ASSERT_EQ(ObjBufferDescriptorCreate(&buffer, own, sizeof(own), 4), TRUE);
+    ObjHolder<ObjDataFieldS> item(ObjDataFieldNew(const_cast<char*>("abcd"), 4));
+    const std::string stream = Object(0xc999120d, "d;", Long(4) + "abcd");
+    ASSERT_EQ(ObjSerializeToBuffer(item.Get(), 4701, buffer), TRUE);
+    EXPECT_EQ(std::string(own + 4, 28), Long(28) + Long(4701) + stream);
+    int32 size = 0;
+    int32 type = 0;
+    ObjBufferAnalyze(own + 4, &size, &type);
+    EXPECT_EQ(std::pair(size, type), std::pair(20, 4701));
+    EXPECT_EQ(ObjBufferSerializedObjectSize(own + 4), 20);
+    EXPECT_EQ(ObjBufferMsgType(own + 4), 4701);
+    // More than fits: the caller's buffer is left behind.
+    char header[] = "xyz";
+    ASSERT_EQ(ObjSerializeToBufferCustomHead(item.Get(), buffer, 3, header, TRUE), TRUE);
+    ASSERT_EQ(ObjSerializeToBufferCustomHead(item.Get(), buffer, 0, nullptr, FALSE), TRUE);
+    ASSERT_EQ(ObjBufferInsertBytes(2, header, buffer), TRUE);
+    ASSERT_EQ(ObjSerializeToBufferNoHead(&size, item.Get(), buffer), TRUE);
+    EXPECT_EQ(size, 20);
+    void* bytes = nullptr;
+    int32 used = 0;
+    ASSERT_EQ(ObjBufferDescriptorGetBuffer(&bytes, &used, buffer), TRUE);
+    EXPECT_NE(bytes, own);
+    EXPECT_EQ(buffer->lSize, 4 + 2 * 64 + 4 + 1024);  // grown for the second length field
+    EXPECT_EQ(std::string(static_cast<char*>(bytes), static_cast<std::size_t>(used)),
+              "head" + Long(28) + Long(4701) + stream + Long(27) + "xyz" + stream + stream + "xy" +
+                  stream);
+    ObjBufferDescriptorReset(buffer);
+    EXPECT_EQ(buffer->lUsed, 4);
+    EXPECT_EQ(ObjSerializeToBufferCustomHead(item.Get(), buffer, 1, nullptr, TRUE), FALSE);
+    EXPECT_EQ(ObjSerializeToBufferCustomHead(item.Get(), buffer, 0, header, TRUE), FALSE);
+    EXPECT_EQ(ObjBufferDescriptorFree(&buffer), TRUE);
+    EXPECT_EQ(buffer, nullptr);
+}
+
+TEST(Buffers, OnlyTheAskedClassIsRead) {
+    const std::string bytes = Integer(3);
+    void* o = nullptr;
+    EXPECT_EQ(ObjReconstructObjectFromMemory(&o, bytes.data(), 0, ObjStringMagic), FALSE);
+    ASSERT_EQ(ObjReconstructObjectFromMemory(&o, bytes.data(), 0, ObjIntegerMagic), TRUE);
+    EXPECT_EQ(ObjGetInteger(static_cast<ObjIntegerO>(o)), 3);
+    ObjReleaseInternal(&o);
+}
+
+TEST(Files, HoldTheStreamAndNothingElse) {
+    const TempDir dir;
+    ObjHolder<ObjStringS> item(ObjStringNew(std::string(200000, 'x').c_str()));
+    const std::string bytes = Object(0xc96cec6f, "s;", String(std::string(200000, 'x')));
+    ASSERT_EQ(ObjSerializeToFile(item.Get(), (dir / "o").c_str()), TRUE);
+    EXPECT_TRUE(ReadFile(dir / "o") == bytes);
+    void* o = nullptr;
+    ASSERT_EQ(ObjReconstructFromFile(&o, (dir / "o").c_str()), TRUE);
+    EXPECT_EQ(ObjCompare(o, item.Get()), TRUE);
+    ObjReleaseInternal(&o);
+    char* path = nullptr;
+    ASSERT_EQ(ObjSerializeToTempFile(&path, 42, item.Get()), TRUE);
+    EXPECT_TRUE(ReadFile(path) == bytes);
+    ASSERT_EQ(ObjReconstructFromTempFile(&o, path), TRUE);
+    EXPECT_FALSE(Exists(path));
+    ObjReleaseInternal(&o);
+    WriteFile(path, "\5");
+    EXPECT_EQ(ObjReconstructFromTempFile(&o, path), FALSE);
+    EXPECT_FALSE(Exists(path));
+    MemFree(&path);
+    for (const std::string& unwritable : {dir / "no/o", std::string("/dev/full")})
+        EXPECT_EQ(ObjSerializeToFile(item.Get(), unwritable.c_str()), FALSE);
+    EXPECT_EQ(ObjReconstructFromFile(&o, (dir / "no").c_str()), FALSE);
+    // From a pipe the size is not known in advance: a lying length ends with the bytes.
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    const std::string lying = Object(0xc96cec6f, "s;", Long(0x7fffffff) + "abc");
+    ASSERT_EQ(write(ends[1], lying.data(), lying.size()), static_cast<ssize_t>(lying.size()));
+    close(ends[1]);
+    FILE* reader = fdopen(ends[0], "rb");
+    EXPECT_EQ(ObjReconstructFromFP(&o, reader), FALSE);
+    fclose(reader);
+}
+
+}  // namespace

@@ -1,0 +1,344 @@
+// Paths: what belongs to /etc is tried in a child process whose root is a temporary directory.
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/statvfs.h>
+
+#include <algorithm>
+#include <fstream>
+#include <optional>
+#include <sstream>
+
+#include "core/filelock.h"
+#include "core/filesys.h"
+#include "core/list.h"
+#include "core/objwrappers.h"
+#include "core/path.h"
+#include "core/pathwrappers.h"
+#include "machines/solaris.h"
+#include "support/files.h"
+
+namespace {
+
+using Texts = std::vector<std::string>;
+
+ListO ListOf(const Texts& texts) {
+    ListO list = ListNew(ObjStringMagic);
+    for (const std::string& text : texts) {
+        ObjStringO item = ObjStringNew(text.c_str());
+        ListPushLastItem(list, &item);
+    }
+    return list;
+}
+
+Texts TextsOf(ListO list) {
+    Texts texts;
+    for (ListNodeO node = list->oFirst; node != nullptr; node = node->oNext)
+        texts.emplace_back(ObjGetString(static_cast<ObjStringO>(node->oData)));
+    return texts;
+}
+
+Texts Split(const std::string& text, char end) {
+    std::istringstream in(text);
+    Texts parts;
+    for (std::string part; std::getline(in, part, end);) parts.push_back(part);
+    return parts;
+}
+
+// In a child process that sees the directory as the root of the file system.
+RunResult InRoot(const Dir& root, const std::function<int()>& function) {
+    return InChild([&] {
+        const char* const path = root.Path().c_str();
+        if (chroot(path) != 0 && (unshare(CLONE_NEWUSER) != 0 || chroot(path) != 0)) return 99;
+        return chdir("/") == 0 ? function() : 98;
+    });
+}
+
+}  // namespace
+
+TEST(PathHome, ComesFromTheFirstSourceThatHasOne) {
+    using Optional = std::optional<std::string>;
+    // KRHOME, whether it is ignored, the registered home, what comes of it.
+    const std::tuple<Optional, bool, Optional, std::string> cases[] = {
+        {"/opt/x", false, "/opt/file\n", "/opt/x"},
+        {"/opt/x", true, "/opt/file\nsecond\n", "/opt/file"},
+        {"/opt/x", true, {}, "/usr/brisk"},
+        {{}, false, "", "/usr/brisk"},
+        {{}, false, "\n/opt/file\n", "/usr/brisk"},
+        {{}, false, std::string(2000, 'x'), std::string(1023, 'x')},
+        {{}, false, {}, "/usr/brisk"}};
+    for (const auto& [krhome, ignored, registration, expected] : cases) {
+        Dir root;
+        mkdir(root("etc"), 0755);
+        if (ignored) WriteFile(root("etc/.nokrhome"), "");
+        if (registration) WriteFile(root("etc/.brisk"), *registration);
+        const RunResult result = InRoot(root, [&variable = krhome] {
+            variable ? setenv("KRHOME", variable->c_str(), 1) : unsetenv("KRHOME");
+            char* home = nullptr;
+            if (PathInitialize() != TRUE || PathGetHomeDir(&home) != TRUE) return 1;
+            std::puts(Owned(home).c_str());
+            return 0;
+        });
+        EXPECT_EQ(result.output, expected + "\n");
+    }
+}
+
+TEST(PathBuilding, Components) {
+    const std::string home = TestHome();
+    const std::pair<char*, std::string> cases[] = {
+        {PathBuild("a", "b", nullptr), "a/b"},
+        {PathBuild("a/", "b", nullptr), "a/b"},
+        {PathBuild("a", "/b", nullptr), "a//b"},
+        {PathBuild("/", "b", "", "c", nullptr), "/b/c"},
+        {PathBuild("", "b", nullptr), "/b"},
+        {PathBuild(nullptr, nullptr), ""},
+        {PathHomeBuild("bin", "zlibcompress", nullptr), home + "/bin/zlibcompress"},
+        {PathHomeBuild("/x", "y/", "z", nullptr), home + "/x/y//z"},
+        {PathHomeBuild(nullptr, nullptr), home}};
+    for (const auto& [built, expected] : cases) EXPECT_EQ(Owned(built), expected);
+    // Items that hold no text leave no trace, not even a separator.
+    ObjHolder<ListS> mixed(ListNew());
+    void* items[] = {ObjIntegerNew(1), ObjStringNew("x"), ObjStringNew(nullptr), ObjStringNew("y")};
+    for (void*& item : items) ListPushLastItem(mixed.Get(), &item);
+    EXPECT_EQ(Owned(PathRelativeFromValueList(mixed.Get())), "x/y");
+    EXPECT_EQ(Owned(PathHomeBuildFromValueList(mixed.Get())), home + "/x/y");
+}
+
+TEST(PathSplitting, Table) {
+    const char* const none = "<null>";
+    // Path, directory, last component, leaf, whether it stays below where it starts.
+    const std::tuple<const char*, const char*, const char*, const char*, bool> cases[] = {
+        {"/a/b/c", "/a/b", "c", "c", true},
+        {"c", "", none, "c", true},
+        {"/c", "", "c", "c", true},
+        {"a/b/", "a/b", "", "", true},
+        {"", "", none, "", true},
+        {"a/../b", "a/..", "b", "b", false},
+        {"..", "", none, "..", false},
+        {"../x", "..", "x", "x", false},
+        {"x/..", "x", "..", "..", false},
+        {"a/..b", "a", "..b", "..b", true},
+        {"a../b..c/...", "a../b..c", "...", "...", true},
+        // To the file system a byte that may begin a two-byte character is an ordinary one.
+        {"a\x93/../b\x93/c", "a\x93/../b\x93", "c", "c", false}};
+    for (const auto& [path, directory, last, leaf, descending] : cases) {
+        char* lastFound = nullptr;
+        char* leafFound = nullptr;
+        EXPECT_EQ(Owned(PathSplit(path)), directory) << path;
+        EXPECT_EQ(PathLastComponent(&lastFound, path), BooleanFrom(last != none)) << path;
+        EXPECT_EQ(Owned(lastFound), last) << path;
+        EXPECT_EQ(PathLeaf(&leafFound, path), TRUE) << path;
+        EXPECT_EQ(Owned(leafFound), leaf) << path;
+        EXPECT_EQ(PathIsDescending(path), BooleanFrom(descending)) << path;
+    }
+}
+
+TEST(PathComponents, ToListAndBack) {
+    const std::tuple<const char*, Texts, const char*> cases[] = {
+        {"/a/b/", {"/", "a", "b"}, "//a/b"},
+        {"a/b", {"a", "b"}, "a/b"},
+        {"/", {"/"}, "/"},
+        {"", {}, ""}};
+    for (const auto& [path, components, back] : cases) {
+        ObjHolder<ListS> list;
+        ASSERT_EQ(PathToComponentList(list.Address(), path), TRUE) << path;
+        EXPECT_EQ(TextsOf(list.Get()), components) << path;
+        char* joined = nullptr;
+        EXPECT_EQ(PathFromComponentList(&joined, list.Get()), TRUE);
+        EXPECT_EQ(Owned(joined), back);
+    }
+    ListO list = nullptr;
+    for (const char* bad : {"a//b", "//a", "a//"}) {
+        EXPECT_EQ(PathToComponentList(&list, bad), FALSE) << bad;
+        EXPECT_EQ(list, nullptr);
+    }
+}
+
+TEST(PathApplications, Parameters) {
+    std::string many = "1";
+    for (int field = 2; field < 150; ++field) many.append(":").append(std::to_string(field));
+    const std::string none = "<null>";
+    // Path, for a backup, name (none when it is refused), instance, restore path.
+    const std::tuple<std::string, BooleanT, std::string, std::string, std::string> cases[] = {
+        {"app:Db:inst1:/restore/dir", FALSE, "Db", "inst1", "/restore/dir"},
+        {"app:Db:inst1:/restore/dir", TRUE, "Db", "inst1:/restore/dir", none},
+        {"APP:Db", FALSE, "Db", none, none},
+        {"App:Db:/dir", FALSE, "Db", none, "/dir"},
+        {"App:Db::/dir", FALSE, "Db", none, "/dir"},
+        {"App:Db:a:b:/dir", FALSE, "Db", "a:b", "/dir"},
+        {"App:Db:a:/dir:b", FALSE, "Db", "a:/dir:b", none},
+        {"App:Db:", FALSE, "Db", "", none},
+        // Fields from the hundredth on belong to the last one that is told apart.
+        {"App:Db:" + many + ":/dir", FALSE, "Db", many + ":/dir", none},
+        {"App", FALSE, none, none, none},
+        {"Apps:Db", FALSE, none, none, none},
+        {"App::inst", FALSE, none, none, none}};
+    char* name = nullptr;
+    char* instance = nullptr;
+    char* restore = nullptr;
+    for (const auto& [path, backup, nameWanted, instanceWanted, restoreWanted] : cases) {
+        EXPECT_EQ(PathGetAppParams(path.c_str(), backup, &name, &instance, &restore),
+                  BooleanFrom(nameWanted != none))
+            << path;
+        EXPECT_EQ(Owned(name), nameWanted) << path;
+        EXPECT_EQ(Owned(instance), instanceWanted) << path;
+        EXPECT_EQ(Owned(restore), restoreWanted) << path;
+    }
+}
+
+TEST(PathDirectories, AreMadeForTheOwner) {
+    Dir dir;
+    umask(077);
+    EXPECT_EQ(PathCreateDirectory(dir("new")), TRUE);
+    EXPECT_EQ(umask(0), 0U);
+    struct stat status = {};
+    ASSERT_EQ(stat(dir("new"), &status), 0);
+    EXPECT_EQ(status.st_mode, S_IFDIR | 0700U);
+}
+
+TEST(PathDirectories, TreesAreDeletedWithoutLeavingThem) {
+    for (const auto remove : {PathRemoveDirectory, PathDestroyDirectory}) {
+        Dir dir;
+        const Name tree = dir("tree");
+        mkdir(dir("outside"), 0700);
+        WriteFile(dir("outside/kept"), "kept");
+        std::string deep = tree;
+        for (int level = 0; level < 200; ++level, deep += "/d") {
+            ASSERT_EQ(mkdir(deep.c_str(), 0700), 0);
+            WriteFile(deep + "/file", "x");
+        }
+        ASSERT_EQ(mkdir(dir("tree/empty"), 0700), 0);
+        ASSERT_EQ(mkfifo(dir("tree/fifo"), 0600), 0);
+        ASSERT_EQ(symlink(dir("outside"), dir("tree/link")), 0);
+        ASSERT_EQ(symlink(dir("outside/kept"), dir("tree/d/filelink")), 0);
+        ASSERT_EQ(symlink("nowhere", dir("tree/dangling")), 0);
+        ASSERT_EQ(symlink(tree, dir("treelink")), 0);
+
+        for (const char* bad : {"treelink", "outside/kept", "missing"})
+            EXPECT_EQ(remove(dir(bad)), FALSE) << bad;
+        EXPECT_TRUE(Exists(dir("tree/d/d/file")));
+        EXPECT_EQ(remove(tree), TRUE);
+        EXPECT_EQ(ListDir(dir.Path()), (Texts{"outside", "treelink"}));
+        EXPECT_EQ(ReadFile(dir("outside/kept")), "kept");
+
+        // What has a path longer than the system takes stays.
+        ASSERT_EQ(mkdir(tree, 0700), 0);
+        ASSERT_TRUE(MakeTooDeep(tree));
+        EXPECT_EQ(remove(tree), FALSE);
+        EXPECT_TRUE(Exists(tree));
+    }
+}
+
+TEST(PathLocks, ExcludeOtherProcesses) {
+    Dir dir;
+    const Name target = dir("target");
+    ASSERT_EQ(mkdir(target, 0700), 0);
+    // What another process gets without waiting.
+    const auto granted = [&](FileLockT wanted) {
+        return InChild([&] {
+                   FileHandleT handle = FileHandleClosed;
+                   FileSysOpen(&handle, dir("target.lck"), FileModeReadWrite);
+                   return FileLockSetNoWait(handle, wanted);
+               }).exitCode == TRUE;
+    };
+    PathLockO lock = nullptr;
+    ASSERT_EQ(PathLock(&lock, target, FileLockShared), ePROK);
+    EXPECT_TRUE(granted(FileLockShared));
+    EXPECT_FALSE(granted(FileLockExclusive));
+    ASSERT_EQ(PathUnLock(&lock), ePROK);
+    EXPECT_EQ(lock, nullptr);
+    EXPECT_TRUE(granted(FileLockExclusive));
+    EXPECT_EQ(ListDir(dir.Path()), (Texts{"target", "target.lck"}));
+    // A lock ends also with the object that stands for it.
+    ASSERT_EQ(PathLock(&lock, target, FileLockExclusive), ePROK);
+    EXPECT_FALSE(granted(FileLockShared));
+    ObjRelease(&lock);
+    EXPECT_TRUE(granted(FileLockShared));
+    for (const char* bad : {"target.lck", "missing"})
+        EXPECT_EQ(PathLock(&lock, dir(bad), FileLockShared), ePRNoSuchDirectory) << bad;
+    EXPECT_EQ(lock, nullptr);
+}
+
+TEST(PathMounts, Classes) {
+    Dir root;
+    for (const char* name : {"etc", "data", "data/in", "data/inside", "with blank"})
+        ASSERT_EQ(mkdir(root(name), 0755), 0);
+    WriteFile(root("etc/mnttab"),
+              "# a comment\n"
+              "/dev/r\t/\tufs\trw,dev=1\t1000\n"
+              "proc\t/proc\tproc\trw\t1000\n"
+              "/dev/z\t/proc/local\tufs\trw\t1000\n"
+              "/dev/a\t/data\tufs\trw\t1001\n"
+              "/dev/b\t/data/in\tzfs\t" +
+                  std::string(40000, 'o') +
+                  "\t1001 no new line\n"
+                  "short line\n"
+                  "\n"
+                  "/dev/c\t/gone\tufs\trw\t1002\n"
+                  "/dev/d\t/net/below\tufs\trw\t1003\n"
+                  "srv:/x\t/net\tnfs\trw\t1004\n"
+                  "/dev/e\t/network\tufs\trw\t1004\n"
+                  "/dev/f\t/floppy\tpcfs\trw\t1005\n"
+                  "/dev/g\t/floppy/sub\tPCFS\trw\t1005\n"
+                  "swap\t/tmp\ttmpfs\trw\t1006\n"
+                  "/dev/h\t/with\\040blank\tufs\trw\t1007");
+    const RunResult result = InRoot(root, [] {
+        ObjHolder<ListS> exclude(ListOf({"hsfs", "pcfs"}));
+        ListO mounts = nullptr;
+        if (PathUnixMountPoints(&mounts, exclude.Get()) != TRUE) return 1;
+        for (ListNodeO node = mounts->oFirst; node != nullptr; node = node->oNext) {
+            const auto* mount = static_cast<PathKrMountPointO>(node->oData);
+            std::printf(
+                "%s|%s|%s|%d|%s\n", mount->pstrName, mount->pstrSpecial,
+                mount->pstrFsType == nullptr ? "" : mount->pstrFsType, mount->lType,
+                mount->llUsedSize > 0 && mount->llUsedSize < mount->llTotalSize ? "sized" : "");
+        }
+        MachineStatVfsT statistics;
+        if (MachineStatVfs(&statistics, "/data/inside") != TRUE) return 2;
+        std::puts(statistics.acBaseType);
+        return 0;
+    });
+    const Texts expected = {"/|/dev/r||1|",
+                            "/proc|proc||3|",
+                            "/proc/local|/dev/z||5|",
+                            "/data|/dev/a|ufs|1|sized",
+                            "/data/in|/dev/b|zfs|1|sized",
+                            "/gone|/dev/c||1|",
+                            "/net/below|/dev/d||5|",
+                            "/net|srv:/x||2|",
+                            "/network|/dev/e||1|",
+                            "/floppy|/dev/f||4|",
+                            "/floppy/sub|/dev/g||5|",
+                            "/tmp|swap||3|",
+                            "/with blank|/dev/h|ufs|1|sized",
+                            "ufs"};
+    EXPECT_EQ(Split(result.output, '\n'), expected);
+}
+
+TEST(PathMounts, ThisHost) {
+    ObjHolder<ListS> mounts;
+    ASSERT_EQ(PathUnixMountPoints(mounts.Address(), nullptr), TRUE);
+    Texts found;
+    for (ListNodeO node = mounts.Get()->oFirst; node != nullptr; node = node->oNext) {
+        const auto* mount = static_cast<PathKrMountPointO>(node->oData);
+        const std::string entry = std::string(mount->pstrSpecial) + " " + mount->pstrName;
+        if (std::count(entry.begin(), entry.end(), ' ') == 1) found.push_back(entry);
+        struct statvfs system = {};
+        if (mount->pstrFsType == nullptr || statvfs(mount->pstrName, &system) != 0) continue;
+        EXPECT_EQ(mount->llTotalSize,
+                  static_cast<int64>(uint64{system.f_frsize} * system.f_blocks));
+        EXPECT_EQ(mount->llTotalInodes, static_cast<int64>(system.f_files)) << entry;
+        EXPECT_LE(mount->llUsedSize, mount->llTotalSize) << entry;
+        EXPECT_GE(mount->llUsedSize, 0) << entry;
+    }
+    // The other account of the same table: six fields, options up to a lone "-", type and device.
+    Texts expected;
+    std::ifstream info("/proc/self/mountinfo");
+    for (std::string line; std::getline(info, line);) {
+        const Texts fields = Split(line, ' ');
+        const auto end = std::find(fields.begin() + 6, fields.end(), "-");
+        const std::string entry = end[2] + " " + fields[4];
+        if (entry.find('\\') == std::string::npos) expected.push_back(entry);
+    }
+    EXPECT_FALSE(expected.empty());
+    EXPECT_EQ(found, expected);
+}
