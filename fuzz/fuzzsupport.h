@@ -1,0 +1,54 @@
+// What the fuzzers share.
+#pragma once
+
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <vector>
+
+#include "core/context.h"
+#include "core/list.h"
+#include "core/objwalk.h"
+#include "core/tree.h"
+
+inline struct sigaction g_previousHandler;
+
+// The forced stop sends SIGSEGV to the own process: an answer, not a finding. Real faults go on to
+// the handler that reports them.
+inline void PassForcedStop(int signal, siginfo_t* info, void* context) {
+    if (info->si_code <= 0 && info->si_pid == getpid()) return;
+    if ((g_previousHandler.sa_flags & SA_SIGINFO) != 0) {
+        g_previousHandler.sa_sigaction(signal, info, context);
+    }
+    std::abort();
+}
+
+inline void FuzzInitialize(const char* home) {
+    setenv("KRHOME", home, 1);
+    if (ContextInitialize() != TRUE) std::abort();
+    TraceSetBuffer(nullptr);  // what is traced is not looked at
+    struct sigaction pass = {};
+    pass.sa_flags = SA_SIGINFO;
+    pass.sa_sigaction = PassForcedStop;
+    sigaction(SIGSEGV, &pass, &g_previousHandler);
+}
+
+inline ObjWalkResultE CollectObject(void* pCookie, void** poVisited) {
+    int32 lMagic = 0;
+    if (ObjGetMagic(*poVisited, &lMagic) != TRUE) return eObjWalkResultAbort;
+    if (lMagic != ListNodeMagic && lMagic != TreeNodeMagic) {
+        ObjIncRefCount(*poVisited);
+        static_cast<std::vector<void*>*>(pCookie)->push_back(*poVisited);
+    }
+    return eObjWalkResultContinue;
+}
+
+// Releases a graph also where its objects hold each other.
+inline void ReleaseGraph(void* oRoot) {
+    std::vector<void*> objects;
+    ObjWalk(&oRoot, CollectObject, &objects, nullptr);
+    for (void* o : objects) ObjReleaseContents(o);
+    for (void* o : objects) ObjReleaseInternal(&o);
+    ObjReleaseInternal(&oRoot);
+}
