@@ -44,3 +44,20 @@ void ProcCrash(BooleanT bForce);
 
 // The identifier of this process; 0 when it has none.
 ProcIdT ProcGetId();
+
+// The published reference time (kilntime.h); null in a process without shared memory.
+void* ProcGetKilnTimeArea();
+
+// --- starting programs ---
+
+using ProcRealIdT = int32;  // identifier that the operating system gives a process
+using ProcActualHandleT = ProcRealIdT;
+
+// Starts a program, looked up on the command search path when its path has no directory, with its
+// base name and the given texts (at most 18; the list ends with nullptr) as arguments and standard
+// output and error on /dev/null. Does not wait: *ptProcessId is the caller's to wait for. With a
+// null ptProcessId nobody waits: the library collects the child some time after its end. FALSE when
+// the program may not be executed or no process can be made; a program that turns out not to run
+// ends with status 127.
+BooleanT ProcStartProcessWithArgs(ProcActualHandleT* ptProcessId, const char* pstrProgramPath, ...)
+    __attribute__((sentinel));
