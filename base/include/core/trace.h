@@ -148,7 +148,42 @@ int32 TraceOldestMessage(TraceBufHeaderT* pSourceBuffer);
 BooleanT TraceWalkBuffer(TraceBufHeaderT* pSourceBuffer, TraceCallbackFnT pfnCallback,
                          void* pArgument);
 
-// --- shared with the writer of trace files and dumps ---
+// --- trace files (docs/tracing.md) ---
+
+// "Trace To File" of "Trace" in "configure.cfg".
+BooleanT TraceEnabled();
+
+// Writes every recorded message as a line to a file of that name in the trace directory, beginning
+// with what a shared buffer holds already. With "Lines per File" set there are numbered files, each
+// begun by a block of lines about the machine; a file that is full is closed and packed in the
+// background by the archive tool of the home directory. An empty name or null ends the file and the
+// sink. TRUE when a file was opened. A name with "%" in it is refused, with nothing changed.
+BooleanT TraceToFileNoConfig(const char* pstrFile);
+BooleanT TraceToFile(const char* pstrFile);  // TRUE, with nothing done, unless TraceEnabled
+
+// "Trace" of "Directories" in "configure.cfg", else "trace" in the home directory; the caller's.
+BooleanT TraceGetHomeDir(char** ppstrTraceDirectory);
+
+// From now on lines reach the device before a message returns, until the file is closed. FALSE when
+// no file is open.
+BooleanT TraceSynchronous();
+
+// --- dumps: the records of a buffer as they lie there, newest first, behind four lines of text ---
+
+// Dumps the buffer in use from the record at pStart (null: the oldest) to the newest. Without a
+// path the file gets the next free name in the home directory's "dump". Returns the path, the
+// caller's, also when the file could not be written; null for a buffer that is not valid or not
+// pStart's.
+char* TraceDump(const TracePositionT* pStart, const char* pOutputPath, const char* pFirstLine);
+// The same with the whole of any buffer, such as that of another process.
+char* TraceDumpBuffer(TraceBufHeaderT* pHeader, const char* pstrOutputPath,
+                      const char* pstrFirstLine, ProcIdT tOwner);
+
+// A new string object, the caller's, with a header line and one line per record, oldest first.
+// FALSE, without an object, when there is none to write.
+BooleanT TraceDumpToString(ObjStringO* poString, const TracePositionT* ptStart);
+
+// --- shared by the sources of the trace ---
 
 BooleanT TraceCurrentValid(const TraceBufHeaderT* ptHeader);
 void TraceSetBufferInternal(TraceBufHeaderT* pHeader);
@@ -165,6 +200,25 @@ int32 TraceTime(int32 lTime);
 // all of it went out.
 BooleanT TraceToFD(const char* pBuffer, int32 lSize, int iFD);
 BooleanT TraceToFP(const char* pBuffer, int32 lSize, FILE* ptFILE);
+
+constexpr int32 TraceSequenceAfter(int32 lSequence) {
+    return static_cast<uint32>(lSequence) >= TraceSequenceMax ? 0 : lSequence + 1;
+}
+
+void TraceCloseFile();    // closes the trace file, if one is open, and has it packed
+void TraceFileRelease();  // the same at the end of the process
+
+// Record nothing while it lives.
+class TraceDisabler {
+ public:
+    TraceDisabler() : m_bPrevious(gptTraceState->bDisabled) { gptTraceState->bDisabled = TRUE; }
+    ~TraceDisabler() { gptTraceState->bDisabled = m_bPrevious; }
+    TraceDisabler(const TraceDisabler&) = delete;
+    TraceDisabler& operator=(const TraceDisabler&) = delete;
+
+ private:
+    BooleanT m_bPrevious;
+};
 
 // --- the entry of each source unit ---
 

@@ -15,6 +15,7 @@
 #include <ctime>
 
 #include "core/context.h"
+#include "core/kilntime.h"
 
 TesselContextTraceS* const gptTraceState = &gtTlContext.sTrace;
 
@@ -63,10 +64,6 @@ bool TraceSequenceValid(int32 lSequence) {
     return static_cast<uint32>(lSequence) <= TraceSequenceMax;
 }
 
-int32 TraceSequenceAfter(int32 lSequence) {
-    return static_cast<uint32>(lSequence) >= TraceSequenceMax ? 0 : lSequence + 1;
-}
-
 // End of the record at lOffset, in 64 bits: its size may be anything in a damaged buffer.
 int64 TraceRecordEnd(const TraceBufHeaderT* ptHeader, int32 lOffset) {
     return static_cast<int64>(lOffset) + TraceRecordAt(ptHeader, lOffset)->lSize;
@@ -80,12 +77,11 @@ int32 TraceTextCapacity(int32 lBufferSize) {
     return std::min(lBufferSize - TraceHeaderSize - 1, (lBufferSize & ~7) - TraceHeaderSize);
 }
 
-int32 TraceClock() { return static_cast<int32>(std::time(nullptr)); }
-
-void TraceFileClose(TesselContextTraceS& tTrace) {
-    if (tTrace.tFd < 0) return;
-    close(tTrace.tFd);
-    tTrace.tFd = -1;
+// Seconds for a record's stamp: the reference time where that is asked for and known.
+int32 TraceClock() {
+    TimeT tReference = 0;
+    if (gtTlContext.sTrace.bUseKilnTime == TRUE && KilnTime(&tReference) == TRUE) return tReference;
+    return static_cast<int32>(std::time(nullptr));
 }
 
 // Builds a record's line in pBuffer; the result is its length, cut to what the buffer takes.
@@ -123,7 +119,7 @@ BooleanT TraceInitializeThread(TesselContextT* ptTlContext) {
 void TraceReleaseThread(TesselContextT* ptTlContext) {
     TesselContextTraceS& tTrace = ptTlContext->sTrace;
     // A record that was never filled has descriptor 0, which is not the trace's to close.
-    if (tTrace.ptInternalTraceBuffer != nullptr) TraceFileClose(tTrace);
+    if (tTrace.ptInternalTraceBuffer != nullptr) TraceFileRelease();
     tTrace.ptBufHeader = nullptr;
     tTrace.ptBuffer = nullptr;
     tTrace.pfnTraceCallback = nullptr;
@@ -216,7 +212,7 @@ TraceLevelE TraceSetLevel(TraceLevelE eNewLevel) {
 }
 
 void TraceSetCallback(TraceCallbackFnT pfnCallback) {
-    TraceFileClose(gtTlContext.sTrace);
+    TraceCloseFile();
     gtTlContext.sTrace.pfnTraceCallback = pfnCallback;
 }
 
