@@ -1,7 +1,8 @@
 # Thin front of the build: what a target does stands in scripts/ and CMakePresets.json.
 #
 #   make                  the tool (build/bin/zlibcompress), the library (build/lib/libtessel.a), tests
-#   make run              packs and unpacks 100 MB of this machine's files and checks every byte
+#   make run              packs and unpacks 100 MB of this machine's files and checks every byte;
+#                         then traces 100,000 lines into rotating files and finds every one again
 #   make test             all tests
 #   make bench            all comparisons; BENCH="alloc list" for some of them
 #   make fuzz             every fuzzer for FUZZ_SECONDS
@@ -21,7 +22,8 @@ all:
 	@scripts/setup.sh build test && scripts/build.sh release
 
 run:
-	@scripts/setup.sh build test && scripts/build.sh release zlibcompress && scripts/run.sh
+	@scripts/setup.sh build test && scripts/build.sh release zlibcompress tracing && scripts/run.sh && \
+		scripts/run-tracing.sh
 
 test: all
 	@$(CTEST) build

@@ -16,7 +16,7 @@ struct FileTmpDescriptorS {
 };
 using FileTmpDescriptorT = FileTmpDescriptorS*;
 
-// A new copy of the temporary directory's path.
+// "tmp" of "directories" in "configure.cfg", else "tmp" in the home directory; a new copy.
 char* FileGetTmpDir();
 
 // The name joined to the temporary directory as it was when the process first asked. Null for null.

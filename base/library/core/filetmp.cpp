@@ -8,6 +8,7 @@
 #include <charconv>
 #include <string_view>
 
+#include "core/cfg.h"
 #include "core/dirscan.h"
 #include "core/filebase.h"
 #include "core/filesys.h"
@@ -92,7 +93,12 @@ BooleanT FileTmpDeleteMatching(FileTmpDeletionT tDeletion) {
 
 }  // namespace
 
-char* FileGetTmpDir() { return PathHomeBuild("tmp", nullptr); }
+char* FileGetTmpDir() {
+    PoolPtr<char> pstrConfigured;
+    CfgGetString(pstrConfigured.Address(), "configure.cfg", "directories", "tmp", nullptr);
+    const bool bConfigured = pstrConfigured.Get() != nullptr && *pstrConfigured.Get() != '\0';
+    return bConfigured ? pstrConfigured.Take() : PathHomeBuild("tmp", nullptr);
+}
 
 char* FileTmpBuildPath(const char* pstrFileName) {
     if (pstrFileName == nullptr) return nullptr;

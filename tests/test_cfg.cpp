@@ -1,0 +1,390 @@
+// Configuration items in both layouts, byte-exact files after each change, the remote decision, and
+// many processes at one file.
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+
+#include "core/cfg.h"
+#include "core/cfglocal.h"
+#include "core/cfgtools.h"
+#include "core/cfgutil.h"
+#include "core/context.h"
+#include "core/list.h"
+#include "core/objwrappers.h"
+#include "core/stnzlist.h"
+#include "core/strbase.h"
+#include "core/task.h"
+#include "support/files.h"
+#include "support/leftovers.h"
+#include "support/objects.h"
+
+namespace {
+
+using Text = std::string;
+
+const Text ConfigDir = TestHome() + "/config";
+constexpr char File[] = "test.cfg";
+
+class Cfg : public ObjectTest {
+ protected:
+    Cfg() { mkdir(ConfigDir.c_str(), 0700); }
+    static void Write(const Text& content) { WriteFile(ConfigDir + "/" + File, content); }
+    static Text Read() { return ReadFile(ConfigDir + "/" + File); }
+};
+
+// The strings of a list that the caller holds, each followed by "|"; "-" for a null string.
+Text Taken(ListO oList) {
+    Text all;
+    for (ListNodeO oNode = oList == nullptr ? nullptr : oList->oFirst; oNode != nullptr;
+         oNode = oNode->oNext) {
+        const char* text = ObjGetString(static_cast<ObjStringO>(oNode->oData));
+        all += Text(text == nullptr ? "-" : text) + "|";
+    }
+    if (oList != nullptr) ObjRelease(&oList);
+    return all;
+}
+
+TEST_F(Cfg, TypedValues) {
+    Write(
+        "[Item]\nnumber=42\nbig=-9000000000\nyes=TrUe\nno=false\ntext=a!,b\nempty=\n"
+        "list=a, b ,,c\ntwice=1\ntwice=2\n[Item:number]\nshown=true\nvalue=43\n");
+    struct Case {
+        const char* keyword;
+        const char* string;  // value 1 as text
+        bool found;
+        int32 integer;  // -7 is the default, -8 stands before the call
+        bool converts;
+        BooleanT boolean;
+        bool isBoolean;
+    };
+    const Case cases[] = {
+        {"NUMBER", "43", true, 43, true, 5, false},
+        {"twice", "1", true, 1, true, 5, false},
+        {"big", "-9000000000", true, -8, false, 5, false},
+        {"yes", "TrUe", true, -8, false, TRUE, true},
+        {"no", "false", true, -8, false, FALSE, true},
+        {"text", "a,b", true, -8, false, 5, false},
+        {"empty", "<null>", true, 0, true, 5, false},
+        {"missing", "dflt", false, -7, false, 6, false},
+    };
+    for (const Case& expected : cases) {
+        SCOPED_TRACE(expected.keyword);
+        const char* keyword = expected.keyword;
+        char* string = nullptr;
+        EXPECT_EQ(CfgGetString(&string, File, "item", keyword, "dflt"),
+                  BooleanFrom(expected.found));
+        EXPECT_EQ(Owned(string), expected.string);
+        int32 integer = -8;
+        EXPECT_EQ(CfgGetInteger(&integer, File, "item", keyword, -7),
+                  BooleanFrom(expected.converts));
+        EXPECT_EQ(integer, expected.integer);
+        BooleanT boolean = 5;
+        EXPECT_EQ(CfgGetBoolean(&boolean, File, "item", keyword, 6),
+                  BooleanFrom(expected.isBoolean));
+        EXPECT_EQ(boolean, expected.boolean);
+
+        // The same from the list in memory.
+        ObjHolder<ListS> oList;
+        ASSERT_EQ(CfgGetStanzaList(oList.Address(), File), TRUE);
+        integer = -8;
+        EXPECT_EQ(CfgGetIntegerFromList(oList.Get(), "ITEM", keyword, &integer, -7),
+                  BooleanFrom(expected.converts));
+        EXPECT_EQ(integer, expected.integer);
+        boolean = 5;
+        EXPECT_EQ(CfgGetBooleanFromList(oList.Get(), "ITEM", keyword, &boolean, 6),
+                  BooleanFrom(expected.isBoolean));
+        EXPECT_EQ(boolean, expected.boolean);
+    }
+    int64 wide = 0;
+    EXPECT_EQ(CfgGetInt64(&wide, File, "item", "big", 1), TRUE);
+    EXPECT_EQ(wide, -9000000000);
+    EXPECT_EQ(CfgGetInt64(&wide, "nofile.cfg", "item", "big", 1), FALSE);
+    EXPECT_EQ(wide, 1);
+    ListO oValues = nullptr;
+    EXPECT_EQ(CfgGetValueList(&oValues, File, "item", "list"), TRUE);
+    EXPECT_EQ(Taken(oValues), "a|b|-|c|");
+    EXPECT_EQ(CfgGetValueList(&oValues, File, "item", "missing"), FALSE);
+    StnzKeyT* key = nullptr;
+    EXPECT_EQ(CfgGetKey(File, "Item", "TWICE", &key), TRUE);
+    EXPECT_STREQ(key->pstrKeyword, "TWICE");  // as the caller spells it
+    StnzReleaseKey(&key);
+    // Null arguments are no items.
+    EXPECT_EQ(CfgGetInteger(nullptr, File, "item", "number", 1), FALSE);
+    EXPECT_EQ(CfgGetInt64(&wide, nullptr, "item", "number", 2), FALSE);
+    EXPECT_EQ(CfgGetInt64(&wide, File, nullptr, nullptr, 3), FALSE);
+    EXPECT_EQ(wide, 3);
+}
+
+TEST_F(Cfg, WritingKeepsTheLayout) {
+    Write("[A]\nx=1\ny=2\n# comment\n[A:Shown]\nlabel=L\nvalue=old\n");
+    const Text shown = "[A:Shown]\nlabel=L\nvalue=";
+    EXPECT_EQ(CfgSetInteger(File, "A", "X", -5), TRUE);
+    EXPECT_EQ(Read(), "[A]\ny=2\nX=-5\n\n" + shown + "old\n");
+    EXPECT_EQ(CfgSetString(File, "a", "shown", " !,\n"), TRUE);
+    EXPECT_EQ(Read(), "[A]\ny=2\nX=-5\n\n" + shown + "! !!!,!n\n\n");
+    char* value = nullptr;
+    EXPECT_EQ(CfgGetString(&value, File, "A", "Shown", nullptr), TRUE);
+    EXPECT_EQ(Owned(value), " !,\n");
+    EXPECT_EQ(CfgSetBoolean(File, "A", "y", TRUE), TRUE);
+    EXPECT_EQ(CfgSetInt64(File, "New", "n", 1LL << 40), TRUE);
+    EXPECT_EQ(Read(), "[A]\nX=-5\ny=true\n\n" + shown + "! !!!,!n\n\n[New]\nn=1099511627776\n\n");
+    // Value lists; and a file that is made.
+    ObjHolder<ListS> oList(ListNew(ObjStringMagic));
+    for (const char* text : {"a,b", "", "c"}) {
+        ObjStringO oText = ObjStringNew(text);
+        ListPushLastItem(oList.Get(), &oText);
+    }
+    unlink((ConfigDir + "/" + File).c_str());
+    EXPECT_EQ(CfgSetValueList(File, "T", "k", oList.Get()), TRUE);
+    EXPECT_EQ(Read(), "[T]\nk=a!,b,,c\n\n");
+    struct stat status = {};
+    EXPECT_EQ(stat((ConfigDir + "/" + File).c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0644U);
+    EXPECT_EQ(CfgSetString(nullptr, "T", "k", "v"), FALSE);
+    EXPECT_EQ(CfgSetString(File, nullptr, "k", "v"), FALSE);
+    EXPECT_EQ(CfgSetString(File, "T", nullptr, "v"), FALSE);
+    EXPECT_EQ(CfgSetString("nodir/x.cfg", "T", "k", "v"), FALSE);
+}
+
+TEST_F(Cfg, KeysAndValuesOfPlainStanzas) {
+    Write("[S]\nk=a,A,a\nl=1\nk=second\n");
+    EXPECT_EQ(CfgAddValueToKey(File, "s", "K", "new"), TRUE);
+    EXPECT_EQ(Read(), "[S]\nl=1\nk=second\nk=a,A,a,new\n\n");
+    EXPECT_EQ(CfgAddValueToKey(File, "s", "fresh", "v"), TRUE);
+    EXPECT_EQ(CfgAddValueToKey(File, "other", "k", "v"), FALSE);
+    EXPECT_EQ(CfgRemoveKey(File, "s", "k"), TRUE);
+    EXPECT_EQ(Read(), "[S]\nl=1\nk=a,A,a,new\nfresh=v\n\n");
+    EXPECT_EQ(CfgRemoveValueFromKey(File, "s", "k", "a"), TRUE);
+    EXPECT_EQ(Read(), "[S]\nl=1\nk=A,new\nfresh=v\n\n");
+    EXPECT_EQ(CfgRemoveValueFromKey(File, "s", "k", "a"), FALSE);
+    EXPECT_EQ(CfgRemoveKey(File, "s", "missing"), FALSE);
+    EXPECT_EQ(CfgRemoveKey(File, "other", "k"), FALSE);
+}
+
+TEST_F(Cfg, EntriesOfDisplayableLists) {
+    Write("[L:list]\nlabel=x\nvalue=One,two\n");
+    ListO oList = nullptr;
+    EXPECT_EQ(CfgAddEntryToValueList(&oList, File, "L", "list", "one", TRUE, FALSE), TRUE);
+    EXPECT_EQ(Taken(oList), "One|two|one|");
+    EXPECT_EQ(CfgAddEntryToValueList(&oList, File, "L", "list", "TWO", TRUE, TRUE), FALSE);
+    EXPECT_EQ(CfgAddEntryToValueList(nullptr, File, "L", "list", "one", FALSE, FALSE), TRUE);
+    EXPECT_EQ(Read(), "[L:list]\nlabel=x\nvalue=One,two,one,one\n\n");
+    EXPECT_EQ(CfgRemoveEntryFromValueList(&oList, File, "L", "list", "ONE", FALSE), FALSE);
+    EXPECT_EQ(CfgRemoveEntryFromValueList(&oList, File, "L", "list", "ONE", TRUE), TRUE);
+    EXPECT_EQ(Taken(oList), "two|one|one|");
+    EXPECT_EQ(CfgRemoveEntryFromValueList(nullptr, File, "L", "list", "one", FALSE), TRUE);
+    EXPECT_EQ(Read(), "[L:list]\nlabel=x\nvalue=two,one\n\n");
+    EXPECT_EQ(CfgAddEntryToValueList(nullptr, File, "M", "m", "first", TRUE, FALSE), TRUE);
+    EXPECT_EQ(Read(), "[L:list]\nlabel=x\nvalue=two,one\n\n[M:m]\nvalue=first\n\n");
+
+    // A text with several values in the first string of a list.
+    ObjHolder<ListS> oTexts(ListNew(ObjStringMagic));
+    ObjStringO oText = ObjStringNew("a, b!,c ,,d");
+    ListPushLastItem(oTexts.Get(), &oText);
+    EXPECT_EQ(CfgParseValueList(&oList, oTexts.Get()), TRUE);
+    EXPECT_EQ(Taken(oList), "a|b,c|-|d|");
+}
+
+TEST_F(Cfg, WholeStanzas) {
+    Write("[A]\na=1\n[C:B]\nb=2\n[A]\na=3\n");
+    StnzT* stanza = nullptr;
+    ASSERT_EQ(CfgGetStanza(&stanza, File, "a"), TRUE);
+    EXPECT_STREQ(StnzKeyValue(stanza->apKeys[0], 1), "1");
+    EXPECT_EQ(CfgReplaceStanza(stanza, File), TRUE);
+    EXPECT_EQ(Read(), "[A]\na=1\n\n[C:B]\nb=2\n\n");
+    EXPECT_EQ(CfgAddStanza(stanza, File), TRUE);
+    EXPECT_EQ(Read(), "[A]\na=1\n\n[C:B]\nb=2\n\n[A]\na=1\n\n");
+    StnzRelease(&stanza);
+    ObjHolder<ListS> oList;
+    ASSERT_EQ(CfgGetStanzaList(oList.Address(), File), TRUE);
+    EXPECT_EQ(CfgRemoveStanza(nullptr, "A", File), TRUE);
+    EXPECT_EQ(Read(), "[C:B]\nb=2\n");
+    EXPECT_EQ(CfgGetStanza(&stanza, File, "A"), FALSE);
+    EXPECT_EQ(CfgReplaceStanzaList(File, oList.Get()), TRUE);
+    EXPECT_EQ(Read(), "[A]\na=1\n\n[C:B]\nb=2\n\n[A]\na=1\n\n");
+    EXPECT_EQ(CfgGetStanzaList(oList.Address(), ""), FALSE);
+}
+
+// A request is another machine's only when the task says so and the file has a map file.
+TEST_F(Cfg, RemoteDecision) {
+    Write("[S]\nk=local\n");
+    mkdir((ConfigDir + "/map").c_str(), 0700);
+    const Text map = ConfigDir + "/map/" + File + ".map";
+    auto* oDetails = ObjNew<CfgUtilRemoteConfigDetailsS>(CfgUtilRemoteConfigDetailsMagic, "s;s;o;");
+    auto* oTask = ObjNew<TaskContextS>(TaskContextMagic, "s;i;i;o;o;");
+    void* oExtra = nullptr;
+    ASSERT_EQ(ListSetExtensionItem(&oExtra, oDetails), TRUE);
+    oTask->oExtraObjects = static_cast<ListO>(oExtra);
+    struct Case {
+        bool task;
+        const char* server;
+        const char* client;
+        bool mapFile;
+        bool remote;
+    };
+    const Case cases[] = {
+        {true, "server", "client", true, true},   {true, "server", "client", false, false},
+        {false, "server", "client", true, false}, {true, "", "client", true, false},
+        {true, "server", nullptr, true, false},
+    };
+    for (const Case& expected : cases) {
+        gtTlContext.sProcess.oTaskContext = expected.task ? oTask : nullptr;
+        MemFree(&oDetails->pstrServer);
+        MemFree(&oDetails->pstrClient);
+        oDetails->pstrServer = StrDuplicate(expected.server);
+        oDetails->pstrClient = StrDuplicate(expected.client);
+        unlink(map.c_str());
+        if (expected.mapFile) WriteFile(map, "");
+        char* client = nullptr;
+        char* server = nullptr;
+        EXPECT_EQ(CfgUtilDoRemote(&client, &server, File, nullptr), BooleanFrom(expected.remote));
+        EXPECT_EQ(Owned(client), expected.remote ? "client" : "<null>");
+        EXPECT_EQ(Owned(server), expected.remote ? "server" : "<null>");
+        // Nothing of this machine's is given out for another's.
+        char* value = nullptr;
+        EXPECT_EQ(CfgGetString(&value, File, "S", "k", "default"), BooleanFrom(!expected.remote));
+        EXPECT_EQ(Owned(value), expected.remote ? "default" : "local");
+    }
+    gtTlContext.sProcess.oTaskContext = nullptr;
+    unlink(map.c_str());
+    ObjRelease(&oDetails);
+    ObjRelease(&oTask);
+}
+
+TEST_F(Cfg, Tools) {
+    char* text = nullptr;
+    EXPECT_EQ(CfgGetTesselVersion(&text), FALSE);
+    for (const auto& [content, version] : std::initializer_list<std::pair<Text, Text>>{
+             {"release 6.3\nnext", "release 6.3"},
+             {"no line end", "no line end"},
+             {Text(2000, 'x'), Text(1023, 'x')}}) {
+        WriteFile(TestHome() + "/RELEASEDEF", content);
+        EXPECT_EQ(CfgGetTesselVersion(&text), TRUE);
+        EXPECT_EQ(Owned(text), version);
+    }
+    unlink((TestHome() + "/RELEASEDEF").c_str());
+
+    const Text page = "[Configurator]\nPage Name=";
+    WriteFile(ConfigDir + "/configure.cfg", page + "General\nPage Name Id=7\n");
+    WriteFile(ConfigDir + "/brisk.cfg", page + "General\nAdd Scrollbars=true\n");
+    WriteFile(ConfigDir + "/version.cfg", page + "Encryption\nAdd Scrollbars=true\n");
+    WriteFile(ConfigDir + "/programs.cfg", "[Configurator]\n");
+    WriteFile(ConfigDir + "/unknown.cfg", page + "Unknown\n");
+    for (const bool safe : {false, true}) {
+        ListO oPages = nullptr;
+        ASSERT_EQ(safe ? CfgGetSafeRemotePages(&oPages) : CfgGetPages(&oPages), TRUE);
+        EXPECT_EQ(oPages->lItemCount, safe ? 1 : 2);
+        int found = 0;
+        for (ListNodeO oNode = oPages->oFirst; oNode != nullptr; oNode = oNode->oNext) {
+            const auto* oPage = static_cast<CfgPageO>(oNode->oData);
+            if (Text(oPage->pstrPageName) != "General") continue;
+            found++;
+            EXPECT_EQ(oPage->oFileNames->lItemCount, 2);
+        }
+        EXPECT_EQ(found, 1);
+        ObjRelease(&oPages);
+    }
+    for (const char* name : {"configure.cfg", "brisk.cfg", "version.cfg", "programs.cfg"})
+        unlink((ConfigDir + "/" + name).c_str());
+}
+
+// --- many processes ---
+
+constexpr int Processes = 8;
+
+struct Ledger {  // what each process knows that it has done, shared with the test
+    int counter[Processes];
+    int entries[Processes];
+    int wrong[Processes];
+    int reads[Processes];
+};
+
+const Text Filler(600, 'f');
+
+// TRUE when the file is whole: every process's stanza is there with its filler.
+bool FileIsWhole() {
+    ObjHolder<ListS> oList;
+    if (CfgGetStanzaList(oList.Address(), "shared.cfg") != TRUE) return false;
+    for (int process = 0; process < Processes; process++) {
+        char* filler = nullptr;
+        StnzListGetString(&filler, oList.Get(), nullptr,
+                          ("P" + std::to_string(process)).c_str(), "filler", nullptr);
+        if (Owned(filler) != Filler) return false;
+    }
+    return true;
+}
+
+void Work(Ledger* ledger, int process, std::chrono::steady_clock::time_point end) {
+    const Text title = "P" + std::to_string(process);
+    for (int round = 1; std::chrono::steady_clock::now() < end; round++) {
+        const Text entry = title + "-" + std::to_string(round);
+        int32 counter = -1;
+        bool good = CfgGetInteger(&counter, "shared.cfg", title.c_str(), "counter", -1) == TRUE &&
+                    counter == ledger->counter[process];
+        if (CfgSetInteger("shared.cfg", title.c_str(), "counter", round) == TRUE)
+            ledger->counter[process] = round;
+        else
+            good = false;
+        good = good && CfgAddEntryToValueList(nullptr, "shared.cfg", "Lists", "all", entry.c_str(),
+                                              TRUE, FALSE) == TRUE;
+        if (round % 4 != 0)
+            good = good && CfgRemoveEntryFromValueList(nullptr, "shared.cfg", "Lists", "all",
+                                                       entry.c_str(), FALSE) == TRUE;
+        else
+            ledger->entries[process]++;
+        const Text temporary = "T" + title;
+        good = good && CfgSetString("shared.cfg", temporary.c_str(), "k", entry.c_str()) == TRUE &&
+               CfgRemoveStanza(nullptr, temporary.c_str(), "shared.cfg") == TRUE && FileIsWhole();
+        ledger->reads[process]++;
+        if (!good) ledger->wrong[process]++;
+    }
+}
+
+TEST_F(Cfg, NoUpdateOfManyProcessesIsLost) {
+    Text content;
+    for (int process = 0; process < Processes; process++) {
+        content += "[P" + std::to_string(process) + "]\nfiller=" + Filler + "\ncounter=0\n\n";
+    }
+    WriteFile(ConfigDir + "/shared.cfg", content);
+    auto* ledger = static_cast<Ledger*>(mmap(nullptr, sizeof(Ledger), PROT_READ | PROT_WRITE,
+                                             MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    ASSERT_NE(ledger, MAP_FAILED);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    std::vector<pid_t> children;
+    for (int process = 0; process < Processes; process++) {
+        const pid_t child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            Work(ledger, process, end);
+            _exit(0);
+        }
+        children.push_back(child);
+    }
+    for (const pid_t child : children) {
+        int status = -1;
+        EXPECT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_EQ(status, 0);
+    }
+    int expectedEntries = 0;
+    for (int process = 0; process < Processes; process++) {
+        int32 counter = -1;
+        const Text title = "P" + std::to_string(process);
+        EXPECT_EQ(CfgGetInteger(&counter, "shared.cfg", title.c_str(), "counter", -1), TRUE);
+        EXPECT_EQ(counter, ledger->counter[process]);
+        EXPECT_EQ(ledger->wrong[process], 0);
+        EXPECT_GT(ledger->reads[process], 0);
+        expectedEntries += ledger->entries[process];
+    }
+    ListO oEntries = nullptr;
+    const BooleanT found = CfgGetValueList(&oEntries, "shared.cfg", "Lists", "all");
+    EXPECT_EQ(found == TRUE ? oEntries->lItemCount : 0, expectedEntries);
+    if (oEntries != nullptr) ObjRelease(&oEntries);
+    EXPECT_TRUE(FileIsWhole());
+    munmap(ledger, sizeof(Ledger));
+}
+
+}  // namespace
