@@ -40,32 +40,48 @@ constexpr OBJ_TAG FileStreamTagPathName = 0;
 constexpr OBJ_TAG FileStreamTagOpenMode = 1;
 constexpr OBJ_TAG FileStreamTagLocking = 2;
 
-// Opens without a lock. *poHandle, which FileStreamClose releases, changes on success only.
+// Opens without a lock. *poHandle, which FileStreamClose releases, changes on success only. A
+// directory cannot be opened.
 BooleanT FileStreamOpen(FileStreamO* poHandle, const char* pstrPathName, FileModeT tOpenMode);
 
-// The same with the arguments as tags: OBJ_TAG_BEGIN, pairs of tag and value, OBJ_TAG_END. With
-// FileStreamTagLocking TRUE it waits for the lock, exclusive for read-write modes and shared for
-// the others, which is held until the stream is closed; in the modes that write to the file itself
-// that file is locked too, exclusively. The lock file is made when missing and stays.
-BooleanT FileStreamOpenTags(FileStreamO* poHandle, OBJ_TAG tFirstTag, ...);
+// The same with the arguments as a record. With bLocking TRUE it waits for the lock, exclusive for
+// read-write modes and shared for the others, which is held until the stream is closed; in the
+// modes that write to the file itself that file is locked too, exclusively. The lock file is made
+// when missing and stays. As a process holds its locks as one, a path must not be opened with a
+// lock a second time while it is open: the first close would end both locks.
+FileStreamOpenArgsO FileStreamOpenArgsNew();
+BooleanT FileStreamOpenInternal(FileStreamO* poHandle, FileStreamOpenArgsO oArgs);
+
+// The same with the arguments as tags: OBJ_TAG_BEGIN, pairs of tag and value, OBJ_TAG_END.
+template <class... A>
+BooleanT FileStreamOpenTags(FileStreamO* poHandle, OBJ_TAG tFirstTag, A... tTags) {
+    ObjHolder<FileStreamOpenArgsS> oArgs(FileStreamOpenArgsNew());
+    ObjSetFromTags(oArgs.Get(), tFirstTag, tTags...);
+    return FileStreamOpenInternal(poHandle, oArgs.Get());
+}
 
 // Completes a rewrite under way, closes everything and clears the handle. FALSE when not all that
-// was written reached the file; an incomplete rewrite then leaves the old file.
+// was written reached the file; an incomplete rewrite then leaves the old file. A stream that is
+// only released, without this, drops its rewrite.
 BooleanT FileStreamClose(FileStreamO* poHandle);
 
 BooleanT FileStreamGetPath(const char** ppstrPath, FileStreamO oHandle);  // stays the stream's
 
 // --- writing in read-write modes; FALSE, with nothing done, in any other mode ---
 
+// Both finish what is being written first.
 BooleanT FileStreamStartAppend(FileStreamO oHandle);   // output goes to the end of the file
 BooleanT FileStreamStartRewrite(FileStreamO oHandle);  // output goes to a new, empty file
-// Finishes the append or rewrite; the input stands at the start of the file as it then is. FALSE,
-// with the file as it was before the rewrite, when not all of it could be written.
+// Finishes the append or rewrite; the input stands at the start of the file as it then is. A new
+// file is on the device before it takes the place of the old one, whose permission bits it gets.
+// FALSE without an output and when not all could be written or put in place; after a rewrite the
+// file is then as it was.
 BooleanT FileStreamCloseOutput(FileStreamO oHandle);
-BooleanT FileStreamCancelRewrite(FileStreamO oHandle);  // leaves the file as it was
+// Leaves the file as it was; the input stands at its start. FALSE without a rewrite.
+BooleanT FileStreamCancelRewrite(FileStreamO oHandle);
 
 // FALSE, traced, without an output, for a negative count, and when the bytes could not be written
-// (they are buffered, so that may show only when the output is finished).
+// (they are buffered, so that may show only when the output is finished, which then fails).
 BooleanT FileStreamWriteByte(FileStreamO oHandle, ByteT value);
 BooleanT FileStreamWrite(FileStreamO oHandle, const ByteT* ptBytes, int32 lCount);
 BooleanT FileStreamPrintF(FileStreamO oHandle, const char* pstrFormat, ...)
@@ -73,8 +89,18 @@ BooleanT FileStreamPrintF(FileStreamO oHandle, const char* pstrFormat, ...)
 
 // --- reading ---
 
+// The next byte, EOF at the end and on error; an interrupted read is repeated. For loops over the
+// bytes of pfInput.
+inline int FileStreamGetByte(FILE* pFile) {
+    while (true) {
+        const int iByte = getc_unlocked(pFile);
+        if (iByte != EOF || ferror_unlocked(pFile) == 0 || errno != EINTR) return iByte;
+        clearerr_unlocked(pFile);
+    }
+}
+
 BooleanT FileStreamReadByte(FileStreamO oHandle, ByteT* pValue);  // FALSE, and 0, at the end
-// Up to lReadLength bytes; at the end TRUE with a count of 0.
+// Up to lReadLength bytes; at the end TRUE with a count of 0. FALSE on a read error.
 BooleanT FileStreamRead(FileStreamO oHandle, void* pBuffer, int32 lReadLength,
                         std::size_t* plBytesRead);
 

@@ -2,6 +2,11 @@
 // line "keyword=value,value" is a key, every other line is passed over. "!" escapes: "!n" is a line
 // feed, "!" before any other character keeps that character. docs/formats.md has the whole form.
 //
+// Names and values are read by characters (strbase.h). Keywords, and category and title of stanzas
+// that a rewrite keeps, are written with escapes but read as they stand, so names with "!", "," or
+// blanks around them change. Carriage returns are passed over in reading and so is what follows a
+// zero byte in its line. A value that ends in a lone lead byte runs into what stands behind it.
+//
 // A stanza file handle is a cursor: the finds make a stanza or a key "current", and a find that
 // fails leaves everything as it was. The file is locked through the file named like it with ".lck"
 // behind it from open to close: shared for reading and appending, exclusive for updating. Changes
@@ -42,7 +47,8 @@ struct StnzDynamicListS {
 };
 using StnzDynamicListO = StnzDynamicListS*;
 
-// What one line says: a title line fills the first two, a key line the last two. Owned texts.
+// What one line says: a title line fills the first two, a key line the last two. The texts lie in
+// the buffer that the line was read into.
 struct StnzLineInfo {
     char* pstrCatagory;
     char* pstrTitle;
@@ -66,6 +72,10 @@ BooleanT StnzAddValues(StnzKeyT** ppKey, const char* pstrKeyword, const char* ps
 BooleanT StnzLineToKey(StnzKeyT** ppKey, const char* pstrLine);
 
 // --- handles ---
+//
+// FALSE for a null or closed handle, for a stanza that begins behind the first 2 GiB of the file,
+// and when reading the file fails: then neither a part of a list is loaded nor a part of a file
+// kept by a rewrite.
 
 BooleanT StnzOpenFile(StnzFileO* poStnzFile, const char* pstrPath, const int32 iOpenMode);
 // Completes a rewrite under way; FALSE when the file could not be completed.
@@ -94,7 +104,8 @@ BooleanT StnzFileLoadStanzaList(ListO* poList, StnzFileO oStnzFile);
 BooleanT StnzFileWriteStanza(StnzFileO oStnzFile, const StnzT* pStanza);
 BooleanT StnzFileAppendStanza(StnzFileO oStnzFile, const StnzT* pStanza);
 
-// Rewrites, in mode 516 only. A failure leaves the file as it was.
+// Rewrites, in mode 516 only. A failure leaves the file as it was. After a success nothing is
+// current, as the stanzas stand elsewhere. An empty category is written like none.
 BooleanT StnzFileRemoveStanza(StnzFileO oStnzFile, const char* pstrCatagory,
                               const char* pstrTitle);  // all of that name
 // In the place of the first stanza of that name, the others going; or at the end.
@@ -111,10 +122,13 @@ BooleanT StnzLoadStanzaListFromFile(ListO* poList, const char* pstrPath);
 BooleanT StnzLoadDynamicStanzaListFromFile(StnzDynamicListO* poList, const char* pstrPath);
 BooleanT StnzSaveStanzaListToFile(ListO oList, const char* pstrPath);
 BooleanT StnzSaveDynamicStanzaListToFile(StnzDynamicListO oDynamicList);
-BooleanT StnzAddStanzaToFile(StnzT* ptStanza, const char* pstrPathName);  // always appends
+// Appends, also when the file has a stanza of that name. What could not be written whole is cut off
+// again.
+BooleanT StnzAddStanzaToFile(StnzT* ptStanza, const char* pstrPathName);
 BooleanT StnzReplaceStanzaInFile(StnzT* ptStanza, const char* pstrPathName);
 BooleanT StnzRemoveStanzaFromFile(const char* pstrCatagory, const char* pstrTitle,
                                   const char* pstrPathName);
-// Takes the key over; a missing stanza is made. One lock from reading to rewriting.
+// Takes the key over once the file could be read; a missing stanza is made. One lock from reading
+// to rewriting.
 BooleanT StnzAddKeyToFile(const char* pstrPathName, const char* pstrCatagory, const char* pstrTitle,
                           StnzKeyT** pptKey, BooleanT bReplace);
