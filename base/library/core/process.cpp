@@ -26,3 +26,5 @@ void ProcCrash(BooleanT bForce) {
 }
 
 ProcIdT ProcGetId() { return gtTlContext.sProcess.tId; }
+
+void* ProcGetKilnTimeArea() { return gtTlContext.sProcess.ptKilnTime; }
