@@ -60,7 +60,8 @@ int main() {
     const bool bTracing = TraceToFile(tSettings.pstrTraceFile.Get()) == TRUE;
     TraceSetLevel(static_cast<TraceLevelE>(tSettings.lLevel));
     const int32 lRecorded = TraceLines(tSettings.lLines);
-    std::printf("%d lines recorded, trace file %s\n", lRecorded, bTracing ? "open" : "not open");
+    std::printf("%d lines recorded, trace file %s\n", lRecorded,
+                TraceTracingToFile() == TRUE ? "open" : "not open");
     TraceToFileNoConfig(nullptr);
     ContextReleaseThread();
     return bTracing ? 0 : 1;

@@ -1,0 +1,463 @@
+// Trace files as they lie in the trace directory, and dumps taken apart by their layout.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <regex>
+#include <sstream>
+#include <thread>
+
+#include "core/context.h"
+#include "core/kilntime.h"
+#include "core/objwrappers.h"
+#include "support/files.h"
+#include "support/leftovers.h"
+#include "support/objects.h"
+
+TRACE_MODULE("UNITTEST")
+
+namespace {
+
+using Text = std::string;
+using Lines = std::vector<Text>;
+
+const Text TraceDir = TestHome() + "/trace";
+const Text DumpDir = TestHome() + "/dump";
+const Text Tool = TestHome() + "/bin/zlibcompress";
+
+Lines LinesOf(const Text& content) {
+    Lines lines;
+    std::istringstream stream(content);
+    for (Text line; std::getline(stream, line);) lines.push_back(line);
+    return lines;
+}
+
+// Waits for another process to have done something.
+bool Eventually(const std::function<bool()>& condition) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > end) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
+
+class TraceFile : public ObjectTest {
+ protected:
+    TraceFile() {
+        for (const char* name : {"config", "bin"}) mkdir((TestHome() + "/" + name).c_str(), 0700);
+    }
+    ~TraceFile() override {
+        TraceToFileNoConfig(nullptr);
+        gtTlContext.sTrace.bUseKilnTime = FALSE;
+        for (const Text& dir : {TraceDir, DumpDir, TestHome() + "/bin", TestHome() + "/config"})
+            for (const Text& name : ListDir(dir)) unlink((dir + "/" + name).c_str());
+    }
+    void TearDown() override {
+        TraceToFileNoConfig(nullptr);
+        TraceFileRelease();
+        ObjectTest::TearDown();
+    }
+    static void Configure(const Text& trace, const Text& rest = "") {
+        WriteFile(TestHome() + "/config/configure.cfg", "[Trace]\n" + trace + rest);
+    }
+    static void InstallTool(const Text& script) {
+        WriteFile(Tool, "#!/bin/sh\n" + script);
+        chmod(Tool.c_str(), 0755);
+    }
+    static void TraceLines(int count) {
+        for (int line = 0; line < count; line++) TraceMessageInline(1, 0, 0, "line %d", line);
+    }
+    // The numbers of this test's own lines.
+    static std::vector<int> Numbers(const Text& content) {
+        std::vector<int> numbers;
+        for (const Text& line : LinesOf(content)) {
+            const std::size_t at = line.find(" line ");
+            if (at != Text::npos) numbers.push_back(std::stoi(line.substr(at + 6)));
+        }
+        return numbers;
+    }
+};
+
+// Every file holds exactly as many messages as are configured, block included.
+TEST_F(TraceFile, RotatesByNumberOfMessages) {
+    Configure("Lines per File=10\nTrace To File=true\n");
+    ASSERT_EQ(TraceToFile("job.log"), TRUE);
+    TraceLines(2500);
+    TraceToFileNoConfig("");
+    EXPECT_EQ(ListDir(TraceDir), (Lines{"job-000.log", "job-001.log", "job-002.log"}));
+    std::vector<int> all;
+    for (const Text& name : ListDir(TraceDir)) {
+        const Text content = ReadFile(TraceDir + "/" + name);
+        const Lines lines = LinesOf(content);
+        if (name != "job-002.log") EXPECT_EQ(lines.size(), 1000U) << name;
+        const char* const block[] = {
+            R"(0 TRACE   :\d{4,}    3   0 \d{6} \*\* Running on host '.+', Time now )"
+            R"('\d\d:\d\d:\d\d' on '\w{3} \d\d \w{3} \d{4}' \*\*)",
+            R"(0 TRACE   :\d{4,}    4   0 \d{6} \*\* Host OS 'Linux' version '.+' on '.+' )"
+            R"(hardware \*\*)",
+            R"(0 TRACE   :\d{4,}    5   0 \d{6} \*\* Server 'Unknown' KRVersion 6003 )"
+            R"(KRBuildLevel 0 Description '<no description>' \*\*)",
+            R"(0 TRACE   :\d{4,}    6   0 \d{6} \*\* KR Process Id '0' KR System Name '.+')",
+            R"(0 TRACE   :\d{4,}    7   0 \d{6} \*\* sizeof\(long\) = '[48]' \*\*)",
+            R"(0 TRACE   :\d{4,}    9   0 \d{6} \*\*)",
+        };
+        std::size_t next = 0;
+        for (const Text& line : lines)
+            if (next < std::size(block) && std::regex_match(line, std::regex(block[next]))) next++;
+        EXPECT_EQ(next, std::size(block)) << name;
+        EXPECT_TRUE(std::regex_match(lines[0], std::regex(block[0]))) << lines[0];
+        const std::vector<int> numbers = Numbers(content);
+        all.insert(all.end(), numbers.begin(), numbers.end());
+    }
+    ASSERT_EQ(all.size(), 2500U);
+    for (int line = 0; line < 2500; line++) EXPECT_EQ(all[static_cast<std::size_t>(line)], line);
+}
+
+TEST_F(TraceFile, NamesAndRefusals) {
+    struct Case {
+        const char* lines;
+        const char* name;
+        const char* file;  // null: refused
+    };
+    const Case cases[] = {
+        {"0", "plain.log", "plain.log"}, {"0", "noend", "noend"},
+        {"-5", "a.b.log", "a.b-000.log"}, {"1", "job", "job-000"},
+        {"0", "50%.log", nullptr},       {"1", "%03lu%n.log", nullptr},
+    };
+    for (const Case& expected : cases) {
+        SCOPED_TRACE(expected.name);
+        Configure(Text("Lines per File=") + expected.lines + "\n");
+        EXPECT_EQ(TraceToFileNoConfig(expected.name), BooleanFrom(expected.file != nullptr));
+        EXPECT_EQ(ListDir(TraceDir), expected.file != nullptr ? Lines{expected.file} : Lines{});
+        TraceToFileNoConfig(nullptr);
+        for (const Text& name : ListDir(TraceDir)) unlink((TraceDir + "/" + name).c_str());
+    }
+    Configure("Trace To File=FALSE\n");
+    EXPECT_EQ(TraceToFile("job.log"), TRUE);
+    EXPECT_EQ(TraceTracingToFile(), FALSE);
+    // A directory that cannot be made, one that is a file, and a link where the file should be.
+    for (const Text& directory : {TestHome() + "/no/such", TestHome() + "/config/configure.cfg"}) {
+        Configure("Trace To File=TRUE\n", "[Directories]\nTrace=" + directory + "\n");
+        EXPECT_EQ(TraceToFile("job.log"), FALSE);
+        EXPECT_EQ(TraceSynchronous(), FALSE);
+    }
+    Configure("");
+    WriteFile(TestHome() + "/precious", "kept");
+    ASSERT_EQ(symlink((TestHome() + "/precious").c_str(), (TraceDir + "/job.log").c_str()), 0);
+    EXPECT_EQ(TraceToFileNoConfig("job.log"), FALSE);
+    EXPECT_EQ(ReadFile(TestHome() + "/precious"), "kept");
+}
+
+TEST_F(TraceFile, KeepsGenerations) {
+    Configure("Lines per File=1000\nFiles to Keep=2\n");
+    ASSERT_EQ(TraceToFileNoConfig("job.log"), TRUE);
+    TraceLines(3500);
+    EXPECT_EQ(ListDir(TraceDir), (Lines{"job-002.log", "job-003.log"}));
+}
+
+TEST_F(TraceFile, HandsClosedFilesToTheTool) {
+    Configure("Lines per File=1000\n");
+    InstallTool("echo \"$*\" >> \"$KRHOME/calls\"\n");
+    ASSERT_EQ(TraceToFileNoConfig("job.log"), TRUE);
+    TraceLines(1000);
+    ASSERT_EQ(TraceToFileNoConfig("other"), TRUE);  // closes job-001.log
+    TraceToFileNoConfig(nullptr);
+    const Text calls = TestHome() + "/calls";
+    EXPECT_TRUE(Eventually([&] { return LinesOf(ReadFile(calls)).size() == 3; }));
+    Lines lines = LinesOf(ReadFile(calls));
+    std::sort(lines.begin(), lines.end());
+    const auto call = [](const Text& file, const Text& archive) {
+        return "-c " + TraceDir + "/" + file + " " + TraceDir + "/" + archive + " " + file + " -d";
+    };
+    EXPECT_EQ(lines, (Lines{call("job-000.log", "job-000.bin"), call("job-001.log", "job-001.bin"),
+                            call("other-000", "other-bin")}));
+    unlink(calls.c_str());
+}
+
+// A file that the tool has not finished with is not deleted as an old one.
+TEST_F(TraceFile, LeavesTheToolItsFile) {
+    Configure("Lines per File=1000\nFiles to Keep=1\n");
+    const Text go = TestHome() + "/go";
+    InstallTool("while [ ! -e \"$KRHOME/go\" ]; do sleep 0.01; done; rm \"$2\"\n");
+    ASSERT_EQ(TraceToFileNoConfig("job.log"), TRUE);
+    TraceLines(3000);
+    EXPECT_EQ(ListDir(TraceDir).size(), 4U);
+    TraceToFileNoConfig(nullptr);
+    WriteFile(go, "");
+    EXPECT_TRUE(Eventually([] { return ListDir(TraceDir).empty(); }));
+    unlink(go.c_str());
+}
+
+TEST_F(TraceFile, SynchronousAndReferenceTime) {
+    Configure("");
+    KilnTimeOffsetT reference = {};
+    reference.bHaveOffset = 1;
+    reference.llUTCOffset = 7200 * 1000;
+    ASSERT_EQ(TraceToFileNoConfig("job.log"), TRUE);
+    ASSERT_EQ(TraceSynchronous(), TRUE);
+    EXPECT_EQ(fcntl(gtTlContext.sTrace.tFd, F_GETFL) & O_SYNC, O_SYNC);
+    EXPECT_EQ(fcntl(gtTlContext.sTrace.tFd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+    TraceLines(3);
+    EXPECT_EQ(Numbers(ReadFile(TraceDir + "/job.log")), (std::vector<int>{0, 1, 2}));
+    for (const BooleanT use : {TRUE, FALSE}) {
+        gtTlContext.sProcess.ptKilnTime = &reference;
+        gtTlContext.sTrace.bUseKilnTime = use;
+        TraceMessageInline(1, 0, 0, "stamp");
+        gtTlContext.sProcess.ptKilnTime = nullptr;
+        const auto now = static_cast<int32>(time(nullptr));
+        const int32 stamp = TraceCurrentMessage(TraceGetBuffer())->lTime;
+        EXPECT_NEAR(stamp, use == TRUE ? now - 7200 : now, 2);
+    }
+}
+
+// --- dumps ---
+
+struct DumpRecord {
+    TraceMessageHeaderT head;
+    Text text;
+};
+
+struct Dump {
+    Text title;
+    Text buffer;
+    int size = 0;
+    int position = 0;
+    std::vector<DumpRecord> records;  // newest first
+};
+
+// Takes a dump apart by its layout; a failure names what does not fit.
+void ReadDump(Dump* dump, const Text& bytes) {
+    std::size_t at = 0;
+    Text head[4];
+    for (Text& line : head) {
+        const std::size_t end = bytes.find('\n', at);
+        ASSERT_NE(end, Text::npos);
+        line = bytes.substr(at, end - at);
+        at = end + 1;
+    }
+    EXPECT_EQ(head[0], "-*- Tessel Trace Dump -*-");
+    ASSERT_EQ(head[1].substr(0, 7), "Title: ");
+    dump->title = head[1].substr(7);
+    ASSERT_EQ(head[2].substr(0, 18), "Using buffer at 0x");
+    dump->buffer = head[2].substr(18);
+    ASSERT_EQ(std::sscanf(head[3].c_str(), "(size %d, position %d)", &dump->size, &dump->position),
+              2);
+    while (at < bytes.size()) {
+        DumpRecord record;
+        ASSERT_LE(at + 40, bytes.size());
+        std::memcpy(&record.head, bytes.data() + at, 40);
+        const auto size = static_cast<std::size_t>(record.head.lSize);
+        ASSERT_GE(record.head.lSize, 41);
+        ASSERT_EQ(size % 8, 0U);
+        ASSERT_LE(at + size, bytes.size());
+        record.text = bytes.substr(at + 40, size - 40).c_str();
+        if (!dump->records.empty()) {
+            const TraceMessageHeaderT& newer = dump->records.back().head;
+            ASSERT_EQ(record.head.lSequenceNumber + 1, newer.lSequenceNumber);
+        }
+        dump->records.push_back(record);
+        at += size;
+    }
+}
+
+Dump ReadDump(const Text& bytes) {
+    Dump dump;
+    ReadDump(&dump, bytes);
+    return dump;
+}
+
+// A buffer in shared memory, in use while it lives.
+class SharedBuffer {
+ public:
+    explicit SharedBuffer(int size) : m_size(sizeof(TraceBufHeaderT) + static_cast<unsigned>(size)) {
+        m_header = static_cast<TraceBufHeaderT*>(
+            mmap(nullptr, m_size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+        m_header->bufferSize = size;
+        TraceSetBuffer(m_header);
+    }
+    ~SharedBuffer() {
+        TraceSetBuffer(TraceInternalBuffer());
+        munmap(m_header, m_size);
+    }
+    SharedBuffer(const SharedBuffer&) = delete;
+    SharedBuffer& operator=(const SharedBuffer&) = delete;
+    TraceBufHeaderT* Header() { return m_header; }
+
+ private:
+    std::size_t m_size;
+    TraceBufHeaderT* m_header;
+};
+
+TEST_F(TraceFile, DumpsOfAWrappedRing) {
+    SharedBuffer buffer(4000);
+    for (int line = 1; line <= 500; line++) {
+        TraceMessageInline(line % 7 == 0 ? 3 << 16 | line : line, line * 2, -1, "line %d %s", line,
+                           Text(static_cast<std::size_t>(line % 40), 'x').c_str());
+    }
+    const Text path = Owned(TraceDump(nullptr, nullptr, "My title"));
+    EXPECT_EQ(path, DumpDir + "/000000000000001.dmp");
+    const Dump dump = ReadDump(ReadFile(path));
+    EXPECT_EQ(dump.title, "My title");
+    EXPECT_EQ(std::stoull(dump.buffer, nullptr, 16),
+              reinterpret_cast<std::uintptr_t>(buffer.Header()));
+    EXPECT_EQ(dump.size, 4000);
+    ASSERT_GT(dump.records.size(), 30U);
+    int line = 500;
+    for (const DumpRecord& record : dump.records) {
+        EXPECT_EQ(record.head.lSequenceNumber, line);
+        EXPECT_EQ(record.head.lTraceId, line);
+        EXPECT_EQ(record.head.lStatusCode, line * 2);
+        EXPECT_EQ(Text(record.head.strModuleId, 8), line % 7 == 0 ? "APPFRM  " : "UNITTEST");
+        EXPECT_EQ(record.text, "line " + std::to_string(line) + " " +
+                                   Text(static_cast<std::size_t>(line % 40), 'x'));
+        line--;
+    }
+    // From a position on; another buffer's position and an empty buffer give nothing.
+    TracePositionT position = {};
+    ASSERT_EQ(TraceGetPosition(&position), TRUE);
+    TraceMessageInline(1, 0, 0, "after");
+    const Text part = Owned(TraceDump(&position, (DumpDir + "/part").c_str(), "t"));
+    EXPECT_EQ(ReadDump(ReadFile(part)).records.size(), 2U);
+    position.pTraceBuffer = TraceInternalBuffer();
+    EXPECT_EQ(TraceDump(&position, nullptr, "t"), nullptr);
+    ObjStringO oString = nullptr;
+    EXPECT_EQ(TraceDumpToString(&oString, &position), FALSE);
+    buffer.Header()->currentBufPosition = -1;
+    EXPECT_EQ(TraceDump(nullptr, nullptr, "t"), nullptr);
+    EXPECT_EQ(TraceDumpBuffer(nullptr, nullptr, "t", 1), nullptr);
+    EXPECT_EQ(TraceDumpToString(&oString, nullptr), FALSE);
+    EXPECT_EQ(oString, nullptr);
+    EXPECT_EQ(TraceWouldTrace(eTraceLevelNormal), TRUE);
+    // Names that are taken are passed over; where no file can be made the name still comes back.
+    TraceMessageInline(1, 0, 0, "again");
+    WriteFile(DumpDir + "/000420000000002.dmp", "taken");
+    EXPECT_EQ(Owned(TraceDumpBuffer(buffer.Header(), nullptr, "t", 42)),
+              DumpDir + "/000420000000003.dmp");
+    const Text nowhere = TestHome() + "/no/such/file";
+    EXPECT_EQ(Owned(TraceDump(nullptr, nowhere.c_str(), "t")), nowhere);
+}
+
+TEST_F(TraceFile, DumpsOfABufferThatIsBeingWritten) {
+    SharedBuffer buffer(6000);
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    const pid_t writer = fork();
+    ASSERT_GE(writer, 0);
+    if (writer == 0) {
+        for (int line = 1;; line++) {
+            TraceMessageInline(line & 0x7fff, 0, 0, "%d%s", line,
+                               Text(static_cast<std::size_t>(line * 37 % 190), '.').c_str());
+            if (line == 100 && write(ready[1], "x", 1) != 1) _exit(1);
+        }
+    }
+    char byte = 0;
+    ASSERT_EQ(read(ready[0], &byte, 1), 1);
+    const Text path = DumpDir + "/running";
+    std::size_t records = 0;
+    for (int round = 0; round < 500; round++) {
+        Owned(TraceDumpBuffer(buffer.Header(), path.c_str(), "t", 7));
+        const Dump dump = ReadDump(ReadFile(path));
+        records += dump.records.size();
+        for (const DumpRecord& record : dump.records) {
+            const int line = record.head.lSequenceNumber;
+            EXPECT_EQ(record.text, std::to_string(line) +
+                                       Text(static_cast<std::size_t>(line * 37 % 190), '.'));
+        }
+        if (HasFailure()) break;
+    }
+    kill(writer, SIGKILL);
+    waitpid(writer, nullptr, 0);
+    close(ready[0]);
+    close(ready[1]);
+    EXPECT_GT(records, 500U);
+}
+
+TEST_F(TraceFile, StringDumpAndHistoryOfASharedBuffer) {
+    SharedBuffer buffer(20000);
+    TraceMessageInline(12, -3, 0, "first");
+    TraceMessageInline(13, 1234567, 1, "not recorded");
+    TraceMessageInline(14, 5, -1, "%s", Text(500, 'y').c_str());
+    const TraceMessageHeaderT* newest = TraceCurrentMessage(buffer.Header());
+    char stamp[8];
+    std::snprintf(stamp, sizeof(stamp), "%6d", TraceTime(newest->lTime));
+    ObjStringO oString = nullptr;
+    ASSERT_EQ(TraceDumpToString(&oString, nullptr), TRUE);
+    const Lines lines = LinesOf(ObjGetString(oString));
+    ObjRelease(&oString);
+    ASSERT_EQ(lines.size(), 3U);
+    EXPECT_EQ(lines[0], "Module     Id    Code Time Message");
+    EXPECT_EQ(lines[1].substr(0, 21), "UNITTEST   12      -3");
+    EXPECT_EQ(lines[1].substr(29), "first");
+    EXPECT_EQ(lines[2], Text("UNITTEST   14       5 ") + stamp + " " + Text(400, 'y'));
+    // A trace file begins with what the shared buffer holds, which does not count as lines.
+    Configure("Lines per File=1000\n");
+    ASSERT_EQ(TraceToFileNoConfig("job.log"), TRUE);
+    const Lines file = LinesOf(ReadFile(TraceDir + "/job-000.log"));
+    ASSERT_GT(file.size(), 2U);
+    EXPECT_NE(file[0].find("first"), Text::npos);
+    EXPECT_EQ(static_cast<std::size_t>(gtTlContext.sTrace.lCount), file.size() - 2);
+    TraceToFileNoConfig(nullptr);
+}
+
+// --- the example program ---
+
+struct ExampleHome {
+    TempDir dir;
+    ExampleHome(const Text& configuration) {
+        for (const char* name : {"config", "trace", "tmp"}) mkdir((dir / name).c_str(), 0755);
+        WriteFile(dir / "config/configure.cfg", configuration);
+        WriteFile(dir / "config/programs.cfg", "[tracing]\nLines=12000\nTrace Level=1\n");
+    }
+    RunResult Run() const {
+        return ::Run({TEST_EXAMPLES "/tracing"}, {"KRHOME=" + dir.Path()});
+    }
+};
+
+TEST_F(TraceFile, ExampleWithoutTheTool) {
+    const ExampleHome home(
+        "[Trace]\nTrace To File=TRUE\nLines per File=1000\nFiles to Keep=3\n[Machine]\nName=m\n");
+    const RunResult result = home.Run();
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_EQ(result.output,
+              "machine m: 12000 lines to tracing.log\n6000 lines recorded, trace file open\n");
+    const Lines names = ListDir(home.dir / "trace");
+    ASSERT_EQ(names.size(), 3U);
+    EXPECT_EQ(names[2], "tracing-006.log");
+    // The last files hold the last lines.
+    std::vector<int> numbers;
+    for (const Text& name : names) {
+        const std::vector<int> some = Numbers(ReadFile(home.dir / ("trace/" + name)));
+        numbers.insert(numbers.end(), some.begin(), some.end());
+    }
+    ASSERT_FALSE(numbers.empty());
+    for (std::size_t line = 1; line < numbers.size(); line++)
+        EXPECT_EQ(numbers[line], numbers[line - 1] + 1);
+    EXPECT_EQ(numbers.back(), 5999);
+}
+
+TEST_F(TraceFile, ExampleWithATraceDirectoryThatIsNotForIt) {
+    const ExampleHome home("[Trace]\nTrace To File=TRUE\n");
+    chmod(home.dir.Path().c_str(), 0755);
+    chmod((home.dir / "config").c_str(), 0777);  // for the lock files
+    const auto run = [&] {
+        // Another user reads the configuration but cannot write to the trace directory.
+        if (setgid(65534) != 0 || setuid(65534) != 0) return 99;
+        const RunResult result = home.Run();
+        std::fputs(result.output.c_str(), stdout);
+        return result.exitCode;
+    };
+    ASSERT_EQ(getuid(), 0U) << "only the superuser can become another user";
+    const RunResult result = InChild(run);
+    EXPECT_EQ(result.exitCode, 1) << result.output;
+    EXPECT_NE(result.output.find("6000 lines recorded, trace file not open"), Text::npos)
+        << result.output;
+    EXPECT_TRUE(ListDir(home.dir / "trace").empty());
+}
+
+}  // namespace
