@@ -1,6 +1,7 @@
 // Stanza lists: lists of stanza objects, in order, as a configuration file holds them. A stanza is
 // found by category and title without regard to case; a null category matches an empty one; the
-// first match counts. FALSE for what is no list and for a null or empty title or keyword.
+// first match counts. FALSE for what is no list and for a null or empty title or keyword, except
+// where a getter gives its default.
 #pragma once
 
 #include "core/object.h"
@@ -9,18 +10,23 @@
 // FALSE stops the walk and fails it.
 using StnzListCallbackFnT = BooleanT (*)(void* pvContext, StnzT* pStanza);
 
+// Whether two stanzas of these names are the same for every look-up.
+BooleanT StnzSameTitle(const char* pstrCatagoryA, const char* pstrTitleA, const char* pstrCatagoryB,
+                       const char* pstrTitleB);
+
 BooleanT StnzListFindStanzaObject(ObjStanzaO* poStanza, ListO oStanzaList, const char* pstrCatagory,
                                   const char* pstrTitle);  // a new holder, the caller's
 BooleanT StnzListFindStanza(StnzT** pptStanza, ListO oStanzaList, const char* pstrCatagory,
                             const char* pstrTitle);  // stays the list's
 BooleanT StnzListRemoveStanza(ListO oStanzaList, const char* pstrCatagory, const char* pstrTitle);
-// Removes the first stanza of the same name and appends ptStanza, which becomes the list's.
+// Removes the first stanza of the same name and appends ptStanza, which becomes the list's; it may
+// be that stanza itself.
 BooleanT StnzListReplaceStanza(ListO oStanzaList, const StnzT* ptStanza);
 
 BooleanT StnzListGetKey(StnzKeyT** ppKey, ListO oStanzaList, const char* pstrCatagory,
                         const char* pstrTitle, const char* pstrKeyword);  // stays the list's
 
-// As the getters of one stanza (stnzwrappers.h); a missing stanza counts as a missing key.
+// As the getters of one stanza (stnzwrappers.h): a missing list or stanza counts as a missing key.
 BooleanT StnzListGetString(char** ppstrValue, ListO oStanzaList, const char* pstrCatagory,
                            const char* pstrTitle, const char* pstrKeyword, const char* pstrDefault);
 BooleanT StnzListGetInteger(int32* plValue, ListO oStanzaList, const char* pstrCatagory,
@@ -32,7 +38,7 @@ BooleanT StnzListGetBoolean(BooleanT* pValue, ListO oStanzaList, const char* pst
 BooleanT StnzListGetValueList(ListO* poValueList, ListO oStanzaList, const char* pstrCatagory,
                               const char* pstrTitle, const char* pstrKeyword);
 
-// Take the key over. A missing stanza is made at the end of the list.
+// Take the key over, on success only. A missing stanza is made at the end of the list.
 BooleanT StnzListAddKey(ListO oStanzaList, const char* pstrCatagory, const char* pstrTitle,
                         StnzKeyT** pptKey);
 BooleanT StnzListReplaceKey(ListO oStanzaList, const char* pstrCatagory, const char* pstrTitle,

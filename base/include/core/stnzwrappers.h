@@ -19,6 +19,12 @@ BooleanT StnzGetBoolean(StnzT* pStanza, const char* pstrKeyword, BooleanT bDefau
                         BooleanT* pValue);
 BooleanT StnzGetValueList(StnzT* pStanza, const char* pstrKeyword,
                           ListO* poValueList);  // FALSE when the key is missing
+
+// The same from the key itself; null stands for a missing one.
+BooleanT StnzKeyGetString(StnzKeyT* ptKey, const char* pstrDefault, char** ppstrValue);
+BooleanT StnzKeyGetInteger(StnzKeyT* ptKey, int32 lDefault, int32* plValue);
+BooleanT StnzKeyGetInt64(StnzKeyT* ptKey, int64 tDefault, int64* ptValue);
+BooleanT StnzKeyGetBoolean(StnzKeyT* ptKey, BooleanT bDefault, BooleanT* pValue);
 BooleanT StnzKeyGetValueList(StnzKeyT* ptKey, ListO* poValueList);
 
 // New keys. FALSE for a null result and a null or empty keyword.
@@ -49,8 +55,9 @@ struct StnzScanForStnzListsContextS {
 using StnzScanForStnzListsContextO = StnzScanForStnzListsContextS*;
 
 // Every file of the directory and its subdirectories (links to directories are not followed) whose
-// name ends in the extension (null or empty: every file), except
-// lock files (".lck"), as a list of stanza lists. A file that is no stanza file is passed over with
-// bContinueOnBadFile, else it ends the scan and fails it.
+// name ends in the extension (null or empty: every file), except lock files (".lck"), as a list of
+// stanza lists. A file that cannot be read is passed over with bContinueOnBadFile, else it ends the
+// scan and fails it, as does a directory that cannot be read. What is neither file nor directory
+// (pipes, sockets, devices) is not looked at.
 BooleanT StnzScanDirForStnzLists(ListO* poStnzLists, const char* pstrDir,
                                  const char* pstrFileExtension, BooleanT bContinueOnBadFile);

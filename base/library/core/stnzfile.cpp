@@ -18,6 +18,7 @@
 #include "core/memory.h"
 #include "core/objwrappers.h"
 #include "core/stnzbase.h"
+#include "core/stnzlist.h"
 #include "core/strbase.h"
 #include "core/strfile.h"
 #include "core/trace.h"
@@ -131,15 +132,6 @@ char* NextValue(char* pstrBuffer, const char** ppstrArgument) {
     return pstrBuffer;
 }
 
-bool SameTitle(const char* pstrCatagoryA, const char* pstrTitleA, const char* pstrCatagoryB,
-               const char* pstrTitleB) {
-    if (StrCompareNoCase(pstrTitleA, pstrTitleB) != 0) return false;
-    if (IsEmpty(pstrCatagoryA) || IsEmpty(pstrCatagoryB)) {
-        return IsEmpty(pstrCatagoryA) && IsEmpty(pstrCatagoryB);
-    }
-    return StrCompareNoCase(pstrCatagoryA, pstrCatagoryB) == 0;
-}
-
 // --- reading ---
 
 // Where a stream stood, for finds that fail.
@@ -174,8 +166,8 @@ class LineReader {
     }
     bool IsTitle() const { return m_tInfo.pstrTitle != nullptr; }
     bool IsTitle(const char* pstrCatagory, const char* pstrTitle) const {
-        return IsTitle() &&
-               SameTitle(m_tInfo.pstrCatagory, m_tInfo.pstrTitle, pstrCatagory, pstrTitle);
+        return IsTitle() && StnzSameTitle(m_tInfo.pstrCatagory, m_tInfo.pstrTitle, pstrCatagory,
+                                          pstrTitle) == TRUE;
     }
     bool IsKey(const char* pstrKeyword) const {
         return !IsTitle() && StrCompareNoCase(m_tInfo.pstrKeyword, pstrKeyword) == 0;
@@ -334,8 +326,8 @@ enum FindResultE { eFound, eNotThere, eFailed };
 
 FindResultE FindStanza(StnzFileO oStnzFile, const char* pstrCatagory, const char* pstrTitle) {
     FileStreamO FD = oStnzFile->FD;
-    if (HasStanza(oStnzFile) &&
-        SameTitle(oStnzFile->pstrCatagory, oStnzFile->pstrTitle, pstrCatagory, pstrTitle)) {
+    if (HasStanza(oStnzFile) && StnzSameTitle(oStnzFile->pstrCatagory, oStnzFile->pstrTitle,
+                                              pstrCatagory, pstrTitle) == TRUE) {
         SetKey(oStnzFile, nullptr, nullptr);
         return FileStreamSeekFromLong(FD, oStnzFile->offsetStanza) == TRUE ? eFound : eFailed;
     }
