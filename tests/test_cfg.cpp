@@ -32,6 +32,13 @@ constexpr char File[] = "test.cfg";
 class Cfg : public ObjectTest {
  protected:
     Cfg() { mkdir(ConfigDir.c_str(), 0700); }
+    // What the library keeps of a class from its first object on.
+    static void SetUpTestSuite() {
+        ObjHolder<TaskContextS>(ObjNew<TaskContextS>(TaskContextMagic, "s;i;i;o;o;"));
+        ObjHolder<CfgPageS>(ObjNew<CfgPageS>(CfgPageMagic, "s;i;o;b;"));
+        ObjHolder<CfgUtilRemoteConfigDetailsS>(
+            ObjNew<CfgUtilRemoteConfigDetailsS>(CfgUtilRemoteConfigDetailsMagic, "s;s;o;"));
+    }
     static void Write(const Text& content) { WriteFile(ConfigDir + "/" + File, content); }
     static Text Read() { return ReadFile(ConfigDir + "/" + File); }
 };
@@ -124,14 +131,16 @@ TEST_F(Cfg, WritingKeepsTheLayout) {
     const Text shown = "[A:Shown]\nlabel=L\nvalue=";
     EXPECT_EQ(CfgSetInteger(File, "A", "X", -5), TRUE);
     EXPECT_EQ(Read(), "[A]\ny=2\nX=-5\n\n" + shown + "old\n");
-    EXPECT_EQ(CfgSetString(File, "a", "shown", " !,\n"), TRUE);
-    EXPECT_EQ(Read(), "[A]\ny=2\nX=-5\n\n" + shown + "! !!!,!n\n\n");
+    // A stanza that is written takes the spelling of its name from the caller.
+    const Text written = "[a:SHOWN]\nlabel=L\nvalue=! !!!,!n\n\n";
+    EXPECT_EQ(CfgSetString(File, "a", "SHOWN", " !,\n"), TRUE);
+    EXPECT_EQ(Read(), "[A]\ny=2\nX=-5\n\n" + written);
     char* value = nullptr;
     EXPECT_EQ(CfgGetString(&value, File, "A", "Shown", nullptr), TRUE);
     EXPECT_EQ(Owned(value), " !,\n");
     EXPECT_EQ(CfgSetBoolean(File, "A", "y", TRUE), TRUE);
     EXPECT_EQ(CfgSetInt64(File, "New", "n", 1LL << 40), TRUE);
-    EXPECT_EQ(Read(), "[A]\nX=-5\ny=true\n\n" + shown + "! !!!,!n\n\n[New]\nn=1099511627776\n\n");
+    EXPECT_EQ(Read(), "[A]\nX=-5\ny=true\n\n" + written + "[New]\nn=1099511627776\n\n");
     // Value lists; and a file that is made.
     ObjHolder<ListS> oList(ListNew(ObjStringMagic));
     for (const char* text : {"a,b", "", "c"}) {
@@ -152,16 +161,16 @@ TEST_F(Cfg, WritingKeepsTheLayout) {
 
 TEST_F(Cfg, KeysAndValuesOfPlainStanzas) {
     Write("[S]\nk=a,A,a\nl=1\nk=second\n");
-    EXPECT_EQ(CfgAddValueToKey(File, "s", "K", "new"), TRUE);
+    EXPECT_EQ(CfgAddValueToKey(File, "S", "K", "new"), TRUE);
     EXPECT_EQ(Read(), "[S]\nl=1\nk=second\nk=a,A,a,new\n\n");
-    EXPECT_EQ(CfgAddValueToKey(File, "s", "fresh", "v"), TRUE);
+    EXPECT_EQ(CfgAddValueToKey(File, "S", "fresh", "v"), TRUE);
     EXPECT_EQ(CfgAddValueToKey(File, "other", "k", "v"), FALSE);
-    EXPECT_EQ(CfgRemoveKey(File, "s", "k"), TRUE);
+    EXPECT_EQ(CfgRemoveKey(File, "S", "k"), TRUE);
     EXPECT_EQ(Read(), "[S]\nl=1\nk=a,A,a,new\nfresh=v\n\n");
-    EXPECT_EQ(CfgRemoveValueFromKey(File, "s", "k", "a"), TRUE);
+    EXPECT_EQ(CfgRemoveValueFromKey(File, "S", "k", "a"), TRUE);
     EXPECT_EQ(Read(), "[S]\nl=1\nk=A,new\nfresh=v\n\n");
-    EXPECT_EQ(CfgRemoveValueFromKey(File, "s", "k", "a"), FALSE);
-    EXPECT_EQ(CfgRemoveKey(File, "s", "missing"), FALSE);
+    EXPECT_EQ(CfgRemoveValueFromKey(File, "S", "k", "a"), FALSE);
+    EXPECT_EQ(CfgRemoveKey(File, "S", "missing"), FALSE);
     EXPECT_EQ(CfgRemoveKey(File, "other", "k"), FALSE);
 }
 
@@ -192,7 +201,7 @@ TEST_F(Cfg, EntriesOfDisplayableLists) {
 TEST_F(Cfg, WholeStanzas) {
     Write("[A]\na=1\n[C:B]\nb=2\n[A]\na=3\n");
     StnzT* stanza = nullptr;
-    ASSERT_EQ(CfgGetStanza(&stanza, File, "a"), TRUE);
+    ASSERT_EQ(CfgGetStanza(&stanza, File, "A"), TRUE);
     EXPECT_STREQ(StnzKeyValue(stanza->apKeys[0], 1), "1");
     EXPECT_EQ(CfgReplaceStanza(stanza, File), TRUE);
     EXPECT_EQ(Read(), "[A]\na=1\n\n[C:B]\nb=2\n\n");

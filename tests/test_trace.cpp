@@ -85,7 +85,7 @@ Text RecordBytes(int32 number, int32 previous, const char* module, int32 id, int
     const int32 tail[] = {id, status, time, level};
     Text bytes = Text(reinterpret_cast<const char*>(head), 12) + Text(module, 8) +
                  Text(reinterpret_cast<const char*>(tail), 16) + "\xA5\xA5\xA5\xA5" + text + '\0';
-    bytes.resize(static_cast<std::size_t>(head[2]), '\xA5');
+    bytes.resize(static_cast<std::size_t>(head[2]), '\0');
     return bytes;
 }
 

@@ -176,7 +176,7 @@ BooleanT TraceSynchronous();
 // pStart's.
 char* TraceDump(const TracePositionT* pStart, const char* pOutputPath, const char* pFirstLine);
 // The same with the whole of any buffer, such as that of another process.
-char* TraceDumpBuffer(TraceBufHeaderT* pHeader, const char* pstrOutputPath,
+char* TraceDumpBuffer(const TraceBufHeaderT* pHeader, const char* pstrOutputPath,
                       const char* pstrFirstLine, ProcIdT tOwner);
 
 // A new string object, the caller's, with a header line and one line per record, oldest first.

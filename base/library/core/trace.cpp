@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -84,6 +85,19 @@ int32 TraceClock() {
     return static_cast<int32>(std::time(nullptr));
 }
 
+// Records and their texts begin at multiples of a word and fill whole words.
+using TraceWordT = uint64;
+
+// Copies a text word by word from its beginning. So the head of an older record that lies below
+// goes before the text behind it does, and whoever reads the buffer from another process can tell
+// from a head that is still there that its text is, too.
+void TraceCopyText(char* pstrTarget, const char* pstrSource, int32 lSize) {
+    volatile auto* ptTarget = reinterpret_cast<volatile TraceWordT*>(pstrTarget);
+    const auto* ptSource = reinterpret_cast<const TraceWordT*>(pstrSource);
+    const int32 lWords = lSize / static_cast<int32>(sizeof(TraceWordT));
+    for (int32 lWord = 0; lWord < lWords; lWord++) ptTarget[lWord] = ptSource[lWord];
+}
+
 // Builds a record's line in pBuffer; the result is its length, cut to what the buffer takes.
 int32 TraceLine(char* pBuffer, std::size_t iSize, const char* pRecord, int32 lSize) {
     TraceMessageHeaderT tHead;
@@ -140,7 +154,7 @@ TracePositionT TraceMessageVa(const char* pstrModuleId, int32 lId, int32 lStatus
 
     // The call must not disturb the error number that its caller is about to look at.
     const int iError = errno;
-    char acText[TraceScratchSize];
+    alignas(TraceWordT) char acText[TraceScratchSize];
     const int iFormatted =
         std::vsnprintf(acText, static_cast<std::size_t>(lCapacity), pstrFormat, tArgs);
     if (iFormatted < 0) acText[0] = '\0';
@@ -171,7 +185,10 @@ TracePositionT TraceMessageVa(const char* pstrModuleId, int32 lId, int32 lStatus
     tHead.lUnused = 0;
     char* pRecord = reinterpret_cast<char*>(TraceRecordAt(ptHeader, lOffset));
     std::memcpy(pRecord, &tHead, offsetof(TraceMessageHeaderT, lUnused));
-    std::memcpy(pRecord + TraceHeaderSize, acText, static_cast<std::size_t>(lLength) + 1);
+    std::memset(acText + lLength + 1, 0, sizeof(TraceWordT));
+    TraceCopyText(pRecord + TraceHeaderSize, acText, lSize - TraceHeaderSize);
+    // Who reads the buffer from another process finds a whole record at the position.
+    std::atomic_thread_fence(std::memory_order_release);
     ptHeader->currentBufPosition = lOffset;
     tTrace.lSequenceNumber = TraceSequenceAfter(tTrace.lSequenceNumber);
 

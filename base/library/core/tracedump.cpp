@@ -1,7 +1,8 @@
 // Dumps of a trace buffer into a file or a string. The buffer may be another process's in shared
-// memory and change while it is walked, so the records are copied first: each copy is whole, and
-// each is the predecessor of the one before it.
+// memory and be written meanwhile, so the walk goes over a snapshot: its newest part may be torn
+// where the writer was at work, which shows in the heads that have changed since.
 #include <algorithm>
+#include <atomic>
 #include <cinttypes>
 #include <cstring>
 #include <string>
@@ -28,24 +29,20 @@ constexpr int32 TraceDumpText = 400;  // characters of a record's text in a stri
 
 uint32 gulDumpInstance = 0;  // of the dump file named last
 
-// Copies so far, and what the next older record must be numbered.
-struct TraceCopiesT {
+// What a walk over a snapshot has found, and the buffer that the snapshot is of.
+struct TraceWalkT {
+    const TraceBufHeaderT* ptSnapshot;
+    const TraceBufHeaderT* ptHeader;
     std::vector<std::string> atRecords;
-    int32 lSuccessor = -1;
 };
 
-BooleanT TraceCopyRecord(const char* pBuffer, int32 lSize, void* pvCopies) {
-    auto* ptCopies = static_cast<TraceCopiesT*>(pvCopies);
-    TraceMessageHeaderT tHead;
-    std::memcpy(&tHead, pBuffer, sizeof(tHead));
-    const bool bFollows = ptCopies->atRecords.empty() ||
-                          TraceSequenceAfter(tHead.lSequenceNumber) == ptCopies->lSuccessor;
-    if (tHead.lSize < TraceHeaderSize || tHead.lSize != lSize || !bFollows) return FALSE;
-    std::string tCopy(pBuffer, static_cast<std::size_t>(lSize));
-    // A head that is still the same says that the text behind it is that record's, too.
-    if (std::memcmp(pBuffer, tCopy.data(), sizeof(tHead)) != 0) return FALSE;
-    ptCopies->atRecords.push_back(std::move(tCopy));
-    ptCopies->lSuccessor = tHead.lSequenceNumber;
+BooleanT TraceCopyRecord(const char* pBuffer, int32 lSize, void* pvWalk) {
+    auto* ptWalk = static_cast<TraceWalkT*>(pvWalk);
+    // A head that still lies in the buffer says that the text behind it is that record's, too.
+    const std::ptrdiff_t iOffset = pBuffer - reinterpret_cast<const char*>(ptWalk->ptSnapshot);
+    const char* pOriginal = reinterpret_cast<const char*>(ptWalk->ptHeader) + iOffset;
+    if (std::memcmp(pOriginal, pBuffer, TraceHeaderSize) != 0) return FALSE;
+    ptWalk->atRecords.emplace_back(pBuffer, static_cast<std::size_t>(lSize));
     return TRUE;
 }
 
@@ -73,10 +70,8 @@ char* TraceDumpPath(ProcIdT tOwner) {
     }
 }
 
-char* TraceDumpRange(TraceBufHeaderT* pBuffer, const TracePositionT* ptStart,
-                     const char* pstrOutputPath, const char* pstrFirstLine, ProcIdT tOwner) {
-    // Opening the file may trace: the range ends with what was there before.
-    const int32 lNewest = pBuffer->currentBufPosition;
+char* TraceDumpRecords(const TraceRecordsT& tRecords, const TraceBufHeaderT* pBuffer,
+                       const char* pstrOutputPath, const char* pstrFirstLine, ProcIdT tOwner) {
     PoolPtr<char> pstrPath(pstrOutputPath == nullptr ? TraceDumpPath(tOwner)
                                                      : StrDuplicate(pstrOutputPath));
     FILE*& pfileOutput = gtTlContext.sTrace.pfileOutput;
@@ -85,57 +80,89 @@ char* TraceDumpRange(TraceBufHeaderT* pBuffer, const TracePositionT* ptStart,
                      TraceText(pstrFirstLine));
         std::fprintf(pfileOutput, "Using buffer at 0x%" PRIxPTR "\n",
                      reinterpret_cast<std::uintptr_t>(pBuffer));
-        std::fprintf(pfileOutput, "(size %d, position %d)\n", pBuffer->bufferSize, lNewest);
-        for (const std::string& tRecord : TraceCopyRecords(pBuffer, ptStart, lNewest))
+        std::fprintf(pfileOutput, "(size %d, position %d)\n", pBuffer->bufferSize,
+                     tRecords.lPosition);
+        for (const std::string& tRecord : tRecords.atRecords)
             std::fwrite(tRecord.data(), 1, tRecord.size(), pfileOutput);
         FileSysFClose(&pfileOutput);
     }
     return pstrPath.Take();
 }
 
-// The buffer in use, when it is valid and the one that ptStart (which may be null) lies in.
-TraceBufHeaderT* TraceBufferOf(const TracePositionT* ptStart) {
-    TraceBufHeaderT* ptHeader = gtTlContext.sTrace.ptBufHeader;
-    if (TraceCurrentValid(ptHeader) != TRUE) return nullptr;
-    return ptStart == nullptr || ptStart->pTraceBuffer == ptHeader ? ptHeader : nullptr;
+// Offset and number of the newest record. It is complete: it was the newest after its number had
+// been read.
+bool TraceFindNewest(const TraceBufHeaderT* ptHeader, int32* plPosition, int32* plSequence) {
+    if (TraceCurrentValid(ptHeader) != TRUE) return false;
+    *plPosition = ptHeader->currentBufPosition;
+    std::atomic_thread_fence(std::memory_order_acquire);
+    TraceMessageHeaderT tHead;
+    std::memcpy(&tHead, reinterpret_cast<const ByteT*>(ptHeader + 1) + *plPosition, sizeof(tHead));
+    std::atomic_thread_fence(std::memory_order_acquire);
+    *plSequence = tHead.lSequenceNumber;
+    return ptHeader->currentBufPosition == *plPosition;
+}
+
+// The records of the buffer in use, when that is the one that ptStart (which may be null) lies in.
+TraceRecordsT TraceOwnRecords(const TracePositionT* ptStart) {
+    const TraceBufHeaderT* ptHeader = gtTlContext.sTrace.ptBufHeader;
+    if (ptStart != nullptr && ptStart->pTraceBuffer != ptHeader) return {};
+    return TraceCopyRecords(ptHeader, ptStart);
 }
 
 }  // namespace
 
-std::vector<std::string> TraceCopyRecords(TraceBufHeaderT* ptHeader, const TracePositionT* ptStart,
-                                          int32 lNewest) {
-    TraceCopiesT tCopies;
-    const int32 lOldest = ptStart == nullptr
-                              ? TraceOldestMessage(ptHeader)
-                              : TraceFindSequence(ptHeader, ptStart->lSequenceNumber);
-    TraceWalkSection(ptHeader, lOldest, lNewest, TraceCopyRecord, &tCopies);
-    return std::move(tCopies.atRecords);
+TraceRecordsT TraceCopyRecords(const TraceBufHeaderT* ptHeader, const TracePositionT* ptStart) {
+    // A writer that is quick may get once around the buffer during a copy.
+    constexpr int32 lMostAttempts = 10;
+    TraceRecordsT tRecords;
+    for (int32 lAttempt = 0; lAttempt < lMostAttempts && tRecords.atRecords.empty(); lAttempt++) {
+        int32 lPosition = -1;
+        int32 lSequence = -1;
+        if (!TraceFindNewest(ptHeader, &lPosition, &lSequence)) continue;
+        const std::size_t iSize =
+            sizeof(TraceBufHeaderT) + static_cast<std::size_t>(ptHeader->bufferSize);
+        std::vector<uint64> aSnapshot((iSize + sizeof(uint64) - 1) / sizeof(uint64));
+        auto* ptSnapshot = reinterpret_cast<TraceBufHeaderT*>(aSnapshot.data());
+        std::memcpy(aSnapshot.data(), ptHeader, iSize);
+        std::atomic_thread_fence(std::memory_order_acquire);
+        ptSnapshot->currentBufPosition = lPosition;
+        if (TraceCurrentValid(ptSnapshot) != TRUE ||
+            TraceCurrentMessage(ptSnapshot)->lSequenceNumber != lSequence) {
+            continue;
+        }
+        TraceWalkT tWalk = {ptSnapshot, ptHeader, {}};
+        const int32 lOldest =
+            TraceFindSequence(ptSnapshot, ptStart == nullptr ? -1 : ptStart->lSequenceNumber);
+        TraceWalkSection(ptSnapshot, lOldest, lPosition, TraceCopyRecord, &tWalk);
+        tRecords = {lPosition, std::move(tWalk.atRecords)};
+    }
+    return tRecords;
 }
 
 char* TraceDump(const TracePositionT* pStart, const char* pOutputPath, const char* pFirstLine) {
-    TraceBufHeaderT* ptHeader = TraceBufferOf(pStart);
-    if (ptHeader == nullptr) return nullptr;
-    return TraceDumpRange(ptHeader, pStart, pOutputPath, pFirstLine, ProcGetId());
+    const TraceRecordsT tRecords = TraceOwnRecords(pStart);
+    if (tRecords.atRecords.empty()) return nullptr;
+    return TraceDumpRecords(tRecords, TraceGetBuffer(), pOutputPath, pFirstLine, ProcGetId());
 }
 
-char* TraceDumpBuffer(TraceBufHeaderT* pHeader, const char* pstrOutputPath,
+char* TraceDumpBuffer(const TraceBufHeaderT* pHeader, const char* pstrOutputPath,
                       const char* pstrFirstLine, ProcIdT tOwner) {
-    if (TraceCurrentValid(pHeader) != TRUE) return nullptr;
-    return TraceDumpRange(pHeader, nullptr, pstrOutputPath, pstrFirstLine, tOwner);
+    const TraceRecordsT tRecords = TraceCopyRecords(pHeader, nullptr);
+    if (tRecords.atRecords.empty()) return nullptr;
+    return TraceDumpRecords(tRecords, pHeader, pstrOutputPath, pstrFirstLine, tOwner);
 }
 
 BooleanT TraceDumpToString(ObjStringO* poString, const TracePositionT* ptStart) {
     if (poString == nullptr) return FALSE;
     gtTlContext.sTrace.bDisabled = TRUE;
-    TraceBufHeaderT* ptHeader = TraceBufferOf(ptStart);
-    std::vector<std::string> atRecords;  // newest first
-    if (ptHeader != nullptr)
-        atRecords = TraceCopyRecords(ptHeader, ptStart, ptHeader->currentBufPosition);
+    const TraceRecordsT tRecords = TraceOwnRecords(ptStart);
     BooleanT bResult = FALSE;
-    if (!atRecords.empty()) {
+    if (!tRecords.atRecords.empty()) {
         std::string tDump("Module     Id    Code Time Message\n");
-        for (auto tRecord = atRecords.rbegin(); tRecord != atRecords.rend(); ++tRecord)
+        for (auto tRecord = tRecords.atRecords.rbegin(); tRecord != tRecords.atRecords.rend();
+             ++tRecord) {
             tDump += TraceDumpLine(*tRecord);
+        }
         bResult = ObjStringCreate(poString, tDump.c_str());
     }
     gtTlContext.sTrace.bDisabled = FALSE;

@@ -180,10 +180,9 @@ BooleanT TraceToTraceFD(const char* pBuffer, int32 lSize, void* /*pDummy*/) {
 // Writes what a shared buffer holds to the trace file, oldest first.
 void TraceDumpToTraceFile() {
     const TesselContextTraceS& tTrace = gtTlContext.sTrace;
-    TraceBufHeaderT* ptHeader = tTrace.ptBufHeader;
-    if (TraceCurrentValid(ptHeader) != TRUE || ptHeader == tTrace.ptInternalTraceBuffer) return;
+    if (tTrace.ptBufHeader == tTrace.ptInternalTraceBuffer) return;
     const TraceDisabler tDisabled;
-    const auto atRecords = TraceCopyRecords(ptHeader, nullptr, ptHeader->currentBufPosition);
+    const auto atRecords = TraceCopyRecords(tTrace.ptBufHeader, nullptr).atRecords;
     for (auto tRecord = atRecords.rbegin(); tRecord != atRecords.rend(); ++tRecord)
         TraceToFD(tRecord->data(), static_cast<int32>(tRecord->size()), tTrace.tFd);
 }

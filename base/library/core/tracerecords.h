@@ -6,8 +6,12 @@
 
 #include "core/trace.h"
 
-// The records from the one numbered by ptStart (null: the oldest) to the one at lNewest, newest
-// first, each whole with its head. What another process overwrites during the walk is left out, and
-// what is older with it.
-std::vector<std::string> TraceCopyRecords(TraceBufHeaderT* ptHeader, const TracePositionT* ptStart,
-                                          int32 lNewest);
+struct TraceRecordsT {
+    int32 lPosition = -1;                // offset of the newest record
+    std::vector<std::string> atRecords;  // newest first, each whole with its head
+};
+
+// The records from the one numbered by ptStart (null: the oldest) to the newest, each the
+// predecessor of the one in front of it. What another process overwrites meanwhile is left out, and
+// what is older with it. No records when the buffer is not valid.
+TraceRecordsT TraceCopyRecords(const TraceBufHeaderT* ptHeader, const TracePositionT* ptStart);
