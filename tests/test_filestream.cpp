@@ -1,0 +1,267 @@
+#include <gtest/gtest.h>
+
+#include <cerrno>
+
+#include "core/filelock.h"
+#include "core/filestream.h"
+#include "core/strfile.h"
+#include "support/files.h"
+#include "support/leftovers.h"
+
+namespace {
+
+using Text = std::string;
+
+FileStreamO Open(const Name& path, FileModeT mode) {
+    FileStreamO stream = nullptr;
+    EXPECT_EQ(FileStreamOpen(&stream, path, mode), TRUE);
+    return stream;
+}
+
+BooleanT Write(FileStreamO stream, const Text& text) {
+    return FileStreamWrite(stream, reinterpret_cast<const ByteT*>(text.data()),
+                           static_cast<int32>(text.size()));
+}
+
+Text ReadAll(FileStreamO stream) {
+    Text text(1000, 0);
+    std::size_t count = 0;
+    EXPECT_EQ(FileStreamRead(stream, text.data(), 1000, &count), TRUE);
+    return text.substr(0, count);
+}
+
+TEST(FileStream, WhatEachModeAllows) {
+    const struct {
+        FileModeT mode;
+        const char* after;  // the file, which held "old", after writing "new" where that goes
+        bool reads, changes;
+    } table[] = {{257, "old", true, false},     {513, "old", true, false},
+                 {258, "new", false, false},    {514, "new", false, false},
+                 {259, "oldnew", false, false}, {515, "oldnew", false, false},
+                 {260, "old", true, true},      {517, "old", true, true}};
+    const Leftovers before;
+    for (const auto& row : table) {
+        const Dir dir;
+        WriteFile(dir("f"), "old");
+        FileStreamO stream = Open(dir("f"), row.mode);
+        ByteT byte = 1;
+        EXPECT_EQ(FileStreamReadByte(stream, &byte), BooleanFrom(row.reads)) << row.mode;
+        EXPECT_EQ(byte, row.reads ? 'o' : 0);
+        EXPECT_EQ(Write(stream, "new"), BooleanFrom(row.after != Text("old"))) << row.mode;
+        EXPECT_EQ(FileStreamStartAppend(stream), BooleanFrom(row.changes)) << row.mode;
+        EXPECT_EQ(FileStreamCancelRewrite(stream), FALSE);
+        EXPECT_EQ(FileStreamStartRewrite(stream), BooleanFrom(row.changes)) << row.mode;
+        EXPECT_EQ(Exists(dir("f.new")), row.changes);
+        EXPECT_EQ(FileStreamCancelRewrite(stream), BooleanFrom(row.changes));
+        EXPECT_EQ(FileStreamCloseOutput(stream), FALSE);
+        EXPECT_EQ(FileStreamClose(&stream), TRUE);
+        EXPECT_EQ(stream, nullptr);
+        EXPECT_EQ(ReadFile(dir("f")), row.after) << row.mode;
+        EXPECT_EQ(ListDir(dir.Path()), std::vector<Text>{"f"});
+    }
+    EXPECT_EQ(before.Text(), "");
+}
+
+TEST(FileStream, RewriteReplacesTheFileInOneStep) {
+    const Dir dir;
+    const Leftovers before;
+    WriteFile(dir("f"), "old content");
+    WriteFile(dir("f.new"), "left behind by a process that was stopped");
+    chmod(dir("f"), 0640);
+    FileStreamO reader = Open(dir("f"), 257);
+    FileStreamO stream = Open(dir("f"), 516);
+    const char* path = nullptr;
+    EXPECT_EQ(FileStreamGetPath(&path, stream), TRUE);
+    EXPECT_EQ(Text(path), dir("f"));
+
+    ASSERT_EQ(FileStreamStartRewrite(stream), TRUE);
+    EXPECT_EQ(ReadFile(dir("f.new")), "");
+    EXPECT_EQ(FileStreamPrintF(stream, "%s %d", "new", 1), TRUE);
+    EXPECT_EQ(ReadAll(stream), "old content");
+    EXPECT_EQ(ReadFile(dir("f")), "old content");
+    EXPECT_EQ(FileStreamCloseOutput(stream), TRUE);
+    EXPECT_EQ(ReadAll(stream), "new 1");
+
+    ASSERT_EQ(FileStreamStartAppend(stream), TRUE);
+    EXPECT_EQ(FileStreamWriteByte(stream, '!'), TRUE);
+    // Starting the next output finishes this one.
+    ASSERT_EQ(FileStreamStartRewrite(stream), TRUE);
+    EXPECT_EQ(ReadAll(stream), "new 1!");
+    EXPECT_EQ(Write(stream, "dropped"), TRUE);
+    EXPECT_EQ(FileStreamCancelRewrite(stream), TRUE);
+    EXPECT_EQ(ReadAll(stream), "new 1!");
+    ASSERT_EQ(FileStreamStartRewrite(stream), TRUE);
+    EXPECT_EQ(Write(stream, "last"), TRUE);
+    EXPECT_EQ(FileStreamClose(&stream), TRUE);
+    EXPECT_EQ(ReadFile(dir("f")), "last");
+
+    EXPECT_EQ(ReadAll(reader), "old content");
+    EXPECT_EQ(FileStreamClose(&reader), TRUE);
+    // Without closing, what was written is dropped.
+    stream = Open(dir("f"), 260);
+    ASSERT_EQ(FileStreamStartRewrite(stream), TRUE);
+    EXPECT_EQ(Write(stream, "dropped"), TRUE);
+    ObjRelease(&stream);
+    EXPECT_EQ(ReadFile(dir("f")), "last");
+    struct stat status = {};
+    stat(dir("f"), &status);
+    EXPECT_EQ(status.st_mode & 07777, 0640U);
+    EXPECT_EQ(ListDir(dir.Path()), std::vector<Text>{"f"});
+    EXPECT_EQ(before.Text(), "");
+}
+
+TEST(FileStream, Positions) {
+    const Dir dir;
+    WriteFile(dir("f"), "0123456789");
+    FileStreamO stream = Open(dir("f"), 257);
+    ByteT byte = 0;
+    fpos_t place;
+    int32 offset = 0;
+    const auto next = [&] { return FileStreamReadByte(stream, &byte) == TRUE ? byte : '-'; };
+    EXPECT_EQ(FileStreamSeekFromLong(stream, 4), TRUE);
+    EXPECT_EQ(FileStreamGetOffset(&place, stream), TRUE);
+    EXPECT_EQ(next(), '4');
+    EXPECT_EQ(FileStreamSeekRelative(stream, -2), TRUE);
+    EXPECT_EQ(next(), '3');
+    EXPECT_EQ(FileStreamSeekRelative(stream, -40), FALSE);
+    EXPECT_EQ(FileStreamSeekEnd(stream), TRUE);
+    EXPECT_EQ(next(), '-');
+    EXPECT_EQ(byte, 0);
+    EXPECT_EQ(ReadAll(stream), "");
+    EXPECT_EQ(FileStreamGetOffsetLong(&offset, stream), TRUE);
+    EXPECT_EQ(offset, 10);
+    EXPECT_EQ(FileStreamSeek(stream, place), TRUE);
+    EXPECT_EQ(next(), '4');
+    EXPECT_EQ(FileStreamSeekStart(stream), TRUE);
+    EXPECT_EQ(next(), '0');
+    // A position that 32 bits do not hold.
+    EXPECT_EQ(truncate(dir("f"), off_t{1} << 31), 0);
+    EXPECT_EQ(FileStreamSeekEnd(stream), TRUE);
+    EXPECT_EQ(FileStreamGetOffsetLong(&offset, stream), FALSE);
+    EXPECT_EQ(FileStreamSeekRelative(stream, -1), TRUE);
+    EXPECT_EQ(FileStreamGetOffsetLong(&offset, stream), TRUE);
+    EXPECT_EQ(offset, INT32_MAX);
+    EXPECT_EQ(FileStreamClose(&stream), TRUE);
+}
+
+TEST(FileStream, FailuresAreTraced) {
+    const Dir dir;
+    const Leftovers before;
+    FileStreamO stream = nullptr;
+    const auto open = [&](const char* path, int32 mode) {
+        return FileStreamOpenTags(&stream, OBJ_TAG_BEGIN, FileStreamTagPathName, path,
+                                  FileStreamTagOpenMode, mode, FileStreamTagLocking, TRUE,
+                                  OBJ_TAG_END);
+    };
+    const TraceCapture trace;
+    EXPECT_EQ(FileStreamOpen(&stream, "", 257), FALSE);
+    EXPECT_EQ(trace.Level("FILE", 529), -1);
+    EXPECT_EQ(open(dir("none/f"), 516), FALSE);
+    EXPECT_EQ(trace.Text("FILE", 528), "FileStreamOpenTags - Failed to open lock file");
+    EXPECT_EQ(open(dir("f"), 257), FALSE);
+    EXPECT_EQ(ListDir(dir.Path()), std::vector<Text>{"f.lck"});
+    EXPECT_EQ(FileStreamOpen(&stream, dir.Path().c_str(), 257), FALSE);
+    EXPECT_EQ(errno, EISDIR);
+    EXPECT_EQ(trace.CountText("Failed to open file stream '" + dir("f") + "'"), 1);
+    EXPECT_EQ(trace.Count("FILE", 16), 3);
+    EXPECT_EQ(stream, nullptr);
+
+    ASSERT_EQ(open(dir("f"), 516), TRUE);
+    EXPECT_EQ(FileStreamWriteByte(stream, 7), FALSE);
+    EXPECT_EQ(trace.Level("FILE", 18), 3);
+    EXPECT_EQ(FileStreamPrintF(stream, "x"), FALSE);
+    ASSERT_EQ(FileStreamStartAppend(stream), TRUE);
+    EXPECT_EQ(Write(stream, ""), TRUE);
+    EXPECT_EQ(trace.Count("FILE", 19), 0);
+    EXPECT_EQ(FileStreamWrite(stream, nullptr, -1), FALSE);
+    EXPECT_EQ(trace.Text("FILE", 19).substr(0, 23), "FALSE = FileStreamWrite");
+    EXPECT_EQ(FileStreamClose(&stream), TRUE);
+    EXPECT_EQ(FileStreamClose(&stream), FALSE);
+    EXPECT_EQ(before.Text(), "");
+}
+
+// Which locks another process could get while a stream is open.
+TEST(FileStream, LocksFollowTheMode) {
+    const Dir dir;
+    WriteFile(dir("f"), "");
+    const auto free = [&](const char* name, FileLockT lock) {
+        return InChild([&] {
+                   FileHandleT handle = FileHandleClosed;
+                   FileSysOpen(&handle, dir(name), FileModeReadWrite);
+                   return FileLockSetNoWait(handle, lock) == TRUE ? 1 : 0;
+               })
+            .exitCode;
+    };
+    const struct {
+        int32 mode;
+        int lockShared, lockExclusive, fileShared;
+    } table[] = {{257, 1, 0, 1}, {515, 1, 0, 0}, {516, 0, 0, 1}, {261, 0, 0, 1}, {258, 1, 0, 0}};
+    for (const auto& row : table) {
+        FileStreamO stream = nullptr;
+        ASSERT_EQ(FileStreamOpenTags(&stream, OBJ_TAG_BEGIN, FileStreamTagLocking, TRUE,
+                                     FileStreamTagPathName, dir("f").c_str(), FileStreamTagOpenMode,
+                                     row.mode, OBJ_TAG_END),
+                  TRUE);
+        if (FileStreamStartRewrite(stream) == TRUE) {
+            EXPECT_EQ(FileStreamCloseOutput(stream), TRUE);
+        }
+        EXPECT_EQ(free("f.lck", FileLockShared), row.lockShared) << row.mode;
+        EXPECT_EQ(free("f.lck", FileLockExclusive), row.lockExclusive) << row.mode;
+        EXPECT_EQ(free("f", FileLockShared), row.fileShared) << row.mode;
+        EXPECT_EQ(FileStreamClose(&stream), TRUE);
+        EXPECT_EQ(free("f.lck", FileLockExclusive), 1);
+    }
+}
+
+TEST(StrFile, Lines) {
+    const struct {
+        Text content;
+        int32 room;
+        std::vector<Text> lines;
+    } table[] = {
+        {"", 10, {}},
+        {"a\n\nb", 10, {"a", "", "b"}},
+        {"\ra\r\r\nb\r\n\r", 10, {"a", "b"}},
+        {"abcdef\ngh\n", 4, {"abc", "gh"}},
+        // Of a character only both bytes; nothing behind it.
+        {"ab\x82\xa0g\nx", 4, {"ab", "x"}},
+        {"a\x82\xa0g\nx", 4, {"a\x82\xa0", "x"}},
+        // A trail byte is no line feed and no carriage return.
+        {"\x82\n\xe9\r\nx\n", 10, {"\x82\n\xe9\r", "x"}},
+        {"\xa0\nx\x82", 10, {"\xa0", "x"}},
+        {Text("a\0b\nc", 5), 10, {Text("a\0b", 3), "c"}},
+        {"abc\n", 1, {""}},
+    };
+    const Dir dir;
+    for (const auto& row : table) {
+        WriteFile(dir("f"), row.content);
+        FileStreamO stream = Open(dir("f"), 257);
+        std::vector<Text> lines;
+        char line[12] = "";
+        for (int32 size = 0; (size = StrFileReadLine(stream, line, row.room)) != -1;) {
+            EXPECT_EQ(line[size], 0);
+            lines.emplace_back(line, static_cast<std::size_t>(size));
+        }
+        EXPECT_EQ(lines, row.lines) << row.content;
+        EXPECT_EQ(FileStreamClose(&stream), TRUE);
+    }
+}
+
+TEST(StrFile, CharactersThereAndBack) {
+    const Dir dir;
+    FileStreamO stream = Open(dir("f"), 258);
+    for (const int character : {0x61, 0xd, 0x82a0, 0x8200, 0xa0, 0xe90d, 0xd, 0x81})
+        EXPECT_EQ(StrFileWriteChar(stream, character), TRUE);
+    EXPECT_EQ(StrFileWriteString(stream, ""), TRUE);
+    EXPECT_EQ(FileStreamClose(&stream), TRUE);
+    EXPECT_EQ(ReadFile(dir("f")), Text("a\r\x82\xa0\x82\0\xa0\xe9\r\r\x81", 11));
+    stream = Open(dir("f"), 257);
+    std::vector<int> read;
+    const TraceCapture trace;
+    for (int character = 0; StrFileReadChar(stream, &character) == TRUE;) read.push_back(character);
+    EXPECT_EQ(read, (std::vector<int>{0x61, 0x82a0, 0x8200, 0xa0, 0xe90d}));
+    EXPECT_EQ(trace.Text("STRING", 6), "Failed to read byte from stream");
+    EXPECT_EQ(FileStreamClose(&stream), TRUE);
+}
+
+}  // namespace
