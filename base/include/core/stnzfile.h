@@ -2,10 +2,11 @@
 // line "keyword=value,value" is a key, every other line is passed over. "!" escapes: "!n" is a line
 // feed, "!" before any other character keeps that character. docs/formats.md has the whole form.
 //
-// Names and values are read by characters (strbase.h). Keywords, and category and title of stanzas
-// that a rewrite keeps, are written with escapes but read as they stand, so names with "!", "," or
-// blanks around them change. Carriage returns are passed over in reading and so is what follows a
-// zero byte in its line. A value that ends in a lone lead byte runs into what stands behind it.
+// Names and values are read by characters (strbase.h); names stand as they are, values escaped.
+// Carriage returns are passed over in reading and so is what follows a zero byte in its line. A
+// stanza that would not be read back as it is, is not written: one with a line of more than 4095
+// bytes, a carriage return, a name with a line feed, blanks around it or a delimiter in it, or a
+// text that ends in the first half of a character. An empty value is read back as null.
 //
 // A stanza file handle is a cursor: the finds make a stanza or a key "current", and a find that
 // fails leaves everything as it was. The file is locked through the file named like it with ".lck"

@@ -12,7 +12,9 @@
 
 #include <array>
 #include <limits>
+#include <string>
 #include <string_view>
+#include <utility>
 
 #include "core/list.h"
 #include "core/memory.h"
@@ -350,62 +352,103 @@ bool Write(FileStreamO FD, string_view tText) {
                            static_cast<int32>(tText.size())) == TRUE;
 }
 
-bool Write(FileStreamO FD, const char* pstrText) {
-    return StrFileWriteString(FD, pstrText) == TRUE;
-}
-
-// Writes a text so that it is read as one value. Null is written as nothing.
-bool WriteEscaped(FileStreamO FD, const char* pstrText) {
-    if (pstrText == nullptr) return true;
+// Appends a text so that it is read as one value. Null is nothing.
+void AppendEscaped(std::string& tLine, const char* pstrText) {
+    if (pstrText == nullptr) return;
     const string_view tInner = Trimmed(pstrText, StrTerminatorPosition(pstrText));
     const char* pstrInnerEnd = tInner.data() + tInner.size();
-    const char* pstrPlain = pstrText;  // start of what goes out as it is
     const char* pstrNext = pstrText;
     for (const char* pstrHere = pstrText; const int iChar = StrGetChar(&pstrNext);
          pstrHere = pstrNext) {
         const bool bOuter = pstrHere < tInner.data() || pstrHere >= pstrInnerEnd;
-        if (iChar != '!' && iChar != ',' && iChar != '\n' && !(bOuter && IsBlank(iChar))) continue;
-        const char acEscape[] = {'!', iChar == '\n' ? 'n' : static_cast<char>(iChar)};
-        if (!Write(FD, Piece(pstrPlain, pstrHere)) || !Write(FD, {acEscape, sizeof(acEscape)})) {
+        const bool bEscape =
+            iChar == '!' || iChar == ',' || iChar == '\n' || (bOuter && IsBlank(iChar));
+        if (bEscape) tLine += '!';
+        if (iChar == '\n')
+            tLine += 'n';
+        else
+            tLine.append(pstrHere, pstrNext);
+    }
+}
+
+std::string TitleLine(const char* pstrCatagory, const char* pstrTitle) {
+    std::string tLine = "[";
+    if (!IsEmpty(pstrCatagory)) {
+        tLine += pstrCatagory;
+        tLine += ':';
+    }
+    tLine += pstrTitle;
+    return tLine += ']';
+}
+
+std::string KeyLine(const StnzKeyT* ptKey) {
+    std::string tLine = ptKey->pstrKeyword;
+    tLine += '=';
+    for (int32 l = 0; l < ptKey->lValueCount; ++l) {
+        if (l > 0) tLine += ',';
+        AppendEscaped(tLine, ptKey->apstrValues[l]);
+    }
+    return tLine;
+}
+
+// A line that is read as it was written: neither cut nor broken, without characters that reading
+// passes over, and its last character whole, as otherwise it would take in the line feed.
+bool StaysOneLine(const std::string& tLine) {
+    if (tLine.size() >= StnzFileLineSize) return false;
+    int iChar = 0;
+    for (const char* pstrNext = tLine.c_str(); *pstrNext != 0;) {
+        iChar = StrGetChar(&pstrNext);
+        if (iChar == '\n' || iChar == '\r') return false;
+    }
+    return iChar > 0xff || StrIsDBCSLeadByte(iChar) == FALSE;
+}
+
+bool ReadsAsTitle(const std::string& tLine, const StnzT* ptStanza) {
+    TitlePiecesT tPieces;
+    const char* pstrCatagory = IsEmpty(ptStanza->pstrCatagory) ? "" : ptStanza->pstrCatagory;
+    return StaysOneLine(tLine) && ParseTitle(tPieces, tLine.c_str()) &&
+           tPieces.tCatagory == pstrCatagory && tPieces.tTitle == ptStanza->pstrTitle;
+}
+
+// An empty value is read as none, and so is a null value that is the only one.
+bool ReadsAsKey(const std::string& tLine, const StnzKeyT* ptKey) {
+    KeyPiecesT tPieces;
+    if (!StaysOneLine(tLine) || !ParseKey(tPieces, tLine.c_str()) ||
+        tPieces.tKeyword != ptKey->pstrKeyword) {
+        return false;
+    }
+    std::array<char, StnzFileLineSize> acValue;
+    const char* pstrArgument = tPieces.pstrArgument;
+    for (int32 l = 0; l < ptKey->lValueCount; ++l) {
+        if (pstrArgument == nullptr) return false;
+        const char* pstrRead = NextValue(acValue.data(), &pstrArgument);
+        const char* pstrValue = ptKey->apstrValues[l];
+        if (IsEmpty(pstrValue) ? pstrRead != nullptr : StrCompare(pstrRead, pstrValue) != 0)
             return false;
-        }
-        pstrPlain = pstrNext;
     }
-    return Write(FD, Piece(pstrPlain, pstrNext));
+    return ptKey->lValueCount == 0 || pstrArgument == nullptr;
 }
 
-bool WritePlain(FileStreamO FD, const char* pstrText) { return Write(FD, pstrText); }
+bool WriteLine(FileStreamO FD, std::string tLine) { return Write(FD, tLine += '\n'); }
 
-bool WriteTitle(FileStreamO FD, const char* pstrCatagory, const char* pstrTitle,
-                bool (*fnWrite)(FileStreamO, const char*)) {
-    if (!Write(FD, "[")) return false;
-    if (!IsEmpty(pstrCatagory) && !(fnWrite(FD, pstrCatagory) && Write(FD, ":"))) return false;
-    return fnWrite(FD, pstrTitle) && Write(FD, "]\n");
-}
-
-bool WriteKey(FileStreamO FD, const StnzKeyT* ptKey) {
-    bool bGood = WriteEscaped(FD, ptKey->pstrKeyword) && Write(FD, "=");
-    for (int32 l = 0; bGood && l < ptKey->lValueCount; ++l) {
-        bGood = (l == 0 || Write(FD, ",")) && WriteEscaped(FD, ptKey->apstrValues[l]);
-    }
-    return bGood && Write(FD, "\n");
-}
-
+// Names are read as they stand, so they are written as they are. A stanza that would not be read
+// back as it is, such as one with a line feed in a name, is refused.
 bool WriteStanza(FileStreamO FD, const StnzT* ptStanza) {
     if (ptStanza == nullptr || IsEmpty(ptStanza->pstrTitle)) return false;
-    bool bGood = WriteTitle(FD, ptStanza->pstrCatagory, ptStanza->pstrTitle, WritePlain);
-    for (int32 l = 0; bGood && l < ptStanza->lKeyCount; ++l) {
-        bGood = WriteKey(FD, ptStanza->apKeys[l]);
+    std::string tLine = TitleLine(ptStanza->pstrCatagory, ptStanza->pstrTitle);
+    if (!ReadsAsTitle(tLine, ptStanza) || !WriteLine(FD, std::move(tLine))) return false;
+    for (int32 l = 0; l < ptStanza->lKeyCount; ++l) {
+        tLine = KeyLine(ptStanza->apKeys[l]);
+        if (!ReadsAsKey(tLine, ptStanza->apKeys[l]) || !WriteLine(FD, std::move(tLine)))
+            return false;
     }
-    return bGood && Write(FD, "\n");
+    return Write(FD, "\n");
 }
 
 bool PassThrough(FileStreamO FD, const StnzLineInfo& tInfo) {
-    if (tInfo.pstrTitle != nullptr) {
-        return WriteTitle(FD, tInfo.pstrCatagory, tInfo.pstrTitle, WriteEscaped);
-    }
-    return WriteEscaped(FD, tInfo.pstrKeyword) && Write(FD, "=") && Write(FD, tInfo.pstrArgument) &&
-           Write(FD, "\n");
+    if (tInfo.pstrTitle != nullptr)
+        return WriteLine(FD, TitleLine(tInfo.pstrCatagory, tInfo.pstrTitle));
+    return WriteLine(FD, std::string(tInfo.pstrKeyword) + '=' + tInfo.pstrArgument);
 }
 
 // Rewrites the file with what fnWrite(reader) writes while it reads the old content. A failure,
