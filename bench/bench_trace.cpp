@@ -1,5 +1,5 @@
-// One trace call with three arguments, recorded in the ring buffer and above the threshold, beside
-// the same line through spdlog into its ring.
+// One trace call with three arguments, recorded in the ring buffer, above the threshold, and into a
+// trace file with one write per line, beside the same line through spdlog.
 #include "core/context.h"
 #include "core/trace.h"
 #include "report.h"
@@ -27,6 +27,22 @@ void Spdlog(benchmark::State& state, bool on) {
     for (auto _ : state) SpdlogLine("TRUE", &state, ++line);
 }
 
+void TesselToFile(benchmark::State& state) {
+    if (TraceToFileNoConfig("bench.log") != TRUE) state.SkipWithError("no trace file");
+    Tessel(state, eTraceLevelLibVerbose);
+    TraceToFileNoConfig(nullptr);
+}
+
+void SpdlogToFile(benchmark::State& state) {
+    char* directory = nullptr;
+    TraceGetHomeDir(&directory);
+    SpdlogStartFile((std::string(directory) + "/spdlog.log").c_str());
+    MemFree(&directory);
+    int line = 0;
+    for (auto _ : state) SpdlogLine("TRUE", &state, ++line);
+    SpdlogStart(false);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -35,5 +51,7 @@ int main(int argc, char** argv) {
     Register("above the threshold", "spdlog", Spdlog, false);
     Register("recorded", "tessel", Tessel, eTraceLevelLibVerbose);
     Register("recorded", "spdlog", Spdlog, true);
+    Register("into a file", "tessel", TesselToFile);
+    Register("into a file", "spdlog", SpdlogToFile);
     return RunPairs(argc, argv, "A trace line");
 }

@@ -1,6 +1,7 @@
 #include "spdlog.h"
 
 #include <spdlog/logger.h>
+#include <spdlog/sinks/basic_file_sink.h>
 #include <spdlog/sinks/ringbuffer_sink.h>
 
 #include <memory>
@@ -20,4 +21,12 @@ void SpdlogStart(bool on) {
 
 void SpdlogLine(const char* result, const void* first, int second) {
     logger->debug("{} = ListGetNthNode({}, {})", result, first, second);
+}
+
+void SpdlogStartFile(const char* path) {
+    logger = std::make_unique<spdlog::logger>(
+        "LIST", std::make_shared<spdlog::sinks::basic_file_sink_st>(path, true));
+    logger->set_pattern("%l %-8n:%P %H%M%S %v");
+    logger->set_level(spdlog::level::trace);
+    logger->flush_on(spdlog::level::trace);
 }

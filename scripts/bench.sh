@@ -1,17 +1,17 @@
 #!/usr/bin/env bash
 # Builds and runs the benchmarks and prints their tables.
 #
-#   scripts/bench.sh [NAME...]     NAME: tool alloc containers stream trace; all when none is given
+#   scripts/bench.sh [NAME...]     NAME: tool alloc containers stream trace stanza config; all when none is given
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 names=("$@")
-[ ${#names[@]} -gt 0 ] || names=(tool alloc containers stream trace)
+[ ${#names[@]} -gt 0 ] || names=(tool alloc containers stream trace stanza config)
 scripts/build.sh bench "${names[@]/#/bench_}"
 
 KRHOME=$PWD/build/bench/home
 export KRHOME
-mkdir -p "$KRHOME/tmp"
+mkdir -p "$KRHOME"/{config,tmp,trace}
 for name in "${names[@]}"; do
     arguments=()
     if [ "$name" = tool ]; then
