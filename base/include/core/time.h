@@ -1,5 +1,7 @@
 // Deadlines and spans of time. A deadline is a clock value with milliseconds; two values stand
-// apart: never (-1, -1) and at once (0, 0). Setters return FALSE for a null object.
+// apart: never (-1, -1) and at once (0, 0), which is a time long past. Setters return FALSE for a
+// null object and leave the others as they are. What passes the range of a clock value is limited
+// to it, so that a huge span gives the latest deadline.
 #pragma once
 
 #include <sys/time.h>
@@ -36,6 +38,7 @@ BooleanT TimeTimeoutClone(TimeTimeoutO* poNew, TimeTimeoutO oSource);
 
 BooleanT TimeSetTimeout(TimeTimeoutO oTimeout, int32 lTime);  // exactly that clock value
 BooleanT TimeSetTimeoutFromOffset(TimeTimeoutO oTimeout, TimeOffsetO oOffset);  // from now
+// From oWhen; never for never.
 BooleanT TimeSetTimeoutRelative(TimeTimeoutO oTimeout, TimeOffsetO oOffset, TimeTimeoutO oWhen);
 BooleanT TimeSetTimeoutNever(TimeTimeoutO oTimeout);
 BooleanT TimeSetTimeoutImmediate(TimeTimeoutO oTimeout);
@@ -44,14 +47,16 @@ BooleanT TimeSetTimeoutNow(TimeTimeoutO oTimeout);
 BooleanT TimeSetTimeoutIfLower(TimeTimeoutO oTimeoutValue, TimeTimeoutO oTimeoutTest);
 
 BooleanT TimeTimeoutIsNever(TimeTimeoutO oTimeout);  // TRUE for null
+// TRUE when not after now (oWhen); FALSE when either is never or null.
 BooleanT TimeTimeoutHasExpired(TimeTimeoutO oTimeout);
 BooleanT TimeTimeoutHasExpiredRelative(TimeTimeoutO oTimeout, TimeTimeoutO oWhen);
 
-// Milliseconds left, 0 when past; -1 for a null deadline, for never, and for one too far away for
-// the result.
+// Milliseconds left, 0 when past; -1 when either is null or never, and for a deadline more than
+// 2147482 seconds away.
 int32 TimeTimeoutLeft(TimeTimeoutO oTimeout);
 int32 TimeTimeoutLeftRelative(TimeTimeoutO oTimeout, TimeTimeoutO oWhen);
-// The time left in seconds and microseconds, zero when past.
+// The time left in seconds and microseconds, zero when past. FALSE, and zero as well, when either
+// deadline is never or null: ask TimeTimeoutIsNever first and wait without a limit then.
 BooleanT TimeSetTimeval(struct timeval* ptTimeval, TimeTimeoutO oTimeout);
 BooleanT TimeSetTimevalRelative(struct timeval* ptTimeval, TimeTimeoutO oTimeout,
                                 TimeTimeoutO oWhen);
