@@ -11,6 +11,7 @@
 
 #include "core/process.h"
 #include "core/trace.h"
+#include "objfields.h"
 
 TRACE_MODULE("LIST")
 MEM_DEFAULT_POOL_CACHE
@@ -106,14 +107,6 @@ void* Pop(ListNodeO oNode) {
     oNode->oData = nullptr;
     Remove(oNode);
     return oItem;
-}
-
-// Holds a new object, which may be null or the very one already held, in place of another.
-void Replace(void** poPlace, void* oNew) {
-    if (oNew != nullptr) ObjIncRefCount(oNew);
-    void* oOld = *poPlace;
-    *poPlace = oNew;
-    if (oOld != nullptr) ObjReleaseInternal(&oOld);
 }
 
 // Appends the first lCount items of a list, which may be the target itself, to another; returns how
@@ -565,7 +558,7 @@ BooleanT ListSetNthItem(void* oObject, ListO oList, int32 lWhichItem) {
                            lWhichItem, oList->lItemCount);
         return Refuse();
     }
-    Replace(&oNode->oData, oObject);
+    ObjReplaceHeld(&oNode->oData, oObject);
     return TRUE;
 }
 
@@ -624,7 +617,7 @@ BooleanT ListGetItemCount(ListO Target, int32* Count) {
 BooleanT ListSetCookie(ListO oList, void* oCookie) {
     if (!IsList(oList)) return FALSE;
     if (oCookie != nullptr && ObjHasValidGlobalMagic(oCookie) != TRUE) return FALSE;
-    Replace(&oList->oCookie, oCookie);
+    ObjReplaceHeld(&oList->oCookie, oCookie);
     return TRUE;
 }
 
@@ -762,6 +755,6 @@ BooleanT ListNodeReplaceObject(ListNodeO oNode, void* oObj) {
         TraceMessageInline(75, 0, -1, "Invalid Object %s", ObjNameFromObject(oObj));
         return Refuse();
     }
-    Replace(&oNode->oData, oObj);
+    ObjReplaceHeld(&oNode->oData, oObj);
     return TRUE;
 }

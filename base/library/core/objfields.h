@@ -20,6 +20,14 @@ inline void* ObjFieldAt(void* oObject, const ObjDbFieldT& tField) {
     return static_cast<ByteT*>(oObject) + tField.lObjOffset;
 }
 
+// Holds a new object, which may be null or the very one already held, in place of another.
+inline void ObjReplaceHeld(void** poPlace, void* oNew) {
+    if (oNew != nullptr) ObjIncRefCount(oNew);
+    void* oOld = *poPlace;
+    *poPlace = oNew;
+    if (oOld != nullptr) ObjReleaseInternal(&oOld);
+}
+
 // Fields are read and written by their declared type through memory copies, whatever record type
 // the class's own code sees there.
 template <class T>

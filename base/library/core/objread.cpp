@@ -388,7 +388,9 @@ BooleanT ObjReconstructSimple(void** poResult, ObjSerialStreamT tStream, int32 l
     const bool bForeignPointers = ptTemplate->fnDestructor != nullptr &&
                                   ptTemplate->tDbData.bInvalidDbObject == TRUE &&
                                   tStream->bIsLocal != TRUE;
-    if (bForeignPointers) TraceMessageInline(44, 1, -1, "ERROR: Unknown type to reconstruct");
+    if (bForeignPointers)
+        TraceMessageInline(184, 1, -1, "Objects of class %x hold pointers of their process",
+                           static_cast<uint32>(lMagic));
     const int32 lBad = bForeignPointers ? 0 : ObjTakeFields(tStream, oNew.Get());
     if (lBad >= 0) {
         TraceMessageInline(123, 0, -1, "Failed to reconstruct simple object %x %d field %d type %d",

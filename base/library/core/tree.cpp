@@ -10,6 +10,7 @@
 #include "core/tree.h"
 
 #include "core/trace.h"
+#include "objfields.h"
 
 TRACE_MODULE("TREE")
 MEM_DEFAULT_POOL_CACHE
@@ -147,14 +148,6 @@ void RelocateAll(TreeNodeO* poFirst, PlaceT tPlace) {
         Relocate(oNode, tPlace);
         tPlace.oPrevious = oNode;
     }
-}
-
-// Holds a new object, which may be null or the very one already held, in place of another.
-void Replace(void** poPlace, void* oNew) {
-    if (oNew != nullptr) ObjIncRefCount(oNew);
-    void* oOld = *poPlace;
-    *poPlace = oNew;
-    if (oOld != nullptr) ObjReleaseInternal(&oOld);
 }
 
 TreeNodeO NewNode(MemPoolIdT tPool) {
@@ -384,13 +377,13 @@ BooleanT TreeDeleteContents(TreeO oTree) {
 BooleanT TreeUpdateNode(TreeNodeO oNodeToUpdate, TreeNodeO oSource) {
     if (!IsNode(oNodeToUpdate) || !IsNode(oSource)) return FALSE;
     oNodeToUpdate->bOpen = oSource->bOpen;
-    Replace(&oNodeToUpdate->oData, oSource->oData);
+    ObjReplaceHeld(&oNodeToUpdate->oData, oSource->oData);
     return TRUE;
 }
 
 BooleanT TreeReplaceObject(TreeNodeO oNodeToUpdate, void* oNewObject) {
     if (!IsNode(oNodeToUpdate) || !IsObject(oNewObject)) return FALSE;
-    Replace(&oNodeToUpdate->oData, oNewObject);
+    ObjReplaceHeld(&oNodeToUpdate->oData, oNewObject);
     return TRUE;
 }
 
@@ -737,6 +730,6 @@ BooleanT TreeFindNodeInBranch(TreeNodeO* poTreeNode, TreeNodeO oStartPosition, v
 
 BooleanT TreeSetCookie(TreeO oTree, void* oCookie) {
     if (!IsTree(oTree) || (oCookie != nullptr && !IsObject(oCookie))) return FALSE;
-    Replace(&oTree->oCookie, oCookie);
+    ObjReplaceHeld(&oTree->oCookie, oCookie);
     return TRUE;
 }
