@@ -196,7 +196,7 @@ TEST(Stream, BadStreamsAreRefusedAndLeaveNothing) {
         {"foreign functions",
          Object(0xc938e027, "i;i;i;i;p;p;p;d;",
                 Long(8) + Long(1) + Long(1) + Long(1) + Long(1) + Long(1) + Long(1) + Long(0)),
-         44},
+         184},
         {"item count", "\1" + kList + Long(0) + Long(0x7fffffff) + kZero, 139},
         {"negative count", "\1" + kList + Long(0) + Long(-1) + kZero, 139},
         {"wrong class", List({Integer(1)}, 0xc96cec6f), 127},
