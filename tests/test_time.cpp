@@ -1,0 +1,169 @@
+// Deadlines around a fixed point, and the reference time.
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <cstring>
+#include <ctime>
+#include <utility>
+#include <vector>
+
+#include "core/context.h"
+#include "core/kilntime.h"
+#include "core/time.h"
+#include "core/timeconv.h"
+#include "support/support.h"
+
+namespace {
+
+using Pair = std::pair<int32, int32>;
+Pair Value(const TimeTimeoutS& t) { return {t.lSeconds, t.lMilliSeconds}; }
+
+constexpr int32 Base = 1000000000;
+
+}  // namespace
+
+TEST(Time, Left) {
+    const struct {
+        TimeTimeoutS deadline, when;
+        BooleanT expired;
+        int32 left;
+        long seconds, microseconds;  // -1: no time value
+    } cases[] = {
+        {{Base, 500}, {Base, 500}, TRUE, 0, 0, 0},
+        {{Base, 501}, {Base, 500}, FALSE, 1, 0, 1000},
+        {{Base + 1, 100}, {Base, 900}, FALSE, 200, 0, 200000},
+        {{Base + 2, 100}, {Base, 900}, FALSE, 1200, 1, 200000},
+        {{Base, 900}, {Base + 1, 100}, TRUE, 0, 0, 0},
+        {{Base + 2147482, 999}, {Base, 0}, FALSE, 2147482999, 2147482, 999000},
+        {{Base + 2147483, 0}, {Base, 0}, FALSE, -1, 2147483, 0},
+        {{INT_MAX, 999}, {INT_MIN, 0}, FALSE, -1, INT_MAX, 999000},
+        {{INT_MIN, 0}, {INT_MAX, 999}, TRUE, 0, 0, 0},
+        {{0, 0}, {Base, 0}, TRUE, 0, 0, 0},
+        {{-1, -1}, {Base, 0}, FALSE, -1, -1, 0},
+        {{Base, 0}, {-1, -1}, FALSE, -1, -1, 0},
+        {{-1, -1}, {-1, -1}, FALSE, -1, -1, 0},
+        {{1, INT_MAX}, {0, INT_MIN}, FALSE, INT_MAX, 4294968, 295000},  // no milliseconds
+    };
+    for (auto c : cases) {
+        SCOPED_TRACE(testing::Message() << c.deadline.lSeconds << " from " << c.when.lSeconds);
+        TraceCapture trace(3);
+        EXPECT_EQ(TimeTimeoutHasExpiredRelative(&c.deadline, &c.when), c.expired);
+        EXPECT_EQ(TimeTimeoutLeftRelative(&c.deadline, &c.when), c.left);
+        EXPECT_EQ(trace.CountText(
+                      "Timeout -1 - timeout difference: " + std::to_string(c.deadline.lSeconds) +
+                      " - " + std::to_string(c.when.lSeconds)),
+                  c.left < 0 ? 1 : 0);
+        struct timeval value = {7, 7};
+        EXPECT_EQ(TimeSetTimevalRelative(&value, &c.deadline, &c.when),
+                  BooleanFrom(c.seconds >= 0));
+        EXPECT_EQ(value.tv_sec, std::max(c.seconds, 0L));
+        EXPECT_EQ(value.tv_usec, c.microseconds);
+    }
+    TimeTimeoutS never = {-1, -1}, past = {0, 0}, soon = {};
+    struct timeval value = {7, 7};
+    TimeSetTimeoutNow(&soon);
+    EXPECT_EQ(TimeTimeoutHasExpired(&soon), TRUE);
+    EXPECT_EQ(TimeTimeoutLeft(&past), 0);
+    EXPECT_EQ(TimeTimeoutLeft(&never), -1);
+    EXPECT_EQ(TimeTimeoutLeft(nullptr), -1);
+    EXPECT_EQ(TimeTimeoutLeftRelative(&past, nullptr), -1);
+    EXPECT_EQ(TimeTimeoutHasExpired(&never), FALSE);
+    EXPECT_EQ(TimeTimeoutHasExpired(nullptr), FALSE);
+    EXPECT_EQ(TimeTimeoutIsNever(nullptr), TRUE);
+    EXPECT_EQ(TimeTimeoutIsNever(&past), FALSE);
+    EXPECT_EQ(TimeSetTimeval(&value, nullptr), FALSE);
+    EXPECT_EQ(value.tv_sec, 0);
+    soon.lSeconds += 1000;
+    EXPECT_EQ(TimeSetTimeval(&value, &soon), TRUE);
+    EXPECT_NEAR(static_cast<double>(value.tv_sec), 970, 30);
+}
+
+TEST(Time, Setting) {
+    // The earlier of two; the last column of a row is never.
+    TimeTimeoutS values[] = {{0, 0}, {Base, 1}, {Base, 2}, {Base + 1, 0}, {-1, -1}};
+    for (std::size_t a = 0; a < std::size(values); a++) {
+        for (std::size_t b = 0; b < std::size(values); b++) {
+            TimeTimeoutS value = values[a];
+            EXPECT_EQ(TimeSetTimeoutIfLower(&value, &values[b]), TRUE);
+            EXPECT_EQ(Value(value), Value(values[std::min(a, b)])) << a << b;
+        }
+        EXPECT_EQ(TimeSetTimeoutIfLower(&values[a], nullptr), FALSE);
+        EXPECT_EQ(TimeSetTimeoutIfLower(nullptr, &values[a]), FALSE);
+    }
+    const struct {
+        TimeTimeoutS when;
+        TimeOffsetS span;
+        Pair expected;
+    } sums[] = {
+        {{Base, 600}, {1, 400}, {Base + 2, 0}},
+        {{Base, 600}, {0, 2399}, {Base + 2, 999}},
+        {{Base, 600}, {-1, -601}, {Base - 2, 999}},
+        {{INT_MAX, 999}, {INT_MAX, INT_MAX}, {INT_MAX, 999}},
+        {{INT_MIN, 0}, {INT_MIN, INT_MIN}, {INT_MIN, 0}},
+        {{-1, -1}, {5, 0}, {-1, -1}},
+    };
+    for (auto c : sums) {
+        TimeTimeoutS sum = {};
+        EXPECT_EQ(TimeSetTimeoutRelative(&sum, &c.span, &c.when), TRUE);
+        EXPECT_EQ(Value(sum), c.expected);
+    }
+    TraceCapture trace(3);
+    EXPECT_EQ(TimeSetTimeout(nullptr, 1), FALSE);
+    EXPECT_EQ(trace.CountText("NULL timeout passed to TimeSetTimeout"), 1);
+    EXPECT_EQ(TimeSetOffset(nullptr, 1, 1), FALSE);
+    EXPECT_EQ(trace.CountText("Cannot set offset of NULL TimeOffsetO"), 1);
+}
+
+TEST(Time, Objects) {
+    ObjHolder<TimeTimeoutS> fresh, set, copy;
+    ObjHolder<TimeOffsetS> span;
+    ASSERT_EQ(TimeCreateTimeout(fresh.Address()), TRUE);
+    EXPECT_EQ(TimeTimeoutIsNever(fresh.Get()), TRUE);
+    ASSERT_EQ(TimeCreateAndSetTimeout(set.Address(), 100, 500), TRUE);
+    EXPECT_NEAR(TimeTimeoutLeft(set.Get()), 70500, 30000);
+    ASSERT_EQ(TimeTimeoutClone(copy.Address(), set.Get()), TRUE);
+    EXPECT_EQ(ObjCompare(copy.Get(), set.Get()), TRUE);
+    ASSERT_EQ(TimeCreateOffset(span.Address(), INT_MAX, 0), TRUE);
+    EXPECT_EQ(ObjCheckTypeInternal(span.Get(), ObjMagic(0xca1ceab8)), TRUE);
+    EXPECT_EQ(ObjCheckTypeInternal(copy.Get(), ObjMagic(0xca1cea91)), TRUE);
+    EXPECT_EQ(TimeSetTimeoutFromOffset(set.Get(), span.Get()), TRUE);
+    EXPECT_EQ(Value(*set.Get()), Pair(INT_MAX, 999));
+    EXPECT_EQ(TimeTimeoutCopy(copy.Get(), fresh.Get()), TRUE);
+    EXPECT_EQ(TimeTimeoutIsNever(copy.Get()), TRUE);
+    EXPECT_EQ(TimeTimeoutCopy(copy.Get(), nullptr), FALSE);
+}
+
+TEST(KilnTime, Record) {
+    KilnTimeOffsetT record = {};
+    char* source = nullptr;
+    TimeT clock = 0;
+    int64 precise = 0;
+    for (const int32 valid : {-1, 0, 2}) {  // -1: no record at all
+        gtTlContext.sProcess.ptKilnTime = valid < 0 ? nullptr : &record;
+        record.bHaveOffset = valid;
+        EXPECT_EQ(KilnTime(&clock), FALSE);
+        EXPECT_EQ(KilnTimeAsInt64(&precise), FALSE);
+        EXPECT_EQ(KilnTimeGetSource(&source), FALSE);
+    }
+    record.bHaveOffset = 1;
+    record.llUTCOffset = 3600000;
+    std::memset(record.acSourceSystem, 'n', sizeof(record.acSourceSystem));
+    record.lReserved = -1;
+    const std::time_t before = std::time(nullptr);
+    EXPECT_EQ(KilnTime(&clock), TRUE);
+    EXPECT_EQ(KilnTimeAsInt64(&precise), TRUE);
+    EXPECT_NEAR(static_cast<double>(clock), static_cast<double>(before - 3570), 30);
+    EXPECT_NEAR(static_cast<double>(precise / 1000), clock, 30);
+    EXPECT_EQ(KilnTimeGetSource(&source), TRUE);
+    EXPECT_EQ(source, std::string(32, 'n'));
+    MemFree(&source);
+    EXPECT_EQ(KilnTime(nullptr), TRUE);
+    EXPECT_EQ(KilnTimeGetSource(nullptr), TRUE);
+    record.llUTCOffset = TimeNowAsInt64() + 100000 * 1000 - 1;  // truncated, not rounded down
+    EXPECT_EQ(KilnTime(&clock), TRUE);
+    EXPECT_NEAR(clock, -99970, 30);
+    record.llUTCOffset = INT64_MIN;
+    EXPECT_EQ(KilnTimeAsInt64(&precise), TRUE);
+    EXPECT_LT(precise, 0);
+    gtTlContext.sProcess.ptKilnTime = nullptr;
+}

@@ -1,0 +1,456 @@
+// Conversions are compared with the C library's, calendar moves with day arithmetic of their own.
+// Zones are given as rules, so that no zone files are needed.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <random>
+#include <string>
+
+#include "core/locale.h"
+#include "core/timeconv.h"
+#include "support/support.h"
+
+namespace {
+
+const char* const Zones[] = {
+    "UTC0",     "CET-1CEST,M3.5.0,M10.5.0/3", "NST3:30NDT,M3.2.0,M11.1.0",
+    "IST-5:30", "EST5EDT,M3.2.0,M11.1.0",     "AEST-10AEDT,M10.1.0,M4.1.0/3"};
+constexpr int Day = 86400;
+
+void SetZone(const char* zone) {
+    setenv("TZ", zone, 1);
+    tzset();
+}
+
+struct tm Local(std::time_t clock) {
+    struct tm fields = {};
+    localtime_r(&clock, &fields);
+    return fields;
+}
+
+std::string Strftime(const struct tm& fields, const char* format) {
+    char text[64];
+    return std::string(text, std::strftime(text, sizeof(text), format, &fields));
+}
+
+std::string Show(const TimeBreakdownT& b) {
+    char text[100];
+    std::snprintf(text, sizeof(text), "%d-%d-%d (%d) %d:%d:%d", b.tDate.lYear, b.tDate.lMonth,
+                  b.tDate.lDay, b.tDate.lDayOfWeek, b.tTime.lHour, b.tTime.lMinute,
+                  b.tTime.lSecond);
+    return text;
+}
+
+// The records are numbers without gaps.
+template <class T>
+bool Same(const T& a, const T& b) {
+    return std::memcmp(&a, &b, sizeof(T)) == 0;
+}
+
+TimeBreakdownT Breakdown(const struct tm& f) {
+    return {{f.tm_hour, f.tm_min, f.tm_sec},
+            {f.tm_year + 1900, f.tm_mon + 1, f.tm_mday, f.tm_wday}};
+}
+
+template <BooleanT NoSeconds>
+BooleanT OfDay(char* text, int32 size, TimeT clock) {
+    return TimeToTimeOfDayStringInternal(text, size, clock, NoSeconds);
+}
+template <BooleanT NoDay, BooleanT NoYear>
+BooleanT Long(char* text, int32 size, TimeT clock) {
+    return TimeToLongDateStringInternal(text, size, clock, NoDay, NoYear);
+}
+const struct Form {
+    const char* strftime;
+    int32 minimum;
+    BooleanT (*write)(char*, int32, TimeT);
+} Forms[] = {
+    {"%Y%m%d", 9, TimeToNumericDateString},
+    {"%y%m%d%H%M", 11, TimeToDateAndTimeNumericString},
+    {"%H%M%S", 7, TimeToShortTimeOfDayString},
+    {"%H:%M %d %b %Y", 30, TimeToNiceDateString},
+    {"%H:%M:%S", 9, OfDay<FALSE>},
+    {"%H:%M", 9, OfDay<TRUE>},
+    {"%a %d %b %Y", 24, Long<FALSE, FALSE>},
+    {"%a %d %b", 24, Long<FALSE, TRUE>},
+    {"%d %b %Y", 24, Long<TRUE, FALSE>},
+    {"%d %b", 24, Long<TRUE, TRUE>},
+};
+
+}  // namespace
+
+TEST(TimeConv, LocalFieldsAndBack) {
+    for (const char* zone : Zones) {
+        SetZone(zone);
+        for (int32 day = 0; day < 68 * 365 + 17; day++) {
+            for (const int32 second : {0, 1800, 14400, 20000, 57599, 72000, Day - 1}) {
+                const TimeT clock = day * Day + second;
+                struct tm fields = Local(clock);
+                TimeBreakdownT got = {};
+                ASSERT_EQ(TimeToBreakdownStruct(&got, clock), TRUE);
+                ASSERT_TRUE(Same(got, Breakdown(fields)))
+                    << zone << " " << clock << " " << Show(got);
+                // Of an hour that the clock shows twice the second one comes back.
+                const bool twice = Same(Breakdown(Local(clock + 3600)), got);
+                TimeT back = -1;
+                ASSERT_EQ(TimeFromBreakdown(&back, &got), TRUE);
+                ASSERT_EQ(back, twice ? clock + 3600 : clock) << zone << " " << Show(got);
+                ASSERT_EQ(TimeMakeTime(&fields), clock);
+            }
+            if (day % 7 != 3) continue;  // texts, at a time that moves through the day
+            const TimeT clock = day * Day + day * 37 % Day;
+            for (const Form& form : Forms) {
+                char text[64];
+                ASSERT_EQ(form.write(text, sizeof(text), clock), TRUE);
+                ASSERT_EQ(text, Strftime(Local(clock), form.strftime)) << zone << " " << clock;
+            }
+        }
+    }
+    // The hour that the clock skips is taken as standard time, which shows it as daylight time.
+    SetZone(Zones[1]);
+    const TimeBreakdownT skipped = {{2, 30, 0}, {2005, 3, 27, 0}};
+    TimeT clock = 0;
+    EXPECT_EQ(TimeFromBreakdown(&clock, &skipped), TRUE);
+    EXPECT_EQ(clock, 1111883400);  // 00:30 UTC, 01:30 local
+    TimeDateT date = {1970, 1, 1, 0};
+    EXPECT_EQ(TimeFromDate(&clock, &date), TRUE);
+    EXPECT_EQ(clock, -3600);
+    for (const TimeDateT& bad :
+         {TimeDateT{2005, 13, 1, 0}, {2005, 0, 1, 0}, {INT_MAX, 1, 1, 0}, {999, 1, 1, 0}}) {
+        EXPECT_EQ(TimeFromDate(&clock, &bad), FALSE);
+    }
+    date = {10000, 12, INT_MAX, 0};  // cut, not undefined
+    EXPECT_EQ(TimeFromDate(&clock, &date), TRUE);
+}
+
+TEST(TimeConv, UtcFieldsAndBack) {
+    SetZone(Zones[4]);
+    std::mt19937 random(1);
+    for (int i = 0; i < 300000; i++) {
+        const TimeT clock = i == 0 ? 0 : i == 1 ? INT_MAX : static_cast<TimeT>(random() >> 1);
+        const std::time_t wide = clock;
+        struct tm fields = {};
+        gmtime_r(&wide, &fields);
+        TimeUTCBreakdownT got = {{}, {0, 0, 0, fields.tm_wday}};
+        ASSERT_EQ(TimeToUTCBreakdownStruct(&got, clock), TRUE);
+        const TimeBreakdownT plain = {got.tTime, got.tDate};
+        ASSERT_TRUE(Same(plain, Breakdown(fields))) << clock;
+        ASSERT_EQ(TimeFromUTCBreakdown(&got), clock);
+    }
+    EXPECT_EQ(TimeTToUTCtmTime(-1)->tm_year, 69);
+    TimeUTCBreakdownT untouched = {};
+    EXPECT_EQ(TimeToUTCBreakdownStruct(&untouched, -1), FALSE);
+    EXPECT_EQ(untouched.tDate.lYear, 0);
+    // The clock: now, and now for a negative value.
+    const auto before = static_cast<TimeT>(std::time(nullptr));
+    const TimeT local = TimeMakeTime(TimeLocalTime(-1));
+    for (const int64 now : {int64{TimeNow()}, TimeNowAsInt64() / 1000, int64{local}}) {
+        EXPECT_GE(now, before);
+        EXPECT_LE(now, before + 60);
+    }
+}
+
+TEST(TimeConv, Buffers) {
+    SetZone(Zones[1]);
+    for (const Form& form : Forms) {
+        const std::string expected = Strftime(Local(1112361480), form.strftime);
+        char text[64];
+        std::memset(text, '#', sizeof(text));
+        EXPECT_EQ(form.write(text, form.minimum - 1, 1112361480), FALSE);
+        EXPECT_EQ(std::string(text, sizeof(text)), std::string(sizeof(text), '#')) << form.strftime;
+        EXPECT_EQ(form.write(nullptr, 64, 1112361480), FALSE);
+        EXPECT_EQ(form.write(text, form.minimum, 1112361480), TRUE);
+        EXPECT_EQ(text, expected.substr(0, static_cast<std::size_t>(form.minimum) - 1));
+        EXPECT_EQ(text[form.minimum], '#') << form.strftime;
+    }
+    char text[24];
+    const TimeDateT none = {INT_MIN, INT_MIN, INT_MIN, 7};
+    EXPECT_EQ(TimeDateToDateString(text, sizeof(text), &none, FALSE, FALSE), TRUE);
+    EXPECT_STREQ(text, "??? -2147483648 ??? -21");
+    const struct {
+        int64 span;
+        int32 size;
+        const char* expected;
+    } spans[] = {
+        {90061000, 20, "25:01:01"},         {999, 20, "00:00:00"},
+        {90061000, 8, "25:01:0"},           {90061000, 1, ""},
+        {-3723000, 20, "-01:-02:-03"},      {INT64_MAX, 30, "2147483647:12:55"},
+        {360000000000, 20, "100000:00:00"},
+    };
+    for (const auto& c : spans) {
+        char buffer[32];
+        std::memset(buffer, '#', sizeof(buffer));
+        TimeElapsedSince(c.span, buffer, c.size);
+        EXPECT_STREQ(buffer, c.expected);
+        EXPECT_EQ(buffer[c.size], '#') << c.expected;
+    }
+}
+
+// In a child, because order and breakdown format are kept for good. A catalogue is data: long
+// names, double-byte ones, formats that would read other arguments (559).
+TEST(TimeConv, LocalisedTextsAndReversedOrder) {
+    for (const char* name : {"/config", "/locale", "/locale/Test"})
+        mkdir((TestHome() + name).c_str(), 0700);
+    std::string wide;
+    for (int i = 0; i < 12; i++) wide += "\x81\x41";
+    WriteFile(TestHome() + "/locale/Test/locale.ctl",
+              "540 \"Dienstag\"\n549 \"Mai\"\n557 \"%02ld. %s\"\n558 \"%ld. %s %ld\"\n"
+              "559 \"%s %s %s %s\"\n560 \"%s, der %02ld. %s %4ld\"\n561 \"%d-%d-%d %d.%d.%d\"\n"
+              "562 \"%ldh%ldm%lds\"\n548 \"" +
+                  wide + "\"\n");
+    WriteFile(TestHome() + "/config/language.cfg", "[Display]\nReverse Date Display Order=true\n");
+    const auto child = [](void* language) {
+        SetZone("UTC0");
+        const TimeT may = 1115079010;  // Tuesday 2005-05-03 00:10:10
+        char text[64];
+        LocaleSetLocale(static_cast<const char*>(language));
+        for (const BooleanT done : {TRUE, FALSE}) {  // not looked up before the second round
+            gbDoneDateDisplayOrderCheck = done;
+            for (const auto& form : {Long<FALSE, FALSE>, Long<FALSE, TRUE>, Long<TRUE, FALSE>}) {
+                form(text, sizeof(text), may);
+                std::printf("%s|", text);
+            }
+            for (const int32 size : {24, 25}) {
+                Long<TRUE, TRUE>(text, size, may - 28 * Day);
+                std::printf("%s|", text);
+            }
+            if (done == FALSE) unlink((TestHome() + "/config/language.cfg").c_str());
+        }
+        TimeToNiceDateString(text, 30, may);
+        std::printf("%s|", text);
+        TimeElapsedSince(90061000, text, sizeof(text));
+        std::printf("%s|", text);
+        for (const int32 size : {64, 12, 1}) {
+            TimeToBreakdownString(text, size, may);
+            LocaleSetLocale(nullptr);
+            std::printf("%s|", text);
+        }
+        return static_cast<int>(TimeToBreakdownString(text, 0, may));
+    };
+    char language[] = "Test";
+    RunResult result = RunForked(child, language);
+    EXPECT_EQ(result.exitCode, FALSE);
+    const std::string part = wide.substr(0, 14);
+    EXPECT_EQ(result.output, "Dienstag, der 03. Mai 2005|Dienstag 03 Mai|3. Mai 2005|05. " +
+                                 wide.substr(0, 18) + "|05. " + wide.substr(0, 20) +
+                                 "|20 Mai 03. der Dienstag,|Mai 03 Dienstag|" + "2005 Mai 3.|" +
+                                 part + " 05.|" + part + " 05.|00:10 2005 Mai 3.|25h1m1s|" +
+                                 "2005-5-3 0.10.10|2005-5-3 0.||");
+    result = RunForked(child, nullptr);
+    EXPECT_EQ(result.output,
+              "Tue 03 May 2005|Tue 03 May|03 May 2005|05 Apr|05 Apr|Tue 03 May 2005|Tue 03 May|"
+              "03 May 2005|05 Apr|05 Apr|00:10 03 May 2005|25:01:01|2005/05/03 00:10:10|"
+              "2005/05/03 ||");
+}
+
+TEST(TimeConv, Parsing) {
+    const struct {
+        const char* text;
+        const char* trace;  // empty: 2005-04-01
+    } dates[] = {
+        {"20050401", ""},
+        {"2005 401", ""},  // numbers may have a blank in front of them
+        {"2005041", "Wrong numeric date string size. Is 7, should be 8"},
+        {"200504011", "Wrong numeric date string size. Is 9, should be 8"},
+        {"2005-4-1", "Invalid date from date string-1.2/-4.2/2005.4"},
+        {"20x50401", "Bad year: '20x5'"},
+        {"2005x401", "Bad month: 'x4'"},
+        {"200504\x81\x41z", "Bad day: '\x81\x41z'"},
+        {"20050230", "Invalid date from date string30.2/2.2/2005.4"},
+        {"19700601", "Invalid date from date string1.2/6.2/1970.4"},
+    };
+    for (const auto& c : dates) {
+        TraceCapture trace(-1);
+        const bool good = *c.trace == '\0';
+        TimeDateT date = {1, 2, 3, 4};
+        EXPECT_EQ(TimeDateFromNumericDateString(&date, c.text), BooleanFrom(good)) << c.text;
+        EXPECT_TRUE(Same(date, good ? TimeDateT{2005, 4, 1, 4} : TimeDateT{1, 2, 3, 4})) << c.text;
+        EXPECT_EQ(good || trace.CountText(c.trace) == 1, true) << c.text;
+    }
+    TimeOfDayT time = {};
+    for (const char* text : {"151812", "15:18:12", "15:1812", "1518:12tail"}) {
+        EXPECT_EQ(TimeOfDayFromString(&time, text), TRUE) << text;
+        EXPECT_TRUE(Same(time, {15, 18, 12})) << text;
+    }
+    EXPECT_EQ(TimeOfDayFromString(&time, "999999"), TRUE);
+    TraceCapture trace(-1);
+    for (const char* text : {"", "1", "15::18:12", "15181", " 51812", "15:18:1x"}) {
+        EXPECT_EQ(TimeOfDayFromString(&time, text), FALSE) << text;
+        EXPECT_EQ(trace.Records().back().text,
+                  "TimeOfDayFromString() - cannot convert string '" + std::string(text) + "'");
+    }
+    EXPECT_TRUE(Same(time, {99, 99, 99}));
+    EXPECT_EQ(TimeOfDayFromString(&time, nullptr), FALSE);
+    EXPECT_EQ(TimeDateFromNumericDateString(nullptr, "20050401"), FALSE);
+}
+
+// --- the calendar, against day numbers ---
+
+namespace {
+
+using B = const TimeBreakdownT&;
+
+// Days since 1970-01-01 of a date, also of one with a day behind its month's end.
+int64 Days(const TimeDateT& d) {
+    const int64 year = d.lYear - (d.lMonth <= 2 ? 1 : 0);
+    const int month = (d.lMonth + 9) % 12;  // from March
+    return year * 365 + year / 4 - year / 100 + year / 400 + (153 * month + 2) / 5 + d.lDay -
+           719469;
+}
+int64 WeekDay(const TimeDateT& d) { return Days(d) + 4; }  // 1970-01-01 was a Thursday
+int64 Months(const TimeDateT& d) { return int64{d.lYear} * 12 + d.lMonth - 1; }
+TimeDateT InMonth(int64 month, int32 day, int64 weekDay = 0) {
+    return {static_cast<int32>(month / 12), static_cast<int32>(month % 12) + 1, day,
+            static_cast<int32>((weekDay % 7 + 7) % 7)};
+}
+int32 Length(int64 month) {
+    return static_cast<int32>(Days(InMonth(month + 1, 1)) - Days(InMonth(month, 1)));
+}
+TimeDateT Civil(int64 days, int64 weekDay) {
+    int64 month = 1970 * 12 + days * 12 / 365 + 1;  // that month or a later one
+    while (Days(InMonth(month, 1)) > days) month--;
+    return InMonth(month, static_cast<int32>(days - Days(InMonth(month, 1))) + 1, weekDay);
+}
+TimeBreakdownT Weekly(B b, int64 n) {  // the day of the week stays
+    return {b.tTime, Civil(Days(b.tDate) + n, b.tDate.lDayOfWeek)};
+}
+TimeBreakdownT Daily(B b, int64 n) {
+    return {b.tTime, Civil(Days(b.tDate) + n, b.tDate.lDayOfWeek + n)};
+}
+// The day of the week follows the day that hours carry or borrow, not whole days.
+TimeBreakdownT Seconds(B b, int64 n) {
+    const TimeOfDayT& t = b.tTime;
+    const int64 clock = Days(b.tDate) * Day + t.lHour * 3600 + t.lMinute * 60 + t.lSecond + n;
+    const auto rest = static_cast<int32>((clock % Day + Day) % Day);
+    const int64 days = (clock - rest) / Day;
+    return {{rest / 3600, rest / 60 % 60, rest % 60},
+            Civil(days, b.tDate.lDayOfWeek + days - Days(b.tDate) - n / Day)};
+}
+TimeBreakdownT ForwardMonths(B b, int64 n) {
+    const TimeDateT date = InMonth(Months(b.tDate) + n, b.tDate.lDay);
+    return {b.tTime, InMonth(Months(date), date.lDay, WeekDay(date))};
+}
+TimeBreakdownT ForwardYears(B b, int64 n) {
+    const int64 month = Months(b.tDate) + n;
+    const TimeDateT date = InMonth(month, std::min(b.tDate.lDay, Length(month)));
+    return {b.tTime, InMonth(month, date.lDay, WeekDay(date))};
+}
+TimeBreakdownT BackYears(B b, int64 n) {
+    const int32 day = std::min(b.tDate.lDay, Length(Months(b.tDate) + n));
+    return {b.tTime, InMonth(Months(b.tDate) + n, day, b.tDate.lDayOfWeek - (b.tDate.lDay - day))};
+}
+// The last month on the way that is shorter than the first day gives the day.
+TimeBreakdownT BackMonths(B b, int64 n) {
+    int64 month = Months(b.tDate) + n;
+    while (month < Months(b.tDate) && Length(month) >= b.tDate.lDay) month++;
+    const int32 day = std::min(b.tDate.lDay, Length(month));
+    const TimeDateT date = InMonth(Months(b.tDate) + n, day);
+    return {b.tTime, InMonth(Months(date), day, b.tDate.lDayOfWeek - (Days(b.tDate) - Days(date)))};
+}
+TimeBreakdownT NextInstance(B b, int64 desired) {
+    for (int64 n = b.tDate.lDay >= desired ? 1 : 0;; n++) {
+        const TimeDateT date = Daily(b, n).tDate;
+        const bool last = date.lDay < desired && date.lDay == Length(Months(date));
+        if (date.lDay == desired || last) return {b.tTime, date};
+    }
+}
+
+template <BooleanT (*Function)(TimeBreakdownT*)>
+BooleanT Once(TimeBreakdownT* b, int32) {
+    return Function(b);
+}
+const struct Move {
+    const char* name;
+    BooleanT (*move)(TimeBreakdownT*, int32);
+    int32 least, most;  // counts
+    TimeBreakdownT (*model)(B, int64);
+    int64 unit;
+} Moves[] = {
+    {"NextHour", Once<TimeBreakdownToNextHour>, 1, 1, Seconds, 3600},
+    {"NextDay", Once<TimeBreakdownToNextDay>, 1, 1, Daily, 1},
+    {"PrevDay", Once<TimeBreakdownToPrevDay>, 1, 1, Daily, -1},
+    {"NextWeek", Once<TimeBreakdownToNextWeek>, 1, 1, Weekly, 7},
+    {"ForwardSeconds", TimeBreakdownMoveForwardSeconds, 0, 9999999, Seconds, 1},
+    {"ForwardMinutes", TimeBreakdownMoveForwardMinutes, 0, 999999, Seconds, 60},
+    {"ForwardHours", TimeBreakdownMoveForwardHours, 0, 99999, Seconds, 3600},
+    {"ForwardDays", TimeBreakdownMoveForwardDays, 0, 3000, Weekly, 1},
+    {"ForwardWeeks", TimeBreakdownMoveForwardWeeks, 0, 300, Weekly, 7},
+    {"ForwardMonths", TimeBreakdownMoveForwardMonths, 0, 300, ForwardMonths, 1},
+    {"ForwardYears", TimeBreakdownMoveForwardYears, 0, 300, ForwardYears, 12},
+    {"BackSeconds", TimeBreakdownMoveBackSeconds, 0, 9999999, Seconds, -1},
+    {"BackMinutes", TimeBreakdownMoveBackMinutes, 0, 999999, Seconds, -60},
+    {"BackHours", TimeBreakdownMoveBackHours, 0, 99999, Seconds, -3600},
+    {"BackDays", TimeBreakdownMoveBackDays, 0, 3000, Weekly, -1},
+    {"BackWeeks", TimeBreakdownMoveBackWeeks, 0, 300, Weekly, -7},
+    {"BackMonths", TimeBreakdownMoveBackMonths, 0, 60, BackMonths, -1},
+    {"BackYears", TimeBreakdownMoveBackYears, 0, 300, BackYears, -12},
+    {"NextDateInstance", TimeBreakdownToNextDateInstance, 1, 40, NextInstance, 1},
+};
+
+}  // namespace
+
+TEST(TimeCalendar, MovesAgreeWithDayNumbers) {
+    std::mt19937 random(2);
+    const auto below = [&](int32 n) { return static_cast<int32>(random() % unsigned(n)); };
+    for (int round = 0; round < 50000; round++) {
+        TimeBreakdownT start = {{below(24), below(60), below(60)},
+                                Civil(Days({1971, 1, 1, 0}) + below(365 * 500), below(7))};
+        if (round % 4 == 0) start.tDate.lDay = Length(Months(start.tDate));  // where they roll
+        if (round % 8 == 0) start.tDate = InMonth(2000 * 12 + 1 + below(20) * 48, 28, below(7));
+        if (round % 16 == 0) start.tDate.lDay = Length(Months(start.tDate));
+        if (round % 5 == 0) start.tTime = {23, 59, 59};
+        for (const Move& m : Moves) {
+            const int32 most = round % 3 == 0 ? std::min(m.most, 70) : m.most;
+            const int32 count = m.least + below(most - m.least + 1);
+            const TimeBreakdownT expected = m.model(start, count * m.unit);
+            TimeBreakdownT got = start;
+            ASSERT_EQ(m.move(&got, count), TRUE) << m.name << " " << Show(start);
+            ASSERT_EQ(Show(got), Show(expected)) << m.name << " " << count << " " << Show(start);
+        }
+        const TimeDateT& d = start.tDate;
+        ASSERT_EQ(TimeCalculateDayOfWeek(d.lYear, d.lMonth, d.lDay), (WeekDay(d) % 7 + 7) % 7);
+    }
+}
+
+// Any count ends soon; what cannot be done leaves the record as it was.
+TEST(TimeCalendar, Limits) {
+    const TimeBreakdownT none[] = {{{}, {2005, 0, 1, 0}},
+                                   {{}, {2005, 13, 1, 0}},
+                                   {{}, {2005, 4, 32, 0}},
+                                   {{}, {2005, 4, 0, 0}}};
+    for (const Move& m : Moves) {
+        EXPECT_EQ(m.move(nullptr, 1), FALSE) << m.name;
+        for (TimeBreakdownT got : none) EXPECT_EQ(m.move(&got, 1), FALSE) << m.name << Show(got);
+        TimeBreakdownT got = {{0, 0, 0}, {2005, 4, 1, INT_MAX}};  // a parsed date may have any
+        const std::string before = Show(got);
+        const bool counted = m.most > 1;
+        EXPECT_TRUE(!counted || m.move(&got, -1) == FALSE) << m.name;
+        EXPECT_TRUE(m.move(&got, INT_MAX) == TRUE || Show(got) == before) << m.name;
+    }
+    TimeBreakdownT sunday = {{12, 0, 0}, {2006, 1, 1, Sunday}};
+    EXPECT_EQ(TimeBreakdownToPrevDay(&sunday), TRUE);
+    EXPECT_EQ(Show(sunday), "2005-12-31 (6) 12:0:0");
+    const TimeDateT valid[] = {{1971, 1, 1, 0}, {2000, 2, 29, 0}, {10000, 12, 31, 0}};
+    for (const TimeDateT& date : valid) EXPECT_EQ(TimeValidDate(&date), TRUE) << date.lYear;
+    const TimeDateT invalid[] = {{1970, 6, 1, 0},  {1900, 2, 29, 0}, {2100, 2, 29, 0},
+                                 {2005, 4, 31, 0}, {2005, 0, 1, 0},  {2005, 4, 0, 0},
+                                 {10001, 1, 1, 0}};
+    for (const TimeDateT& date : invalid) EXPECT_EQ(TimeValidDate(&date), FALSE) << date.lYear;
+    TraceCapture trace;
+    EXPECT_EQ(TimeDaysInMonth(2, 999), -1);
+    EXPECT_EQ(trace.CountText("Invalid arguments"), 1);
+    TimeT seconds = 0;
+    for (const TimeOfDayT& t : {TimeOfDayT{24, 0, 0}, {0, 60, 0}, {0, 0, 60}, {-1, 0, 0}})
+        EXPECT_EQ(TimeFromTimeOfDay(&seconds, &t), FALSE);
+    const TimeOfDayT early = {0, 59, 59}, late = {1, 0, 1};
+    EXPECT_EQ(TimeFromTimeOfDay(&seconds, &late), TRUE);
+    EXPECT_EQ(seconds, 3601);
+    EXPECT_EQ(TimeOfDayCompare(&early, &late), -2);
+    EXPECT_EQ(TimeOfDayCompare(&early, nullptr), 0);
+}
