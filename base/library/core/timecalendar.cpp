@@ -4,6 +4,7 @@
 // days and weeks go step by step, because each step asks for the length of the month it stands in;
 // a month has one only in the years 1000 to 10000, which bounds every move to some 500,000 steps
 // whatever the count.
+#include <algorithm>
 #include <limits>
 
 #include "core/timeconv.h"
@@ -55,118 +56,54 @@ void RecomputeDayOfWeek(TimeDateT* ptDate) {
     ptDate->lDayOfWeek = lDay < 0 ? lDay + DaysPerWeek : lDay;
 }
 
-// --- steps ---
+// --- moves of a date; a count below 0 moves back ---
 
-// Up to a week on, into the next month when past the end of this one. The day of the week stays.
+// Up to a week, into the next month when past the end of this one and into the previous one when
+// before its start. The day of the week stays.
 bool AddDays(TimeDateT* ptDate, int32 lDays) {
     int32 lLength = 0;
-    if (!MonthLength(&lLength, *ptDate)) return false;
+    if (lDays > 0 && !MonthLength(&lLength, *ptDate)) return false;
     ptDate->lDay += lDays;
-    if (ptDate->lDay <= lLength) return true;
-    ptDate->lDay -= lLength;
-    return AddMonths(ptDate, 1);
-}
-
-// Up to a week back, into the previous month when before the start of this one.
-bool SubtractDays(TimeDateT* ptDate, int32 lDays) {
-    ptDate->lDay -= lDays;
+    if (lDays > 0) {
+        if (ptDate->lDay <= lLength) return true;
+        ptDate->lDay -= lLength;
+        return AddMonths(ptDate, 1);
+    }
     if (ptDate->lDay >= 1) return true;
-    int32 lLength = 0;
     if (!AddMonths(ptDate, -1) || !MonthLength(&lLength, *ptDate)) return false;
     ptDate->lDay += lLength;
     return true;
 }
 
-bool NextDay(TimeDateT* ptDate) {
+// One day, and the day of the week with it. From behind the end of a month, where moves by months
+// may have led, the next day is the first.
+bool StepDay(TimeDateT* ptDate, int64 llStep) {
     int32 lLength = 0;
-    if (!MonthLength(&lLength, *ptDate)) return false;
-    ptDate->lDayOfWeek = DayOfWeek(int64{ptDate->lDayOfWeek} + 1);
-    if (++ptDate->lDay <= lLength) return true;
-    ptDate->lDay = 1;
-    return AddMonths(ptDate, 1);
+    if (llStep > 0 && !MonthLength(&lLength, *ptDate)) return false;
+    if (llStep > 0) ptDate->lDay = std::min(ptDate->lDay, lLength);
+    ptDate->lDayOfWeek = DayOfWeek(ptDate->lDayOfWeek + llStep);
+    return AddDays(ptDate, static_cast<int32>(llStep));
 }
 
-bool PreviousDay(TimeDateT* ptDate) {
-    ptDate->lDayOfWeek = DayOfWeek(int64{ptDate->lDayOfWeek} - 1);
-    return SubtractDays(ptDate, 1);
-}
-
-using StepFnT = bool (*)(TimeDateT* ptDate, int32 lDays);
-
-// Whole weeks, then the rest as one step.
-bool StepDays(TimeDateT* ptDate, int32 lDays, StepFnT fnStep) {
-    for (int32 lWeek = lDays / DaysPerWeek; lWeek > 0; --lWeek) {
-        if (!fnStep(ptDate, DaysPerWeek)) return false;
+// Whole weeks, then the rest as one step. The day of the week stays.
+bool MoveDays(TimeDateT* ptDate, int64 llDays) {
+    const int32 lWeek = llDays < 0 ? -DaysPerWeek : DaysPerWeek;
+    for (; llDays / DaysPerWeek != 0; llDays -= lWeek) {
+        if (!AddDays(ptDate, lWeek)) return false;
     }
-    return lDays % DaysPerWeek == 0 || fnStep(ptDate, lDays % DaysPerWeek);
+    return llDays == 0 || AddDays(ptDate, static_cast<int32>(llDays));
 }
 
-bool StepWeeks(TimeDateT* ptDate, int32 lWeeks, StepFnT fnStep) {
-    for (; lWeeks > 0; --lWeeks) {
-        if (!fnStep(ptDate, DaysPerWeek)) return false;
-    }
+bool ForwardMonths(TimeDateT* ptDate, int64 llMonths) {
+    if (!AddMonths(ptDate, llMonths)) return false;
+    RecomputeDayOfWeek(ptDate);
     return true;
 }
 
-bool ForwardHours(TimeBreakdownT* ptBreakdown, int32 lHours) {
-    if (!StepDays(&ptBreakdown->tDate, lHours / 24, AddDays)) return false;
-    ptBreakdown->tTime.lHour += lHours % 24;
-    if (ptBreakdown->tTime.lHour < 24) return true;
-    ptBreakdown->tTime.lHour -= 24;
-    return NextDay(&ptBreakdown->tDate);
-}
-
-bool BackHours(TimeBreakdownT* ptBreakdown, int32 lHours) {
-    if (!StepDays(&ptBreakdown->tDate, lHours / 24, SubtractDays)) return false;
-    ptBreakdown->tTime.lHour -= lHours % 24;
-    if (ptBreakdown->tTime.lHour >= 0) return true;
-    ptBreakdown->tTime.lHour += 24;
-    return PreviousDay(&ptBreakdown->tDate);
-}
-
-using UnitFnT = bool (*)(TimeBreakdownT* ptBreakdown, int32 lCount);
-
-// A count of one unit of 60: whole ones of the next unit up, then the remainder and its carry.
-bool ForwardUnit(TimeBreakdownT* ptBreakdown, int32 TimeOfDayT::*plUnit, int32 lCount,
-                 UnitFnT fnNextUnit) {
-    if (!fnNextUnit(ptBreakdown, lCount / 60)) return false;
-    int32& lUnit = ptBreakdown->tTime.*plUnit;
-    lUnit += lCount % 60;
-    if (lUnit < 60) return true;
-    lUnit -= 60;
-    return fnNextUnit(ptBreakdown, 1);
-}
-
-bool BackUnit(TimeBreakdownT* ptBreakdown, int32 TimeOfDayT::*plUnit, int32 lCount,
-              UnitFnT fnNextUnit) {
-    if (!fnNextUnit(ptBreakdown, lCount / 60)) return false;
-    int32& lUnit = ptBreakdown->tTime.*plUnit;
-    lUnit -= lCount % 60;
-    if (lUnit >= 0) return true;
-    lUnit += 60;
-    return fnNextUnit(ptBreakdown, 1);
-}
-
-bool ForwardMinutes(TimeBreakdownT* ptBreakdown, int32 lMinutes) {
-    return ForwardUnit(ptBreakdown, &TimeOfDayT::lMinute, lMinutes, ForwardHours);
-}
-
-bool BackMinutes(TimeBreakdownT* ptBreakdown, int32 lMinutes) {
-    return BackUnit(ptBreakdown, &TimeOfDayT::lMinute, lMinutes, BackHours);
-}
-
-bool ForwardSeconds(TimeBreakdownT* ptBreakdown, int32 lSeconds) {
-    return ForwardUnit(ptBreakdown, &TimeOfDayT::lSecond, lSeconds, ForwardMinutes);
-}
-
-bool BackSeconds(TimeBreakdownT* ptBreakdown, int32 lSeconds) {
-    return BackUnit(ptBreakdown, &TimeOfDayT::lSecond, lSeconds, BackMinutes);
-}
-
 // Every month on the way that is shorter than the day held at the start sets the day to its last.
-bool BackMonths(TimeDateT* ptDate, int32 lMonths) {
+bool BackMonths(TimeDateT* ptDate, int64 llMonths) {
     const int32 lFirstDay = ptDate->lDay;
-    for (; lMonths > 0; --lMonths) {
+    for (; llMonths > 0; --llMonths) {
         const int32 lDayBefore = ptDate->lDay;
         int32 lLength = 0;
         if (!AddMonths(ptDate, -1) || !MonthLength(&lLength, *ptDate)) return false;
@@ -177,60 +114,83 @@ bool BackMonths(TimeDateT* ptDate, int32 lMonths) {
     return true;
 }
 
-bool ForwardYears(TimeDateT* ptDate, int32 lYears) {
-    if (!SetYear(ptDate, int64{ptDate->lYear} + lYears)) return false;
-    if (ptDate->lMonth == 2 && ptDate->lDay == 29 && TimeLeapYear(ptDate->lYear) != TRUE)
-        ptDate->lDay = 28;
+bool IsMissingLeapDay(const TimeDateT& tDate) {
+    return tDate.lMonth == 2 && tDate.lDay == 29 && TimeLeapYear(tDate.lYear) != TRUE;
+}
+
+bool ForwardYears(TimeDateT* ptDate, int64 llYears) {
+    if (!SetYear(ptDate, ptDate->lYear + llYears)) return false;
+    if (IsMissingLeapDay(*ptDate)) ptDate->lDay = 28;
     RecomputeDayOfWeek(ptDate);
     return true;
 }
 
-bool BackYears(TimeDateT* ptDate, int32 lYears) {
-    if (!SetYear(ptDate, int64{ptDate->lYear} - lYears)) return false;
-    const bool bGone =
-        ptDate->lMonth == 2 && ptDate->lDay == 29 && TimeLeapYear(ptDate->lYear) != TRUE;
-    return !bGone || PreviousDay(ptDate);
+bool BackYears(TimeDateT* ptDate, int64 llYears) {
+    return SetYear(ptDate, ptDate->lYear - llYears) &&
+           (!IsMissingLeapDay(*ptDate) || StepDay(ptDate, -1));
 }
 
-bool NextDateInstance(TimeDateT* ptDate, int32 lDesiredDay) {
+bool NextDateInstance(TimeDateT* ptDate, int64 llDesiredDay) {
     int32 lLength = 0;
-    if (lDesiredDay < 1 || !MonthLength(&lLength, *ptDate)) return false;
-    int64 llDays = 0;  // that the date moves by
-    if (ptDate->lDay >= lDesiredDay) {
-        int32 lNewLength = 0;
-        if (!AddMonths(ptDate, 1) || !MonthLength(&lNewLength, *ptDate)) return false;
-        llDays = lLength - ptDate->lDay;
-        ptDate->lDay = lDesiredDay < lNewLength ? lDesiredDay : lNewLength;
-        llDays += ptDate->lDay;
-    } else {
-        const int32 lNewDay = lDesiredDay > lLength ? lLength : lDesiredDay;
-        llDays = lNewDay - ptDate->lDay;
-        ptDate->lDay = lNewDay;
+    if (llDesiredDay < 1 || !MonthLength(&lLength, *ptDate)) return false;
+    int64 llDays = -ptDate->lDay;  // that the date moves by
+    if (ptDate->lDay >= llDesiredDay) {
+        llDays += lLength;
+        if (!AddMonths(ptDate, 1) || !MonthLength(&lLength, *ptDate)) return false;
     }
-    ptDate->lDayOfWeek = DayOfWeek(ptDate->lDayOfWeek + llDays);
+    ptDate->lDay = static_cast<int32>(std::min<int64>(llDesiredDay, lLength));
+    ptDate->lDayOfWeek = DayOfWeek(ptDate->lDayOfWeek + llDays + ptDate->lDay);
     return true;
+}
+
+// --- moves of date and time; a count below 0 moves back ---
+
+// Adds to a unit of the time of day less than a whole one of the next unit; the carry is -1, 0
+// or 1.
+int32 AddAndCarry(int32* plUnit, int32 lCount, int32 lWhole) {
+    *plUnit += lCount;
+    const int32 lCarry = *plUnit < 0 ? -1 : BooleanFrom(*plUnit >= lWhole);
+    *plUnit -= lCarry * lWhole;
+    return lCarry;
+}
+
+bool MoveHours(TimeBreakdownT* ptBreakdown, int32 lHours) {
+    if (!MoveDays(&ptBreakdown->tDate, lHours / 24)) return false;
+    const int32 lCarry = AddAndCarry(&ptBreakdown->tTime.lHour, lHours % 24, 24);
+    return lCarry == 0 || StepDay(&ptBreakdown->tDate, lCarry);
+}
+
+bool MoveMinutes(TimeBreakdownT* ptBreakdown, int32 lMinutes) {
+    return MoveHours(ptBreakdown, lMinutes / 60) &&
+           MoveHours(ptBreakdown, AddAndCarry(&ptBreakdown->tTime.lMinute, lMinutes % 60, 60));
+}
+
+bool MoveSeconds(TimeBreakdownT* ptBreakdown, int32 lSeconds) {
+    return MoveMinutes(ptBreakdown, lSeconds / 60) &&
+           MoveMinutes(ptBreakdown, AddAndCarry(&ptBreakdown->tTime.lSecond, lSeconds % 60, 60));
 }
 
 // --- what every move shares ---
 
-// Runs a move of the date on a copy, which replaces the record when the move succeeds.
-template <class MoveT>
-BooleanT MoveDate(TimeBreakdownT* ptBreakdown, int32 lCount, MoveT fnMove) {
+// Moves the date by lCount units on a copy, which replaces the record when all went well.
+BooleanT MoveDate(TimeBreakdownT* ptBreakdown, int32 lCount,
+                  bool (*fnMove)(TimeDateT* ptDate, int64 llCount), int64 llUnit = 1) {
     if (ptBreakdown == nullptr || lCount < 0 || !IsDate(ptBreakdown->tDate)) return FALSE;
     TimeDateT tDate = ptBreakdown->tDate;
-    if (!fnMove(&tDate, lCount)) return FALSE;
+    if (!fnMove(&tDate, lCount * llUnit)) return FALSE;
     ptBreakdown->tDate = tDate;
     return TRUE;
 }
 
-// The same for a move of date and time.
-BooleanT MoveTime(TimeBreakdownT* ptBreakdown, int32 lCount, UnitFnT fnMove) {
+// The same with date and time.
+BooleanT MoveTime(TimeBreakdownT* ptBreakdown, int32 lCount,
+                  bool (*fnMove)(TimeBreakdownT* ptBreakdown, int32 lCount), int32 lSign = 1) {
     if (ptBreakdown == nullptr || lCount < 0 || !IsDate(ptBreakdown->tDate) ||
         TimeValidTimeOfDay(&ptBreakdown->tTime) != TRUE) {
         return FALSE;
     }
     TimeBreakdownT tMoved = *ptBreakdown;
-    if (!fnMove(&tMoved, lCount)) return FALSE;
+    if (!fnMove(&tMoved, lCount * lSign)) return FALSE;
     *ptBreakdown = tMoved;
     return TRUE;
 }
@@ -282,51 +242,43 @@ int32 TimeCalculateDayOfWeek(int32 lYear, int32 lMonth, int32 lDay) {
 // --- moves ---
 
 BooleanT TimeBreakdownToNextHour(TimeBreakdownT* ptBreakdown) {
-    return MoveTime(ptBreakdown, 1, ForwardHours);
+    return MoveTime(ptBreakdown, 1, MoveHours);
 }
 
 BooleanT TimeBreakdownToNextDay(TimeBreakdownT* ptBreakdown) {
-    return MoveDate(ptBreakdown, 1, [](TimeDateT* ptDate, int32) { return NextDay(ptDate); });
+    return MoveDate(ptBreakdown, 1, StepDay);
 }
 
 BooleanT TimeBreakdownToPrevDay(TimeBreakdownT* ptBreakdown) {
-    return MoveDate(ptBreakdown, 1, [](TimeDateT* ptDate, int32) { return PreviousDay(ptDate); });
+    return MoveDate(ptBreakdown, 1, StepDay, -1);
 }
 
 BooleanT TimeBreakdownToNextWeek(TimeBreakdownT* ptBreakdown) {
-    return MoveDate(ptBreakdown, DaysPerWeek, AddDays);
+    return MoveDate(ptBreakdown, 1, MoveDays, DaysPerWeek);
 }
 
 BooleanT TimeBreakdownMoveForwardSeconds(TimeBreakdownT* ptBreakdown, int32 lSeconds) {
-    return MoveTime(ptBreakdown, lSeconds, ForwardSeconds);
+    return MoveTime(ptBreakdown, lSeconds, MoveSeconds);
 }
 
 BooleanT TimeBreakdownMoveForwardMinutes(TimeBreakdownT* ptBreakdown, int32 lMinutes) {
-    return MoveTime(ptBreakdown, lMinutes, ForwardMinutes);
+    return MoveTime(ptBreakdown, lMinutes, MoveMinutes);
 }
 
 BooleanT TimeBreakdownMoveForwardHours(TimeBreakdownT* ptBreakdown, int32 lHours) {
-    return MoveTime(ptBreakdown, lHours, ForwardHours);
+    return MoveTime(ptBreakdown, lHours, MoveHours);
 }
 
 BooleanT TimeBreakdownMoveForwardDays(TimeBreakdownT* ptBreakdown, int32 lDays) {
-    return MoveDate(ptBreakdown, lDays, [](TimeDateT* ptDate, int32 lCount) {
-        return StepDays(ptDate, lCount, AddDays);
-    });
+    return MoveDate(ptBreakdown, lDays, MoveDays);
 }
 
 BooleanT TimeBreakdownMoveForwardWeeks(TimeBreakdownT* ptBreakdown, int32 lWeeks) {
-    return MoveDate(ptBreakdown, lWeeks, [](TimeDateT* ptDate, int32 lCount) {
-        return StepWeeks(ptDate, lCount, AddDays);
-    });
+    return MoveDate(ptBreakdown, lWeeks, MoveDays, DaysPerWeek);
 }
 
 BooleanT TimeBreakdownMoveForwardMonths(TimeBreakdownT* ptBreakdown, int32 lMonths) {
-    return MoveDate(ptBreakdown, lMonths, [](TimeDateT* ptDate, int32 lCount) {
-        if (!AddMonths(ptDate, lCount)) return false;
-        RecomputeDayOfWeek(ptDate);
-        return true;
-    });
+    return MoveDate(ptBreakdown, lMonths, ForwardMonths);
 }
 
 BooleanT TimeBreakdownMoveForwardYears(TimeBreakdownT* ptBreakdown, int32 lYears) {
@@ -334,27 +286,23 @@ BooleanT TimeBreakdownMoveForwardYears(TimeBreakdownT* ptBreakdown, int32 lYears
 }
 
 BooleanT TimeBreakdownMoveBackSeconds(TimeBreakdownT* ptBreakdown, int32 lSeconds) {
-    return MoveTime(ptBreakdown, lSeconds, BackSeconds);
+    return MoveTime(ptBreakdown, lSeconds, MoveSeconds, -1);
 }
 
 BooleanT TimeBreakdownMoveBackMinutes(TimeBreakdownT* ptBreakdown, int32 lMinutes) {
-    return MoveTime(ptBreakdown, lMinutes, BackMinutes);
+    return MoveTime(ptBreakdown, lMinutes, MoveMinutes, -1);
 }
 
 BooleanT TimeBreakdownMoveBackHours(TimeBreakdownT* ptBreakdown, int32 lHours) {
-    return MoveTime(ptBreakdown, lHours, BackHours);
+    return MoveTime(ptBreakdown, lHours, MoveHours, -1);
 }
 
 BooleanT TimeBreakdownMoveBackDays(TimeBreakdownT* ptBreakdown, int32 lDays) {
-    return MoveDate(ptBreakdown, lDays, [](TimeDateT* ptDate, int32 lCount) {
-        return StepDays(ptDate, lCount, SubtractDays);
-    });
+    return MoveDate(ptBreakdown, lDays, MoveDays, -1);
 }
 
 BooleanT TimeBreakdownMoveBackWeeks(TimeBreakdownT* ptBreakdown, int32 lWeeks) {
-    return MoveDate(ptBreakdown, lWeeks, [](TimeDateT* ptDate, int32 lCount) {
-        return StepWeeks(ptDate, lCount, SubtractDays);
-    });
+    return MoveDate(ptBreakdown, lWeeks, MoveDays, -DaysPerWeek);
 }
 
 BooleanT TimeBreakdownMoveBackMonths(TimeBreakdownT* ptBreakdown, int32 lMonths) {

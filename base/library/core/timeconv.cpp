@@ -63,12 +63,6 @@ int64 SecondsOf(const TimeOfDayT& tTime) {
     return tTime.lHour * SecondsPerHour + tTime.lMinute * SecondsPerMinute + tTime.lSecond;
 }
 
-void SplitSeconds(TimeOfDayT* ptTime, int32 lSecondsOfDay) {
-    ptTime->lHour = lSecondsOfDay / static_cast<int32>(SecondsPerHour);
-    ptTime->lMinute = lSecondsOfDay / static_cast<int32>(SecondsPerMinute) % 60;
-    ptTime->lSecond = lSecondsOfDay % 60;
-}
-
 // Seconds from 1970 to a date and time, in whatever zone they are meant. False for a month or year
 // that is none.
 bool SecondsSinceFirstYear(int64* pllResult, const TimeDateT& tDate, const TimeOfDayT& tTime) {
@@ -79,14 +73,6 @@ bool SecondsSinceFirstYear(int64* pllResult, const TimeDateT& tDate, const TimeO
         llDays += TimeDaysInMonth(lMonth, tDate.lYear);
     *pllResult = llDays * SecondsPerDay + SecondsOf(tTime);
     return true;
-}
-
-void FillTime(TimeOfDayT* ptTime, const struct tm& tFields) {
-    *ptTime = {tFields.tm_hour, tFields.tm_min, tFields.tm_sec};
-}
-
-void FillDate(TimeDateT* ptDate, const struct tm& tFields) {
-    *ptDate = {tFields.tm_year + 1900, tFields.tm_mon + 1, tFields.tm_mday, tFields.tm_wday};
 }
 
 // --- text ---
@@ -247,24 +233,25 @@ TimeT TimeLocaltmTimeToTimeT(struct tm* ptTime) {
 TimeT TimeMakeTime(struct tm* ptTime) { return TimeLocaltmTimeToTimeT(ptTime); }
 
 BooleanT TimeToTimeOfDayStruct(TimeOfDayT* ptTimeOfDay, TimeT tSource) {
-    const struct tm* ptFields = ptTimeOfDay == nullptr ? nullptr : TimeLocalTime(tSource);
-    if (ptFields == nullptr) return FALSE;
-    FillTime(ptTimeOfDay, *ptFields);
+    TimeBreakdownT tLocal = {};
+    if (ptTimeOfDay == nullptr || TimeToBreakdownStruct(&tLocal, tSource) != TRUE) return FALSE;
+    *ptTimeOfDay = tLocal.tTime;
     return TRUE;
 }
 
 BooleanT TimeToDateStruct(TimeDateT* ptDate, TimeT tSource) {
-    const struct tm* ptFields = ptDate == nullptr ? nullptr : TimeLocalTime(tSource);
-    if (ptFields == nullptr) return FALSE;
-    FillDate(ptDate, *ptFields);
+    TimeBreakdownT tLocal = {};
+    if (ptDate == nullptr || TimeToBreakdownStruct(&tLocal, tSource) != TRUE) return FALSE;
+    *ptDate = tLocal.tDate;
     return TRUE;
 }
 
 BooleanT TimeToBreakdownStruct(TimeBreakdownT* ptBreakdown, TimeT tSource) {
-    const struct tm* ptFields = ptBreakdown == nullptr ? nullptr : TimeLocalTime(tSource);
-    if (ptFields == nullptr) return FALSE;
-    FillTime(&ptBreakdown->tTime, *ptFields);
-    FillDate(&ptBreakdown->tDate, *ptFields);
+    const struct tm* ptLocal = ptBreakdown == nullptr ? nullptr : TimeLocalTime(tSource);
+    if (ptLocal == nullptr) return FALSE;
+    ptBreakdown->tTime = {ptLocal->tm_hour, ptLocal->tm_min, ptLocal->tm_sec};
+    ptBreakdown->tDate = {ptLocal->tm_year + 1900, ptLocal->tm_mon + 1, ptLocal->tm_mday,
+                          ptLocal->tm_wday};
     return TRUE;
 }
 
@@ -283,7 +270,8 @@ BooleanT TimeToUTCBreakdownStruct(TimeUTCBreakdownT* ptBreakdown, TimeT tClock) 
         if (lDays < lLength) break;
         lDays -= lLength;
     }
-    SplitSeconds(&ptBreakdown->tTime, tClock % static_cast<int32>(SecondsPerDay));
+    const int32 lMinutes = tClock % static_cast<int32>(SecondsPerDay) / 60;
+    ptBreakdown->tTime = {lMinutes / 60, lMinutes % 60, tClock % 60};
     ptBreakdown->tDate.lYear = lYear;
     ptBreakdown->tDate.lMonth = lMonth;
     ptBreakdown->tDate.lDay = lDays + 1;
