@@ -19,11 +19,6 @@ namespace {
 using Pair = std::pair<int32, int32>;
 Pair Value(const TimeTimeoutS& t) { return {t.lSeconds, t.lMilliSeconds}; }
 
-std::string Difference(const TimeTimeoutS& a, const TimeTimeoutS& b) {
-    return "Timeout -1 - timeout difference: " + std::to_string(a.lSeconds) + " - " +
-           std::to_string(b.lSeconds);
-}
-
 constexpr int32 Base = 1000000000;
 
 }  // namespace
@@ -55,7 +50,9 @@ TEST(Time, Left) {
         TraceCapture trace(3);
         EXPECT_EQ(TimeTimeoutHasExpiredRelative(&c.deadline, &c.when), c.expired);
         EXPECT_EQ(TimeTimeoutLeftRelative(&c.deadline, &c.when), c.left);
-        EXPECT_EQ(trace.Text("TIME", 3), c.left < 0 ? Difference(c.deadline, c.when) : "");
+        const std::string seconds =
+            std::to_string(c.deadline.lSeconds) + " - " + std::to_string(c.when.lSeconds);
+        EXPECT_EQ(trace.CountText("Timeout -1 - timeout difference: " + seconds), c.left < 0);
         struct timeval value = {7, 7};
         EXPECT_EQ(TimeSetTimevalRelative(&value, &c.deadline, &c.when),
                   BooleanFrom(c.seconds >= 0));
@@ -116,21 +113,21 @@ TEST(Time, Setting) {
 }
 
 TEST(Time, Objects) {
-    ObjHolder<TimeTimeoutS> fresh, set, copy;
+    ObjHolder<TimeTimeoutS> set, copy;
     ObjHolder<TimeOffsetS> span;
-    ASSERT_EQ(TimeCreateTimeout(fresh.Address()), TRUE);
-    EXPECT_EQ(TimeTimeoutIsNever(fresh.Get()), TRUE);
+    ASSERT_EQ(TimeCreateTimeout(copy.Address()), TRUE);
     ASSERT_EQ(TimeCreateAndSetTimeout(set.Address(), 100, 500), TRUE);
     EXPECT_NEAR(TimeTimeoutLeft(set.Get()), 70500, 30000);
-    ASSERT_EQ(TimeTimeoutClone(copy.Address(), set.Get()), TRUE);
-    EXPECT_EQ(Value(*copy.Get()), Value(*set.Get()));
+    EXPECT_EQ(TimeTimeoutCopy(set.Get(), copy.Get()), TRUE);
+    EXPECT_EQ(TimeTimeoutIsNever(set.Get()), TRUE);
     ASSERT_EQ(TimeCreateOffset(span.Address(), INT_MAX, 0), TRUE);
-    EXPECT_EQ(ObjCheckTypeInternal(span.Get(), ObjMagic(0xca1ceab8)), TRUE);
-    EXPECT_EQ(ObjCheckTypeInternal(copy.Get(), ObjMagic(0xca1cea91)), TRUE);
     EXPECT_EQ(TimeSetTimeoutFromOffset(set.Get(), span.Get()), TRUE);
     EXPECT_EQ(Value(*set.Get()), Pair(INT_MAX, 999));
-    EXPECT_EQ(TimeTimeoutCopy(copy.Get(), fresh.Get()), TRUE);
-    EXPECT_EQ(ObjCompare(copy.Get(), fresh.Get()), TRUE);
+    ObjRelease(copy.Address());
+    ASSERT_EQ(TimeTimeoutClone(copy.Address(), set.Get()), TRUE);
+    EXPECT_EQ(ObjCompare(copy.Get(), set.Get()), TRUE);
+    EXPECT_EQ(ObjCheckTypeInternal(copy.Get(), ObjMagic(0xca1cea91)), TRUE);
+    EXPECT_EQ(ObjCheckTypeInternal(span.Get(), ObjMagic(0xca1ceab8)), TRUE);
 }
 
 TEST(KilnTime, Record) {
