@@ -77,6 +77,7 @@ WRAPPED(int, Close, "close", (int fd));
 WRAPPED(int, Rename, "rename", (const char* from, const char* to));
 WRAPPED(int, Unlink, "unlink", (const char* path));
 WRAPPED(int, Mkdir, "mkdir", (const char* path, mode_t mode));
+WRAPPED(int, Fsync, "fsync", (int fd));
 WRAPPED(int, Stat, "stat", (const char* path, void* status));
 WRAPPED(int, Stat64, "stat64", (const char* path, void* status));
 WRAPPED(int, Fstat, "fstat", (int fd, void* status));
@@ -138,6 +139,8 @@ int WrapUnlink(const char* path) { return Fails(Call::Unlink) ? -1 : RealUnlink(
 int WrapMkdir(const char* path, mode_t mode) {
     return Fails(Call::Mkdir) ? -1 : RealMkdir(path, mode);
 }
+
+int WrapFsync(int fd) { return Fails(Call::Fsync) ? -1 : RealFsync(fd); }
 
 int WrapStat(const char* path, void* status) {
     return Fails(Call::Stat) ? -1 : RealStat(path, status);

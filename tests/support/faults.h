@@ -1,6 +1,7 @@
 // Faults at system calls: the n-th call of a kind fails, moves fewer bytes than asked for, or finds
 // the disk full. Only calls made by the library and the program itself are reached, and only in
-// programs that are linked with the options of tests/test_faults.options.
+// programs that are linked with the options of faults.options, which every test that includes this
+// header is.
 #pragma once
 
 #include <cstddef>
@@ -14,6 +15,7 @@ enum class Call {
     Rename,
     Unlink,
     Mkdir,
+    Fsync,
     Stat,   // by path
     Fstat,  // by descriptor
     Compress,

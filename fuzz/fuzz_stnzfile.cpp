@@ -1,0 +1,96 @@
+// Stanza files from outside: what is loaded is written, read back and equal to what was loaded, and
+// written a second time is the same bytes; changes of the file leave the other stanzas readable.
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "core/memory.h"
+#include "core/objwrappers.h"
+#include "core/stnzfile.h"
+#include "fuzzsupport.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string g_home;
+
+std::string Path(const char* name) { return g_home + "/config/" + name; }
+
+std::string Content(const std::string& path) {
+    std::ostringstream content;
+    content << std::ifstream(path, std::ios::binary).rdbuf();
+    return content.str();
+}
+
+void Expect(bool good) {
+    if (!good) std::abort();
+}
+
+// The second generation is all that the first is, to the byte.
+void CheckWriting(ListO oList) {
+    const std::string first = Path("first");
+    const std::string second = Path("second");
+    // Refused is what would not be read back, such as half a character in front of a zero byte.
+    if (StnzSaveStanzaListToFile(oList, first.c_str()) != TRUE) return;
+    ListO oAgain = nullptr;
+    Expect(StnzLoadStanzaListFromFile(&oAgain, first.c_str()) == TRUE);
+    Expect(ObjCompare(oList, oAgain) == TRUE);
+    Expect(StnzSaveStanzaListToFile(oAgain, second.c_str()) == TRUE);
+    Expect(Content(first) == Content(second));
+    ObjRelease(&oAgain);
+}
+
+// Each stanza is found by its name, and so is each of its keys.
+void CheckFinding(ListO oList, const std::string& path) {
+    StnzFileO oFile = nullptr;
+    Expect(StnzOpenFile(&oFile, path.c_str(), StnzFileModeRead) == TRUE);
+    for (ListNodeO oNode = oList->oFirst; oNode != nullptr; oNode = oNode->oNext) {
+        const StnzT* ptStanza = static_cast<ObjStanzaO>(oNode->oData)->pValue;
+        Expect(StnzFindStanza(oFile, ptStanza->pstrCatagory, ptStanza->pstrTitle) == TRUE);
+        Expect(StnzFindKeywordInStanza(oFile, "no such keyword") == FALSE);
+    }
+    StnzCloseFile(&oFile);
+}
+
+void CheckChanging(const std::string& path) {
+    StnzKeyT* pKey = nullptr;
+    Expect(StnzLineToKey(&pKey, "key=value") == TRUE);
+    Expect(StnzAddKeyToFile(path.c_str(), nullptr, "added by this", &pKey, TRUE) == TRUE);
+    Expect(StnzLoadKeyFromFile(&pKey, path.c_str(), "", "Added By This", "KEY") == TRUE);
+    Expect(std::strcmp(StnzKeyValue(pKey, 1), "value") == 0);
+    StnzReleaseKey(&pKey);
+    Expect(StnzRemoveStanzaFromFile(nullptr, "added by this", path.c_str()) == TRUE);
+    Expect(StnzLoadKeyFromFile(&pKey, path.c_str(), "", "added by this", "key") == FALSE);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
+    std::string pattern = fs::exists("/dev/shm") ? "/dev/shm/fuzzXXXXXX" : "/tmp/fuzzXXXXXX";
+    if (mkdtemp(pattern.data()) == nullptr) std::abort();
+    g_home = pattern;
+    std::atexit([] { fs::remove_all(g_home); });
+    fs::create_directories(g_home + "/config");
+    FuzzInitialize(g_home.c_str());
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    const std::string path = Path("input");
+    std::ofstream(path, std::ios::binary)
+        .write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
+    const int32 lBlocks = MemUsedCount();
+    const int32 lObjects = ObjCount();
+    ListO oList = nullptr;
+    Expect(StnzLoadStanzaListFromFile(&oList, path.c_str()) == TRUE);
+    CheckWriting(oList);
+    CheckFinding(oList, path);
+    ObjRelease(&oList);
+    CheckChanging(path);
+    Expect(MemUsedCount() == lBlocks && ObjCount() == lObjects);
+    return 0;
+}

@@ -1,0 +1,576 @@
+// Stanza files: what is read from hand-written lines, what is written byte for byte, cursors, and
+// files that processes change, are killed in, or find no room for.
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+
+#include <chrono>
+#include <csignal>
+#include <random>
+
+#include "core/list.h"
+#include "core/objwrappers.h"
+#include "core/stnzbase.h"
+#include "core/stnzfile.h"
+#include "core/stnzlist.h"
+#include "core/stnzwrappers.h"
+#include "support/faults.h"
+#include "support/files.h"
+#include "support/leftovers.h"
+
+namespace {
+
+using Text = std::string;
+
+// A stanza as text: "category:title{keyword=value,value;keyword=}" with "-" for a null value.
+Text Show(const StnzT* stanza) {
+    Text text = stanza->pstrCatagory == nullptr ? "" : stanza->pstrCatagory + Text(":");
+    text += stanza->pstrTitle + Text("{");
+    for (int32 i = 0; i < stanza->lKeyCount; i++) {
+        StnzKeyT* key = stanza->apKeys[i];
+        text += (i == 0 ? "" : ";") + Text(key->pstrKeyword) + "=";
+        for (int32 v = 1; v <= StnzKeyValueCount(key); v++) {
+            const char* value = StnzKeyValue(key, v);
+            text += (v == 1 ? "" : ",") + Text(value == nullptr ? "-" : value);
+        }
+        EXPECT_EQ(key->lMaxValueCount, std::max(1, key->lValueCount));
+    }
+    EXPECT_EQ(stanza->lMaxKeyCount, std::max(1, stanza->lKeyCount));
+    return text + "}";
+}
+
+Text ShowFile(const Name& path) {
+    ListO list = nullptr;
+    if (StnzLoadStanzaListFromFile(&list, path) != TRUE) return "failed";
+    Text text;
+    for (ListNodeO node = list->oFirst; node != nullptr; node = node->oNext)
+        text += Show(static_cast<ObjStanzaO>(node->oData)->pValue);
+    ObjRelease(&list);
+    return text;
+}
+
+// One stanza from lines.
+StnzT* Stanza(const char* category, const char* title, const std::vector<Text>& lines) {
+    StnzT* stanza = nullptr;
+    EXPECT_EQ(StnzCreate(&stanza, category, title, 0), TRUE);
+    for (const Text& line : lines) {
+        StnzKeyT* key = nullptr;
+        EXPECT_EQ(StnzLineToKey(&key, line.c_str()), TRUE);
+        EXPECT_EQ(StnzAddKeyToStanza(&stanza, &key), TRUE);
+    }
+    return stanza;
+}
+
+TEST(StnzFile, Reading) {
+    const Text full(4093, 'x');
+    const struct {
+        Text content, expected;
+    } table[] = {
+        {"", ""},
+        {"a=1\n[Network]\nport = 1\n", "Network{port=1}"},
+        {" [ Machine \t: host a ] rest = 1\nk=v", "Machine:host a{k=v}"},
+        {"[a:b:c]\n[A:B:C]x\n[ d : e : f ]", "a:b:c{}A:B:C{}d:e : f{}"},
+        {"[:t]\n[ :t]\n[ \t]\n[]\n[t\n[c:]\n[c: ]\n[t]]", "t{}"},
+        {"[t]\n#a=1\n \tb c =1\n=x\n[=x\nno key\n  =x\nd==", "t{#a=1;b c=1;d==}"},
+        {"[t]\r\na\r=1\r\n\rb=2\r\n", "t{a=1;b=2}"},
+        {"[t]\na=\nb= \t\nc=,\nd= x , y ,,z\ne=x=y\n", "t{a=;b=;c=-,-;d=x,y,-,z;e=x=y}"},
+        {"[t]\na=!n!!!,!x! ! \nb= !  x !\t\nc=x!\nd=\"a,b\"\n",
+         "t{a=\n!,x  ;b=  x \t;c=x;d=\"a,b\"}"},
+        {"[t]\na=x !,b=!\nb=!  ,!", "t{a=x ,b=;b= ,}"},
+        // Delimiters that are second bytes.
+        {"[\x82]\x82:\x82[ : \xe0 ]\n\x82=\x9f\x20 = \x82,\xff!,\x82n!\x82n,\xe0\n\n",
+         "\x82]\x82:\x82[:\xe0 {\x82=\x9f\x20=\x82,\xff!,\x82n\x82n,\xe0\n}"},
+        {"[t]\n\x82= =\x82!,\x82, \x82 \nz=\xa0,\xdf!,\n",
+         "t{\x82==\x82!,\x82, \x82 ;z=\xa0,\xdf,}"},
+        // Long lines end at 4095 bytes, and not within a character.
+        {"[t]\na=" + full + "y\nb=" + full + "\n", "t{a=" + full + ";b=" + full + "}"},
+        {"[t]\na=" + full.substr(1) + "\x82\xa0y\nb=1", "t{a=" + full.substr(1) + ";b=1}"},
+        {"[" + Text(5000, 't') + "]\n[u]", "u{}"},
+        // A zero byte ends its line for the parser.
+        {Text("[t]\nab\0=1\nc=1\0=2\n[u\0]\nd=1\n", 27), "t{c=1;d=1}"},
+        {"[t]\na=1\n[T]\na=2\n[u]", "t{a=1}T{a=2}u{}"},
+    };
+    const Dir dir;
+    const Leftovers before;
+    for (const auto& row : table) {
+        WriteFile(dir("f"), row.content);
+        EXPECT_EQ(ShowFile(dir("f")), row.expected) << row.content;
+        EXPECT_EQ(ReadFile(dir("f")), row.content);
+    }
+    EXPECT_EQ(before.Text(), "");
+}
+
+// What is written is read back as it was: random stanzas of all that names and values can hold.
+TEST(StnzFile, RoundTrip) {
+    std::mt19937 random(5);
+    const auto text = [&](const char* singles, int longest) {
+        Text made;
+        for (auto left = random() % static_cast<unsigned>(longest + 1); left > 0; left--) {
+            if (random() % 3 == 0) {
+                made += static_cast<char>(random() % 2 != 0 ? 0x80 + random() % 32 : 0xe0);
+                made += static_cast<char>(1 + random() % 255);  // any trail byte
+            } else {
+                made += singles[random() % strlen(singles)];
+            }
+        }
+        return made;
+    };
+    const Dir dir;
+    const Leftovers before;
+    for (int round = 0; round < 300; round++) {
+        ListO list = ListNew(ObjStanzaMagic);
+        Text expected;
+        for (int s = 0; s < 4; s++) {
+            StnzT* stanza = nullptr;
+            const Text category = "c" + text("a b=!,", 5) + "c";
+            const Text title = "t" + text("a b:=!,", 5) + std::to_string(s);
+            const int keys = static_cast<int>(random() % 5);
+            StnzCreate(&stanza, s == 0 ? nullptr : category.c_str(),
+                       s == 0 ? "title" : title.c_str(), keys);
+            for (int k = 0; k < keys; k++) {
+                StnzKeyT* key = nullptr;
+                const int values = static_cast<int>(random() % 4);
+                StnzCreateKey(&key, ("k" + text("a b[]:", 4) + "k").c_str(), values);
+                // A single null value reads as none.
+                for (int v = 0; v < values; v++) {
+                    const Text value = text("a n \t,!=[]:\n\xa0\"", 6);
+                    const bool null = value.empty() && values > 1;
+                    StnzAddValueToKey(&key, null ? nullptr : value.empty() ? "x" : value.c_str());
+                }
+                StnzAddKeyToStanza(&stanza, &key);
+            }
+            expected += Show(stanza);
+            ObjStanzaO item = ObjStanzaNew(stanza);
+            ListPushLastItem(list, &item);
+        }
+        ObjIntegerO stranger = ObjIntegerNew(1);
+        list->lItemMagic = 0;
+        ListPushLastItem(list, &stranger);
+        ASSERT_EQ(StnzSaveStanzaListToFile(list, dir("f")), TRUE);
+        ASSERT_EQ(ShowFile(dir("f")), expected) << ReadFile(dir("f"));
+        ObjRelease(&list);
+    }
+    EXPECT_EQ(before.Text(), "");
+}
+
+// Files after a change, to the byte.
+TEST(StnzFile, Rewriting) {
+    enum Change { Replace, Remove, AppendWhole, AddKey, ReplaceKey };
+    const struct {
+        Change change;
+        Text content;
+        const char *category, *title;
+        std::vector<Text> lines;
+        Text expected;
+    } table[] = {
+        {Replace, "", nullptr, "t", {"a= 1 ,2"}, "[t]\na=1,2\n\n"},
+        {Replace, "", "", "t", {}, "[t]\n\n"},
+        {Replace, "x=1\n[a]\ny=1", nullptr, "t", {"k=!,"}, "x=1\n[a]\ny=1\n\n[t]\nk=!,\n\n"},
+        {Replace,
+         "# c\n\n[ a ]\n\n x = 1 , 2 \nno\n[t]\nold=1\n[c : t]\n z=\n[T]\nold=2\n[b]\n",
+         nullptr,
+         "T",
+         {"new="},
+         "[a]\nx= 1 , 2 \n\n[T]\nnew=\n\n[c:t]\nz=\n\n\n[b]\n"},
+        {Replace, "[c:t]\na=1\n[b]\n", "C", "T", {"e= "}, "[C:T]\ne=\n\n[b]\n"},
+        // Names have no escapes.
+        {Replace,
+         "[t]\na=1\n",
+         nullptr,
+         "t!,",
+         {"b!=! x! !n"},
+         "[t]\na=1\n\n[t!,]\nb!=! x !n\n\n"},
+        {Remove,
+         "[a!b: c,d ]\nk,l! = x!q\n[t]\n[e]\n\n[T]\na=1\n",
+         nullptr,
+         "t",
+         {},
+         "[a!b:c,d]\nk,l!= x!q\n[e]\n"},
+        {Remove, "#=1\n[a]\n\nx\n\n[c:t]\nb=1\n", "c", "u", {}, "#=1\n[a]\n[c:t]\nb=1\n"},
+        {Remove, "[\x82!]\n\x82,!=\x82!\n", nullptr, "u", {}, "[\x82!]\n\x82,!=\x82!\n"},
+        {AppendWhole, "[t]\n a=1", nullptr, "t", {"b=1"}, "[t]\n a=1[t]\nb=1\n\n"},
+        {AddKey, "[t]\na=1\nA=2\n[u]", nullptr, "T", {"a=3"}, "[T]\na=1\nA=2\na=3\n\n[u]\n"},
+        {ReplaceKey, "[c:t]\na=1\nb=!x\nA=2\n", "c", "t", {"a=3"}, "[c:t]\nb=x\na=3\n\n"},
+        {ReplaceKey, "[u]\n", "", "t", {"a=3"}, "[u]\n\n[t]\na=3\n\n"},
+    };
+    const Dir dir;
+    const Leftovers before;
+    for (const auto& row : table) {
+        WriteFile(dir("f"), row.content);
+        StnzT* stanza = Stanza(row.category, row.title, row.lines);
+        BooleanT result = FALSE;
+        if (row.change == Replace) result = StnzReplaceStanzaInFile(stanza, dir("f"));
+        if (row.change == Remove)
+            result = StnzRemoveStanzaFromFile(row.category, row.title, dir("f"));
+        if (row.change == AppendWhole) result = StnzAddStanzaToFile(stanza, dir("f"));
+        if (row.change == AddKey || row.change == ReplaceKey) {
+            StnzKeyT* key = nullptr;
+            StnzLineToKey(&key, row.lines[0].c_str());
+            result = StnzAddKeyToFile(dir("f"), row.category, row.title, &key,
+                                      BooleanFrom(row.change == ReplaceKey));
+            EXPECT_EQ(key, nullptr);
+        }
+        EXPECT_EQ(result, TRUE);
+        EXPECT_EQ(ReadFile(dir("f")), row.expected) << row.content;
+        EXPECT_EQ(ListDir(dir.Path()), (std::vector<Text>{"f", "f.lck"}));
+        StnzRelease(&stanza);
+    }
+    EXPECT_EQ(before.Text(), "");
+}
+
+// Where the handle stands: current title, keyword and argument, and the key that comes next.
+TEST(StnzFile, CursorKeepsItsPlaceWhenAFindFails) {
+    const Dir dir;
+    WriteFile(dir("f"), "k=0\n[a]\nk=1\nl=2\nK=3\n[c:b]\nm=4\nk=5\n[d]\nn=6");
+    const Leftovers before;
+    StnzFileO file = nullptr;
+    ASSERT_EQ(StnzOpenFile(&file, dir("f"), 257), TRUE);
+    const auto where = [&] {
+        char *category = nullptr, *title = nullptr, *keyword = nullptr, *argument = nullptr;
+        StnzCurrentTitle(&category, &title, file);
+        StnzCurrentKeyword(&keyword, file);
+        StnzCurrentArgument(&argument, file);
+        return Owned(category) + ":" + Owned(title) + " " + Owned(keyword) + "=" + Owned(argument);
+    };
+    struct {
+        std::function<BooleanT()> find;
+        BooleanT found;
+        Text where;
+    } steps[] = {
+        {[&] { return StnzFindNextKeyword(file); }, FALSE, "<null>:<null> <null>=<null>"},
+        {[&] { return StnzFindKeyword(file, "M"); }, TRUE, "c:b m=4"},
+        {[&] { return StnzFindKeyword(file, "l"); }, FALSE, "c:b m=4"},
+        {[&] { return StnzFindStanza(file, nullptr, "b"); }, FALSE, "c:b m=4"},
+        {[&] { return StnzFindKeywordInStanza(file, "n"); }, FALSE, "c:b m=4"},
+        {[&] { return StnzFindNextKeyword(file); }, TRUE, "c:b k=5"},
+        {[&] { return StnzFindNextKeyword(file); }, FALSE, "c:b k=5"},
+        {[&] { return StnzFindNextStanza(file); }, TRUE, "<null>:d <null>=<null>"},
+        {[&] { return StnzFindNextStanza(file); }, FALSE, "<null>:d <null>=<null>"},
+        {[&] { return StnzFindNextKeyword(file); }, TRUE, "<null>:d n=6"},
+        {[&] { return StnzFindStanza(file, "", "A"); }, TRUE, "<null>:A <null>=<null>"},
+        {[&] { return StnzFindKeywordInStanza(file, "k"); }, TRUE, "<null>:A k=1"},
+        {[&] { return StnzFindNextKeyword(file); }, TRUE, "<null>:A l=2"},
+        {[&] {
+             StnzT* stanza = nullptr;
+             EXPECT_EQ(StnzLoadCurrentStanza(&stanza, file), TRUE);
+             EXPECT_EQ(Show(stanza), "A{k=1;l=2;K=3}");
+             return StnzRelease(&stanza);
+         },
+         TRUE, "<null>:A l=2"},
+        {[&] { return StnzFindNextKeyword(file); }, TRUE, "<null>:A K=3"},
+        // The stanza that is current is not looked for again.
+        {[&] { return StnzFindStanza(file, nullptr, "a"); }, TRUE, "<null>:A <null>=<null>"},
+        {[&] { return StnzFindNextKeyword(file); }, TRUE, "<null>:A k=1"},
+        {[&] { return StnzRewindFile(file); }, TRUE, "<null>:<null> <null>=<null>"},
+        {[&] { return StnzFindKeyword(file, "k"); }, TRUE, "<null>:<null> k=0"},
+        {[&] {
+             // A stanza beyond the reach of 32 bits.
+             EXPECT_EQ(truncate(dir("f"), off_t{1} << 31), 0);
+             Text tail = "\n[far]\nk=1\n";
+             FILE* out = std::fopen(dir("f"), "a");
+             std::fputs(tail.c_str(), out);
+             std::fclose(out);
+             fseeko(file->FD->pfInput, off_t{1} << 31, SEEK_SET);
+             return StnzFindNextStanza(file);
+         },
+         FALSE, "<null>:<null> k=0"},
+        {[&] { return BooleanFrom(ftello(file->FD->pfInput) == off_t{1} << 31); }, TRUE,
+         "<null>:<null> k=0"},
+    };
+    for (auto& step : steps) {
+        const auto number = &step - steps;
+        EXPECT_EQ(step.find(), step.found) << number;
+        EXPECT_EQ(where(), step.where) << number;
+    }
+    EXPECT_EQ(StnzCloseFile(&file), TRUE);
+    EXPECT_EQ(StnzFileOpenMode(file), -1);
+    EXPECT_EQ(before.Text(), "");
+}
+
+TEST(StnzFile, ModesAndMessages) {
+    const Dir dir;
+    // With which the class is made known.
+    ObjHolder<StnzDynamicListS>(ObjNew<StnzDynamicListS>(StnzDynamicListMagic, "o;s;"));
+    const Leftovers before;
+    const TraceCapture trace;
+    StnzT* stanza = Stanza("c", "t", {"k=v"});
+    StnzFileO file = nullptr;
+    const char* const contents[] = {"[c:t]\nk=v\n\n", "[c:t]\nk=v\n\n[c:t]\nk=v\n\n"};
+    EXPECT_EQ(StnzAddStanzaToFile(stanza, dir("f")), TRUE);
+    ASSERT_EQ(StnzOpenFile(&file, dir("f"), 515), TRUE);
+    EXPECT_EQ(StnzFindStanza(file, "c", "t"), FALSE);  // nothing is read in this mode
+    EXPECT_EQ(StnzFileReplaceStanza(file, stanza), FALSE);
+    EXPECT_EQ(StnzFileRemoveStanza(file, "c", "t"), FALSE);
+    EXPECT_EQ(StnzFileAppendStanza(file, stanza), TRUE);
+    EXPECT_EQ(StnzCloseFile(&file), TRUE);
+    EXPECT_EQ(ReadFile(dir("f")), contents[1]);
+    for (const int32 mode : {257, 516}) {
+        ASSERT_EQ(StnzOpenFile(&file, dir("f"), mode), TRUE);
+        EXPECT_EQ(StnzFileAppendStanza(file, stanza), FALSE);
+        EXPECT_EQ(StnzFileWriteStanza(file, stanza), FALSE);  // there is no output
+        EXPECT_EQ(StnzFileRemoveStanza(file, "c", nullptr), FALSE);
+        EXPECT_EQ(StnzCloseFile(&file), TRUE);
+    }
+    // A rewrite that is open is completed by closing.
+    ASSERT_EQ(StnzOpenFile(&file, dir("f"), 516), TRUE);
+    EXPECT_EQ(FileStreamStartRewrite(file->FD), TRUE);
+    EXPECT_EQ(StnzFileWriteStanza(file, stanza), TRUE);
+    EXPECT_EQ(StnzCloseFile(&file), TRUE);
+    EXPECT_EQ(ReadFile(dir("f")), contents[0]);
+
+    StnzDynamicListO dynamic = nullptr;
+    ASSERT_EQ(StnzLoadDynamicStanzaListFromFile(&dynamic, dir("f")), TRUE);
+    WriteFile(dir("f"), "lost");
+    EXPECT_EQ(StnzSaveDynamicStanzaListToFile(dynamic), TRUE);
+    EXPECT_EQ(ReadFile(dir("f")), contents[0]);
+    ObjRelease(&dynamic);
+    StnzKeyT* key = nullptr;
+    EXPECT_EQ(StnzLoadKeyFromFile(&key, dir("f"), "C", "T", "K"), TRUE);
+    EXPECT_EQ(Text(key->pstrKeyword), "K");
+    StnzReleaseKey(&key);
+
+    EXPECT_EQ(StnzLineToKey(&key, "x"), FALSE);
+    EXPECT_EQ(StnzFindNextStanza(nullptr), FALSE);
+    EXPECT_EQ(StnzAddStanzaToFile(nullptr, "f"), FALSE);
+    EXPECT_EQ(StnzAddStanzaToFile(stanza, nullptr), FALSE);
+    EXPECT_EQ(StnzReplaceStanzaInFile(nullptr, "f"), FALSE);
+    EXPECT_EQ(StnzReplaceStanzaInFile(stanza, nullptr), FALSE);
+    MemFree(&stanza->pstrTitle);
+    EXPECT_EQ(StnzReplaceStanzaInFile(stanza, dir("f")), FALSE);
+    EXPECT_EQ(StnzReplaceStanzaInFile(stanza, "/none/f"), FALSE);
+    const struct {
+        int32 number, level;
+        const char* text;
+    } messages[] = {{17, -1, "Failed to split key line x"},
+                    {33, -1, "Invalid file pointer"},
+                    {70, -1, "Attemped to add NULL stanza to file 'f'"},
+                    {71, -1, "Attemped to add stanza to NULL file"},
+                    {72, -1, "Attemped to replace NULL stanza to file 'f'"},
+                    {73, -1, "Attemped to replace stanza to NULL file"},
+                    {74, -1, "Failed to replace stanza in file"},
+                    {75, 4, "Failed to open '/none/f' for update"}};
+    for (const auto& message : messages) {
+        EXPECT_EQ(trace.Text("STANZA", message.number), message.text);
+        EXPECT_EQ(trace.Level("STANZA", message.number), message.level);
+    }
+    StnzRelease(&stanza);
+
+    // A file that cannot be read is no empty file, and nothing is written in its place.
+    EXPECT_EQ(ShowFile(dir.Path()), "failed");
+    EXPECT_EQ(ShowFile(dir("none")), "failed");
+    ASSERT_EQ(symlink("/proc/self/mem", dir("link")), 0);
+    EXPECT_EQ(ShowFile(dir("link")), "failed");
+    EXPECT_EQ(StnzRemoveStanzaFromFile(nullptr, "t", dir("link")), FALSE);
+    EXPECT_EQ(ListDir(dir.Path()),
+              (std::vector<Text>{"f", "f.lck", "link", "link.lck", "none.lck"}));
+    remove((dir.Path() + ".lck").c_str());
+    EXPECT_EQ(before.Text(), "");
+}
+
+const Text Old = "[t]\nk=old\n\n[u]\nk=1\n\n";
+
+// The changes that a failing disk is tried on; the content after success.
+const struct {
+    const char* name;
+    BooleanT (*change)(const char* path);
+    Text after;
+} Changes[] = {
+    {"replace",
+     [](const char* path) {
+         StnzT* stanza = Stanza(nullptr, "t", {"k=new value", "l=another"});
+         const BooleanT result = StnzReplaceStanzaInFile(stanza, path);
+         StnzRelease(&stanza);
+         return result;
+     },
+     "[t]\nk=new value\nl=another\n\n[u]\nk=1\n"},
+    {"remove", [](const char* path) { return StnzRemoveStanzaFromFile(nullptr, "t", path); },
+     "[u]\nk=1\n"},
+    {"add key",
+     [](const char* path) {
+         StnzKeyT* key = nullptr;
+         StnzLineToKey(&key, "n=1");
+         const BooleanT result = StnzAddKeyToFile(path, nullptr, "u", &key, FALSE);
+         StnzReleaseKey(&key);
+         return result;
+     },
+     "[t]\nk=old\n\n[u]\nk=1\nn=1\n\n"},
+    {"append",
+     [](const char* path) {
+         StnzT* stanza = Stanza(nullptr, "t", {"k=new value"});
+         const BooleanT result = StnzAddStanzaToFile(stanza, path);
+         StnzRelease(&stanza);
+         return result;
+     },
+     Old + "[t]\nk=new value\n\n"},
+    {"save",
+     [](const char* path) {
+         ListO list = nullptr;
+         BooleanT result = StnzLoadStanzaListFromFile(&list, path);
+         if (result == TRUE) result = StnzListSetKeywordFromInteger(list, "", "t", "k", 7, TRUE);
+         if (result == TRUE) result = StnzSaveStanzaListToFile(list, path);
+         if (list != nullptr) ObjRelease(&list);
+         return result;
+     },
+     "[t]\nk=7\n\n[u]\nk=1\n\n"},
+};
+
+TEST(StnzFile, AFullOrFailingDiskLeavesTheOldFile) {
+    const RunResult result = InChild([] {
+        signal(SIGXFSZ, SIG_IGN);  // writing past the limit fails
+        const Dir dir;
+        const Leftovers before;
+        int wrong = 0;
+        const auto attempt = [&](const auto& change, bool good, const Text& what) {
+            const bool done = change.change(dir("f")) == TRUE;
+            struct rlimit none = {RLIM_INFINITY, RLIM_INFINITY};
+            setrlimit(RLIMIT_FSIZE, &none);
+            FaultDisarm();
+            const Text& expected = good ? change.after : Old;
+            if (done == good && ReadFile(dir("f")) == expected && !Exists(dir("f.new"))) return;
+            std::printf("%s, %s: %s\n", change.name, what.c_str(), ReadFile(dir("f")).c_str());
+            wrong++;
+        };
+        for (const auto& change : Changes) {
+            for (rlim_t room = 0; room <= change.after.size(); room++) {
+                WriteFile(dir("f"), Old);
+                struct rlimit limit = {room, RLIM_INFINITY};
+                setrlimit(RLIMIT_FSIZE, &limit);
+                attempt(change, room == change.after.size(), "room " + std::to_string(room));
+            }
+            for (const Call call : {Call::Rename, Call::Fsync}) {
+                if (change.name == Text("append")) continue;
+                WriteFile(dir("f"), Old);
+                FaultArm({call, 1, EIO});
+                attempt(change, false, "call " + std::to_string(static_cast<int>(call)));
+            }
+        }
+        std::printf("%s", before.Text().c_str());
+        return wrong;
+    });
+    EXPECT_EQ(result.output, "");
+    EXPECT_EQ(result.exitCode, 0);
+}
+
+// A rewriting process that is killed leaves the old or the new file; the next one goes on.
+TEST(StnzFile, KilledWhileRewriting) {
+    const Dir dir;
+    const auto content = [](int version) {
+        StnzT* stanza = nullptr;
+        StnzCreate(&stanza, nullptr, "t", 1);
+        StnzSetKeywordFromInteger(&stanza, "version", version, TRUE);
+        for (int i = 0; i < 300; i++) StnzSetKeywordFromString(&stanza, "filler", "text", FALSE);
+        return stanza;
+    };
+    const auto expected = [](const Text& version) {
+        Text text = "t{version=" + version;
+        for (int i = 0; i < 300; i++) text += ";filler=text";
+        return text + "}";
+    };
+    StnzT* stanza = content(0);
+    EXPECT_EQ(StnzReplaceStanzaInFile(stanza, dir("f")), TRUE);
+    std::mt19937 random(7);
+    int stale = 0;
+    for (int round = 0; round < 60; round++) {
+        const pid_t child = fork();
+        for (int version = 1; child == 0; version++) {
+            StnzT* next = content(version);
+            if (StnzReplaceStanzaInFile(next, dir("f")) != TRUE) _exit(1);
+            StnzRelease(&next);
+        }
+        usleep(random() % 3000);
+        kill(child, SIGKILL);
+        int status = 0;
+        waitpid(child, &status, 0);
+        ASSERT_TRUE(WIFSIGNALED(status)) << status;
+        stale += Exists(dir("f.new")) ? 1 : 0;
+        const Text shown = ShowFile(dir("f"));
+        const auto begin = shown.find('=') + 1;
+        ASSERT_EQ(shown, expected(shown.substr(begin, shown.find(';') - begin)));
+    }
+    std::printf("%d of 60 left a new file behind\n", stale);
+    EXPECT_EQ(StnzReplaceStanzaInFile(stanza, dir("f")), TRUE);
+    StnzRelease(&stanza);
+    EXPECT_EQ(ShowFile(dir("f")), expected("0"));
+    EXPECT_EQ(ListDir(dir.Path()), (std::vector<Text>{"f", "f.lck"}));
+}
+
+TEST(StnzFile, UpdatesOfSeveralProcessesAllArrive) {
+    const Dir dir;
+    std::vector<pid_t> children;
+    for (int process = 0; process < 4; process++) {
+        children.push_back(fork());
+        if (children.back() != 0) continue;
+        for (int i = 0; i < 25; i++) {
+            StnzKeyT* key = nullptr;
+            StnzCreateKeyFromInteger(&key, ("p" + std::to_string(process)).c_str(), i);
+            if (StnzAddKeyToFile(dir("f"), "c", "t", &key, FALSE) != TRUE) _exit(1);
+        }
+        _exit(0);
+    }
+    for (const pid_t child : children) {
+        int status = 0;
+        waitpid(child, &status, 0);
+        EXPECT_EQ(status, 0);
+    }
+    StnzT* stanza = nullptr;
+    ASSERT_EQ(StnzLoadStanzaFromFile(&stanza, dir("f"), "c", "t"), TRUE);
+    EXPECT_EQ(stanza->lKeyCount, 100);
+    StnzRelease(&stanza);
+}
+
+// The reader waits for the updater and then sees the new file.
+TEST(StnzFile, OpeningWaitsForTheLock) {
+    const Dir dir;
+    WriteFile(dir("f"), Old);
+    StnzFileO file = nullptr;
+    ASSERT_EQ(StnzOpenFile(&file, dir("f"), 516), TRUE);
+    const pid_t child = fork();
+    if (child == 0) _exit(ShowFile(dir("f")) == "u{k=1}" ? 0 : 1);
+    // Until the child waits or, wrongly, has ended.
+    const Text waiting = std::to_string(child);
+    int status = -1;
+    while (waitpid(child, &status, WNOHANG) == 0) {
+        const Text locks = ReadFile("/proc/locks");
+        const auto place = locks.find(" " + waiting + " ");
+        if (place != Text::npos && locks.rfind("->", place) > locks.rfind('\n', place) &&
+            locks.rfind("->", place) != Text::npos) {
+            break;
+        }
+        usleep(1000);
+    }
+    EXPECT_EQ(StnzFileRemoveStanza(file, nullptr, "t"), TRUE);
+    EXPECT_EQ(StnzCloseFile(&file), TRUE);
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+}
+
+TEST(StnzFile, LoadingTakesTimeInProportion) {
+    const Dir dir;
+    const auto seconds = [&](int stanzas, int keys) {
+        Text content;
+        for (int s = 0; s < stanzas; s++) {
+            content += "[category:title " + std::to_string(s) + "]\n";
+            for (int k = 0; k < keys; k++)
+                content += "keyword" + std::to_string(k) + " = first value, second value\n";
+        }
+        WriteFile(dir("f"), content);
+        // The best of three, so that memory which the system hands out first is not measured.
+        double best = 1e9;
+        for (int round = 0; round < 3; round++) {
+            ListO list = nullptr;
+            const auto start = std::chrono::steady_clock::now();
+            EXPECT_EQ(StnzLoadStanzaListFromFile(&list, dir("f")), TRUE);
+            const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - start;
+            best = std::min(best, taken.count());
+            EXPECT_EQ(list->lItemCount, stanzas);
+            EXPECT_EQ(static_cast<ObjStanzaO>(list->oLast->oData)->pValue->lKeyCount, keys);
+            ObjRelease(&list);
+        }
+        std::printf("%d x %d: %zu bytes in %.3f s\n", stanzas, keys, content.size(), best);
+        return best;
+    };
+    EXPECT_LT(seconds(1, 200000), 12 * seconds(1, 50000));
+    EXPECT_LT(seconds(100000, 2), 12 * seconds(25000, 2));
+}
+
+}  // namespace
