@@ -1,5 +1,6 @@
 // Stanza files from outside: what is loaded is written, read back and equal to what was loaded, and
 // written a second time is the same bytes; changes of the file leave the other stanzas readable.
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -9,6 +10,7 @@
 
 #include "core/memory.h"
 #include "core/objwrappers.h"
+#include "core/stnzbase.h"
 #include "core/stnzfile.h"
 #include "fuzzsupport.h"
 
@@ -30,6 +32,29 @@ void Expect(bool good) {
     if (!good) std::abort();
 }
 
+// An empty value is the same as none.
+std::string Value(StnzKeyT* pKey, int32 lValue) {
+    const char* pstrValue = StnzKeyValue(pKey, lValue);
+    return pstrValue == nullptr ? "" : pstrValue;
+}
+
+void ExpectSame(const StnzT* ptA, const StnzT* ptB) {
+    const auto same = [](const char* a, const char* b) {
+        return a == nullptr || b == nullptr ? a == b : std::strcmp(a, b) == 0;
+    };
+    Expect(same(ptA->pstrCatagory, ptB->pstrCatagory) && same(ptA->pstrTitle, ptB->pstrTitle));
+    Expect(ptA->lKeyCount == ptB->lKeyCount);
+    for (int32 lKey = 0; lKey < ptA->lKeyCount; lKey++) {
+        StnzKeyT* pA = ptA->apKeys[lKey];
+        StnzKeyT* pB = ptB->apKeys[lKey];
+        Expect(same(pA->pstrKeyword, pB->pstrKeyword));
+        const int32 lCount = std::max(pA->lValueCount, pB->lValueCount);
+        Expect(pA->lValueCount == pB->lValueCount || lCount == 1);
+        for (int32 lValue = 1; lValue <= lCount; lValue++)
+            Expect(Value(pA, lValue) == Value(pB, lValue));
+    }
+}
+
 // The second generation is all that the first is, to the byte.
 void CheckWriting(ListO oList) {
     const std::string first = Path("first");
@@ -38,7 +63,12 @@ void CheckWriting(ListO oList) {
     if (StnzSaveStanzaListToFile(oList, first.c_str()) != TRUE) return;
     ListO oAgain = nullptr;
     Expect(StnzLoadStanzaListFromFile(&oAgain, first.c_str()) == TRUE);
-    Expect(ObjCompare(oList, oAgain) == TRUE);
+    Expect(oList->lItemCount == oAgain->lItemCount);
+    for (ListNodeO oA = oList->oFirst, oB = oAgain->oFirst; oA != nullptr;
+         oA = oA->oNext, oB = oB->oNext) {
+        ExpectSame(static_cast<ObjStanzaO>(oA->oData)->pValue,
+                   static_cast<ObjStanzaO>(oB->oData)->pValue);
+    }
     Expect(StnzSaveStanzaListToFile(oAgain, second.c_str()) == TRUE);
     Expect(Content(first) == Content(second));
     ObjRelease(&oAgain);

@@ -88,6 +88,7 @@ TEST(StnzFile, Reading) {
         {"[" + Text(5000, 't') + "]\n[u]", "u{}"},
         // A zero byte ends its line for the parser.
         {Text("[t]\nab\0=1\nc=1\0=2\n[u\0]\nd=1\n", 27), "t{c=1;d=1}"},
+        {Text("[t]\nc=1\x82\0\nd=\x82\x82\0", 17), "t{c=1;d=\x82\x82}"},
         {"[t]\na=1\n[T]\na=2\n[u]", "t{a=1}T{a=2}u{}"},
     };
     const Dir dir;

@@ -160,8 +160,10 @@ class LineReader {
 
     // The next title or key line; false at the end and on error.
     bool Next() {
-        while (StrFileReadLineCounted(m_oStream, m_acLine.data(), StnzFileLineSize, &m_llOffset) !=
-               -1) {
+        int32 lBytes = 0;
+        while ((lBytes = StrFileReadLineCounted(m_oStream, m_acLine.data(), StnzFileLineSize,
+                                                &m_llOffset)) != -1) {
+            if (StrSizeNoTerm(m_acLine.data()) < lBytes) DropHalfCharacter();
             if (TakeTitle() || TakeKey()) return true;
         }
         return false;
@@ -182,6 +184,19 @@ class LineReader {
     bool Failed() const { return ferror(m_oStream->pfInput) != 0; }
 
  private:
+    // A zero byte ends the line; the first half of a character in front of it is no text: it would
+    // take in what is written behind it.
+    void DropHalfCharacter() {
+        const char* pstrNext = m_acLine.data();
+        const char* pstrLast = pstrNext;
+        int iChar = 0;
+        while (*pstrNext != 0) {
+            pstrLast = pstrNext;
+            iChar = StrGetChar(&pstrNext);
+        }
+        if (iChar <= 0xff && StrIsDBCSLeadByte(iChar) == TRUE)
+            m_acLine[static_cast<std::size_t>(pstrLast - m_acLine.data())] = 0;
+    }
     char* Terminated(string_view tPiece) {
         if (tPiece.data() == nullptr) return nullptr;
         char* pstrPiece = m_acLine.data() + (tPiece.data() - m_acLine.data());
