@@ -271,10 +271,10 @@ TEST_F(Cfg, RemoteDecision) {
 TEST_F(Cfg, Tools) {
     char* text = nullptr;
     EXPECT_EQ(CfgGetTesselVersion(&text), FALSE);
-    for (const auto& [content, version] : std::initializer_list<std::pair<Text, Text>>{
-             {"release 6.3\nnext", "release 6.3"},
-             {"no line end", "no line end"},
-             {Text(2000, 'x'), Text(1023, 'x')}}) {
+    for (const auto& [content, version] :
+         std::initializer_list<std::pair<Text, Text>>{{"release 6.3\nnext", "release 6.3"},
+                                                      {"no line end", "no line end"},
+                                                      {Text(2000, 'x'), Text(1023, 'x')}}) {
         WriteFile(TestHome() + "/RELEASEDEF", content);
         EXPECT_EQ(CfgGetTesselVersion(&text), TRUE);
         EXPECT_EQ(Owned(text), version);
@@ -324,8 +324,8 @@ bool FileIsWhole() {
     if (CfgGetStanzaList(oList.Address(), "shared.cfg") != TRUE) return false;
     for (int process = 0; process < Processes; process++) {
         char* filler = nullptr;
-        StnzListGetString(&filler, oList.Get(), nullptr,
-                          ("P" + std::to_string(process)).c_str(), "filler", nullptr);
+        StnzListGetString(&filler, oList.Get(), nullptr, ("P" + std::to_string(process)).c_str(),
+                          "filler", nullptr);
         if (Owned(filler) != Filler) return false;
     }
     return true;
@@ -365,8 +365,8 @@ TEST_F(Cfg, NoUpdateOfManyProcessesIsLost) {
         content += "[P" + std::to_string(process) + "]\nfiller=" + Filler + "\ncounter=0\n\n";
     }
     WriteFile(ConfigDir + "/shared.cfg", content);
-    auto* ledger = static_cast<Ledger*>(mmap(nullptr, sizeof(Ledger), PROT_READ | PROT_WRITE,
-                                             MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    auto* ledger = static_cast<Ledger*>(
+        mmap(nullptr, sizeof(Ledger), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     ASSERT_NE(ledger, MAP_FAILED);
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     std::vector<pid_t> children;

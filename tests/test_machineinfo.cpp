@@ -77,6 +77,9 @@ TEST(MachineInfo, FactsOfMachines) {
     WriteFile(TestHome() + "/config/configure.cfg", "[Details]\nServer=no\nTLBuildLevel=no\n");
     WriteFile(TestHome() + "/config/version.cfg", "[Details]\nTLVersion=no\nTLBuildLevel=no\n");
     EXPECT_EQ(Facts("local"), "7 " + bare + "'local' 'local' 6.03");
+    EXPECT_EQ(MachInfoFind("Local"), TRUE);
+    for (const char* machine : {"full", "none", static_cast<const char*>(nullptr)})
+        EXPECT_EQ(MachInfoFind(machine), FALSE);
 }
 
 TEST(MachineInfo, VersionTexts) {

@@ -175,12 +175,7 @@ TEST(StnzFile, Rewriting) {
          "[a]\nx= 1 , 2 \n\n[T]\nnew=\n\n[c:t]\nz=\n\n\n[b]\n"},
         {Replace, "[c:t]\na=1\n[b]\n", "C", "T", {"e= "}, "[C:T]\ne=\n\n[b]\n"},
         // Names have no escapes.
-        {Replace,
-         "[t]\na=1\n",
-         nullptr,
-         "t!,",
-         {"b!=! x! !n"},
-         "[t]\na=1\n\n[t!,]\nb!=! x !n\n\n"},
+        {Replace, "[t]\na=1\n", nullptr, "t!,", {"b!=! x! !n"}, "[t]\na=1\n\n[t!,]\nb!=! x !n\n\n"},
         {Remove,
          "[a!b: c,d ]\nk,l! = x!q\n[t]\n[e]\n\n[T]\na=1\n",
          nullptr,

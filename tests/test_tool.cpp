@@ -228,8 +228,8 @@ TEST_F(Tool, ArchiveThatCannotBeUnpacked) {
     EXPECT_EQ(ReadFile(m_target + "/2"), "");
 }
 
-// Only where a limit of the memory can be set: AddressSanitizer needs its own memory, and an emulator
-// is not held by the limit of what it runs.
+// Only where a limit of the memory can be set: AddressSanitizer needs its own memory, and an
+// emulator is not held by the limit of what it runs.
 #if !defined(__SANITIZE_ADDRESS__) && !defined(TEST_IS_EMULATED)
 TEST_F(Tool, MemoryThatCannotBeHadStopsTheProcess) {
     // A header list that is as long as it says, but longer than the memory that there is.

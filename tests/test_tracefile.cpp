@@ -51,7 +51,8 @@ bool Eventually(const std::function<bool()>& condition) {
 class TraceFile : public ObjectTest {
  protected:
     TraceFile() {
-        for (const char* name : {"config", "bin", "dump"}) mkdir((TestHome() + "/" + name).c_str(), 0700);
+        for (const char* name : {"config", "bin", "dump"})
+            mkdir((TestHome() + "/" + name).c_str(), 0700);
     }
     ~TraceFile() override {
         TraceToFileNoConfig(nullptr);
@@ -129,9 +130,9 @@ TEST_F(TraceFile, NamesAndRefusals) {
         const char* file;  // null: refused
     };
     const Case cases[] = {
-        {"0", "plain.log", "plain.log"}, {"0", "noend", "noend"},
+        {"0", "plain.log", "plain.log"},  {"0", "noend", "noend"},
         {"-5", "a.b.log", "a.b-000.log"}, {"1", "job", "job-000"},
-        {"0", "50%.log", nullptr},       {"1", "%03lu%n.log", nullptr},
+        {"0", "50%.log", nullptr},        {"1", "%03lu%n.log", nullptr},
     };
     for (const Case& expected : cases) {
         SCOPED_TRACE(expected.name);
@@ -278,7 +279,8 @@ Dump ReadDump(const Text& bytes) {
 // A buffer in shared memory, in use while it lives.
 class SharedBuffer {
  public:
-    explicit SharedBuffer(int size) : m_size(sizeof(TraceBufHeaderT) + static_cast<unsigned>(size)) {
+    explicit SharedBuffer(int size)
+        : m_size(sizeof(TraceBufHeaderT) + static_cast<unsigned>(size)) {
         m_header = static_cast<TraceBufHeaderT*>(
             mmap(nullptr, m_size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
         m_header->bufferSize = size;
@@ -369,8 +371,8 @@ TEST_F(TraceFile, DumpsOfABufferThatIsBeingWritten) {
         records += dump.records.size();
         for (const DumpRecord& record : dump.records) {
             const int line = record.head.lSequenceNumber;
-            EXPECT_EQ(record.text, std::to_string(line) +
-                                       Text(static_cast<std::size_t>(line * 37 % 190), '.'));
+            EXPECT_EQ(record.text,
+                      std::to_string(line) + Text(static_cast<std::size_t>(line * 37 % 190), '.'));
         }
         if (HasFailure()) break;
     }
@@ -417,9 +419,7 @@ struct ExampleHome {
         WriteFile(dir / "config/configure.cfg", configuration);
         WriteFile(dir / "config/programs.cfg", "[tracing]\nLines=12000\nTrace Level=1\n");
     }
-    RunResult Run() const {
-        return ::Run({TEST_EXAMPLES "/tracing"}, {"KRHOME=" + dir.Path()});
-    }
+    RunResult Run() const { return ::Run({TEST_EXAMPLES "/tracing"}, {"KRHOME=" + dir.Path()}); }
 };
 
 TEST_F(TraceFile, ExampleWithoutTheTool) {

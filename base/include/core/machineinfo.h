@@ -13,6 +13,10 @@ enum MachInfoSysTypeE : int32 {
 
 constexpr int32 MachInfoDefaultVersion = 6003;  // major * 1000 + minor
 
+// Whether the local machine's network manager knows the machine; TRUE for the local one. There is
+// no connection to network managers yet: FALSE, traced, for any other.
+BooleanT MachInfoFind(const char* pstrMachine);
+
 BooleanT MachInfoGetSystemType(MachInfoSysTypeE* peResult,
                                const char* pstrMachine);  // local: unset
 BooleanT MachInfoIsTLServer(BooleanT* pbResult, const char* pstrMachine);

@@ -96,6 +96,16 @@ BooleanT MachInfoGetAddress(char** ppstrResult, const char* pstrMachine, const c
 
 }  // namespace
 
+BooleanT MachInfoFind(const char* pstrMachine) {
+    if (pstrMachine == nullptr) return FALSE;
+    if (StrCompareNoCase(pstrMachine, SysLocalMachineName()) == 0) {
+        TraceMessageInline(12, 0, 0, "Always have details for local machine");
+        return TRUE;
+    }
+    TraceMessageInline(13, 0, -1, "Failed to send request to network manager");
+    return FALSE;
+}
+
 BooleanT MachInfoGetSystemType(MachInfoSysTypeE* peResult, const char* pstrMachine) {
     const MachInfoFacts tFacts(pstrMachine);
     if (peResult == nullptr || !tFacts.AreKnown()) return FALSE;
