@@ -34,9 +34,9 @@ class Cfg : public ObjectTest {
     Cfg() { mkdir(ConfigDir.c_str(), 0700); }
     // What the library keeps of a class from its first object on.
     static void SetUpTestSuite() {
-        ObjHolder<TaskContextS>(ObjNew<TaskContextS>(TaskContextMagic, "s;i;i;o;o;"));
-        ObjHolder<CfgPageS>(ObjNew<CfgPageS>(CfgPageMagic, "s;i;o;b;"));
-        ObjHolder<CfgUtilRemoteConfigDetailsS>(
+        const ObjHolder<TaskContextS> task(ObjNew<TaskContextS>(TaskContextMagic, "s;i;i;o;o;"));
+        const ObjHolder<CfgPageS> page(ObjNew<CfgPageS>(CfgPageMagic, "s;i;o;b;"));
+        const ObjHolder<CfgUtilRemoteConfigDetailsS> details(
             ObjNew<CfgUtilRemoteConfigDetailsS>(CfgUtilRemoteConfigDetailsMagic, "s;s;o;"));
     }
     static void Write(const Text& content) { WriteFile(ConfigDir + "/" + File, content); }

@@ -87,8 +87,8 @@ TEST(StnzFile, Reading) {
         {"[t]\na=" + full.substr(1) + "\x82\xa0y\nb=1", "t{a=" + full.substr(1) + ";b=1}"},
         {"[" + Text(5000, 't') + "]\n[u]", "u{}"},
         // A zero byte ends its line for the parser.
-        {Text("[t]\nab\0=1\nc=1\0=2\n[u\0]\nd=1\n", 27), "t{c=1;d=1}"},
-        {Text("[t]\nc=1\x82\0\nd=\x82\x82\0", 17), "t{c=1;d=\x82\x82}"},
+        {Text("[t]\nab\0=1\nc=1\0=2\n[u\0]\nd=1\n", 26), "t{c=1;d=1}"},
+        {Text("[t]\nc=1\x82\0\nd=\x82\x82\0", 15), "t{c=1;d=\x82\x82}"},
         {"[t]\na=1\n[T]\na=2\n[u]", "t{a=1}T{a=2}u{}"},
     };
     const Dir dir;
@@ -286,7 +286,7 @@ TEST(StnzFile, CursorKeepsItsPlaceWhenAFindFails) {
 TEST(StnzFile, ModesAndMessages) {
     const Dir dir;
     // With which the class is made known.
-    ObjHolder<StnzDynamicListS>(ObjNew<StnzDynamicListS>(StnzDynamicListMagic, "o;s;"));
+    const ObjHolder<StnzDynamicListS> known(ObjNew<StnzDynamicListS>(StnzDynamicListMagic, "o;s;"));
     const Leftovers before;
     const TraceCapture trace;
     StnzT* stanza = Stanza("c", "t", {"k=v"});
@@ -468,10 +468,12 @@ TEST(StnzFile, KilledWhileRewriting) {
     int stale = 0;
     for (int round = 0; round < 60; round++) {
         const pid_t child = fork();
-        for (int version = 1; child == 0; version++) {
-            StnzT* next = content(version);
-            if (StnzReplaceStanzaInFile(next, dir("f")) != TRUE) _exit(1);
-            StnzRelease(&next);
+        if (child == 0) {
+            for (int version = 1;; version++) {
+                StnzT* next = content(version);
+                if (StnzReplaceStanzaInFile(next, dir("f")) != TRUE) _exit(1);
+                StnzRelease(&next);
+            }
         }
         usleep(random() % 3000);
         kill(child, SIGKILL);

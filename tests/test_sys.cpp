@@ -121,7 +121,7 @@ TEST(Sys, Sizes) {
         EXPECT_EQ(Owned(pstrText), text);
     }
     EXPECT_EQ(SysConvertToMegs(-1048575) + SysConvertToMegs(int64{3} << 40), 3 << 20);
-    EXPECT_EQ(SysUnpackInt64(nullptr) + SysUnpackInt64("\0\1\0\0\0\0\0\0" + 1), 1);
+    EXPECT_EQ(SysUnpackInt64(nullptr) + SysUnpackInt64(&"\0\1\0\0\0\0\0\0"[1]), 1);
 }
 
 TEST(Sys, LimitsAndDisks) {
