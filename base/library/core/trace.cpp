@@ -85,8 +85,10 @@ int32 TraceClock() {
     return static_cast<int32>(std::time(nullptr));
 }
 
-// Records and their texts begin at multiples of a word and fill whole words.
-using TraceWordT = uint64;
+// Records and their texts begin at multiples of a word and fill whole words, in a damaged buffer
+// too.
+using TraceWordT = uint32;
+constexpr int32 TraceRecordUnit = 8;  // records fill multiples of it
 
 // Copies a text word by word from its beginning. So the head of an older record that lies below
 // goes before the text behind it does, and whoever reads the buffer from another process can tell
@@ -185,7 +187,7 @@ TracePositionT TraceMessageVa(const char* pstrModuleId, int32 lId, int32 lStatus
     tHead.lUnused = 0;
     char* pRecord = reinterpret_cast<char*>(TraceRecordAt(ptHeader, lOffset));
     std::memcpy(pRecord, &tHead, offsetof(TraceMessageHeaderT, lUnused));
-    std::memset(acText + lLength + 1, 0, sizeof(TraceWordT));
+    std::memset(acText + lLength + 1, 0, TraceRecordUnit);
     TraceCopyText(pRecord + TraceHeaderSize, acText, lSize - TraceHeaderSize);
     // Who reads the buffer from another process finds a whole record at the position.
     std::atomic_thread_fence(std::memory_order_release);
