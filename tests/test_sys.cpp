@@ -144,9 +144,10 @@ TEST(Sys, LimitsAndDisks) {
     const Dir dir;
     SysDiskSpaceT tSpace = {1, 1, 1, 1, 1};
     EXPECT_EQ(SysGetDiskSpace(&tSpace, dir.Path().c_str()), TRUE);
-    std::istringstream system(::Run({"/usr/bin/stat", "-f", "-c", "%b %S", dir.Path()}).output);
-    int64 llBlocks = 0, llUnit = 0;
-    system >> llBlocks >> llUnit;
+    FILE* system = popen(("stat -f -c '%b %S' " + dir.Path()).c_str(), "r");
+    long long llBlocks = 0, llUnit = 0;
+    ASSERT_EQ(std::fscanf(system, "%lld %lld", &llBlocks, &llUnit), 2);
+    pclose(system);
     EXPECT_EQ(tSpace.llTotalSpace, llBlocks * llUnit);
     EXPECT_LE(tSpace.llAvailableSpace, tSpace.llFreeSpace);
     EXPECT_LT(tSpace.llFreeSpace, tSpace.llTotalSpace);
