@@ -1,0 +1,256 @@
+// Typed values, stanza lists and the scan of a directory tree.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "core/list.h"
+#include "core/objwrappers.h"
+#include "core/stnzbase.h"
+#include "core/stnzfile.h"
+#include "core/stnzlist.h"
+#include "core/stnzwrappers.h"
+#include "core/strbase.h"
+#include "support/files.h"
+#include "support/leftovers.h"
+
+namespace {
+
+using Text = std::string;
+
+ListO Load(const Text& content) {
+    const Dir dir;
+    WriteFile(dir("f"), content);
+    ListO list = nullptr;
+    EXPECT_EQ(StnzLoadStanzaListFromFile(&list, dir("f")), TRUE);
+    return list;
+}
+
+Text Saved(ListO list) {
+    const Dir dir;
+    EXPECT_EQ(StnzSaveStanzaListToFile(list, dir("f")), TRUE);
+    return ReadFile(dir("f"));
+}
+
+ListO Strings(const std::vector<const char*>& texts) {
+    ListO list = ListNew();
+    for (const char* text : texts) {
+        ObjStringO item = ObjStringNew(text);
+        ListPushLastItem(list, &item);
+    }
+    return list;
+}
+
+Text Titles(ListO list) {
+    Text text;
+    for (ListNodeO node = list->oFirst; node != nullptr; node = node->oNext)
+        text += static_cast<ObjStanzaO>(node->oData)->pValue->pstrTitle + Text(" ");
+    return text;
+}
+
+// Each keyword read as every type; the defaults are "d", 7, 8 and TRUE.
+TEST(StanzaValues, Getters) {
+    const Leftovers before;
+    ListO list = Load(
+        "[other]\nmissing=1\n[C:t]\nnumber=12,x\nlong=5000000000\ntext=abc\nyes=True\nno=yes\n"
+        "none=\nnull=,1\nNUMBER=13\n");
+    const struct {
+        const char* keyword;
+        Text text;
+        int32 number;
+        int64 large;
+        BooleanT boolean;
+        Text values;
+    } table[] = {{"Number", "12", 12, 12, FALSE, "12;x;"},
+                 {"long", "5000000000", 7, 5000000000, FALSE, "5000000000;"},
+                 {"text", "abc", 7, 8, FALSE, "abc;"},
+                 {"yes", "True", 7, 8, TRUE, "True;"},
+                 {"no", "yes", 7, 8, FALSE, "yes;"},
+                 {"none", "<null>", 7, 8, FALSE, ""},
+                 {"null", "<null>", 7, 8, FALSE, "<null>;1;"},
+                 {"missing", "d", 7, 8, TRUE, "FALSE"}};
+    StnzT* stanza = nullptr;
+    ASSERT_EQ(StnzListFindStanza(&stanza, list, "c", "T"), TRUE);
+    for (const auto& row : table) {
+        // Number and string through the list, the others from the stanza.
+        char* text = nullptr;
+        int32 number = 0;
+        int64 large = 0;
+        BooleanT boolean = FALSE;
+        ListO values = nullptr;
+        EXPECT_EQ(StnzListGetString(&text, list, "c", "t", row.keyword, "d"), TRUE);
+        EXPECT_EQ(StnzListGetInteger(&number, list, "c", "t", row.keyword, 7), TRUE);
+        EXPECT_EQ(StnzGetInt64(stanza, row.keyword, 8, &large), TRUE);
+        EXPECT_EQ(StnzGetBoolean(stanza, row.keyword, TRUE, &boolean), TRUE);
+        EXPECT_EQ(Owned(text), row.text) << row.keyword;
+        EXPECT_EQ(number, row.number) << row.keyword;
+        EXPECT_EQ(large, row.large) << row.keyword;
+        EXPECT_EQ(boolean, row.boolean) << row.keyword;
+        Text shown = "FALSE";
+        if (StnzGetValueList(stanza, row.keyword, &values) == TRUE) {
+            shown = "";
+            for (ListNodeO node = values->oFirst; node != nullptr; node = node->oNext)
+                shown +=
+                    Owned(StrDuplicate(ObjGetString(static_cast<ObjStringO>(node->oData)))) + ";";
+            ObjRelease(&values);
+        }
+        EXPECT_EQ(shown, row.values) << row.keyword;
+    }
+    int32 number = 0;
+    EXPECT_EQ(StnzListGetInteger(&number, nullptr, nullptr, "t", "number", 7), TRUE);
+    EXPECT_EQ(number, 7);
+    EXPECT_EQ(StnzListGetInteger(nullptr, list, "c", "t", "number", 7), FALSE);
+    ObjRelease(&list);
+    EXPECT_EQ(before.Text(), "");
+}
+
+TEST(StanzaList, Setters) {
+    const Leftovers before;
+    ListO list = Load("[a]\nk=1\nK=2\nl=3\n[B:b]\n[x:a]\nk=4\n");
+    ListO values = Strings({"1", nullptr, "x,y"});
+    ObjIntegerO stranger = ObjIntegerNew(1);
+    ListAddFirstItem(values, stranger);
+    const TraceCapture trace;
+    EXPECT_EQ(StnzListSetKeywordFromInteger(list, "", "A", "k", INT32_MIN, TRUE), TRUE);
+    EXPECT_EQ(StnzListSetKeywordFromBoolean(list, "b", "b", "yes", TRUE, FALSE), TRUE);
+    EXPECT_EQ(StnzListSetKeywordFromBoolean(list, "b", "b", "yes", FALSE, FALSE), TRUE);
+    EXPECT_EQ(StnzListSetKeywordFromValueList(list, "n", "new", "v", values, TRUE), TRUE);
+    EXPECT_EQ(trace.CountText("Not an ObjStringO"), 1);
+    EXPECT_EQ(trace.Level("STANZA", 2), 3);
+    EXPECT_EQ(StnzListSetKeywordFromString(list, "N", "NEW", "s", " ", FALSE), TRUE);
+    EXPECT_EQ(StnzListDeleteKeywordFromStanza(list, "x", "a", "K"), TRUE);
+    EXPECT_EQ(StnzListDeleteKeywordFromStanza(list, "x", "a", "K"), FALSE);
+    // Refused, with nothing changed and nothing kept.
+    EXPECT_EQ(StnzListSetKeywordFromString(list, nullptr, "", "s", "x", FALSE), FALSE);
+    EXPECT_EQ(StnzListSetKeywordFromString(list, nullptr, "a", "", "x", FALSE), FALSE);
+    EXPECT_EQ(StnzListSetKeywordFromValueList(list, nullptr, "a", "s", nullptr, FALSE), FALSE);
+    EXPECT_EQ(StnzListSetKeywordFromString(nullptr, nullptr, "a", "s", "x", FALSE), FALSE);
+    const Text expected =
+        "[a]\nl=3\nk=-2147483648\n\n[B:b]\nyes=true\nyes=false\n\n[x:a]\n\n"
+        "[n:new]\nv=1,,x!,y\ns=! \n\n";
+    EXPECT_EQ(Saved(list), expected);
+    StnzKeyT* key = nullptr;
+    EXPECT_EQ(StnzListGetKey(&key, list, "N", "new", "V"), TRUE);
+    EXPECT_EQ(key->lMaxValueCount, 4);  // as many as the list had items
+    EXPECT_EQ(StnzCreateKeyFromInt64(&key, "k", INT64_MIN), TRUE);
+    EXPECT_EQ(StnzKeyValue(key, 1), Text("-9223372036854775808"));
+    StnzReleaseKey(&key);
+
+    // A replaced stanza moves to the end, also when it is the very one of the list.
+    StnzT* stanza = nullptr;
+    EXPECT_EQ(StnzListFindStanza(&stanza, list, nullptr, "a"), TRUE);
+    EXPECT_EQ(StnzListReplaceStanza(list, stanza), TRUE);
+    EXPECT_EQ(Titles(list), "b a new a ");
+    EXPECT_EQ(StnzCreate(&stanza, "b", "B", 0), TRUE);
+    EXPECT_EQ(StnzListReplaceStanza(list, stanza), TRUE);
+    EXPECT_EQ(Titles(list), "a new a B ");
+    EXPECT_EQ(StnzListRemoveStanza(list, nullptr, "new"), FALSE);
+    EXPECT_EQ(StnzListRemoveStanza(list, "X", "A"), TRUE);
+    EXPECT_EQ(Titles(list), "new a B ");
+    ObjRelease(&stranger);
+    ObjRelease(&values);
+    ObjRelease(&list);
+    EXPECT_EQ(before.Text(), "");
+}
+
+TEST(StanzaList, FiltersAndWalks) {
+    const Leftovers before;
+    ListO list = Load("[a]\non=true\n[b]\n[c]\nON=no\n[d]\non=\n");
+    const auto filtered = [&](BooleanT value, BooleanT standard) {
+        ListO result = nullptr;
+        if (StnzListFilterByBooleanKeyword(&result, list, "on", value, standard) != TRUE)
+            return Text("failed");
+        Text titles = Titles(result);
+        ObjRelease(&result);
+        return titles;
+    };
+    EXPECT_EQ(filtered(TRUE, FALSE), "a ");
+    EXPECT_EQ(filtered(TRUE, TRUE), "a b ");
+    EXPECT_EQ(filtered(FALSE, TRUE), "c d ");
+    ListO with = nullptr;
+    ASSERT_EQ(StnzListFilterByKeyword(&with, list, "On"), TRUE);
+    EXPECT_EQ(Titles(with), "a c d ");
+    // The objects are shared, and found ones are held.
+    ObjStanzaO found = nullptr;
+    EXPECT_EQ(StnzListFindStanzaObject(&found, with, nullptr, "C"), TRUE);
+    EXPECT_EQ(StnzListSetKeywordFromBoolean(list, nullptr, "c", "on", TRUE, TRUE), TRUE);
+    ObjRelease(&with);
+    EXPECT_EQ(filtered(TRUE, FALSE), "a c ");
+
+    const auto walk = [](ListO oList, Text stop) {
+        std::pair<Text, Text> context = {"", stop};
+        const StnzListCallbackFnT visit = [](void* cookie, StnzT* visited) {
+            auto& [seen, last] = *static_cast<std::pair<Text, Text>*>(cookie);
+            seen += visited->pstrTitle;
+            return BooleanFrom(visited->pstrTitle != last);
+        };
+        const BooleanT result = StnzListWalk(oList, visit, &context);
+        return context.first + (result == TRUE ? "+" : "-");
+    };
+    const TraceCapture trace;
+    EXPECT_EQ(walk(list, ""), "abcd+");
+    EXPECT_EQ(walk(list, "b"), "ab-");
+    ListO untyped = Strings({"no stanza"});
+    EXPECT_EQ(walk(untyped, ""), "-");
+    EXPECT_EQ(StnzListFilterByKeyword(&with, untyped, "on"), FALSE);
+    ListReleaseAll(untyped);
+    EXPECT_EQ(walk(untyped, ""), "+");
+    EXPECT_EQ(walk(nullptr, ""), "-");
+    for (const char* text : {"StnzListWalk suceeded", "Stnz list suceeding, but with empty list",
+                             "StnzListWalk failing as bad object type in stanza list",
+                             "StnzListWalk not given valid list"})
+        EXPECT_EQ(trace.CountText(text), 1) << text;
+    ObjRelease(&untyped);
+    ObjRelease(&found);
+    ObjRelease(&list);
+    EXPECT_EQ(before.Text(), "");
+}
+
+TEST(StanzaScan, TakesTheFilesOfATree) {
+    const Dir dir;
+    const Dir outside;
+    std::filesystem::create_directories((dir / "sub/x.cfg").c_str());
+    for (const char* name :
+         {"a.cfg", "b.cfg.cfg", "c.cfg.old", "d.cfg.lck", "e", "sub/x.cfg/f.cfg", "\x82.cfg"})
+        WriteFile(dir(name), "[" + Text(name).substr(0, 3) + "]\n");
+    WriteFile(outside("g.cfg"), "[g]\n");
+    ASSERT_EQ(symlink(outside.Path().c_str(), dir("link.cfg")), 0);
+    ASSERT_EQ(mkfifo(dir("pipe.cfg"), 0600), 0);
+    const auto scan = [&](const char* extension, BooleanT goOn) -> int {
+        ListO lists = nullptr;
+        if (StnzScanDirForStnzLists(&lists, dir.Path().c_str(), extension, goOn) != TRUE) return -1;
+        const int32 count = lists->lItemCount;
+        for (ListNodeO node = lists->oFirst; node != nullptr; node = node->oNext)
+            EXPECT_EQ(static_cast<ListO>(node->oData)->lItemCount, 1);
+        ObjRelease(&lists);
+        return count;
+    };
+    const auto loaded = [](const TraceCapture& trace, const Text& path) {
+        return trace.CountText("Loaded stanz list file '" + path + "'");
+    };
+    scan("none", FALSE);  // makes the class known
+    const Leftovers before;
+    {
+        const TraceCapture trace;
+        EXPECT_EQ(scan(".cfg", FALSE), 3);
+        EXPECT_EQ(loaded(trace, dir("b.cfg.cfg")), 1);
+        EXPECT_EQ(loaded(trace, dir("sub/x.cfg/f.cfg")), 1);
+        EXPECT_EQ(trace.CountText("StnzScanForStnzListsCB() - Ignore .lck file 'd.cfg.lck'"), 1);
+        EXPECT_EQ(trace.CountText("StnzScanForStnzListsCB() - Ignore file 'c.cfg.old'"), 1);
+        EXPECT_EQ(trace.CountText("Found 3 stanz list files in '" + dir.Path() + "'"), 1);
+    }
+    for (const char* every : {"", static_cast<const char*>(nullptr)})
+        EXPECT_EQ(scan(every, FALSE), 6);
+    ASSERT_EQ(symlink("/none/x", dir("bad.cfg")), 0);
+    const TraceCapture trace;
+    EXPECT_EQ(scan(".cfg", TRUE), 3);
+    EXPECT_EQ(scan(".cfg", FALSE), -1);
+    const Text bad = "Could not interpret file as stanza list. ";
+    EXPECT_EQ(trace.CountText(bad + "Continuing scan. ('" + dir("bad.cfg") + "')"), 1);
+    EXPECT_EQ(trace.CountText(bad + "Failing. ('" + dir("bad.cfg") + "')"), 1);
+    EXPECT_EQ(trace.CountText("Failed to scan dir '" + dir.Path() + "' for stanza lists"), 1);
+    EXPECT_EQ(StnzScanDirForStnzLists(nullptr, "d", "e", TRUE), FALSE);
+    EXPECT_EQ(trace.Level("STANZA", 3), -1);
+    EXPECT_EQ(before.Text(), "");
+}
+
+}  // namespace
