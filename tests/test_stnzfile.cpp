@@ -466,7 +466,13 @@ TEST(StnzFile, KilledWhileRewriting) {
     EXPECT_EQ(StnzReplaceStanzaInFile(stanza, dir("f")), TRUE);
     std::mt19937 random(7);
     int stale = 0;
+    const auto fileNumber = [&] {
+        struct stat status = {};
+        stat(dir("f"), &status);
+        return status.st_ino;
+    };
     for (int round = 0; round < 60; round++) {
+        const auto first = fileNumber();
         const pid_t child = fork();
         if (child == 0) {
             for (int version = 1;; version++) {
@@ -475,9 +481,11 @@ TEST(StnzFile, KilledWhileRewriting) {
                 StnzRelease(&next);
             }
         }
+        int status = 0;
+        // From the first file that it has put in place on.
+        while (fileNumber() == first && waitpid(child, &status, WNOHANG) == 0) usleep(50);
         usleep(random() % 3000);
         kill(child, SIGKILL);
-        int status = 0;
         waitpid(child, &status, 0);
         ASSERT_TRUE(WIFSIGNALED(status)) << status;
         stale += Exists(dir("f.new")) ? 1 : 0;
