@@ -184,8 +184,8 @@ TEST(FileSys, FailuresAreReportedAndLeaveErrno) {
         {33, -1, EINVAL, [&] { return FileSysTruncate(reader.handle); }},
         {46, -1, EINVAL, [&] { return FileSysSeek(reader.handle, -1); }},
         {526, -1, EISDIR, [&] { return FileDelete(full); }},
-        {529, 3, ENOTEMPTY, [&] { return FileDirDelete(full); }},
-        {528, -1, EISDIR, [&] { return FileCopy(full, dir("x")); }},
+        {532, 3, ENOTEMPTY, [&] { return FileDirDelete(full); }},
+        {531, -1, EISDIR, [&] { return FileCopy(full, dir("x")); }},
         {5, 3, EEXIST, [&] { return PathCreateDirectory(full); }}};
     // The sink spoils errno and notes number, level and status of the messages.
     static std::set<std::tuple<int32, int32, int32>> messages;

@@ -45,7 +45,7 @@ void FileFillStat(FileStatT* ptStat, const struct stat& tSystem) {
 BooleanT FileChangeResult(int iResult, const char* pstrWhat, const char* pstrPath) {
     if (iResult == 0) return TRUE;
     const ErrnoKeeper tErrno;
-    TraceMessageInline(527, tErrno.Code(), 3, "Failed to change %s of '%s': %s", pstrWhat, pstrPath,
+    TraceMessageInline(530, tErrno.Code(), 3, "Failed to change %s of '%s': %s", pstrWhat, pstrPath,
                        tErrno.Text());
     return FALSE;
 }
@@ -65,7 +65,7 @@ bool FileMayCopy(FileHandleT tSource, const char* pstrSource, const char* pstrDe
         errno = EINVAL;
     }
     const ErrnoKeeper tErrno;
-    TraceMessageInline(528, tErrno.Code(), -1, "Cannot copy '%s' to '%s': %s", pstrSource, pstrDest,
+    TraceMessageInline(531, tErrno.Code(), -1, "Cannot copy '%s' to '%s': %s", pstrSource, pstrDest,
                        tErrno.Code() == EISDIR ? tErrno.Text() : "they are the same file");
     return false;
 }
@@ -215,7 +215,7 @@ BooleanT FileDirDelete(const char* pstrPath) {
     TraceMessageInline(21, 0, 4, "FileDirDelete(\"%s\")", pstrPath);
     if (SysRepeat([&] { return rmdir(pstrPath); }) == 0) return TRUE;
     const ErrnoKeeper tErrno;
-    TraceMessageInline(529, tErrno.Code(), 3, "FileDirDelete failed to delete directory '%s': %s",
+    TraceMessageInline(532, tErrno.Code(), 3, "FileDirDelete failed to delete directory '%s': %s",
                        pstrPath, tErrno.Text());
     return FALSE;
 }
