@@ -2,7 +2,6 @@
 // the same bytes as a tagged string.
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
 #include <string>
 
 #include "core/locale.h"
@@ -10,8 +9,6 @@
 #include "core/memory.h"
 #include "core/strbase.h"
 #include "fuzzsupport.h"
-
-namespace fs = std::filesystem;
 
 namespace {
 
@@ -36,12 +33,7 @@ BooleanT CheckEntry(void* pEntry, void* /*pArgument*/) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
-    std::string pattern = fs::exists("/dev/shm") ? "/dev/shm/fuzzXXXXXX" : "/tmp/fuzzXXXXXX";
-    if (mkdtemp(pattern.data()) == nullptr) std::abort();
-    g_home = pattern;
-    std::atexit([] { fs::remove_all(g_home); });
-    fs::create_directories(g_home + "/locale/fuzz");
-    FuzzInitialize(g_home.c_str());
+    g_home = FuzzMakeHome("locale/fuzz");
     return 0;
 }
 

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -13,8 +12,6 @@
 #include "core/stnzbase.h"
 #include "core/stnzfile.h"
 #include "fuzzsupport.h"
-
-namespace fs = std::filesystem;
 
 namespace {
 
@@ -100,12 +97,7 @@ void CheckChanging(const std::string& path) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
-    std::string pattern = fs::exists("/dev/shm") ? "/dev/shm/fuzzXXXXXX" : "/tmp/fuzzXXXXXX";
-    if (mkdtemp(pattern.data()) == nullptr) std::abort();
-    g_home = pattern;
-    std::atexit([] { fs::remove_all(g_home); });
-    fs::create_directories(g_home + "/config");
-    FuzzInitialize(g_home.c_str());
+    g_home = FuzzMakeHome("config");
     return 0;
 }
 

@@ -5,6 +5,8 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
+#include <string>
 #include <vector>
 
 #include "core/context.h"
@@ -32,6 +34,18 @@ inline void FuzzInitialize(const char* home) {
     pass.sa_flags = SA_SIGINFO;
     pass.sa_sigaction = PassForcedStop;
     sigaction(SIGSEGV, &pass, &g_previousHandler);
+}
+
+// A home directory of the fuzzer's own, in memory where the host has a place for that, with one
+// directory in it; removed at the end.
+inline std::string FuzzMakeHome(const char* directory) {
+    namespace fs = std::filesystem;
+    static std::string home = fs::exists("/dev/shm") ? "/dev/shm/fuzzXXXXXX" : "/tmp/fuzzXXXXXX";
+    if (mkdtemp(home.data()) == nullptr) std::abort();
+    std::atexit([] { fs::remove_all(home); });
+    fs::create_directories(home + "/" + directory);
+    FuzzInitialize(home.c_str());
+    return home;
 }
 
 inline ObjWalkResultE CollectObject(void* pCookie, void** poVisited) {
