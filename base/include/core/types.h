@@ -59,6 +59,8 @@ using ObjStanzaO = struct ObjStanzaS*;
 using ObjUniqueO = struct ObjUniqueS*;
 using ObjViewableO = struct ObjViewableS*;
 using ObjDStringO = struct ObjDStringS*;
+using ObjMapO = struct ObjMapS*;
+using MsgMessageO = struct MsgMessageS*;
 
 struct StnzT;     // stnzbase.h
 struct StnzKeyT;  // stnzbase.h
