@@ -47,3 +47,34 @@ struct MachineStatVfsT {
 // The statistics of the file system that holds pstrPath, an absolute path without links. Repeated
 // while a signal interrupts it. FALSE, with errno set, when there are none.
 BooleanT MachineStatVfs(MachineStatVfsT* ptStatistics, const char* pstrPath);
+
+// --- the network directory: what is known of hosts beside the name service ---
+//
+// A transport has a configuration entry, which every other call takes. The directory's addresses
+// are in the transport's own form; only MachineNetAddrToText reads them.
+
+struct MachineNetConfigT;
+
+struct MachineNetAddrT {
+    int32 lLength;  // bytes
+    void* pAddress;
+};
+
+struct MachineNetAddrListT {
+    int32 lCount;
+    MachineNetAddrT* atAddresses;
+};
+
+// The entry of a transport, such as "tcp"; null when the host has no such transport.
+MachineNetConfigT* MachineNetConfigGet(const char* pstrNetId);
+void MachineNetConfigFree(MachineNetConfigT* ptConfig);
+
+// The addresses of a host, freed with MachineNetDirFree; null when the directory knows none. The
+// machine's own node name always has some.
+MachineNetAddrListT* MachineNetDirGetByName(MachineNetConfigT* ptConfig, const char* pstrHost);
+void MachineNetDirFree(MachineNetAddrListT* ptList);
+
+// The universal text of an address, a block that the caller frees (MemFree): "a.b.c.d.p.q", for
+// IPv6 hexadecimal groups joined by ":" and ".p.q", where p and q are the bytes of the port, 0 for
+// the address of a host. Null for what is no address of the transport.
+char* MachineNetAddrToText(MachineNetConfigT* ptConfig, const MachineNetAddrT* ptAddress);

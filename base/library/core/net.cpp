@@ -1,162 +1,340 @@
-// Network: names and addresses of hosts through the system's name services, and waiting on select
-// masks.
+// Sockets: opening, closing and options. Each operation is one system call between a check of its
+// arguments and a traced result; what differs between the options are the numbers and texts that
+// they hand to two helpers. The rest of the network is in nettransfer.cpp (moving data),
+// netaddress.cpp, nethost.cpp (names), netconnect.cpp, netselect.cpp and netinherit.cpp.
 #include "core/net.h"
 
-#include <netdb.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <sys/utsname.h>
+#include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <cstring>
-#include <memory>
+#include <cstdio>
 
+#include "core/cfg.h"
 #include "core/errnokeeper.h"
 #include "core/list.h"
-#include "core/memory.h"
-#include "core/objwrappers.h"
 #include "core/trace.h"
+#include "netinternal.h"
 
 TRACE_MODULE("NET")
 
 namespace {
 
-constexpr int32 NetSmallestHostName = 257;  // bytes of a host name's buffer
+ListO goNotResolved = nullptr;  // NetAddressO
 
-// --- addresses ---
-
-// The host of an address as an IPv6 address, in which every IPv4 address has a form of its own.
-struct NetHostT {
-    bool bKnown = false;
-    ByteT aAddress[16] = {};
-    bool operator==(const NetHostT&) const = default;
-};
-
-NetHostT NetHostOf(const NetAddressT& tAddress) {
-    constexpr ByteT aMapped[12] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff};
-    NetHostT tHost;
-    if (tAddress.sFamily == AF_INET) {
-        sockaddr_in tSystem;
-        std::memcpy(&tSystem, &tAddress, sizeof(tSystem));
-        std::memcpy(tHost.aAddress, aMapped, sizeof(aMapped));
-        std::memcpy(tHost.aAddress + sizeof(aMapped), &tSystem.sin_addr, 4);
-    } else if (tAddress.sFamily == AF_INET6) {
-        sockaddr_in6 tSystem;
-        std::memcpy(&tSystem, &tAddress, sizeof(tSystem));
-        std::memcpy(tHost.aAddress, &tSystem.sin6_addr, sizeof(tHost.aAddress));
-    }
-    tHost.bKnown = tAddress.sFamily == AF_INET || tAddress.sFamily == AF_INET6;
-    return tHost;
-}
-
-BooleanT NetIsSameHost(void* oItemA, void* oItemB) {
-    const NetHostT tHostA = NetHostOf(static_cast<NetAddressO>(oItemA)->tAddress);
-    const NetHostT tHostB = NetHostOf(static_cast<NetAddressO>(oItemB)->tAddress);
-    return BooleanFrom(tHostA.bKnown && tHostA == tHostB);
-}
-
-// Each address once; FALSE when the name has none.
-BooleanT NetAddAddresses(ListO oAddresses, const char* pstrHostName) {
-    const addrinfo tHints = {};
-    addrinfo* ptResult = nullptr;
-    if (getaddrinfo(pstrHostName, nullptr, &tHints, &ptResult) != 0) return FALSE;
-    const std::unique_ptr<addrinfo, void (*)(addrinfo*)> tOwner(ptResult, freeaddrinfo);
-    for (const addrinfo* ptInfo = ptResult; ptInfo != nullptr; ptInfo = ptInfo->ai_next) {
-        const ObjHolder<NetAddressS> oAddress(ObjNew<NetAddressS>(NetAddressMagic, "n32;"));
-        if (oAddress.Get() == nullptr) return FALSE;
-        std::memcpy(&oAddress.Get()->tAddress, ptInfo->ai_addr,
-                    std::min<std::size_t>(ptInfo->ai_addrlen, sizeof(NetAddressT)));
-        ListAddUniqueItem(oAddresses, NetIsSameHost, oAddress.Get());
-    }
-    return BooleanFrom(oAddresses->lItemCount > 0);
-}
-
-void NetAddName(ListO oNames, const char* pstrName) {
-    const ObjHolder<ObjStringS> oName(ObjStringNew(pstrName));
-    ListAddLastItem(oNames, oName.Get());
-}
-
-// The official name, then the others.
-void NetAddNames(ListO oNames, const char* pstrHostName) {
-    const hostent* ptHost = gethostbyname(pstrHostName);
-    if (ptHost == nullptr) return;
-    NetAddName(oNames, ptHost->h_name);
-    for (char** ppstrAlias = ptHost->h_aliases; *ppstrAlias != nullptr; ppstrAlias++) {
-        TraceMessageInline(2, 0, 3, "Found alias for host: '%s'", *ppstrAlias);
-        NetAddName(oNames, *ppstrAlias);
-    }
-}
-
-// --- select ---
-
-// Waits as long as ptTime says, without limit for null.
-NetErrorE NetSelectMask(int32* plSelected, NetSelectMaskT tMask, timeval* ptTime) {
-    const int iReady =
-        select(tMask->tSelectBits, &tMask->tRecvFds, &tMask->tSendFds, &tMask->tExcpFds, ptTime);
-    if (plSelected != nullptr) *plSelected = std::max(iReady, 0);
-    if (iReady > 0) return NET_ERROR_NONE;
-    if (iReady == 0) return NET_ERROR_TIMEOUT;
-    if (errno == EINTR) return NET_ERROR_INTERRUPTED;
+void NetTraceResult(int32 lTraceId, const char* pstrResult, const char* pstrFormat,
+                    std::va_list tArgs) {
     const ErrnoKeeper tErrno;
-    TraceMessageInline(7, tErrno.Code(), -1, "Fatal network select error: %s", tErrno.Text());
-    return NET_ERROR_FATAL;
+    char acCall[512];
+    std::vsnprintf(acCall, sizeof(acCall), pstrFormat, tArgs);
+    TraceMessageInline(lTraceId, 0, 4, "%s = %s", pstrResult, acCall);
+}
+
+// Traces the failure of a system call: the text, ": " and the reason.
+BooleanT NetFailed(int32 lTraceId, const char* pstrText) {
+    const ErrnoKeeper tErrno;
+    TraceMessageInline(lTraceId, tErrno.Code(), -1, "%s: %s", pstrText, tErrno.Text());
+    return FALSE;
+}
+
+// --- opening ---
+
+// An interrupted call is repeated.
+NetSocketT NetNewSocket(int iType, int iFamily) {
+    return SysRepeat([&] { return socket(iFamily, iType | SOCK_CLOEXEC, 0); });
+}
+
+BooleanT NetSetBroadcast(NetSocketT tSocket) {
+    const int iOn = 1;
+    if (setsockopt(tSocket, SOL_SOCKET, SO_BROADCAST, &iOn, sizeof(iOn)) == 0) return TRUE;
+    return NetFailed(9, "Failed to set BROADCAST value");
+}
+
+// The configured hop limit; 0 keeps the system's.
+BooleanT NetSetHopLimit(NetSocketT tSocket, int iFamily) {
+    int32 lHops = 0;
+    CfgGetInteger(&lHops, "tlnmgr.cfg", "Network", "TTL", 0);
+    if (lHops <= 0) return TRUE;
+    const bool bInet6 = iFamily == AF_INET6;
+    if (setsockopt(tSocket, bInet6 ? IPPROTO_IPV6 : IPPROTO_IP, bInet6 ? IPV6_UNICAST_HOPS : IP_TTL,
+                   &lHops, sizeof(lHops)) == 0) {
+        return TRUE;
+    }
+    return NetFailed(10, "Failed to set TTL value");
+}
+
+BooleanT NetOpenUdp(NetSocketT* ptSocket, int iFamily) {
+    NetSocketT tSocket = NetNewSocket(SOCK_DGRAM, iFamily);
+    if (tSocket == NetNoSocket) return NetFailed(11, "Failed to create UDP socket");
+    if (NetSetBroadcast(tSocket) != TRUE || NetSetHopLimit(tSocket, iFamily) != TRUE) {
+        const ErrnoKeeper tErrno;
+        NetCloseDescriptor(tSocket);
+        return FALSE;
+    }
+    *ptSocket = tSocket;
+    return TRUE;
+}
+
+BooleanT NetOpenTcp(NetSocketT* ptSocket, int iFamily) {
+    const NetSocketT tSocket = NetNewSocket(SOCK_STREAM, iFamily);
+    if (tSocket == NetNoSocket) return NetFailed(12, "Failed to create TCP socket");
+    *ptSocket = tSocket;
+    return TRUE;
+}
+
+BooleanT NetOpenType(NetSocketT* ptSocket, NetOpenTypeE tType, int iFamily) {
+    if (ptSocket != nullptr && tType == NET_TYPE_UDP) return NetOpenUdp(ptSocket, iFamily);
+    if (ptSocket != nullptr && tType == NET_TYPE_TCP) return NetOpenTcp(ptSocket, iFamily);
+    TraceMessageInline(13, 0, -1, "NetOpen: invalid arguments %p %d", static_cast<void*>(ptSocket),
+                       tType);
+    return FALSE;
+}
+
+// --- options ---
+
+template <class T>
+BooleanT NetSetOption(const char* pstrOperation, NetSocketT tSocket, int iOption, const T& tValue,
+                      int32 lTraceId, const char* pstrFailure) {
+    if (NetRefuses(pstrOperation, tSocket)) return FALSE;
+    if (setsockopt(tSocket, SOL_SOCKET, iOption, &tValue, sizeof(tValue)) == 0) return TRUE;
+    return NetFailed(lTraceId, pstrFailure);
+}
+
+BooleanT NetGetOption(const char* pstrOperation, int32* plValue, NetSocketT tSocket, int iOption,
+                      int32 lTraceId, const char* pstrFailure) {
+    if (NetRefuses(pstrOperation, tSocket, plValue != nullptr)) return FALSE;
+    int iValue = 0;
+    socklen_t iLength = sizeof(iValue);
+    if (getsockopt(tSocket, SOL_SOCKET, iOption, &iValue, &iLength) != 0)
+        return NetFailed(lTraceId, pstrFailure);
+    *plValue = iValue;
+    return TRUE;
+}
+
+// Sets or clears a flag of the descriptor.
+BooleanT NetChangeFlag(const char* pstrOperation, NetSocketT tSocket, int iFlag, bool bOn) {
+    if (NetRefuses(pstrOperation, tSocket)) return FALSE;
+    const int iFlags = SysRepeat([&] { return fcntl(tSocket, F_GETFL); });
+    if (iFlags == -1) return NetFailed(14, "Failed to get socket flags");
+    const int iNew = bOn ? iFlags | iFlag : iFlags & ~iFlag;
+    if (SysRepeat([&] { return fcntl(tSocket, F_SETFL, iNew); }) != -1) return TRUE;
+    return NetFailed(15, "Failed to set socket flags");
+}
+
+using NetNameFnT = int (*)(int iSocket, sockaddr* ptAddress, socklen_t* piLength);
+
+// One of the two addresses of a socket.
+BooleanT NetGetEnd(const char* pstrOperation, NetAddressT* ptAddress, NetSocketT tSocket,
+                   NetNameFnT fnName, int32 lTraceId, const char* pstrFailure) {
+    if (NetRefuses(pstrOperation, tSocket, ptAddress != nullptr)) return FALSE;
+    NetAddressT tAddress = {};
+    socklen_t iLength = sizeof(tAddress);
+    if (fnName(tSocket, NetSystemAddress(&tAddress), &iLength) != 0)
+        return NetFailed(lTraceId, pstrFailure);
+    *ptAddress = tAddress;
+    return TRUE;
+}
+
+BooleanT NetHoldsError(NetSocketT tSocket) {
+    int32 lError = 0;
+    if (NetGetOption("NetSocketError", &lError, tSocket, SO_ERROR, 16,
+                     "Failed to get error of socket") != TRUE ||
+        lError == 0) {
+        return FALSE;
+    }
+    TraceMessageInline(17, lError, -1, "SO_ERROR: %s", std::strerror(lError));
+    return TRUE;
+}
+
+BooleanT NetCanSend(NetSocketT tSocket) {
+    if (NetRefuses("NetIsConnected", tSocket) || NetHoldsError(tSocket) == TRUE) return FALSE;
+    return BooleanFrom(SysRepeat([&] { return send(tSocket, "", 0, MSG_NOSIGNAL); }) == 0);
 }
 
 }  // namespace
 
-BooleanT NetInitialize() { return TRUE; }
+// --- shared by the sources of the network ---
+
+BooleanT NetResult(int32 lTraceId, BooleanT bResult, const char* pstrFormat, ...) {
+    if (TraceWouldTrace(eTraceLevelLibVerbose) != TRUE) return bResult;
+    std::va_list tArgs;
+    va_start(tArgs, pstrFormat);
+    NetTraceResult(lTraceId, BooleanText(bResult), pstrFormat, tArgs);
+    va_end(tArgs);
+    return bResult;
+}
+
+NetErrorE NetResult(int32 lTraceId, NetErrorE eResult, const char* pstrFormat, ...) {
+    if (TraceWouldTrace(eTraceLevelLibVerbose) != TRUE) return eResult;
+    char acResult[16];
+    std::snprintf(acResult, sizeof(acResult), "%d", eResult);
+    std::va_list tArgs;
+    va_start(tArgs, pstrFormat);
+    NetTraceResult(lTraceId, acResult, pstrFormat, tArgs);
+    va_end(tArgs);
+    return eResult;
+}
+
+bool NetRefuses(const char* pstrOperation, NetSocketT tSocket, bool bArguments) {
+    if (tSocket != NetNoSocket && bArguments) return false;
+    TraceMessageInline(18, 0, -1, "%s: invalid arguments, socket %d", pstrOperation, tSocket);
+    return true;
+}
+
+int NetCloseDescriptor(NetSocketT tSocket) {
+    bool bInterrupted = false;
+    while (close(tSocket) == -1) {
+        // Some systems have closed the descriptor when they report the interruption.
+        if (bInterrupted && errno == EBADF) return 0;
+        if (errno != EINTR) return -1;
+        bInterrupted = true;
+    }
+    return 0;
+}
+
+BooleanT NetSetCloseOnExec(NetSocketT tSocket, bool bOn) {
+    const int iFlags = SysRepeat([&] { return fcntl(tSocket, F_GETFD); });
+    if (iFlags == -1) return FALSE;
+    const int iNew = bOn ? iFlags | FD_CLOEXEC : iFlags & ~FD_CLOEXEC;
+    return BooleanFrom(SysRepeat([&] { return fcntl(tSocket, F_SETFD, iNew); }) != -1);
+}
+
+// --- life cycle ---
+
+BooleanT NetInitialize() {
+    if (goNotResolved == nullptr) goNotResolved = ListNew(NetAddressMagic);
+    return NetResult(19, BooleanFrom(goNotResolved != nullptr), "NetInitialize()");
+}
 
 BooleanT NetInitializeThread(TesselContextT* /*ptTlContext*/) { return TRUE; }
 
 void NetReleaseThread(TesselContextT* /*ptTlContext*/) {}
 
-BooleanT NetGetLocalHostName(char* acBuffer, int32 lBufSize) {
-    if (lBufSize < NetSmallestHostName) {
-        TraceMessageInline(1, 0, -1, "Buffer too small for hostname");
-        return FALSE;
-    }
-    utsname tSystem;
-    if (acBuffer == nullptr || uname(&tSystem) == -1) return FALSE;
-    static_assert(sizeof(tSystem.nodename) <= NetSmallestHostName);
-    std::memcpy(acBuffer, tSystem.nodename, sizeof(tSystem.nodename));
-    return TRUE;
+BooleanT NetClearCaches() {
+    if (goNotResolved != nullptr) ListReleaseAll(goNotResolved);
+    return NetResult(20, TRUE, "NetClearCaches()");
 }
 
-BooleanT NetGetHostDetails(const char* pstrHostname, ListO* poAliases, ListO* poIpAddress) {
-    if (pstrHostname == nullptr || *pstrHostname == '\0' || poAliases == nullptr ||
-        poIpAddress == nullptr) {
-        return FALSE;
-    }
-    *poAliases = ListNew(ObjStringMagic);
-    *poIpAddress = ListNew(NetAddressMagic);
-    const BooleanT bResult = NetAddAddresses(*poIpAddress, pstrHostname);
-    NetAddNames(*poAliases, pstrHostname);
-    TraceMessageInline(3, 0, 3, "%s = NetGetHostDetails(%s, %p, %p)", BooleanText(bResult),
-                       pstrHostname, static_cast<void*>(poAliases),
-                       static_cast<void*>(poIpAddress));
-    return bResult;
+BooleanT NetOpen(NetSocketT* ptSocket, NetOpenTypeE tType, std::int16_t sFamily) {
+    return NetResult(21, NetOpenType(ptSocket, tType, sFamily), "NetOpen(%p, %d, %d)",
+                     static_cast<void*>(ptSocket), tType, sFamily);
 }
 
-BooleanT NetInitializeSelectMask(NetSelectMaskT* ptMask) {
-    if (ptMask == nullptr) return FALSE;
-    *ptMask = MemNew<NetSelectMaskS>();
-    return BooleanFrom(*ptMask != nullptr);
-}
-
-BooleanT NetReleaseSelectMask(NetSelectMaskT* ptMask) { return MemFree(ptMask); }
-
-NetErrorE NetSelectRelative(int32* plSelected, NetSelectMaskT tMask, int32 lTimeout) {
-    if (tMask == nullptr) return NET_ERROR_FATAL;
-    if (lTimeout < 0)
-        TraceMessageInline(4, 0, 4, "Wait for data (no timeout)");
-    else if (lTimeout == 0)
-        TraceMessageInline(5, 0, 4, "poll for data");
+BooleanT NetClose(NetSocketT* ptSocket) {
+    if (ptSocket == nullptr || *ptSocket == NetNoSocket) return FALSE;
+    BooleanT bResult = TRUE;
+    if (NetCloseDescriptor(*ptSocket) == 0)
+        *ptSocket = NetNoSocket;
     else
-        TraceMessageInline(6, 0, 4, "Wait %d milliseconds for data", lTimeout);
-    timeval tTime = {.tv_sec = lTimeout / 1000, .tv_usec = lTimeout % 1000 * 1000};
-    const NetErrorE eResult = NetSelectMask(plSelected, tMask, lTimeout < 0 ? nullptr : &tTime);
-    TraceMessageInline(8, 0, 4, "%d = NetSelectRelative(%p, %p, %d)", eResult,
-                       static_cast<void*>(plSelected), static_cast<void*>(tMask), lTimeout);
-    return eResult;
+        bResult = NetFailed(22, "Failed to close socket");
+    return NetResult(23, bResult, "NetClose(%p)", static_cast<void*>(ptSocket));
+}
+
+// --- options ---
+
+BooleanT NetSetNonBlocking(NetSocketT tSocket) {
+    return NetResult(24, NetChangeFlag("NetSetNonBlocking", tSocket, O_NONBLOCK, true),
+                     "NetSetNonBlocking(%d)", tSocket);
+}
+
+BooleanT NetSetBlocking(NetSocketT tSocket) {
+    return NetResult(25, NetChangeFlag("NetSetBlocking", tSocket, O_NONBLOCK, false),
+                     "NetSetBlocking(%d)", tSocket);
+}
+
+BooleanT NetListen(NetSocketT tSocket, int32 lQueueLength) {
+    BooleanT bResult = BooleanFrom(!NetRefuses("NetListen", tSocket));
+    if (bResult == TRUE && listen(tSocket, lQueueLength) != 0)
+        bResult = NetFailed(26, "Failed to listen on socket");
+    return NetResult(27, bResult, "NetListen(%d, %d)", tSocket, lQueueLength);
+}
+
+BooleanT NetSetReuseAddress(NetSocketT tSocket) {
+    return NetResult(28,
+                     NetSetOption("NetSetReuseAddress", tSocket, SO_REUSEADDR, int{1}, 29,
+                                  "Failed to set reuse address on "),
+                     "NetSetReuseAddress(%d)", tSocket);
+}
+
+BooleanT NetGetReuseAddress(BooleanT* pbOn, NetSocketT tSocket) {
+    const BooleanT bResult = NetGetOption("NetGetReuseAddress", pbOn, tSocket, SO_REUSEADDR, 30,
+                                          "Failed to get reuse address on ");
+    if (bResult == TRUE) *pbOn = BooleanFrom(*pbOn != 0);
+    return NetResult(31, bResult, "NetGetReuseAddress(%p, %d)", static_cast<void*>(pbOn), tSocket);
+}
+
+BooleanT NetSetKeepAlive(NetSocketT tSocket) {
+    return NetResult(32,
+                     NetSetOption("NetSetKeepAlive", tSocket, SO_KEEPALIVE, int{1}, 33,
+                                  "Failed to set keepalive on "),
+                     "NetSetKeepAlive(%d)", tSocket);
+}
+
+BooleanT NetSetNoLinger(NetSocketT tSocket) {
+    const linger tLinger = {.l_onoff = 1, .l_linger = 0};
+    return NetResult(
+        34,
+        NetSetOption("NetSetNoLinger", tSocket, SO_LINGER, tLinger, 35, "Failed to set no linger "),
+        "NetSetNoLinger(%d)", tSocket);
+}
+
+BooleanT NetSetSendBufferSize(NetSocketT tSocket, int32 lBufferSize) {
+    return NetResult(36,
+                     NetSetOption("NetSetSendBufferSize", tSocket, SO_SNDBUF, lBufferSize, 37,
+                                  "Failed to set send buffer size"),
+                     "NetSetSendBufferSize(%d, %d)", tSocket, lBufferSize);
+}
+
+BooleanT NetGetSendBufferSize(int32* plBufferSize, NetSocketT tSocket) {
+    return NetResult(38,
+                     NetGetOption("NetGetSendBufferSize", plBufferSize, tSocket, SO_SNDBUF, 39,
+                                  "Failed to get send buffer size"),
+                     "NetGetSendBufferSize(%p, %d)", static_cast<void*>(plBufferSize), tSocket);
+}
+
+BooleanT NetSetReceiveBufferSize(NetSocketT tSocket, int32 lBufferSize) {
+    return NetResult(40,
+                     NetSetOption("NetSetReceiveBufferSize", tSocket, SO_RCVBUF, lBufferSize, 41,
+                                  "Failed to set receive buffer size"),
+                     "NetSetReceiveBufferSize(%d, %d)", tSocket, lBufferSize);
+}
+
+BooleanT NetGetReceiveBufferSize(int32* plBufferSize, NetSocketT tSocket) {
+    return NetResult(42,
+                     NetGetOption("NetGetReceiveBufferSize", plBufferSize, tSocket, SO_RCVBUF, 43,
+                                  "Failed to get receive buffer size"),
+                     "NetGetReceiveBufferSize(%p, %d)", static_cast<void*>(plBufferSize), tSocket);
+}
+
+BooleanT NetGetLocalAddress(NetAddressT* ptAddress, NetSocketT tSocket) {
+    return NetResult(44,
+                     NetGetEnd("NetGetLocalAddress", ptAddress, tSocket, getsockname, 45,
+                               "Failed to get local address of socket"),
+                     "NetGetLocalAddress(%p, %d)", static_cast<void*>(ptAddress), tSocket);
+}
+
+BooleanT NetGetRemoteAddress(NetAddressT* ptAddress, NetSocketT tSocket) {
+    return NetResult(46,
+                     NetGetEnd("NetGetRemoteAddress", ptAddress, tSocket, getpeername, 47,
+                               "Failed to get remote address of socket"),
+                     "NetGetRemoteAddress(%p, %d)", static_cast<void*>(ptAddress), tSocket);
+}
+
+BooleanT NetSocketError(NetSocketT tSocket) {
+    return NetResult(48, NetHoldsError(tSocket), "NetSocketError(%d)", tSocket);
+}
+
+BooleanT NetIsConnected(NetSocketT tSocket) {
+    return NetResult(49, NetCanSend(tSocket), "NetIsConnected(%d)", tSocket);
+}
+
+BooleanT NetGetMaximumMessageSize(int32* plMaximumSize, NetSocketT tSocket) {
+    return NetResult(50, FALSE, "NetGetMaximumMessageSize(%p, %d)",
+                     static_cast<void*>(plMaximumSize), tSocket);
+}
+
+BooleanT NetTcpSetNoDelay(NetSocketT tSocket) {
+    return NetResult(51, FALSE, "NetTcpSetNoDelay(%d)", tSocket);
 }
