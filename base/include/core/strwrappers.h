@@ -12,6 +12,8 @@ BooleanT StrFromStrList(const char** ppstrResult, ListO oStrList);      // strin
 BooleanT StrFromStrListWithDelimiter(char** ppstrResult, ListO oStrList, const char* pstrDelim);
 // Integers as dotted decimal addresses, joined by ", ".
 BooleanT StrFromIpList(char** ppstrResult, ListO oIpList);
+// Network addresses as their numeric texts without ports, joined by "," and a line feed.
+BooleanT StrFromAddressList(char** ppstrResult, ListO oAddressList);
 
 // New lists of string objects, held by the caller; FALSE, with nothing stored, for null arguments.
 

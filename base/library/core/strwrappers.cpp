@@ -6,6 +6,7 @@
 
 #include "core/list.h"
 #include "core/memory.h"
+#include "core/net.h"
 #include "core/objwrappers.h"
 #include "core/strbase.h"
 #include "core/strdynam.h"
@@ -35,6 +36,13 @@ const char* IpAddrText(void* oItem, PoolPtr<char>& pstrMade) {
     const int32 lAddress = ObjGetInteger(static_cast<ObjIntegerO>(oItem));
     StrFromIpAddr(pstrMade.Address(), static_cast<uint32>(lAddress));
     return pstrMade.Get();
+}
+
+const char* AddressText(void* oItem, PoolPtr<char>& pstrMade) {
+    if (ObjCheckTypeInternal(oItem, NetAddressMagic) != TRUE) return nullptr;
+    *pstrMade.Address() = static_cast<char*>(MemAllocateFromPool(NetIpAddressSize, MemPool()));
+    return NetGetIpAddress(&static_cast<NetAddressO>(oItem)->tAddress, pstrMade.Get(),
+                           NetIpAddressSize);
 }
 
 // A new string, null when no item has a text.
@@ -123,6 +131,14 @@ BooleanT StrFromIpList(char** ppstrResult, ListO oIpList) {
         return FALSE;
     }
     return StoreJoined(ppstrResult, oIpList, ", ", IpAddrText);
+}
+
+BooleanT StrFromAddressList(char** ppstrResult, ListO oAddressList) {
+    if (ppstrResult == nullptr || ListVerify(oAddressList) != TRUE) {
+        TraceMessageInline(6, 0, -1, "Invalid argument to StrFromAddressList");
+        return FALSE;
+    }
+    return StoreJoined(ppstrResult, oAddressList, ",\n", AddressText);
 }
 
 BooleanT StrValueListFromString(ListO* poValueList, const char* pstrValues) {
