@@ -233,6 +233,9 @@ BooleanT ObjSetTranslatorInternal(int32 lTypeSize, int32 lMagic, const char* pst
 
 // --- copies, comparison, order ---
 
+// Neither copies what holds an object of a class with a destructor and pointer fields, such as a
+// map: its pointers have one owner.
+
 // Deep copy; objects shared in the source are shared in the copy. Private links are copied only
 // with bKeepLocalData. FALSE, with *poCopy null, for a graph nested deeper than ObjMaximumDepth.
 BooleanT ObjDuplicateInternal(void** poCopy, void* oObject, BooleanT bKeepLocalData);

@@ -175,7 +175,13 @@ BooleanT ObjCopy(void** poCopy, void* oSource, ObjCopyContextT& tContext) {
             return ObjIncRefCount(*poCopy);
         }
     }
-    void* oCopy = ObjTemplateNewInstanceFromPool(ObjHeaderOf(oSource)->tTemplate, MemPool());
+    ObjTemplateT tTemplate = ObjHeaderOf(oSource)->tTemplate;
+    if (ObjOwnsByPointer(tTemplate)) {
+        TraceMessageInline(185, 1, -1, "Objects of class %x own what they point at",
+                           static_cast<uint32>(tTemplate->lMagic));
+        return FALSE;
+    }
+    void* oCopy = ObjTemplateNewInstanceFromPool(tTemplate, MemPool());
     *poCopy = oCopy;
     if (oCopy == nullptr) return FALSE;
     if (bShared) {

@@ -20,6 +20,13 @@ inline void* ObjFieldAt(void* oObject, const ObjDbFieldT& tField) {
     return static_cast<ByteT*>(oObject) + tField.lObjOffset;
 }
 
+// A destructor trusts its object's pointers. In another process they are no pointers, and a second
+// object with the same pointers would release what they lead to a second time: objects of such a
+// class are neither copied nor read.
+inline bool ObjOwnsByPointer(const ObjTemplateS* tTemplate) {
+    return tTemplate->fnDestructor != nullptr && tTemplate->tDbData.bInvalidDbObject == TRUE;
+}
+
 // Holds a new object, which may be null or the very one already held, in place of another.
 inline void ObjReplaceHeld(void** poPlace, void* oNew) {
     if (oNew != nullptr) ObjIncRefCount(oNew);

@@ -296,14 +296,19 @@ void* ObjTakeNewObject(ObjSerialStreamT tStream, int32 lMagic) {
     // Before anything is made for it: the fields must still be able to follow.
     const int64 llMinimum = ObjMinimumStream(pstrDescriptor.Get());
     const int64 llLimit = tStream->llRemaining >= 0 ? tStream->llRemaining : ObjUnknownSourceLimit;
-    void* oNew = nullptr;
-    if (llMinimum > llLimit ||
-        ObjCreateInternal(&oNew, ObjSizeUnknown, lMagic, pstrDescriptor.Get(), nullptr,
-                          MemPool()) != TRUE) {
+    ObjTemplateT tTemplate = nullptr;
+    if (llMinimum > llLimit || ObjTemplateCreateInternal(&tTemplate, ObjSizeUnknown, lMagic,
+                                                         pstrDescriptor.Get(), nullptr) != TRUE) {
         TraceMessageInline(122, 0, -1, "Failed to create new object");
         return nullptr;
     }
-    return oNew;
+    // Not even an empty one is made: its destructor would run on it.
+    if (ObjOwnsByPointer(tTemplate)) {
+        TraceMessageInline(184, 1, -1, "Objects of class %x hold pointers of their process",
+                           static_cast<uint32>(lMagic));
+        return nullptr;
+    }
+    return ObjTemplateNewInstanceFromPool(tTemplate, MemPool());
 }
 
 BooleanT ObjEnterRead(ObjSerialStreamT tStream, int32 lMapId, void* oNew) {
@@ -383,19 +388,11 @@ BooleanT ObjReconstructSimple(void** poResult, ObjSerialStreamT tStream, int32 l
                               int32 lMapId) {
     ObjHolder<void> oNew(ObjTakeNewObject(tStream, lMagic));
     if (oNew.Get() == nullptr || ObjEnterRead(tStream, lMapId, oNew.Get()) != TRUE) return FALSE;
-    const ObjTemplateS* ptTemplate = ObjGetTemplateFromObject(oNew.Get());
-    // A destructor trusts its object's pointers, and those of another process are no pointers here.
-    const bool bForeignPointers = ptTemplate->fnDestructor != nullptr &&
-                                  ptTemplate->tDbData.bInvalidDbObject == TRUE &&
-                                  tStream->bIsLocal != TRUE;
-    if (bForeignPointers)
-        TraceMessageInline(184, 1, -1, "Objects of class %x hold pointers of their process",
-                           static_cast<uint32>(lMagic));
-    const int32 lBad = bForeignPointers ? 0 : ObjTakeFields(tStream, oNew.Get());
+    const int32 lBad = ObjTakeFields(tStream, oNew.Get());
     if (lBad >= 0) {
         TraceMessageInline(123, 0, -1, "Failed to reconstruct simple object %x %d field %d type %d",
                            static_cast<uint32>(lMagic), lMagic, lBad,
-                           ptTemplate->tDbData.atFields[lBad].eType);
+                           ObjGetDbData(oNew.Get())->atFields[lBad].eType);
         return FALSE;
     }
     void* oTranslated = oNew.Take();

@@ -1,0 +1,237 @@
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <map>
+#include <random>
+#include <utility>
+#include <vector>
+
+#include "core/list.h"
+#include "core/map.h"
+#include "core/objmap.h"
+#include "core/objwrappers.h"
+#include "core/path.h"
+#include "support/faults.h"
+#include "support/files.h"
+#include "support/leftovers.h"
+#include "support/objects.h"
+#include "support/support.h"
+
+namespace {
+
+using Values = std::vector<int32>;
+
+// Entries are equal when their thousands are.
+int32 KeyOf(void* oEntry) { return static_cast<ObjIntegerO>(oEntry)->lValue / 1000; }
+int32 Locate(void* oObject, void* oEntry) { return KeyOf(oObject) - KeyOf(oEntry); }
+int32 FindKey(void* pKey, void* oEntry) { return *static_cast<int32*>(pKey) - KeyOf(oEntry); }
+
+Values gReleased;  // what the release callback was given
+void Release(void* oEntry) {
+    EXPECT_EQ(ObjCheckTypeInternal(oEntry, ObjIntegerMagic), TRUE);
+    gReleased.push_back(static_cast<ObjIntegerO>(oEntry)->lValue);
+}
+BooleanT Collect(void* oEntry, void* pValues) {
+    static_cast<Values*>(pValues)->push_back(static_cast<ObjIntegerO>(oEntry)->lValue);
+    return TRUE;
+}
+// Goes on while the argument, counted down, is above 0; the last result tells the rest.
+BooleanT Countdown(void* /*oEntry*/, void* pCount) { return (*static_cast<int32*>(pCount))--; }
+
+class ObjMap : public ObjectTest {
+ protected:
+    void SetUp() override { gReleased.clear(); }
+    ObjMapO Make(int32 lGrowSize, ObjMapFindFnT fnFind = FindKey) {
+        EXPECT_EQ(ObjMapCreateInternal(m_oMap.Address(), ObjIntegerMagic, lGrowSize, Locate, fnFind,
+                                       Release),
+                  TRUE);
+        return m_oMap.Get();
+    }
+    void TearDown() override {
+        if (m_oMap.Get() != nullptr) ObjRelease(m_oMap.Address());
+        ObjectTest::TearDown();
+    }
+    BooleanT Insert(int32 lValue) {
+        const ObjHolder<ObjIntegerS> oNew(ObjIntegerNew(lValue));
+        return ObjMapInsert(m_oMap.Get(), oNew.Get());
+    }
+    ObjHolder<ObjMapS> m_oMap;
+};
+
+// Random operations beside a model; small room and few keys, so that every case comes up.
+TEST_F(ObjMap, AgreesWithModel) {
+    std::mt19937 engine(11);
+    ObjMapO oMap = Make(3);
+    std::map<int32, int32> model;
+    Values released;
+    const auto erase = [&](int32 lKey) {
+        const auto found = model.find(lKey);
+        if (found == model.end()) return FALSE;
+        released.push_back(found->second);
+        model.erase(found);
+        return TRUE;
+    };
+    for (int32 lStep = 0; lStep < 20000; lStep++) {
+        int32 lKey = static_cast<int32>(engine() % 40) + 1;
+        const int32 lValue = lKey * 1000 + lStep % 1000;
+        const ObjHolder<ObjIntegerS> oObject(ObjIntegerNew(lValue));
+        switch (engine() % 6) {
+            case 0:
+                ASSERT_EQ(ObjMapInsert(oMap, oObject.Get()),
+                          BooleanFrom(model.emplace(lKey, lValue).second));
+                break;
+            case 1:
+                if (model.count(lKey) != 0) released.push_back(model[lKey]);
+                model[lKey] = lValue;
+                ASSERT_EQ(ObjMapUpdate(oMap, oObject.Get()), TRUE);
+                break;
+            case 2:
+                ASSERT_EQ(ObjMapRemove(oMap, oObject.Get()), erase(lKey));
+                break;
+            case 3:
+                ASSERT_EQ(ObjMapDelete(oMap, &lKey), erase(lKey));
+                break;
+            case 4: {
+                ObjHolder<void> oFound;
+                const auto expected = model.find(lKey);
+                ASSERT_EQ(ObjMapFind(oFound.Address(), oMap, &lKey),
+                          BooleanFrom(expected != model.end()));
+                ASSERT_EQ(ObjMapFind(nullptr, oMap, &lKey), BooleanFrom(expected != model.end()));
+                if (expected == model.end()) break;
+                ASSERT_EQ(static_cast<ObjIntegerO>(oFound.Get())->lValue, expected->second);
+                ASSERT_EQ(Holders(oFound.Get()), 2);
+                break;
+            }
+            default:
+                if (engine() % 200 != 0) break;
+                for (const auto& [lOld, lOldValue] : model) released.push_back(lOldValue);
+                model.clear();
+                ASSERT_EQ(ObjMapReleaseEntries(oMap), TRUE);
+        }
+        Values all, backwards, expected;
+        for (const auto& [lOld, lOldValue] : model) expected.push_back(lOldValue);
+        ASSERT_EQ(ObjMapSize(oMap), static_cast<int32>(model.size()));
+        ASSERT_EQ(ObjMapWalk(oMap, Collect, &all), TRUE);
+        ASSERT_EQ(ObjMapWalkBackwards(oMap, Collect, &backwards), TRUE);
+        ASSERT_EQ(all, expected);
+        ASSERT_EQ(Values(backwards.rbegin(), backwards.rend()), expected);
+        ASSERT_EQ(std::exchange(gReleased, {}), std::exchange(released, {}));
+    }
+    // What is left goes with the map, each entry through the callback while it is whole.
+    Values rest;
+    for (const auto& [lOld, lOldValue] : model) rest.push_back(lOldValue);
+    ASSERT_FALSE(rest.empty());
+    EXPECT_EQ(ObjRelease(m_oMap.Address()), TRUE);
+    EXPECT_EQ(gReleased, rest);
+}
+
+TEST_F(ObjMap, GrowsAt65AndSurvivesAFailedGrowth) {
+    ObjMapO oMap = Make(0);
+    for (int32 l = 1; l <= 64; l++) ASSERT_EQ(Insert(l * 1000), TRUE);
+    EXPECT_EQ(oMap->lMaximumEntries, 64);
+    // In a process of its own: blocks that the system refused are counted all the same.
+    const RunResult refused = InChild([&] {
+        const ObjHolder<ObjIntegerS> oNew(ObjIntegerNew(500));
+        const IgnoreCrash ignore;
+        TraceCapture trace;
+        FaultArm({.call = Call::Malloc, .error = ENOMEM, .times = FaultForEver});
+        const BooleanT bInserted = ObjMapInsert(oMap, oNew.Get());
+        const int iHits = FaultDisarm();
+        return bInserted == FALSE && iHits > 0 && Holders(oNew.Get()) == 1 &&
+                       oMap->lMaximumEntries == 64 && ObjMapSize(oMap) == 64 &&
+                       trace.Text("OBJMAP", 6).starts_with("ObjMapIsert: failed MemAllocate of ") &&
+                       trace.Level("OBJMAP", 6) == -1 && ObjMapInsert(oMap, oNew.Get()) == TRUE
+                   ? 0
+                   : 1;
+    });
+    EXPECT_EQ(refused.exitCode, 0);
+    TraceCapture trace;
+    EXPECT_EQ(Insert(65000), TRUE);
+    EXPECT_EQ(ObjMapSize(oMap), 65);
+    EXPECT_EQ(oMap->lMaximumEntries, 128);
+    EXPECT_EQ(Insert(65001), FALSE);
+    EXPECT_EQ(trace.Text("OBJMAP", 5), "Object is already in map");
+    EXPECT_EQ(trace.Level("OBJMAP", 5), -1);
+}
+
+TEST_F(ObjMap, WalksAndSearchesStopWhereTheCallbackSays) {
+    ObjMapO oMap = Make(2, nullptr);  // objects are the keys
+    int32 lCount = 0;
+    EXPECT_EQ(ObjMapSearch(nullptr, oMap, Countdown, &lCount), FALSE);
+    for (int32 lValue : {3000, 1000, 2000}) Insert(lValue);
+    EXPECT_EQ(ObjMapWalk(oMap, Countdown, &(lCount = 5)), 3);
+    EXPECT_EQ(ObjMapWalk(oMap, Countdown, &(lCount = 1)), FALSE);
+    EXPECT_EQ(lCount, -1);
+    EXPECT_EQ(ObjMapWalkBackwards(oMap, Countdown, &(lCount = 0)), FALSE);
+    EXPECT_EQ(lCount, -1);
+    const auto fnWanted = [](void* oEntry, void* pLeast) {
+        return BooleanT{KeyOf(oEntry) >= *static_cast<int32*>(pLeast) ? 2 : 0};
+    };
+    ObjHolder<void> oFound, oSame;
+    EXPECT_EQ(ObjMapSearch(oFound.Address(), oMap, fnWanted, &(lCount = 2)), TRUE);
+    EXPECT_EQ(KeyOf(oFound.Get()), 2);
+    EXPECT_EQ(ObjMapFind(oSame.Address(), oMap, oFound.Get()), TRUE);
+    EXPECT_EQ(Holders(oSame.Get()), 3);
+    // Put in its own place, an entry is not lost on the way.
+    EXPECT_EQ(ObjMapUpdate(oMap, oSame.Get()), TRUE);
+    EXPECT_EQ(Holders(oSame.Get()), 3);
+}
+
+TEST_F(ObjMap, RefusesWrongArguments) {
+    ObjMapO oNone = nullptr;
+    EXPECT_EQ(ObjMapCreateInternal(nullptr, ObjIntegerMagic, 1, Locate, nullptr, nullptr), FALSE);
+    EXPECT_EQ(ObjMapCreateInternal(&oNone, 5, 1, Locate, nullptr, nullptr), FALSE);
+    EXPECT_EQ(ObjMapCreateInternal(&oNone, ObjIntegerMagic, -1, Locate, nullptr, nullptr), FALSE);
+    EXPECT_EQ(ObjMapCreateInternal(&oNone, ObjIntegerMagic, 1, nullptr, nullptr, nullptr), FALSE);
+    EXPECT_EQ(ObjMapCreateInternal(&oNone, ObjIntegerMagic, 1 << 30, Locate, nullptr, nullptr),
+              FALSE);
+    EXPECT_EQ(oNone, nullptr);
+    ObjMapO oMap = Make(2);
+    ObjHolder<ObjIntegerS> oInteger(ObjIntegerNew(1000));
+    ObjHolder<ObjStringS> oString(ObjStringNew("other class"));
+    int32 lKey = 1;
+    for (ObjMapO oWrong : {oNone, reinterpret_cast<ObjMapO>(oInteger.Get())}) {
+        for (const auto fnOperation : {ObjMapInsert, ObjMapUpdate, ObjMapRemove})
+            EXPECT_EQ(fnOperation(oWrong, oInteger.Get()), FALSE);
+        EXPECT_EQ(ObjMapDelete(oWrong, &lKey), FALSE);
+        EXPECT_EQ(ObjMapFind(nullptr, oWrong, &lKey), FALSE);
+        EXPECT_EQ(ObjMapReleaseEntries(oWrong), FALSE);
+        EXPECT_EQ(ObjMapSize(oWrong), -1);
+    }
+    for (const auto fnOperation : {ObjMapInsert, ObjMapUpdate, ObjMapRemove})
+        EXPECT_EQ(fnOperation(oMap, oString.Get()), FALSE);
+}
+
+// A copy would hold the same pointers and release them a second time.
+TEST(ObjMapCopy, WhatOwnsByPointerHasNone) {
+    ObjHolder<ObjMapS> oObjMap;
+    ASSERT_EQ(ObjMapCreateInternal(oObjMap.Address(), ObjIntegerMagic, 1, Locate, nullptr, Release),
+              TRUE);
+    const ObjHolder<ObjIntegerS> oInteger(ObjIntegerNew(1000));
+    ASSERT_EQ(ObjMapInsert(oObjMap.Get(), oInteger.Get()), TRUE);
+    gReleased.clear();
+    ObjHolder<MapS> oMap;
+    ASSERT_EQ(MapCreate(oMap.Address(), 4, 1, Locate, nullptr, nullptr), TRUE);
+    TempDir directory;
+    ObjHolder<PathLockS> oLock;
+    ASSERT_EQ(PathLock(oLock.Address(), directory.Path().c_str(), FileLockShared), ePROK);
+    ObjHolder<ListS> oList(ListNew());
+    ListAddLastItem(oList.Get(), oObjMap.Get());
+    for (void* oSource : {static_cast<void*>(oObjMap.Get()), static_cast<void*>(oMap.Get()),
+                          static_cast<void*>(oLock.Get()), static_cast<void*>(oList.Get())}) {
+        const Leftovers before;
+        void* oCopy = nullptr;
+        TraceCapture trace;
+        EXPECT_EQ(ObjDuplicateInternal(&oCopy, oSource, TRUE), FALSE);
+        EXPECT_EQ(ObjDuplicate(&oCopy, oSource), FALSE);
+        EXPECT_EQ(trace.Count("OBJECT", 185), 1);
+        EXPECT_EQ(trace.Count("OBJECT", 184), 1);
+        EXPECT_EQ(oCopy, nullptr);
+        EXPECT_EQ(before.Text(), "");
+        EXPECT_EQ(ObjCompare(oSource, oSource), TRUE);
+    }
+    PathUnLock(oLock.Address());
+    EXPECT_TRUE(gReleased.empty());
+}
+
+}  // namespace
