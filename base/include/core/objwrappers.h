@@ -90,6 +90,24 @@ ObjViewableO ObjViewableNew(int32 lNodeType, const char* pstrNodeName, StnzT* pt
 BooleanT ObjViewableCreate(ObjViewableO* poResult, int32 lNodeType, const char* pstrNodeName,
                            StnzT* ptInitialValue);
 
+// A copy of the value, a new unique identifier for null.
+ObjUniqueO ObjUniqueNewInternal(const UniqueT* ptValue);
+BooleanT ObjUniqueCreateInternal(ObjUniqueO* poResult, const UniqueT* ptValue);
+ObjUniqueO ObjUniqueNewSessionId(int32 lJobId, int32 lInstance, int32 lPhase);
+BooleanT ObjUniqueCreateSessionId(ObjUniqueO* poResult, int32 lJobId, int32 lInstance,
+                                  int32 lPhase);
+// FALSE unless both are unique-identifier wrappers.
+BooleanT ObjUniqueSameSessionId(ObjUniqueO oUnique1, ObjUniqueO oUnique2);  // all but the phases
+BooleanT ObjUniqueEqual(ObjUniqueO oUnique1, ObjUniqueO oUnique2);
+UniqueT* ObjGetUnique(ObjUniqueO oUnique);
+
+inline ObjUniqueO ObjUniqueNew(const UniqueT* ptValue = nullptr) {
+    return ObjUniqueNewInternal(ptValue);
+}
+inline BooleanT ObjUniqueCreate(ObjUniqueO* poResult, const UniqueT* ptValue = nullptr) {
+    return ObjUniqueCreateInternal(poResult, ptValue);
+}
+
 // Copies a wrapper's value into the caller's buffer: a 32-bit value, a 64-bit one, a UniqueT, or
 // the pointer of a string or stanza wrapper. FALSE for any other class.
 BooleanT ObjGetValue(void* pResult, void* oSource);

@@ -45,12 +45,14 @@ void ProcCrash(BooleanT bForce);
 // The identifier of this process; 0 when it has none.
 ProcIdT ProcGetId();
 
+using ProcRealIdT = int32;  // identifier that the operating system gives a process
+ProcRealIdT ProcGetRealId();
+
 // The published reference time (kilntime.h); null in a process without shared memory.
 void* ProcGetKilnTimeArea();
 
 // --- starting programs ---
 
-using ProcRealIdT = int32;  // identifier that the operating system gives a process
 using ProcActualHandleT = ProcRealIdT;
 
 // Starts a program, looked up on the command search path when its path has no directory, with its

@@ -8,6 +8,7 @@
 #include "core/process.h"
 #include "core/strbase.h"
 #include "core/trace.h"
+#include "core/unique.h"
 
 TRACE_MODULE("OBJECT")
 MEM_DEFAULT_POOL_CACHE
@@ -238,6 +239,44 @@ BooleanT ObjViewableCreate(ObjViewableO* poResult, int32 lNodeType, const char* 
                            StnzT* ptInitialValue) {
     return Create(poResult, 9, "Invalid Arguments",
                   [&] { return ObjViewableNew(lNodeType, pstrNodeName, ptInitialValue); });
+}
+
+ObjUniqueO ObjUniqueNewInternal(const UniqueT* ptValue) {
+    auto* oNew = New<ObjUniqueS>(eUnique);
+    if (oNew == nullptr) return nullptr;
+    if (ptValue != nullptr)
+        oNew->tValue = *ptValue;
+    else
+        UniqueCreate(&oNew->tValue);
+    return oNew;
+}
+
+BooleanT ObjUniqueCreateInternal(ObjUniqueO* poResult, const UniqueT* ptValue) {
+    return Create(poResult, 186, "Invalid Argument", [&] { return ObjUniqueNewInternal(ptValue); });
+}
+
+ObjUniqueO ObjUniqueNewSessionId(int32 lJobId, int32 lInstance, int32 lPhase) {
+    auto* oNew = New<ObjUniqueS>(eUnique);
+    if (oNew != nullptr) UniqueCreateSessionId(&oNew->tValue, lJobId, lInstance, lPhase);
+    return oNew;
+}
+
+BooleanT ObjUniqueCreateSessionId(ObjUniqueO* poResult, int32 lJobId, int32 lInstance,
+                                  int32 lPhase) {
+    return Create(poResult, 187, "Invalid Argument",
+                  [&] { return ObjUniqueNewSessionId(lJobId, lInstance, lPhase); });
+}
+
+BooleanT ObjUniqueSameSessionId(ObjUniqueO oUnique1, ObjUniqueO oUnique2) {
+    return UniqueSameSessionInstance(ObjGetUnique(oUnique1), ObjGetUnique(oUnique2));
+}
+
+BooleanT ObjUniqueEqual(ObjUniqueO oUnique1, ObjUniqueO oUnique2) {
+    return UniqueEqual(ObjGetUnique(oUnique1), ObjGetUnique(oUnique2));
+}
+
+UniqueT* ObjGetUnique(ObjUniqueO oUnique) {
+    return Is(oUnique, ObjUniqueMagic) ? &oUnique->tValue : nullptr;
 }
 
 BooleanT ObjGetValue(void* pResult, void* oSource) {

@@ -27,4 +27,6 @@ void ProcCrash(BooleanT bForce) {
 
 ProcIdT ProcGetId() { return gtTlContext.sProcess.tId; }
 
+ProcRealIdT ProcGetRealId() { return getpid(); }
+
 void* ProcGetKilnTimeArea() { return gtTlContext.sProcess.ptKilnTime; }
