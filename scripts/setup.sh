@@ -9,7 +9,7 @@ set -euo pipefail
 
 packages_of() {
     case $1 in
-        build) echo cmake ninja-build g++ zlib1g-dev ;;
+        build) echo cmake ninja-build g++ zlib1g-dev libcrypt-dev ;;
         test) echo libgtest-dev ;;
         lint) echo clang clang-format clang-tidy ;;
         ilp32) echo g++-multilib lib32z1-dev googletest qemu-user-static ;;
