@@ -81,6 +81,11 @@ TempDir::~TempDir() {
 }
 
 const std::string& TestHome() {
+    static const char* const given = std::getenv(TestHomeVariable);
+    if (given != nullptr) {
+        static const std::string path = given;
+        return path;
+    }
     static const TempDir home;
     return home.Path();
 }

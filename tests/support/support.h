@@ -8,8 +8,9 @@
 #include "core/trace.h"
 #include "core/types.h"
 
-// The home directory of this test run.
+// The home directory of this test run: a new one, unless the environment names one that is there.
 const std::string& TestHome();
+constexpr char TestHomeVariable[] = "TESSEL_TEST_HOME";
 
 // A fresh directory, removed with all it holds at the end of its life.
 class TempDir {

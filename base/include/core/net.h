@@ -92,6 +92,11 @@ BooleanT NetGetReceiveBufferSize(int32* plBufferSize, NetSocketT tSocket);
 BooleanT NetGetLocalAddress(NetAddressT* ptAddress, NetSocketT tSocket);
 BooleanT NetGetRemoteAddress(NetAddressT* ptAddress, NetSocketT tSocket);
 
+// For a connection that carries messages: small ones leave at once, and a machine that has gone is
+// found out within five minutes, or within lPeerSeconds when that is above 0. Then a peer that
+// leaves what was sent unread for so long is given up as well.
+BooleanT NetPrepareStream(NetSocketT tSocket, int32 lPeerSeconds);
+
 // TRUE when the socket holds an error, which is traced and taken off it.
 BooleanT NetSocketError(NetSocketT tSocket);
 BooleanT NetIsConnected(NetSocketT tSocket);  // takes a pending error off the socket
@@ -111,6 +116,12 @@ NetErrorE NetUdpReceive(int32* plPacketLength, NetSocketT tSocket, void* pBuffer
 // One send, one receive: any number of bytes from 1 on. NET_ERROR_CLOSED when the peer has ended.
 NetErrorE NetTcpSend(int32* plSent, NetSocketT tSocket, void* pBuffer, int32 lBufferLength);
 NetErrorE NetTcpReceive(int32* plReceived, NetSocketT tSocket, void* pBuffer, int32 lBufferLength);
+
+// The same without ever waiting, also when the socket blocks.
+NetErrorE NetTcpSendNow(int32* plSent, NetSocketT tSocket, const void* pBuffer,
+                        int32 lBufferLength);
+NetErrorE NetTcpReceiveNow(int32* plReceived, NetSocketT tSocket, void* pBuffer,
+                           int32 lBufferLength);
 
 // Move the whole buffer, whether the socket blocks or not, and wait until oTimeout (null or never:
 // without limit) when the socket is not ready. The bytes moved are stored also on failure (by the

@@ -1,11 +1,11 @@
 // The process: the library-wide fatal stop and this process's place among the managed processes.
 #pragma once
 
+#include "core/object.h"
 #include "core/types.h"
 
 struct ProcDetailsT;       // procinternal.h
 struct ProcProcessTableT;  // procinternal.h
-struct ObjCountEntryT;     // object.h
 
 // Process state of the runtime context.
 struct TesselContextProcessS {
@@ -44,9 +44,63 @@ void ProcCrash(BooleanT bForce);
 
 // The identifier of this process; 0 when it has none.
 ProcIdT ProcGetId();
+BooleanT ProcSetId(ProcIdT tId);  // the local message address follows
 
 using ProcRealIdT = int32;  // identifier that the operating system gives a process
 ProcRealIdT ProcGetRealId();
+int32 ProcGetThreadId();  // no thread ids are used: -1
+
+// --- end of the process ---
+
+// What a process reports to the process manager of its machine.
+enum ProcStatusE : int32 {
+    eProcStatusAlive = 0,
+    eProcStatusAdoptMe = 1,
+    eProcStatusTaskRequired = 2,
+    eProcStatusActive = 3,
+    eProcStatusAboutToDie = 4,
+    eProcStatusAbortAdopt = 5,
+    eProcStatusRestartService = 6,
+    eProcStatusAdoptThread = 7,
+    eProcStatusAliveThread = 8,
+};
+
+constexpr int32 PmgrProcessStatusMagic = ObjMagic(0xc9c6be28);
+struct PmgrProcessStatusS {  // PMGR_PROCESS_STATUS_MSG, descriptor "i;i;i;b;b;i;"
+    int32 eStatus;
+    int32 tRealProcessId;
+    int32 tThreadId;
+    BooleanT bProgress;
+    BooleanT bViewer;
+    int32 tThreadHandle;
+};
+using PmgrProcessStatusO = PmgrProcessStatusS*;
+
+BooleanT ProcSendStatus(ProcStatusE eStatus);
+
+using ProcCleanupFnT = void (*)(void* pArgument, int32 lExitCode);
+
+constexpr int32 ProcCleanupMagic = ObjMagic(0xc8e8ee95);
+struct ProcCleanupS {  // descriptor "p;p;"
+    ProcCleanupFnT fnRoutine;
+    void* pArgument;
+};
+using ProcCleanupO = ProcCleanupS*;
+
+// Cleanup routines are called by ProcRelease, the newest first. Remove takes off the first with
+// both equal, or with a null routine the newest.
+BooleanT ProcAddCleanupRoutine(ProcCleanupFnT fnRoutine, void* pArgument);
+BooleanT ProcRemoveCleanupRoutine(ProcCleanupFnT fnRoutine, void* pArgument);
+
+// Reports the end to the process manager, calls the cleanup routines and releases the thread's
+// context. Exit code -1 asks for the service to be started again.
+void ProcRelease(int32 lExitCode);
+// ProcRelease, then the end of the process with status 0 or, for a code other than 0, 1; -2 does
+// not wait for channels and counts as 0. Only the first call acts, also when a signal makes another
+// while it runs.
+void ProcCleanup(int32 lExitCode);
+
+void ProcMemoryUsage();  // traces how many objects of each class there are
 
 // The published reference time (kilntime.h); null in a process without shared memory.
 void* ProcGetKilnTimeArea();

@@ -16,6 +16,9 @@ struct TaskContextS {
 };
 using TaskContextO = TaskContextS*;
 
+// The process's task from now on, held; null for none.
+BooleanT TaskSetTaskContext(TaskContextO oContext);
+
 // The object of that class that travels with the task: a new holder, the caller's; FALSE when there
 // is none. Bad arguments are a programming error: ProcCrash(FALSE) is called.
 BooleanT TaskGetContextObject(void** poObject, TaskContextO oContext, int32 lMagic);

@@ -1,10 +1,14 @@
-// Start and end of messaging. The classes of the layer are declared from the table of
-// msginternal.h, all of them, before any packet can bring an object of one.
+// Start and end of messaging. At the end every channel is closed in order, after which only what
+// the peers do counts. The classes of the layer are declared from the table of msginternal.h, all
+// of them, before any packet can bring an object of one.
 #include "core/msg.h"
 
-#include "core/context.h"
 #include "core/list.h"
-#include "msginternal.h"
+#include "core/net.h"
+#include "core/trace.h"
+#include "msgchannelinternal.h"
+
+TRACE_MODULE("MESSAGE")
 
 namespace {
 
@@ -26,6 +30,28 @@ BooleanT MsgRefuseOtherShape(void** poObject) {
                                                                   : eObjTranslateResultUnchanged;
 }
 
+TimeTimeoutO goImmediate = nullptr;
+
+// Waits until every channel has sent what it has and its peer has closed. Signals do not end it.
+void MsgLingerAll() {
+    ObjHolder<TimeTimeoutS> oTimeout;
+    if (TimeCreateAndSetTimeout(oTimeout.Address(), MsgConnectionSeconds, 0) != TRUE) return;
+    MsgLingerChannels();
+    TesselContextMsgS& tMsg = MsgState();
+    TraceMessageInline(4, 0, 4, "Lingering %d data channels", tMsg.oLingerList->lItemCount);
+    NetErrorE eError = NET_ERROR_NONE;
+    while (tMsg.oLingerList->lItemCount > 0 &&
+           (eError == NET_ERROR_NONE || eError == NET_ERROR_INTERRUPTED)) {
+        TraceMessageInline(5, 0, 4, "Still have '%d' channels lingered",
+                           tMsg.oLingerList->lItemCount);
+        int32 lReady = 0;
+        NetCopySelectMask(tMsg.tSelectMaskCopy, tMsg.tSelectMask);
+        eError = NetSelect(&lReady, tMsg.tSelectMaskCopy, oTimeout.Get());
+        TraceMessageInline(6, 0, 4, "Linger select returned '%d'", eError);
+        if (eError == NET_ERROR_NONE) MsgServeLingering(tMsg.tSelectMaskCopy);
+    }
+}
+
 }  // namespace
 
 BooleanT MsgCreateTemplates() {
@@ -39,17 +65,38 @@ BooleanT MsgCreateTemplates() {
     return TRUE;
 }
 
+TimeTimeoutO MsgImmediate() { return goImmediate; }
+
 BooleanT MsgInitialize() {
+    if (goImmediate == nullptr &&
+        (TimeCreateTimeout(&goImmediate) != TRUE || TimeSetTimeoutImmediate(goImmediate) != TRUE))
+        return FALSE;
+    MsgReadSettings();
     return BooleanFrom(MsgCreateTemplates() == TRUE && MsgAddressInitialize() == TRUE);
 }
 
-BooleanT MsgInitializeThread(TesselContextT* ptTlContext) {
-    return BooleanFrom(ListCreate(&ptTlContext->sMsg.oReceiveList, MsgPacketMagic) == TRUE &&
-                       MsgLocalAddressInitialize() == TRUE && MsgInitializeNames() == TRUE);
+BooleanT MsgInitializeThread(TesselContextT* /*ptTlContext*/) {
+    return BooleanFrom(MsgChannelInitialize() == TRUE && MsgLocalAddressInitialize() == TRUE &&
+                       MsgInitializeNames() == TRUE);
 }
 
 void MsgReleaseThread(TesselContextT* ptTlContext) {
-    MsgReleaseNames();
+    TesselContextMsgS& tMsg = ptTlContext->sMsg;
+    ObjRelease(&tMsg.oReceiveList);
+    MsgReleaseConnecting();
+    if (tMsg.oChannels != nullptr && tMsg.bQuickExit != TRUE) MsgLingerAll();
+    MsgReleaseChannels();
+    TraceMessageInline(1, 0, 4, "Release oLocalAddress");
     MsgLocalAddressRelease();
-    ObjRelease(&ptTlContext->sMsg.oReceiveList);
+    TraceMessageInline(2, 0, 4, "Release oNotifyOnDeathList");
+    ObjRelease(&tMsg.oNotifyOnDeathList);
+    ObjRelease(&tMsg.oTaskList);
+    ObjRelease(&tMsg.oHandlers);
+    NetReleaseSelectMask(&tMsg.tSelectMask);
+    NetReleaseSelectMask(&tMsg.tSelectMaskCopy);
+    MsgReleaseNames();
+    tMsg.bInitialized = FALSE;
+    TraceMessageInline(3, 0, 4, "Finished MsgReleaseThread");
 }
+
+void MsgQuickExit(BooleanT bBeQuick) { MsgState().bQuickExit = bBeQuick; }

@@ -2,34 +2,36 @@
 #pragma once
 
 #include "core/msg.h"
+#include "core/msgchannel.h"
 
 // Every class of the layer, X(name, descriptor): record nameS, magic nameMagic.
-#define MSG_CLASSES(X)                               \
-    X(MsgAddress, "s;i;")                            \
-    X(MsgMessage, "o;o;i;i;o;")                      \
-    X(MsgPacket, "d;")                               \
-    X(MsgError, "i;s;o;")                            \
-    X(MsgUnknown, "s;i;o;")                          \
-    X(MsgPing, "i;i;")                               \
-    X(PmgrProcessDied, "o;")                         \
-    X(PmgrGiveServiceATaskReturn, "b;i;o;i;b;i;o;")  \
-    X(PmgrTask, "o;i;o;i;")                          \
-    X(MsgConnectInet, "i;i;")                        \
-    X(MsgConnect, "b;i;o;i;o;")                      \
-    X(MsgConnected, "b;i;o;o;")                      \
-    X(MsgConnecting, "o;p;o;i;i;i;i;i;o;i;")         \
-    X(MsgTunnelListenRequest, "i;o;o;")              \
-    X(MsgIpcConnect, "i;i;i;")                       \
-    X(MsgHandlerEntry, "p;o;")                       \
-    X(MsgProxySource, "o;o;")                        \
-    X(PmgrGiveServiceATask, "o;s;i;s;b;o;i;")        \
-    X(PmgrGiveServiceATaskExt, "o;s;i;s;b;o;i;o;o;") \
-    X(PmgrTaskExt, "o;i;o;i;o;o;")                   \
-    X(ProcAddress, "s;s;i;")                         \
-    X(SetProcessContextRequest, "o;o;")              \
-    X(PmgrNotifyOnDeath, "o;")                       \
-    X(CmgrProcessUnreachable, "o;i;")                \
-    X(CmgrMachineDown, "s;")                         \
+#define MSG_CLASSES(X)                                         \
+    X(MsgAddress, "s;i;")                                      \
+    X(MsgMessage, "o;o;i;i;o;")                                \
+    X(MsgPacket, "d;")                                         \
+    X(MsgError, "i;s;o;")                                      \
+    X(MsgUnknown, "s;i;o;")                                    \
+    X(MsgPing, "i;i;")                                         \
+    X(PmgrProcessDied, "o;")                                   \
+    X(PmgrGiveServiceATaskReturn, "b;i;o;i;b;i;o;")            \
+    X(PmgrTask, "o;i;o;i;")                                    \
+    X(MsgConnectInet, "i;i;")                                  \
+    X(MsgConnect, "b;i;o;i;o;")                                \
+    X(MsgConnected, "b;i;o;o;")                                \
+    X(MsgConnecting, "o;p;o;i;i;i;i;i;o;i;")                   \
+    X(MsgChannel, "i;p;o;o;o;o;b;b;b;b;b;b;o;o;i;d;i;b;n512;") \
+    X(MsgTunnelListenRequest, "i;o;o;")                        \
+    X(MsgIpcConnect, "i;i;i;")                                 \
+    X(MsgHandlerEntry, "p;o;")                                 \
+    X(MsgProxySource, "o;o;")                                  \
+    X(PmgrGiveServiceATask, "o;s;i;s;b;o;i;")                  \
+    X(PmgrGiveServiceATaskExt, "o;s;i;s;b;o;i;o;o;")           \
+    X(PmgrTaskExt, "o;i;o;i;o;o;")                             \
+    X(ProcAddress, "s;s;i;")                                   \
+    X(SetProcessContextRequest, "o;o;")                        \
+    X(PmgrNotifyOnDeath, "o;")                                 \
+    X(CmgrProcessUnreachable, "o;i;")                          \
+    X(CmgrMachineDown, "s;")                                   \
     X(NmgrMachineUnreachable, "s;i;o;")
 
 // MsgAddressDescriptor and so on.

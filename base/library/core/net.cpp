@@ -6,9 +6,11 @@
 
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 
@@ -21,6 +23,10 @@
 TRACE_MODULE("NET")
 
 namespace {
+
+constexpr int NetPeerSeconds = 300;  // until a silent machine counts as gone
+constexpr int32 NetPeerSecondsMax = 1000000;
+constexpr int NetKeepAliveProbes = 5;
 
 ListO goNotResolved = nullptr;  // NetAddressO
 
@@ -100,6 +106,12 @@ BooleanT NetSetOption(const char* pstrOperation, NetSocketT tSocket, int iOption
     if (NetRefuses(pstrOperation, tSocket)) return FALSE;
     if (setsockopt(tSocket, SOL_SOCKET, iOption, &tValue, sizeof(tValue)) == 0) return TRUE;
     return NetFailed(lTraceId, pstrFailure);
+}
+
+bool NetSetTcpOption(NetSocketT tSocket, int iOption, int iValue) {
+    if (setsockopt(tSocket, IPPROTO_TCP, iOption, &iValue, sizeof(iValue)) == 0) return true;
+    NetFailed(132, "Failed to prepare stream");
+    return false;
 }
 
 BooleanT NetGetOption(const char* pstrOperation, int32* plValue, NetSocketT tSocket, int iOption,
@@ -278,6 +290,22 @@ BooleanT NetSetNoLinger(NetSocketT tSocket) {
         34,
         NetSetOption("NetSetNoLinger", tSocket, SO_LINGER, tLinger, 35, "Failed to set no linger "),
         "NetSetNoLinger(%d)", tSocket);
+}
+
+BooleanT NetPrepareStream(NetSocketT tSocket, int32 lPeerSeconds) {
+    // A silent connection is asked NetKeepAliveProbes times whether it is alive, the last time
+    // after all of the time; sent data has a limit of its own.
+    const int iSeconds = lPeerSeconds > 0 ? lPeerSeconds : NetPeerSeconds;
+    const int iInterval = std::max(1, iSeconds / (2 * NetKeepAliveProbes));
+    bool bResult = NetSetKeepAlive(tSocket) == TRUE && NetSetTcpOption(tSocket, TCP_NODELAY, 1) &&
+                   NetSetTcpOption(tSocket, TCP_KEEPIDLE, std::max(1, iSeconds / 2)) &&
+                   NetSetTcpOption(tSocket, TCP_KEEPINTVL, iInterval) &&
+                   NetSetTcpOption(tSocket, TCP_KEEPCNT, NetKeepAliveProbes);
+    if (bResult && lPeerSeconds > 0) {
+        const int iMilliseconds = std::min(lPeerSeconds, NetPeerSecondsMax) * 1000;
+        bResult = NetSetTcpOption(tSocket, TCP_USER_TIMEOUT, iMilliseconds);
+    }
+    return NetResult(131, BooleanFrom(bResult), "NetPrepareStream(%d, %d)", tSocket, lPeerSeconds);
 }
 
 BooleanT NetSetSendBufferSize(NetSocketT tSocket, int32 lBufferSize) {

@@ -8,7 +8,9 @@
 
 #include "core/context.h"
 #include "core/errnokeeper.h"
+#include "core/msgchannel.h"
 #include "core/process.h"
+#include "core/sys.h"
 #include "core/trace.h"
 #include "netinternal.h"
 
@@ -110,6 +112,26 @@ BooleanT NetInheritPhase1(NetInheritContextO* poContext, NetSocketT tSocket) {
 BooleanT NetInheritPhase2(NetInheritContextO oContext, int32 lRealId) {
     return NetResult(124, NetInheritGiveUp(oContext, lRealId), "NetInheritPhase2(%p, %d)",
                      static_cast<void*>(oContext), lRealId);
+}
+
+BooleanT NetInheritPhase3(NetInheritContextO oContext, int32 lChildProcessId) {
+    ObjHolder<MsgAddressS> oChild;
+    const BooleanT bResult = BooleanFrom(
+        NetIsContext(oContext) &&
+        MsgCreateAddress(oChild.Address(), SysLocalMachineName(), lChildProcessId) == TRUE &&
+        MsgSendObject(oChild.Get(), MSG_INHERIT_SOCKET_MSG, oContext) == TRUE);
+    return NetResult(129, bResult, "NetInheritPhase3(%p, %d)", static_cast<void*>(oContext),
+                     lChildProcessId);
+}
+
+BooleanT NetInheritPhase4(NetSocketT* ptSocket, NetInheritContextO oContext) {
+    ObjHolder<MsgAddressS> oParent;
+    const BooleanT bResult = BooleanFrom(
+        NetInheritTake(ptSocket, oContext) == TRUE &&
+        MsgCreateAddress(oParent.Address(), SysLocalMachineName(), oContext->lParentId) == TRUE &&
+        MsgSendObject(oParent.Get(), MSG_INHERITED_SOCKET_MSG, oContext) == TRUE);
+    return NetResult(130, bResult, "NetInheritPhase4(%p, %p)", static_cast<void*>(ptSocket),
+                     static_cast<void*>(oContext));
 }
 
 BooleanT NetInheritDone(NetInheritContextO* poContext) {
