@@ -5,133 +5,109 @@
 #include <ctime>
 #include <numeric>
 #include <random>
+#include <utility>
 #include <vector>
 
 #include "core/msgbase.h"
-#include "core/objwrappers.h"
 #include "core/timer.h"
 #include "support/objects.h"
-#include "support/support.h"
 
 namespace {
 
 std::vector<int32> gSent;  // cookies of the messages
-int gRefused = 0;          // messages that cannot be sent, from the next one on
+bool gRefused = false;     // the next message cannot be sent
 const int32 kNow = static_cast<int32>(std::time(nullptr));
+int32 gCookies[1000];
 
 void Callback(void* pCookie) { gSent.push_back(*static_cast<int32*>(pCookie)); }
 void Other(void* /*pCookie*/) {}
 
+void Set(int32 lCookie, int32 lSeconds, int32 lMilliSeconds = 0,
+         TimerCallbackFnT fnCallback = Callback) {
+    const ObjHolder<TimeTimeoutS> oTimeout(ObjNew<TimeTimeoutS>(TimeTimeoutMagic, "i;i;"));
+    oTimeout.Get()->lSeconds = lSeconds;
+    oTimeout.Get()->lMilliSeconds = lMilliSeconds;
+    EXPECT_EQ(TimrSetAlarm(fnCallback, &gCookies[lCookie], oTimeout.Get()), TRUE);
+}
+BooleanT Reset(int32 lCookie, TimerCallbackFnT fnCallback = Callback) {
+    return TimrResetAlarm(fnCallback, &gCookies[lCookie]);
+}
+
 class Timer : public ObjectTest {
  protected:
-    void SetUp() override { gSent.clear(); }
-    static BooleanT Set(int32* plCookie, int32 lSeconds, int32 lMilliSeconds = 0,
-                        TimerCallbackFnT fnCallback = Callback) {
-        ObjHolder<TimeTimeoutS> oTimeout;
-        TimeCreateTimeout(oTimeout.Address());
-        oTimeout.Get()->lSeconds = lSeconds;
-        oTimeout.Get()->lMilliSeconds = lMilliSeconds;
-        return TimrSetAlarm(fnCallback, plCookie, oTimeout.Get());
+    void SetUp() override {
+        gSent.clear();
+        std::iota(std::begin(gCookies), std::end(gCookies), 0);
     }
-    static constexpr int32 Never = -1;
 };
 
 }  // namespace
 
 BooleanT WrapSend(MsgTypeT tMsgType, void* oObject) __asm__("__wrap__Z19MsgSendObjectToSelfiPv");
 BooleanT WrapSend(MsgTypeT tMsgType, void* oObject) {
-    if (gRefused > 0) {
-        gRefused--;
-        return FALSE;
-    }
     EXPECT_EQ(tMsgType, 41001);
     EXPECT_EQ(ObjCheckTypeInternal(oObject, TimerCallbackMagic), TRUE);
+    if (std::exchange(gRefused, false)) return FALSE;
     auto* oCallback = static_cast<TimerCallbackO>(oObject);
     oCallback->pfnCallback(oCallback->pCookie);
     return TRUE;
 }
 
 TEST_F(Timer, ThousandFireInTheirOrder) {
-    constexpr int32 Count = 1000;
     constexpr int32 Due = 700;  // the rest lies in the future
-    std::vector<int32> cookies(Count), order;
-    std::iota(cookies.begin(), cookies.end(), 0);
-    order = cookies;
+    std::vector<int32> order(gCookies, gCookies + 1000);
     std::shuffle(order.begin(), order.end(), std::mt19937(3));
-    for (const int32 l : order) {
-        // Four of each second, told apart by milliseconds.
-        const int32 lSeconds = l < Due ? kNow - 1000 + l / 4 : kNow + 1000 + l / 4;
-        ASSERT_EQ(Set(&cookies[static_cast<std::size_t>(l)], lSeconds, l % 4 * 250), TRUE);
-    }
+    // Four in each second, told apart by milliseconds.
+    for (const int32 l : order) Set(l, kNow + (l < Due ? -1000 : 1000) + l / 4, l % 4 * 250);
     EXPECT_EQ(TimrNextEvent()->lSeconds, kNow - 1000);
-    EXPECT_EQ(TimrClearTimers(), TRUE);
-    EXPECT_EQ(gSent, std::vector<int32>(cookies.begin(), cookies.begin() + Due));
-    EXPECT_EQ(TimrNextEvent()->lSeconds, kNow + 1000 + Due / 4);
-    EXPECT_EQ(TimrClearTimers(), TRUE);
-    EXPECT_EQ(gSent.size(), static_cast<std::size_t>(Due));
-    for (int32 l = Due; l < Count; l++)
-        EXPECT_EQ(TimrResetAlarm(Callback, &cookies[static_cast<std::size_t>(l)]), TRUE);
+    for (int i = 0; i < 2; i++) {
+        EXPECT_EQ(TimrClearTimers(), TRUE);
+        EXPECT_EQ(gSent, std::vector<int32>(gCookies, gCookies + Due));
+        EXPECT_EQ(TimrNextEvent()->lSeconds, kNow + 1000 + Due / 4);
+    }
+    for (int32 l = Due; l < 1000; l++) EXPECT_EQ(Reset(l), TRUE);
     EXPECT_EQ(TimeTimeoutIsNever(TimrNextEvent()), TRUE);
 }
 
 TEST_F(Timer, EqualTimesAtOnceAndNever) {
-    int32 alCookies[] = {0, 1, 2, 3, 4, 5, 6};
-    Set(&alCookies[0], Never, Never);
+    Set(0, -1, -1);  // never
     EXPECT_EQ(TimeTimeoutIsNever(TimrNextEvent()), TRUE);
-    Set(&alCookies[1], kNow - 5);
-    Set(&alCookies[2], kNow - 5);
-    Set(&alCookies[3], Never, Never);
-    Set(&alCookies[4], 0);  // at once
-    Set(&alCookies[5], kNow - 5);
-    Set(&alCookies[6], kNow + 1000);
+    for (const int32 l : {1, 2}) Set(l, kNow - 5);
+    Set(3, -1, -1);
+    Set(4, 0);  // at once
+    Set(5, kNow - 5);
+    Set(6, kNow + 1000);
     EXPECT_EQ(TimrClearTimers(), TRUE);
     ASSERT_EQ(gSent.size(), 4U);
     std::sort(gSent.begin() + 1, gSent.end());
     EXPECT_EQ(gSent, (std::vector<int32>{4, 1, 2, 5}));
     EXPECT_EQ(TimrNextEvent()->lSeconds, kNow + 1000);
-    TraceCapture trace;
-    EXPECT_EQ(TimrResetAlarm(Callback, &alCookies[6]), TRUE);
-    EXPECT_EQ(TimrResetAlarm(Callback, &alCookies[0]), TRUE);
-    EXPECT_EQ(TimrResetAlarm(Callback, &alCookies[3]), TRUE);
-    EXPECT_EQ(TimrResetAlarm(Callback, &alCookies[3]), FALSE);
-    EXPECT_EQ(trace.Count("TIMER", 2), 4);
+    for (const int32 l : {6, 0, 3}) EXPECT_EQ(Reset(l), TRUE);
 }
 
 TEST_F(Timer, ResetTakesOneOfSeveral) {
-    int32 lCookie = 7;
-    Set(&lCookie, kNow + 2000);
-    Set(&lCookie, kNow + 1000);
-    Set(&lCookie, kNow + 1500, 0, Other);
-    EXPECT_EQ(TimrResetAlarm(Other, nullptr), FALSE);
-    EXPECT_EQ(TimrResetAlarm(Callback, &lCookie), TRUE);
+    for (const int32 l : {2000, 1000}) Set(7, kNow + l);
+    Set(7, kNow + 1500, 0, Other);
+    EXPECT_EQ(Reset(7), TRUE);
     EXPECT_EQ(TimrNextEvent()->lSeconds, kNow + 1000);
-    EXPECT_EQ(TimrResetAlarm(Callback, &lCookie), TRUE);
-    EXPECT_EQ(TimrNextEvent()->lSeconds, kNow + 1500);
-    EXPECT_EQ(TimrResetAlarm(Callback, &lCookie), FALSE);
-    EXPECT_EQ(TimrResetAlarm(Other, &lCookie), TRUE);
+    EXPECT_EQ(Reset(7), TRUE);
+    EXPECT_EQ(Reset(7), FALSE);
+    EXPECT_EQ(Reset(7, Other), TRUE);
 }
 
-TEST_F(Timer, WhatCannotBeSentStays) {
-    int32 alCookies[] = {1, 2, 3};
-    for (int32& lCookie : alCookies) Set(&lCookie, kNow - 10 + lCookie);
-    gRefused = 1;
+TEST_F(Timer, RefusedMessagesAndWrongArguments) {
+    for (const int32 l : {1, 2, 3}) Set(l, kNow - 10 + l);
+    gRefused = true;
     EXPECT_EQ(TimrClearTimers(), FALSE);
     EXPECT_TRUE(gSent.empty());
     EXPECT_EQ(TimrClearTimers(), TRUE);
     EXPECT_EQ(gSent, (std::vector<int32>{1, 2, 3}));
-}
-
-TEST_F(Timer, RelativeAndWrongArguments) {
-    int32 lCookie = 1;
     ObjHolder<TimeOffsetS> oOffset;
     ASSERT_EQ(TimeCreateOffset(oOffset.Address(), 60, 5), TRUE);
-    EXPECT_EQ(TimrSetAlarmRelative(Callback, &lCookie, oOffset.Get()), TRUE);
-    const int32 lLeft = TimeTimeoutLeft(TimrNextEvent());
-    EXPECT_GT(lLeft, 50000);
-    EXPECT_LE(lLeft, 60005);
-    EXPECT_EQ(TimrSetAlarmRelative(Callback, &lCookie, nullptr), FALSE);
-    EXPECT_EQ(TimrSetAlarm(Callback, &lCookie, reinterpret_cast<TimeTimeoutO>(oOffset.Get())),
+    EXPECT_EQ(TimrSetAlarmRelative(Callback, gCookies, oOffset.Get()), TRUE);
+    EXPECT_NEAR(TimeTimeoutLeft(TimrNextEvent()), 55000, 5005);
+    EXPECT_EQ(Reset(0), TRUE);
+    EXPECT_EQ(TimrSetAlarmRelative(Callback, gCookies, nullptr), FALSE);
+    EXPECT_EQ(TimrSetAlarm(Callback, gCookies, reinterpret_cast<TimeTimeoutO>(oOffset.Get())),
               FALSE);
-    EXPECT_EQ(TimrResetAlarm(Callback, &lCookie), TRUE);
-    EXPECT_EQ(TimrResetAlarm(Callback, &lCookie), FALSE);
 }
