@@ -128,9 +128,10 @@ BooleanT MsgMessageToPacket(MsgPacketO* poPacket, MsgMessageO oMessage);
 // has no name here is null in the message.
 BooleanT MsgMessageFromPacket(MsgMessageO* poMessage, MsgPacketO oPacket);
 BooleanT MsgFromPacket(MsgMessageO* poMessage, MsgPacketO oPacket);
-// lMagic 0 takes any object, -1 also none at all.
+// A new holder of the body. lMagic 0 and -1 take any object and, as null, none at all.
 BooleanT MsgObjectFromPacketInternal(void** poObject, MsgPacketO oPacket, int32 lMagic);
 MsgTypeT MsgPacketMsgType(MsgPacketO oPacket);
+// The packet itself changes; its body too when it was to stay within the process.
 BooleanT MsgRedirectPacket(MsgAddressO oNewDestination, MsgPacketO oPacket);
 
 // The packet's header; null when the packet is too short to have one and the prefix behind it.
@@ -149,9 +150,10 @@ BooleanT MsgObjectFromPacket(T** poObject, MsgPacketO oPacket, int32 lMagic) {
 
 BooleanT MsgInitializeNames();
 // With a buffer: the name, cut to it. Without: the table's text, or for an unknown type a text that
-// holds until the next such call.
+// holds until the next such call. A buffer without room counts as none.
 const char* MsgNameWithBuffer(MsgTypeT tMsgType, char* pstrBuffer, int32 lSize);
 inline const char* MsgName(MsgTypeT tMsgType) { return MsgNameWithBuffer(tMsgType, nullptr, 0); }
+// Names a type that has no name yet; the text is copied.
 BooleanT MsgSetMsgName(MsgTypeT tMsgType, const char* pstrName);
 BooleanT MsgTypeFromName(MsgTypeT* ptMsgType, const char* pstrName);  // without regard to case
 
@@ -159,7 +161,8 @@ BooleanT MsgTypeFromName(MsgTypeT* ptMsgType, const char* pstrName);  // without
 
 BooleanT MsgSendReply(MsgMessageO oMessage, MsgTypeT tMsgType, void* oObject);
 BooleanT MsgError(MsgAddressO oTo, int32 lErrorCode, const char* pstrMessage, void* oCookie);
-// Answers a message that nobody handles. Sends nothing for MSG_UNKNOWN_MSG and to oneself.
+// Answers a message that nobody handles. FALSE, with nothing sent, for MSG_UNKNOWN_MSG and to
+// oneself.
 BooleanT MsgReturnUnknown(MsgMessageO oMessage, const char* pstrMessage);
 BooleanT MsgPong(MsgMessageO oMessage);
 // At the end of the own receive list. The packet never leaves the process (MsgPacketWithin), so its

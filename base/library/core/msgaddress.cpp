@@ -203,7 +203,6 @@ BooleanT MsgRemoteEnd(MsgAddressO* poRemote, MsgAddressO oAddress) {
         if (MsgGetChannel(oChannel.Address(), oAddress) != TRUE) return FALSE;
         oRemote = MsgChannelRemoteAddress(oChannel.Get());
     }
-    if (oRemote == nullptr) return FALSE;
     *poRemote = MsgHold(oRemote);
     return TRUE;
 }

@@ -67,8 +67,8 @@ T* MsgHold(T* oObject) {
     return oObject;
 }
 
-// The process that an address leads to, a new holder: behind a channel, the remote end. FALSE for a
-// channel that is gone or knows none.
+// The process that an address leads to, a new holder: behind a channel, the remote end, which may
+// be null. FALSE for a channel that is gone.
 BooleanT MsgRemoteEnd(MsgAddressO* poRemote, MsgAddressO oAddress);
 
 // A packet that never leaves the process (MsgPacketWithin).

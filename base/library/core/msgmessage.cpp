@@ -71,8 +71,13 @@ BooleanT MsgGetDestination(MsgAddressO* poAddress, MsgMessageO oMessage) {
 }
 
 BooleanT MsgGetSender(MsgAddressO* poAddress, MsgMessageO oMessage) {
-    if (poAddress == nullptr || !MsgIsMessage(oMessage)) return FALSE;
-    return MsgRemoteEnd(poAddress, oMessage->oSource);
+    ObjHolder<MsgAddressS> oSender;
+    if (poAddress == nullptr || !MsgIsMessage(oMessage) ||
+        MsgRemoteEnd(oSender.Address(), oMessage->oSource) != TRUE || oSender.Get() == nullptr) {
+        return FALSE;
+    }
+    *poAddress = oSender.Take();
+    return TRUE;
 }
 
 BooleanT MsgGetObjectInternal(void** poObject, MsgMessageO oMessage, int32 lMagic) {
