@@ -5,9 +5,11 @@
 #include <cstdlib>
 
 #include "core/context.h"
+#include "support/roles.h"
 #include "support/support.h"
 
 int main(int argc, char** argv) {
+    RunRole(argc, argv);
     testing::InitGoogleTest(&argc, argv);
     const std::string home = TestHome();
     mkdir((home + "/tmp").c_str(), 0700);

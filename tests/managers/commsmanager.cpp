@@ -1,0 +1,199 @@
+// A small communications manager. It accepts interprocess channels, learns from the first message
+// of each whose it is, and delivers packets by their next hop. It tells a sender when there is no
+// such process, watchers when a process has died, and everybody when a machine is down. Without a
+// process manager on the machine it takes the requests to watch that are addressed to one.
+//
+//   commsmanager      KRHOME names the home directory; port 0 in its configuration asks for a free
+//                     port, which is written there
+#include <sys/socket.h>
+
+#include <map>
+#include <set>
+#include <string>
+
+#include "core/cfg.h"
+#include "core/trace.h"
+#include "manager.h"
+
+namespace {
+
+std::map<ProcIdT, int32> gtProcesses;                                     // channel of each process
+std::map<ProcIdT, std::set<std::pair<std::string, ProcIdT>>> gtWatchers;  // of each process here
+
+MsgAddressO AddressOf(const char* pstrMachine, ProcIdT tId) {
+    MsgAddressO oAddress = nullptr;
+    MsgMakeAddress(&oAddress, pstrMachine, tId);
+    return oAddress;
+}
+
+const char* ThisMachine() { return MsgGetMachineName(MsgLocalAddress()); }
+
+// Gives the packet to the process that is its next hop.
+BooleanT Deliver(ProcIdT tId, MsgPacketO* poPacket) {
+    const auto tFound = gtProcesses.find(tId);
+    if (tFound == gtProcesses.end()) return FALSE;
+    const ObjHolder<MsgAddressS> oAddress(AddressOf(nullptr, tFound->second));
+    ObjHolder<MsgChannelS> oChannel;
+    if (MsgGetChannel(oChannel.Address(), oAddress.Get()) != TRUE) return FALSE;
+    return MsgChannelDispatch(oChannel.Get(), poPacket);
+}
+
+// From this manager; what is for another machine leaves through the network manager.
+void Send(MsgAddressO oDestination, MsgTypeT tMsgType, void* oBody) {
+    MsgPacketO oPacket = nullptr;
+    if (MsgCreatePacket(&oPacket, oDestination, MsgLocalAddress(), tMsgType, oBody) != TRUE) return;
+    Deliver(MsgPacketHeader(oPacket)->tMsgId, &oPacket);
+    if (oPacket != nullptr) ObjRelease(&oPacket);
+}
+
+// --- processes come and go ---
+
+void Connected(MsgPacketO oPacket) {
+    ObjHolder<MsgIpcConnectS> oBody;
+    if (MsgObjectFromPacket(oBody.Address(), oPacket, MsgIpcConnectMagic) != TRUE) return;
+    gtProcesses[oBody.Get()->tProcessId] = MsgPacketHeader(oPacket)->tDestination.tProcessId;
+}
+
+void TellWatchers(ProcIdT tDead) {
+    const auto tWatchers = gtWatchers.find(tDead);
+    if (tWatchers == gtWatchers.end()) return;
+    const ObjHolder<PmgrProcessDiedS> oDied(ObjNew<PmgrProcessDiedS>(PmgrProcessDiedMagic, "o;"));
+    oDied.Get()->oAddress = AddressOf(ThisMachine(), tDead);
+    for (const auto& [machine, tWatcher] : tWatchers->second) {
+        const ObjHolder<MsgAddressS> oWatcher(AddressOf(machine.c_str(), tWatcher));
+        Send(oWatcher.Get(), PMGR_PROCESS_DIED_MSG, oDied.Get());
+    }
+    gtWatchers.erase(tWatchers);
+}
+
+void Disconnected(MsgPacketO oPacket) {
+    const int32 lChannel = MsgPacketHeader(oPacket)->tSource.tProcessId;
+    MsgAddressO oAddress = AddressOf(nullptr, lChannel);
+    MsgChannelClose(&oAddress);
+    for (const auto& [tId, lOf] : gtProcesses) {
+        if (lOf != lChannel) continue;
+        const ProcIdT tDead = tId;
+        gtProcesses.erase(tDead);
+        TellWatchers(tDead);
+        return;
+    }
+}
+
+// --- packets ---
+
+void TellUnreachable(const MsgHeaderT& tHeader) {
+    ObjHolder<MsgAddressS> oSender;
+    const ObjHolder<CmgrProcessUnreachableS> oBody(
+        ObjNew<CmgrProcessUnreachableS>(CmgrProcessUnreachableMagic, "o;i;"));
+    if (tHeader.tMsgType == CMGR_PROCESS_UNREACHABLE_MSG ||
+        MsgAddressFromPacketAddress(oSender.Address(), &tHeader.tSource) != TRUE ||
+        MsgAddressFromPacketAddress(&oBody.Get()->oAddress, &tHeader.tDestination) != TRUE)
+        return;
+    oBody.Get()->tMsgType = tHeader.tMsgType;
+    Send(oSender.Get(), CMGR_PROCESS_UNREACHABLE_MSG, oBody.Get());
+}
+
+void Watch(MsgPacketO oPacket) {
+    ObjHolder<PmgrNotifyOnDeathS> oBody;
+    ObjHolder<MsgAddressS> oWatcher;
+    const MsgPacketAddressT tSource = MsgPacketHeader(oPacket)->tSource;
+    if (MsgObjectFromPacket(oBody.Address(), oPacket, PmgrNotifyOnDeathMagic) != TRUE ||
+        MsgAddressFromPacketAddress(oWatcher.Address(), &tSource) != TRUE)
+        return;
+    const ProcIdT tWatched = MsgGetProcessId(oBody.Get()->oAddress);
+    gtWatchers[tWatched].emplace(MsgGetMachineName(oWatcher.Get()),
+                                 MsgGetProcessId(oWatcher.Get()));
+    if (!gtProcesses.contains(tWatched)) TellWatchers(tWatched);
+}
+
+// A notice for everybody on the machine.
+void Broadcast(MsgPacketO oPacket) {
+    ObjHolder<CmgrMachineDownS> oBody;
+    if (MsgObjectFromPacket(oBody.Address(), oPacket, CmgrMachineDownMagic) != TRUE) return;
+    const std::map<ProcIdT, int32> tProcesses = gtProcesses;
+    for (const auto& [tId, lChannel] : tProcesses) {
+        const ObjHolder<MsgAddressS> oProcess(AddressOf(ThisMachine(), tId));
+        Send(oProcess.Get(), CMGR_MACHINE_DOWN_MSG, oBody.Get());
+    }
+}
+
+void ForThisManager(MsgPacketO oPacket) {
+    ObjHolder<MsgMessageS> oMessage;
+    switch (MsgPacketMsgType(oPacket)) {
+        case CMGR_MACHINE_DOWN_MSG:
+            Broadcast(oPacket);
+            break;
+        case MSG_PING_MSG:
+            if (MsgMessageFromPacket(oMessage.Address(), oPacket) == TRUE)
+                Send(oMessage.Get()->oSource, MSG_PONG_MSG, oMessage.Get()->oObject);
+            break;
+        default:
+            break;
+    }
+}
+
+// FALSE ends the manager.
+bool Handle(MsgPacketO* poPacket) {
+    const MsgHeaderT tHeader = *MsgPacketHeader(*poPacket);
+    if (tHeader.tMsgType == MSG_IPC_CONNECT_MSG) {
+        Connected(*poPacket);
+    } else if (tHeader.tMsgType == MSG_CHANNEL_DOWN_MSG) {
+        Disconnected(*poPacket);
+    } else if (tHeader.tMsgType == MSG_FATAL_SELECT_ERROR_MSG) {
+        return false;
+    } else if (tHeader.tMsgId == MsgCommunicationsManagerId) {
+        if (tHeader.tMsgType == PMGR_KILL_YOURSELF_MSG) return false;
+        ForThisManager(*poPacket);
+    } else if (tHeader.tMsgId == MsgProcessManagerId &&
+               !gtProcesses.contains(MsgProcessManagerId) &&
+               tHeader.tMsgType == PMGR_NOTIFY_ON_DEATH_MSG) {
+        Watch(*poPacket);
+    } else if (tHeader.tMsgId > 0 && Deliver(tHeader.tMsgId, poPacket) != TRUE) {
+        TellUnreachable(tHeader);
+    }
+    return true;
+}
+
+// --- connections ---
+
+NetSocketT gatListening[2] = {-1, -1};
+
+void AcceptCalls(NetSelectMaskT tMask, void* /*oCookie*/) {
+    for (const NetSocketT tListening : gatListening) {
+        NetSocketT tSocket = -1;
+        if (tMask == nullptr || tListening == -1 || NetIsReadSelectSet(tMask, tListening) != TRUE ||
+            NetAccept(&tSocket, tListening, nullptr) != NET_ERROR_NONE)
+            continue;
+        if (MsgChannelCreateIpc(tSocket) != TRUE) NetClose(&tSocket);
+    }
+}
+
+BooleanT Listen() {
+    const int32 lPort = MsgGetCommsPort();
+    gatListening[0] = ManagerListen("127.0.0.1", lPort, AF_INET);
+    if (gatListening[0] == -1) return FALSE;
+    const int32 lBound = ManagerPort(gatListening[0]);
+    gatListening[1] = ManagerListen("::1", lBound, AF_INET6);  // not everywhere
+    for (const NetSocketT tListening : gatListening)
+        if (tListening != -1) MsgAddReadSelect(tListening);
+    if (lPort == 0 && CfgSetInteger("configure.cfg", "Machine", "Comms TcpPort", lBound) != TRUE)
+        return FALSE;
+    ManagerReady(lBound);
+    return MsgHandlerAdd(AcceptCalls, nullptr);
+}
+
+}  // namespace
+
+int main() {
+    if (ManagerStart("commsmanager", MsgCommunicationsManagerId) != TRUE || Listen() != TRUE)
+        return 1;
+    for (bool bServe = true; bServe;) {
+        MsgPacketO oPacket = nullptr;
+        if (MsgReceivePacket(&oPacket, nullptr) != TRUE) continue;
+        bServe = Handle(&oPacket);
+        if (oPacket != nullptr) ObjRelease(&oPacket);
+    }
+    MsgQuickExit(TRUE);
+    ContextReleaseThread();
+    return 0;
+}
