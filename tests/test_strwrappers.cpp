@@ -89,7 +89,8 @@ TEST_F(StrWrappers, JoinRefusesWhatIsNoList) {
     for (const BooleanT result :
          {StrFromValueList(&text, wrong), StrFromStrList(&text, nullptr),
           StrFromStrListWithDelimiter(&joined, wrong, ","), StrFromIpList(&joined, wrong),
-          StrInsertInList(wrong, "a"), StrValueListFromString(nullptr, nullptr)}) {
+          StrFromAddressList(&joined, wrong), StrInsertInList(wrong, "a"),
+          StrValueListFromString(nullptr, nullptr)}) {
         EXPECT_EQ(result, FALSE);
     }
 }

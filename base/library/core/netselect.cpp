@@ -29,25 +29,31 @@ bool NetFits(NetSelectMaskT tMask, NetSocketT tSocket) {
 
 BooleanT NetAddSelect(const char* pstrOperation, NetSelectMaskT tMask, NetSetT tSet,
                       NetSocketT tSocket) {
-    if (tMask == nullptr || tSocket == NetNoSocket) return FALSE;
-    if (!NetFits(tMask, tSocket)) {
+    const bool bFits = NetFits(tMask, tSocket);
+    if (bFits) {
+        FD_SET(tSocket, &(tMask->*tSet));
+        tMask->tSelectBits = std::max(tMask->tSelectBits, tSocket + 1);
+    } else if (tMask != nullptr && tSocket != NetNoSocket) {
         TraceMessageInline(109, 0, -1, "%s: socket %d does not fit into a mask of %d",
                            pstrOperation, tSocket, FD_SETSIZE);
-        return FALSE;
     }
-    FD_SET(tSocket, &(tMask->*tSet));
-    tMask->tSelectBits = std::max(tMask->tSelectBits, tSocket + 1);
-    return TRUE;
+    return NetResult(127, BooleanFrom(bFits), "%s(%p, %d)", pstrOperation,
+                     static_cast<void*>(tMask), tSocket);
 }
 
-BooleanT NetRemoveSelect(NetSelectMaskT tMask, NetSetT tSet, NetSocketT tSocket) {
-    if (!NetFits(tMask, tSocket)) return FALSE;
-    FD_CLR(tSocket, &(tMask->*tSet));
-    return TRUE;
+BooleanT NetRemoveSelect(const char* pstrOperation, NetSelectMaskT tMask, NetSetT tSet,
+                         NetSocketT tSocket) {
+    const bool bFits = NetFits(tMask, tSocket);
+    if (bFits) FD_CLR(tSocket, &(tMask->*tSet));
+    return NetResult(128, BooleanFrom(bFits), "%s(%p, %d)", pstrOperation,
+                     static_cast<void*>(tMask), tSocket);
 }
 
-BooleanT NetIsSelectSet(NetSelectMaskT tMask, NetSetT tSet, NetSocketT tSocket) {
-    return BooleanFrom(NetFits(tMask, tSocket) && FD_ISSET(tSocket, &(tMask->*tSet)));
+BooleanT NetIsSelectSet(const char* pstrOperation, NetSelectMaskT tMask, NetSetT tSet,
+                        NetSocketT tSocket) {
+    const bool bSet = NetFits(tMask, tSocket) && FD_ISSET(tSocket, &(tMask->*tSet));
+    return NetResult(129, BooleanFrom(bSet), "%s(%p, %d)", pstrOperation, static_cast<void*>(tMask),
+                     tSocket);
 }
 
 // --- waiting ---
@@ -117,24 +123,31 @@ void NetCheckSocket(NetSocketT tSocket, const NetCheckT& tCheck) {
 // --- masks ---
 
 BooleanT NetInitializeSelectMask(NetSelectMaskT* ptMask) {
-    if (ptMask == nullptr) return FALSE;
-    *ptMask = MemNew<NetSelectMaskS>();
-    return BooleanFrom(*ptMask != nullptr);
+    if (ptMask != nullptr) *ptMask = MemNew<NetSelectMaskS>();
+    return NetResult(130, BooleanFrom(ptMask != nullptr && *ptMask != nullptr),
+                     "NetInitializeSelectMask(%p)", static_cast<void*>(ptMask));
 }
 
 BooleanT NetDuplicateSelectMask(NetSelectMaskT* ptNewMask, NetSelectMaskT tMask) {
-    if (tMask == nullptr || NetInitializeSelectMask(ptNewMask) != TRUE) return FALSE;
+    if (NetRefusesMask("NetDuplicateSelectMask", tMask) ||
+        NetInitializeSelectMask(ptNewMask) != TRUE) {
+        return FALSE;
+    }
     return NetCopySelectMask(*ptNewMask, tMask);
 }
 
 BooleanT NetCopySelectMask(NetSelectMaskT tNewMask, NetSelectMaskT tMask) {
-    if (tNewMask == nullptr || tMask == nullptr) return FALSE;
+    if (NetRefusesMask("NetCopySelectMask", tNewMask) || NetRefusesMask("NetCopySelectMask", tMask))
+        return FALSE;
     const NetSelectMaskS tCopy = *tMask;
     *tNewMask = tCopy;
-    return TRUE;
+    return NetResult(131, TRUE, "NetCopySelectMask(%p, %p)", static_cast<void*>(tNewMask),
+                     static_cast<void*>(tMask));
 }
 
-BooleanT NetReleaseSelectMask(NetSelectMaskT* ptMask) { return MemFree(ptMask); }
+BooleanT NetReleaseSelectMask(NetSelectMaskT* ptMask) {
+    return NetResult(132, MemFree(ptMask), "NetReleaseSelectMask(%p)", static_cast<void*>(ptMask));
+}
 
 // --- bits ---
 
@@ -151,27 +164,27 @@ BooleanT NetAddExceptionSelect(NetSelectMaskT tMask, NetSocketT tSocket) {
 }
 
 BooleanT NetRemoveReadSelect(NetSelectMaskT tMask, NetSocketT tSocket) {
-    return NetRemoveSelect(tMask, &NetSelectMaskS::tRecvFds, tSocket);
+    return NetRemoveSelect("NetRemoveReadSelect", tMask, &NetSelectMaskS::tRecvFds, tSocket);
 }
 
 BooleanT NetRemoveWriteSelect(NetSelectMaskT tMask, NetSocketT tSocket) {
-    return NetRemoveSelect(tMask, &NetSelectMaskS::tSendFds, tSocket);
+    return NetRemoveSelect("NetRemoveWriteSelect", tMask, &NetSelectMaskS::tSendFds, tSocket);
 }
 
 BooleanT NetRemoveExceptionSelect(NetSelectMaskT tMask, NetSocketT tSocket) {
-    return NetRemoveSelect(tMask, &NetSelectMaskS::tExcpFds, tSocket);
+    return NetRemoveSelect("NetRemoveExceptionSelect", tMask, &NetSelectMaskS::tExcpFds, tSocket);
 }
 
 BooleanT NetIsReadSelectSet(NetSelectMaskT tMask, NetSocketT tSocket) {
-    return NetIsSelectSet(tMask, &NetSelectMaskS::tRecvFds, tSocket);
+    return NetIsSelectSet("NetIsReadSelectSet", tMask, &NetSelectMaskS::tRecvFds, tSocket);
 }
 
 BooleanT NetIsWriteSelectSet(NetSelectMaskT tMask, NetSocketT tSocket) {
-    return NetIsSelectSet(tMask, &NetSelectMaskS::tSendFds, tSocket);
+    return NetIsSelectSet("NetIsWriteSelectSet", tMask, &NetSelectMaskS::tSendFds, tSocket);
 }
 
 BooleanT NetIsExceptionSelectSet(NetSelectMaskT tMask, NetSocketT tSocket) {
-    return NetIsSelectSet(tMask, &NetSelectMaskS::tExcpFds, tSocket);
+    return NetIsSelectSet("NetIsExceptionSelectSet", tMask, &NetSelectMaskS::tExcpFds, tSocket);
 }
 
 // --- waiting ---
