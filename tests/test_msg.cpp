@@ -1,9 +1,10 @@
 // Addresses, messages, packets and names of types. Packets are compared with bytes written by hand;
-// what is sent is caught in the place of the function that sends it.
+// what is sent is caught in the place of the function that sends it. Addresses are written
+// "machine:id", with "." for this machine and "-" for none.
 #include <gtest/gtest.h>
 #include <zlib.h>
 
-#include <cstring>
+#include <array>
 #include <filesystem>
 #include <random>
 
@@ -12,7 +13,6 @@
 #include "core/map.h"
 #include "core/msg.h"
 #include "core/objwrappers.h"
-#include "core/path.h"
 #include "core/sys.h"
 #include "core/timeconv.h"
 #include "support/archivebytes.h"
@@ -21,61 +21,70 @@
 
 using Text = std::string;
 using bytes::Long;
+using std::to_string;
 
 namespace {
-
-struct Sent {
-    Text to;
-    MsgTypeT tMsgType;
-    void* oObject;
-};
-std::vector<Sent> g_sent;
-
-// "name:id", with "-" for no name; empty for no address.
-Text Shown(MsgAddressO oAddress) {
-    if (oAddress == nullptr) return {};
-    const char* pstrName = MsgGetMachineName(oAddress);
-    return Text(pstrName == nullptr ? "-" : pstrName) + ":" +
-           std::to_string(MsgGetProcessId(oAddress));
-}
 
 using Address = ObjHolder<MsgAddressS>;
 using Message = ObjHolder<MsgMessageS>;
 using Packet = ObjHolder<MsgPacketS>;
-using Integer = ObjHolder<ObjIntegerS>;
 
-MsgAddressO At(const char* pstrName, ProcIdT tProcessId) {
+Text Local() { return SysLocalMachineName(); }
+const Text empty(1, '\0');  // the stream of no object
+
+MsgAddressO At(const Text& text) {
+    if (text.empty()) return nullptr;
+    const Text name = text.substr(0, text.find(':'));
     MsgAddressO oAddress = nullptr;
-    EXPECT_EQ(MsgMakeAddress(&oAddress, pstrName, tProcessId), TRUE);
+    MsgMakeAddress(&oAddress, name == "-" ? nullptr : (name == "." ? Local() : name).c_str(),
+                   std::stoi(text.substr(name.size() + 1)));
     return oAddress;
 }
 
-ObjIntegerO Number(int32 lValue) {
-    ObjIntegerO oNumber = nullptr;
-    EXPECT_EQ(ObjIntegerCreate(&oNumber, lValue), TRUE);
-    return oNumber;
+Text Shown(MsgAddressO oAddress) {
+    if (oAddress == nullptr) return "nobody";
+    const char* pstrName = MsgGetMachineName(oAddress);
+    const Text name = pstrName == nullptr ? "-" : pstrName;
+    return (name == Local() ? "." : name) + ":" + to_string(MsgGetProcessId(oAddress));
 }
 
-// A message to this process; source and object are taken over.
-MsgMessageO From(MsgAddressO oSource, MsgTypeT tMsgType, void* oObject = nullptr) {
+// What a body says.
+Text Shown(void* oObject) {
+    const auto is = [&](int32 lMagic) { return ObjCheckTypeInternal(oObject, lMagic) == TRUE; };
+    const auto text = [](const char* pstrText) { return Text(pstrText ? pstrText : "null"); };
+    if (is(ObjIntegerMagic)) return to_string(ObjGetInteger(static_cast<ObjIntegerO>(oObject)));
+    if (is(MsgPingMagic)) return "ping";
+    if (is(MsgErrorMagic)) {
+        const auto* oError = static_cast<MsgErrorO>(oObject);
+        return text(oError->pstrMessage) + to_string(oError->lErrorCode) + Shown(oError->oCookie);
+    }
+    if (is(MsgUnknownMagic)) {
+        const auto* oUnknown = static_cast<MsgUnknownO>(oObject);
+        return text(oUnknown->pstrMessage) + to_string(oUnknown->tUnexpectedType) +
+               Shown(oUnknown->oReturnedObject);
+    }
+    return oObject == nullptr ? "none" : "other";
+}
+
+// A message to this process; the object is taken over.
+MsgMessageO From(const Text& source, MsgTypeT tMsgType, void* oObject = nullptr) {
     MsgMessageO oMessage = nullptr;
     EXPECT_EQ(MsgCreateMessage(&oMessage, MsgLocalAddress(), tMsgType, oObject), TRUE);
     ObjRelease(&oMessage->oSource);
-    oMessage->oSource = oSource;
+    oMessage->oSource = At(source);
     ObjRelease(&oObject);
     return oMessage;
 }
 
-struct Ends {
-    int32 hop, sourceMachine, sourceProcess, machine, process;
-};
+// Next hop, machine and process of the source, machine and process of the destination.
+using Ends = std::array<int32, 5>;
+constexpr Ends ChannelToOwn = {57, -1, 4, 1, 57};
 
 // Every word stands least significant byte first here: the host's order is that of this machine.
 Text PacketBytes(const Ends& e, MsgTypeT tMsgType, const Text& body) {
     const auto size = static_cast<int64>(body.size());
-    return Long(e.hop) + Long(200 + size) + Long(e.sourceMachine) + Long(e.sourceProcess) +
-           Long(e.machine) + Long(e.process) + Long(tMsgType) + Long(0) + Text(160, '\0') +
-           Long(8 + size) + Long(tMsgType) + body;
+    return Long(e[0]) + Long(200 + size) + Long(e[1]) + Long(e[2]) + Long(e[3]) + Long(e[4]) +
+           Long(tMsgType) + Long(0) + Text(160, '\0') + Long(8 + size) + Long(tMsgType) + body;
 }
 
 Text BytesOf(MsgPacketO oPacket) {
@@ -91,82 +100,57 @@ MsgPacketO PacketOf(const Text& text) {
     return oPacket;
 }
 
-// What a packet says, or "refused".
+// What a packet says.
 Text Told(const Text& text) {
     const Packet packet(PacketOf(text));
     Message message;
     if (MsgMessageFromPacket(message.Address(), packet.Get()) != TRUE) return "refused";
-    void* oBody = message.Get()->oObject;
-    return std::to_string(MsgType(message.Get())) + " " + Shown(message.Get()->oSource) + ">" +
-           Shown(message.Get()->oDestination) + " " +
-           (oBody == nullptr ? "none"
-            : ObjCheckTypeInternal(oBody, ObjIntegerMagic) == TRUE
-                ? std::to_string(ObjGetInteger(static_cast<ObjIntegerO>(oBody)))
-                : "other");
+    return to_string(MsgType(message.Get())) + " " + Shown(message.Get()->oSource) + ">" +
+           Shown(message.Get()->oDestination) + " " + Shown(message.Get()->oObject);
 }
 
-const Text& MachineFile() {
-    static const Text file = TestHome() + "/etc/machines.dat";
+Text MachineFile() {
     std::filesystem::create_directories(TestHome() + "/etc");
-    return file;
+    return TestHome() + "/etc/machines.dat";
 }
 
-// Takes the types of all packets that wait.
-Text Waiting() {
-    Text types;
-    MsgPacketO oPacket = nullptr;
-    while (ListPopFirstItem(gtTlContext.sMsg.oReceiveList, &oPacket) == TRUE) {
-        types += std::to_string(MsgPacketMsgType(oPacket)) + " ";
-        ObjRelease(&oPacket);
-    }
-    return types;
-}
+std::vector<Text> g_sent;
 
 }  // namespace
 
 BooleanT CatchObject(MsgAddressO oAddress, MsgTypeT tMsgType,
                      void* oObject) asm("__wrap__Z13MsgSendObjectP11MsgAddressSiPv");
 BooleanT CatchObject(MsgAddressO oAddress, MsgTypeT tMsgType, void* oObject) {
-    if (oObject != nullptr) ObjIncRefCount(oObject);
-    g_sent.push_back({Shown(oAddress), tMsgType, oObject});
+    g_sent.push_back(Shown(oAddress) + " " + to_string(tMsgType) + " " + Shown(oObject));
     return TRUE;
 }
 
 TEST(MsgNames, TableAndBuffers) {
-    Text text;
-    for (const auto& [first, last] : {std::pair(-10, 150000), std::pair(1020000, 1100000)}) {
-        for (MsgTypeT tType = first; tType < last; tType++) {
+    Text all;
+    for (const MsgTypeT tFirst : {-10, 2000, 4000, 41000, 141000, 1026000, 1035000, 1080000}) {
+        for (MsgTypeT tType = tFirst; tType < tFirst + 2000; tType++) {
             const Text name = MsgName(tType);
-            if (name != "Unknown message type " + std::to_string(tType))
-                text += std::to_string(tType) + " " + name + "\n";
+            if (name != "Unknown message type " + to_string(tType))
+                all += to_string(tType) + " " + name + "\n";
         }
     }
     EXPECT_EQ(MapSize(gtTlContext.sMsg.oTypeMap), 487);
-    EXPECT_EQ(text.size(), 17616U);
-    EXPECT_EQ(crc32(0, reinterpret_cast<const Bytef*>(text.data()), 17616), 0x80b5d11bU);
+    EXPECT_EQ(all.size(), 17616U);
+    EXPECT_EQ(crc32(0, reinterpret_cast<const Bytef*>(all.data()), 17616), 0x80b5d11bU);
 
     const Leftovers before;
     EXPECT_EQ(MsgSetMsgName(4242, "AB\x81\x40") + MsgSetMsgName(4243, "Later"), 2);
-    EXPECT_EQ(MsgSetMsgName(4242, "again") + MsgSetMsgName(2705, "again") +
-                  MsgSetMsgName(4244, "") + MsgSetMsgName(4244, nullptr),
-              0);
-    const struct {
-        MsgTypeT tType;
-        int32 lSize;
-        Text name;
-    } cases[] = {{2705, 32, "MSG_CHANNEL_DOWN_MSG"},
-                 {2705, 21, "MSG_CHANNEL_DOWN_MSG"},
-                 {2705, 20, "MSG_CHANNEL_DOWN_MS"},
-                 {2705, 1, ""},
-                 {99, 32, "Unknown message type 99"},
-                 {99, 9, "Unknown "},
-                 {4242, 4, "AB"},
-                 {4242, 5, "AB\x81\x40"}};
-    for (const auto& c : cases) {
+    EXPECT_EQ(MsgSetMsgName(4242, "x") + MsgSetMsgName(2705, "x") + MsgSetMsgName(4244, ""), 0);
+    const Text down = "MSG_CHANNEL_DOWN_MSG", wide = "AB\x81\x40";
+    const std::tuple<MsgTypeT, int32, Text> cases[] = {
+        {2705, 32, down}, {2705, 21, down},    {2705, 20, "MSG_CHANNEL_DOWN_MS"},
+        {2705, 1, ""},    {99, 9, "Unknown "}, {99, 32, "Unknown message type 99"},
+        {4242, 4, "AB"},  {4242, 5, wide}};
+    for (const auto& [tType, lSize, name] : cases) {
         Text buffer(40, '#');
-        EXPECT_EQ(MsgNameWithBuffer(c.tType, buffer.data(), c.lSize), buffer.data());
-        const auto room = static_cast<std::size_t>(c.lSize);
-        EXPECT_EQ(buffer, c.name + Text(room - c.name.size(), '\0') + Text(40 - room, '#'));
+        EXPECT_EQ(MsgNameWithBuffer(tType, buffer.data(), lSize), buffer.data());
+        const auto room = static_cast<std::size_t>(lSize);
+        EXPECT_EQ(buffer, name + Text(room - name.size(), '\0') + Text(40 - room, '#'));
     }
     for (const int32 lSize : {0, -1, INT32_MIN}) {
         char cUntouched = '#';
@@ -176,7 +160,6 @@ TEST(MsgNames, TableAndBuffers) {
     MsgTypeT tType = 7;
     for (const char* unknown : {"", "MSG_PING", "Unknown message type 99", (const char*)nullptr})
         EXPECT_EQ(MsgTypeFromName(&tType, unknown) + tType, 7);
-    EXPECT_EQ(MsgTypeFromName(nullptr, "MSG_PING_MSG"), FALSE);
     EXPECT_EQ(MsgTypeFromName(&tType, "msg_ping_msg") + tType, 2702);
     EXPECT_EQ(MsgTypeFromName(&tType, "LATER") + tType, 4244);
     // The copies go with the table, the texts of the program stay.
@@ -187,56 +170,45 @@ TEST(MsgNames, TableAndBuffers) {
 }
 
 TEST(MsgAddresses, ComparedAndKnown) {
-    const Text local = SysLocalMachineName();
-    const std::pair<MsgAddressO, Text> known[] = {
-        {MsgProcMgrAddress(), local + ":1"}, {MsgCommMgrAddress(), local + ":2"},
-        {MsgNetMgrAddress(), local + ":3"},  {MsgLogDaemonAddress(), local + ":7"},
-        {MsgAuditorAddress(), local + ":8"}, {MsgLocalAddress(), local + ":0"},
-        {MsgChannelDummyAddress(), "-:0"}};
-    for (const auto& [oAddress, shown] : known) EXPECT_EQ(Shown(oAddress), shown);
-
-    const Address beta(At("beta", 9)), loud(At("BETA", 9)), other(At("beta", 8)),
-        channel(At(nullptr, 9)), same(At(nullptr, 9));
-    const Integer number(Number(9));
-    auto* oWrong = reinterpret_cast<MsgAddressO>(number.Get());
-    const struct {
-        MsgAddressO oA, oB;
-        BooleanT bEqual, bMachines;
-    } pairs[] = {{beta.Get(), loud.Get(), TRUE, TRUE},      {beta.Get(), other.Get(), FALSE, TRUE},
-                 {beta.Get(), channel.Get(), FALSE, FALSE}, {channel.Get(), same.Get(), TRUE, TRUE},
-                 {beta.Get(), nullptr, FALSE, FALSE},       {oWrong, oWrong, FALSE, FALSE}};
-    for (const auto& p : pairs) {
-        EXPECT_EQ(MsgAddressEqual(p.oA, p.oB), p.bEqual);
-        EXPECT_EQ(MsgAddressEqual(p.oB, p.oA), p.bEqual);
-        EXPECT_EQ(MsgAddressMachinesEqual(p.oA, p.oB), p.bMachines);
+    Text known;
+    for (MsgAddressO oAddress :
+         {MsgProcMgrAddress(), MsgCommMgrAddress(), MsgNetMgrAddress(), MsgLogDaemonAddress(),
+          MsgAuditorAddress(), MsgLocalAddress(), MsgChannelDummyAddress()})
+        known += Shown(oAddress) + " ";
+    EXPECT_EQ(known, ".:1 .:2 .:3 .:7 .:8 .:0 -:0 ");
+    const std::tuple<Text, Text, BooleanT, BooleanT> pairs[] = {
+        {"beta:9", "BETA:9", TRUE, TRUE}, {"beta:9", "beta:8", FALSE, TRUE},
+        {"beta:9", "-:9", FALSE, FALSE},  {"-:9", "-:9", TRUE, TRUE},
+        {"beta:9", "", FALSE, FALSE},     {"", "", FALSE, FALSE}};
+    for (const auto& [textA, textB, bEqual, bMachines] : pairs) {
+        const Address a(At(textA)), b(At(textB));
+        EXPECT_EQ(MsgAddressEqual(a.Get(), b.Get()), bEqual);
+        EXPECT_EQ(MsgAddressEqual(b.Get(), a.Get()), bEqual);
+        EXPECT_EQ(MsgAddressMachinesEqual(a.Get(), b.Get()), bMachines);
     }
-    EXPECT_EQ(MsgIsAChannel(channel.Get()) + MsgIsAChannel(beta.Get()) + MsgIsAChannel(oWrong), 1);
+    EXPECT_EQ(MsgIsAChannel(MsgChannelDummyAddress()) + MsgIsAChannel(MsgNetMgrAddress()), TRUE);
     EXPECT_EQ(MsgIsLocalMachine(MsgNetMgrAddress()), TRUE);
-    for (MsgAddressO oFar : {beta.Get(), channel.Get(), oWrong, MsgAddressO{}})
-        EXPECT_EQ(MsgIsLocalMachine(oFar), FALSE);
+    for (const char* far : {"beta:9", "-:9", ""})
+        EXPECT_EQ(MsgIsLocalMachine(Address(At(far)).Get()), FALSE);
     MsgAddressO oNone = nullptr;
     EXPECT_EQ(MsgCreateAddress(&oNone, nullptr, 1) + MsgMakeAddress(nullptr, "beta", 1), FALSE);
 }
 
 TEST(MsgMachines, NumbersAndNames) {
-    const Text local = SysLocalMachineName();
+    const Text local = Local();
     Text loud = local;
     for (char& c : loud) c = static_cast<char>(std::toupper(c));
     WriteFile(MachineFile(),
               "Id=5\n[beta]\nId=7\nServer=TRUE\n[huge]\nId=99999999999\n[minus]\nId=-5\n"
               "[zero]\nId=0\n[one]\nId=1\nServer=yes\n[text]\nId=x\n[empty]\nId=\n[bare]\n"
               "[other:hidden]\nId=8\n[list]\nServer=true\nId=8,7\n[again]\nId=7\n[" +
-                  local + "]\nId=12\nServer=TRUE\n");
-    const struct {
-        const char* name;
-        int32 id;  // 0: none
-        BooleanT bServer;
-    } names[] = {{nullptr, -1, FALSE}, {local.c_str(), 1, FALSE}, {loud.c_str(), 1, FALSE},
-                 {"beta", 7, TRUE},    {"again", 7, FALSE},       {"list", 8, TRUE},
-                 {"huge", 0, FALSE},   {"minus", 0, FALSE},       {"zero", 0, FALSE},
-                 {"one", 0, FALSE},    {"text", 0, FALSE},        {"empty", 0, FALSE},
-                 {"bare", 0, FALSE},   {"hidden", 0, FALSE},      {"none", 0, FALSE},
-                 {"", 0, FALSE}};
+                  Local() + "]\nId=12\nServer=TRUE\n");
+    std::vector<std::tuple<const char*, int32, BooleanT>> names = {
+        {nullptr, -1, FALSE}, {local.c_str(), 1, FALSE}, {loud.c_str(), 1, FALSE},
+        {"beta", 7, TRUE},    {"again", 7, FALSE},       {"list", 8, TRUE}};
+    for (const char* none :
+         {"huge", "minus", "zero", "one", "text", "empty", "bare", "hidden", "none", ""})
+        names.emplace_back(none, 77, FALSE);  // what was there before
     const std::pair<int32, Text> ids[] = {{-1, "<null>"}, {1, local},  {7, "beta"},
                                           {8, "list"},    {12, local}, {0, "none"},
                                           {-5, "none"},   {5, "none"}, {99, "none"}};
@@ -245,16 +217,11 @@ TEST(MsgMachines, NumbersAndNames) {
         return MsgMachineIdToName(&pstrName, id) == TRUE ? Owned(pstrName) : Text("none");
     };
     const Leftovers before;
-    for (const auto& n : names) {
-        for (const bool swapped : {false, true}) {
-            MsgMachineIdT tId = 77;
-            const BooleanT bFound =
-                swapped ? MsgMachineNameToId(&tId, n.name) : MsgMachineId(n.name, &tId);
-            EXPECT_EQ(std::pair(bFound, tId),
-                      n.id == 0 ? std::pair(FALSE, 77) : std::pair(TRUE, n.id))
-                << (n.name == nullptr ? "null" : n.name);
-        }
-        EXPECT_EQ(MsgMachineIsServer(n.name), n.bServer);
+    for (const auto& [name, id, bServer] : names) {
+        MsgMachineIdT tId = 77, tSame = 77;
+        EXPECT_EQ(MsgMachineId(name, &tId) + MsgMachineNameToId(&tSame, name), id == 77 ? 0 : 2);
+        EXPECT_TRUE(tId == id && tSame == id) << (name == nullptr ? "null" : name) << tId;
+        EXPECT_EQ(MsgMachineIsServer(name), bServer);
     }
     for (const auto& [id, name] : ids) EXPECT_EQ(nameOf(id), name) << id;
 
@@ -265,7 +232,7 @@ TEST(MsgMachines, NumbersAndNames) {
         if (kind == 2) WriteFile(MachineFile(), bytes::RandomBytes(20000, 1));
         MsgMachineIdT tId = 77;
         EXPECT_EQ(MsgMachineId("beta", &tId) + MsgMachineIsServer("beta") + tId, 77);
-        EXPECT_EQ(nameOf(7) + nameOf(1), "none" + local);
+        EXPECT_EQ(nameOf(7) + nameOf(1), "none" + Local());
         EXPECT_EQ(MsgMachineId(loud.c_str(), &tId) + tId, 2);
     }
     EXPECT_EQ(before.Text(), "");
@@ -277,61 +244,45 @@ TEST(MsgMachines, NumbersAndNames) {
 
 TEST(MsgPackets, BytesOfEveryRoute) {
     WriteFile(MachineFile(), "[beta]\nId=7\n");
-    const Text local = SysLocalMachineName(), none(1, '\0'), five = bytes::Integer(5);
-    const Leftovers before;
-    {
-        const Address own(At(local.c_str(), 57)), channel(At(nullptr, 12)), beta(At("BETA", 9)),
-            lost(At("lost", 1)), lowest(At(nullptr, INT32_MIN)), beta2(At("beta", 9));
-        const struct {
-            MsgAddressO oTo, oFrom;
-            Ends ends;
-            Text route;
-        } routes[] = {
-            {own.Get(), channel.Get(), {57, -1, 12, 1, 57}, "-:12>" + local + ":57"},
-            {channel.Get(), own.Get(), {-12, 1, 57, -1, 12}, local + ":57>-:12"},
-            {beta2.Get(), own.Get(), {3, 1, 57, 7, 9}, local + ":57>beta:9"},
-            {lowest.Get(), beta2.Get(), {INT32_MIN, 7, 9, -1, INT32_MIN}, "beta:9>-:-2147483648"},
-        };
-        for (const auto& r : routes) {
-            for (const bool hasBody : {false, true}) {
-                const Integer number(Number(5));
-                const Text expected = PacketBytes(r.ends, 2701, hasBody ? five : none);
-                Packet packet, moved;
-                ASSERT_EQ(MsgCreatePacket(packet.Address(), r.oTo, r.oFrom, 2701,
-                                          hasBody ? number.Get() : nullptr),
-                          TRUE);
+    const std::tuple<Text, Text, Ends> routes[] = {
+        {"-:12", ".:57", {57, -1, 12, 1, 57}},
+        {".:57", "-:12", {-12, 1, 57, -1, 12}},
+        {".:57", "beta:9", {3, 1, 57, 7, 9}},
+        {"beta:9", "-:-2147483648", {INT32_MIN, 7, 9, -1, INT32_MIN}}};
+    for (const auto& [source, target, ends] : routes) {
+        for (const bool hasBody : {false, true}) {
+            const Address from(At(source)), to(At(target)), other(At("-:4")), lost(At("lost:1"));
+            const ObjHolder<ObjIntegerS> number(hasBody ? ObjIntegerNew(5) : nullptr);
+            const Text expected = PacketBytes(ends, 2701, hasBody ? bytes::Integer(5) : empty);
+            EXPECT_EQ(Told(expected), "2701 " + source + ">" + target + (hasBody ? " 5" : " none"));
+            for (MsgAddressO oFirst : {to.Get(), other.Get()}) {  // the other one is redirected
+                Packet packet, none;
+                MsgCreatePacket(packet.Address(), oFirst, from.Get(), 2701, number.Get());
+                ASSERT_NE(packet.Get(), nullptr);
+                EXPECT_EQ(MsgRedirectPacket(lost.Get(), packet.Get()) +
+                              MsgCreatePacket(none.Address(), lost.Get(), oFirst, 1, nullptr) +
+                              MsgCreatePacket(none.Address(), oFirst, nullptr, 1, nullptr),
+                          FALSE);
+                EXPECT_EQ(BytesOf(packet.Get()) == expected, oFirst == to.Get());
+                EXPECT_EQ(MsgRedirectPacket(to.Get(), packet.Get()), TRUE);
                 EXPECT_EQ(BytesOf(packet.Get()), expected);
-                EXPECT_EQ(Told(expected), "2701 " + r.route + (hasBody ? " 5" : " none"));
-                // The same packet, made for somebody else and redirected.
-                ASSERT_EQ(MsgCreatePacket(moved.Address(), channel.Get(), r.oFrom, 2701,
-                                          hasBody ? number.Get() : nullptr),
-                          TRUE);
-                EXPECT_EQ(MsgRedirectPacket(r.oTo, moved.Get()), TRUE);
-                EXPECT_EQ(BytesOf(moved.Get()), expected);
-                EXPECT_EQ(MsgRedirectPacket(lost.Get(), moved.Get()), FALSE);
-                EXPECT_EQ(BytesOf(moved.Get()), expected);
             }
         }
-        MsgPacketO oNone = nullptr;
-        EXPECT_EQ(MsgCreatePacket(&oNone, lost.Get(), own.Get(), 1, nullptr), FALSE);
-        EXPECT_EQ(MsgCreatePacket(&oNone, own.Get(), nullptr, 1, nullptr), FALSE);
-        // Machine 99 has no name: no address, but the message arrives.
-        const TraceCapture trace(-1);
-        EXPECT_EQ(Told(PacketBytes({57, 99, 4, 1, 57}, 3, none)), "3 >" + local + ":57 none");
-        EXPECT_EQ(trace.CountText("Failed to map machine id 99 to name"), 1);
     }
-    EXPECT_EQ(before.Text(), "");
+    // Machine 99 has no name: no address, but the message arrives.
+    const TraceCapture trace(-1);
+    EXPECT_EQ(Told(PacketBytes({57, 99, 4, 1, 57}, 3, empty)), "3 nobody>.:57 none");
+    EXPECT_EQ(trace.CountText("Failed to map machine id 99 to name"), 1);
 }
 
 TEST(MsgPackets, BytesFromOutside) {
-    const Ends ends = {57, -1, 4, 1, 57};
-    const Text number = bytes::Integer(5), packet = PacketBytes(ends, 2701, number);
-    ASSERT_EQ(Told(packet).substr(0, 7), "2701 -:");
+    const Text number = bytes::Integer(5), packet = PacketBytes(ChannelToOwn, 2701, number);
+    ASSERT_EQ(Told(packet), "2701 -:4>.:57 5");
     const Leftovers before;
     for (std::size_t cut = 0; cut < packet.size(); cut++) {
         EXPECT_EQ(Told(packet.substr(0, cut)), "refused") << cut;
         if (cut < 200) continue;  // behind that also with all sizes right, and the object cut
-        EXPECT_EQ(Told(PacketBytes(ends, 2701, packet.substr(200, cut - 200))), "refused");
+        EXPECT_EQ(Told(PacketBytes(ChannelToOwn, 2701, packet.substr(200, cut - 200))), "refused");
     }
     // Words that lie, and bodies of the layer's own classes in a shape that they do not have.
     const auto size = static_cast<int64>(packet.size());
@@ -346,17 +297,17 @@ TEST(MsgPackets, BytesFromOutside) {
     }
     for (const char* descriptor : {"i;", "s;o;", "i;s;", "n8;", "s;i;i;", "", "?"}) {
         const Text body = bytes::Object(0xc8cd2676, descriptor, Text(16, '\0'));
-        EXPECT_EQ(Told(PacketBytes(ends, 2701, body)), "refused") << descriptor;
+        EXPECT_EQ(Told(PacketBytes(ChannelToOwn, 2701, body)), "refused") << descriptor;
     }
     EXPECT_EQ(before.Text(), "");
     const Text bodies[] = {
-        Text(1, '\0'), number,
-        bytes::List({number, bytes::SharedFirst(1, number), bytes::SharedAgain(1)})};
+        empty, number, bytes::List({number, bytes::SharedFirst(1, number), bytes::SharedAgain(1)})};
     int32 lRead = 0;
-    const auto flip = [&](unsigned round) {
+    const IgnoreCrash ignore;  // a list in the shape of something else
+    for (unsigned round = 0; round < 6000; round++) {
         std::mt19937 random(round);
         const Text& body = bodies[round % 3];
-        Text bad = PacketBytes(ends, 2701, body);
+        Text bad = PacketBytes(ChannelToOwn, 2701, body);
         for (unsigned flips = 1 + random() % 3; flips > 0; flips--)
             bad[random() % 4 == 0 ? random() % bad.size() : 200 + random() % body.size()] ^=
                 static_cast<char>(1U << random() % 8);
@@ -366,155 +317,104 @@ TEST(MsgPackets, BytesFromOutside) {
         if (MsgObjectFromPacketInternal(object.Address(), hostile.Get(), 0) == TRUE)
             ObjReleaseContents(object.Get());
         MsgRedirectPacket(MsgNetMgrAddress(), hostile.Get());
-    };
-    const IgnoreCrash ignore;  // a list in the shape of something else
-    // A class met for the first time stays known, so that only a second look leaves nothing.
-    for (unsigned round = 0; round < 5000; round++) flip(round);
-    const Leftovers second;
-    for (unsigned round = 0; round < 5000; round++) flip(round);
-    EXPECT_EQ(second.Text(), "");
+    }
     EXPECT_GT(lRead, 500);
 }
 
 TEST(MsgPackets, BodyOfTheClassAskedFor) {
-    const Ends ends = {57, -1, 4, 1, 57};
-    const Packet with(PacketOf(PacketBytes(ends, 1, bytes::Integer(5)))),
-        without(PacketOf(PacketBytes(ends, 1, Text(1, '\0'))));
-    const struct {
-        int32 lMagic;
-        BooleanT bWith, bWithout, bMessage;
-    } cases[] = {{0, TRUE, TRUE, TRUE},
-                 {-1, TRUE, TRUE, FALSE},
-                 {ObjIntegerMagic, TRUE, FALSE, TRUE},
-                 {ListMagic, FALSE, FALSE, FALSE}};
-    for (const auto& c : cases) {
-        ObjHolder<void> a, b, d;
-        EXPECT_EQ(MsgObjectFromPacketInternal(a.Address(), with.Get(), c.lMagic), c.bWith);
-        EXPECT_EQ(a.Get() != nullptr, c.bWith == TRUE);
-        EXPECT_EQ(MsgObjectFromPacketInternal(b.Address(), without.Get(), c.lMagic), c.bWithout);
-        const Message message(From(At("beta", 9), 1, Number(5))), empty(From(At("beta", 9), 1));
-        EXPECT_EQ(MsgGetObjectInternal(d.Address(), message.Get(), c.lMagic), c.bMessage);
-        EXPECT_EQ(MsgGetObjectInternal(b.Address(), empty.Get(), c.lMagic), FALSE);
+    Text given;  // out of a packet, out of a message
+    for (const Text& body : {bytes::Integer(5), empty}) {
+        const Packet packet(PacketOf(PacketBytes(ChannelToOwn, 1, body)));
+        const Message message(From("beta:9", 1, body == empty ? nullptr : ObjIntegerNew(5)));
+        for (const int32 lMagic : {0, -1, ObjIntegerMagic, ListMagic}) {
+            ObjHolder<void> a, b;
+            given += to_string(MsgObjectFromPacketInternal(a.Address(), packet.Get(), lMagic)) +
+                     to_string(MsgGetObjectInternal(b.Address(), message.Get(), lMagic)) + " ";
+        }
     }
+    EXPECT_EQ(given, "11 10 11 00 10 10 00 00 ");
 }
 
 TEST(MsgMessages, WhereTheyCameFrom) {
-    const Leftovers before;
-    {
-        const Message process(From(At("beta", 9), 3)), channel(From(At(nullptr, 4711), 3)),
-            own(From(At(SysLocalMachineName(), 4), 3)), lost(From(nullptr, 3));
-        const Address beta(At("BETA", 9)), other(At("beta", 8)), same(At(nullptr, 4711)),
-            second(At(nullptr, 4712));
-        const struct {
-            MsgMessageO oMessage;
-            MsgAddressO oAddress;
-            BooleanT bFrom;
-        } cases[] = {{process.Get(), beta.Get(), TRUE},    {process.Get(), other.Get(), FALSE},
-                     {process.Get(), same.Get(), FALSE},   {channel.Get(), same.Get(), TRUE},
-                     {channel.Get(), second.Get(), FALSE}, {channel.Get(), beta.Get(), FALSE},
-                     {lost.Get(), beta.Get(), FALSE},      {nullptr, beta.Get(), FALSE}};
-        const TraceCapture trace;
-        for (const auto& c : cases) EXPECT_EQ(MsgIsFrom(c.oMessage, c.oAddress), c.bFrom);
-        EXPECT_EQ(trace.CountText("Could not find channel 4711"), 1);
-        Address source, sender, none;
-        EXPECT_EQ(MsgGetSource(source.Address(), channel.Get()), TRUE);
-        EXPECT_EQ(MsgGetSender(sender.Address(), process.Get()), TRUE);
-        EXPECT_EQ(Shown(source.Get()) + Shown(sender.Get()), "-:4711beta:9");
-        EXPECT_EQ(MsgGetSender(none.Address(), channel.Get()), FALSE);
-        EXPECT_EQ(MsgGetSource(nullptr, process.Get()) + MsgGetSource(none.Address(), lost.Get()) +
-                      MsgGetSource(none.Address(), reinterpret_cast<MsgMessageO>(beta.Get())),
-                  FALSE);
-        EXPECT_EQ(trace.CountText("NULL pointer for returned address"), 1);
-        EXPECT_EQ(trace.CountText("'NULL Object' not a source message address"), 1);
-        EXPECT_EQ(trace.CountText("'MsgAddress' not a message object"), 1);
-        EXPECT_EQ(MsgType(reinterpret_cast<MsgMessageO>(beta.Get())), 0);
-        EXPECT_EQ(MsgIsFromLocalMachine(own.Get()) + MsgIsFromLocalMachine(process.Get()) +
-                      MsgIsFromLocalMachine(channel.Get()),
-                  TRUE);
-        EXPECT_EQ(MsgAddressIsFrom(beta.Get(), process.Get()->oSource), TRUE);
-        EXPECT_EQ(MsgAddressIsFrom(beta.Get(), other.Get()), FALSE);
+    const std::tuple<Text, Text, BooleanT, Text> cases[] = {
+        {"beta:9", "BETA:9", TRUE, "beta:9"},  {"beta:9", "beta:8", FALSE, "beta:9"},
+        {"beta:9", "-:4711", FALSE, "beta:9"}, {"-:4711", "-:4711", TRUE, "nobody"},
+        {"-:4711", "-:4712", FALSE, "nobody"}, {"-:4711", "beta:9", FALSE, "nobody"},
+        {".:0", ".:0", TRUE, ".:0"},           {"", "beta:9", FALSE, "nobody"}};
+    const TraceCapture trace;
+    for (const auto& [from, from2, bFrom, behind] : cases) {
+        const Message message(From(from, 3));
+        const Address address(At(from2));
+        Address source, sender;
+        EXPECT_EQ(MsgIsFrom(message.Get(), address.Get()), bFrom);
+        EXPECT_EQ(MsgGetSource(source.Address(), message.Get()), BooleanFrom(!from.empty()));
+        EXPECT_EQ(MsgGetSender(sender.Address(), message.Get()), BooleanFrom(behind != "nobody"));
+        EXPECT_EQ(Shown(sender.Get()), behind);
+        EXPECT_EQ(MsgIsFromLocalMachine(message.Get()), BooleanFrom(from == ".:0"));
     }
-    EXPECT_EQ(before.Text(), "");
+    const Address wrong(At("beta:9"));
+    auto* oWrong = reinterpret_cast<MsgMessageO>(wrong.Get());
+    MsgAddressO oNone = nullptr;
+    EXPECT_EQ(MsgGetSource(nullptr, oWrong) + MsgGetSource(&oNone, oWrong) + MsgType(oWrong), 0);
+    for (const char* line :
+         {"NULL pointer for returned address", "Could not find channel 4711",
+          "'NULL Object' not a source message address", "'MsgAddress' not a message object"})
+        EXPECT_EQ(trace.CountText(line), 1) << line;
 }
 
 TEST(MsgMessages, Answers) {
-    const Leftovers before;
-    {
-        auto* oPing = ObjNew<MsgPingS>(MsgPingMagic, "i;i;");
-        oPing->tSendTime = 5;
-        const Message asked(From(At("beta", 9), 1010, Number(6))),
-            empty(From(At(nullptr, 3), 1010)), unknown(From(At("beta", 9), MSG_UNKNOWN_MSG)),
-            pinged(From(At("beta", 9), 2701, oPing)), own(From(At(SysLocalMachineName(), 0), 1010)),
-            odd(From(At("beta", 9), 2701, Number(1)));
-        const TimeT tBefore = TimeNow();
-        EXPECT_EQ(MsgSendReply(asked.Get(), 7, asked.Get()->oObject), TRUE);
-        EXPECT_EQ(MsgError(asked.Get()->oSource, -8, "broken", asked.Get()->oObject), TRUE);
-        EXPECT_EQ(MsgReturnUnknown(asked.Get(), "what?") + MsgReturnUnknown(empty.Get(), nullptr),
-                  2);
-        EXPECT_EQ(MsgPong(pinged.Get()), TRUE);
-        EXPECT_EQ(MsgReturnUnknown(unknown.Get(), "") + MsgReturnUnknown(own.Get(), "") +
-                      MsgReturnUnknown(nullptr, "") + MsgPong(asked.Get()) + MsgPong(odd.Get()) +
-                      MsgError(nullptr, 1, "", nullptr) + MsgSendReply(nullptr, 1, nullptr),
-                  FALSE);
-        const Text route[] = {"beta:9 7", "beta:9 11", "beta:9 10", "-:3 10", "beta:9 2702"};
-        ASSERT_EQ(g_sent.size(), std::size(route));
-        for (std::size_t i = 0; i < g_sent.size(); i++)
-            EXPECT_EQ(g_sent[i].to + " " + std::to_string(g_sent[i].tMsgType), route[i]);
-        const auto* oError = static_cast<MsgErrorO>(g_sent[1].oObject);
-        EXPECT_EQ(oError->pstrMessage + std::to_string(oError->lErrorCode), "broken-8");
-        const auto* oWhat = static_cast<MsgUnknownO>(g_sent[2].oObject);
-        EXPECT_EQ(oWhat->pstrMessage + std::to_string(oWhat->tUnexpectedType), "what?1010");
-        for (void* oBody : {g_sent[0].oObject, oError->oCookie, oWhat->oReturnedObject})
-            EXPECT_EQ(oBody, asked.Get()->oObject);
-        EXPECT_EQ(static_cast<MsgUnknownO>(g_sent[3].oObject)->oReturnedObject, nullptr);
-        EXPECT_EQ(g_sent[4].oObject, oPing);
-        EXPECT_TRUE(oPing->tSendTime == 5 && oPing->tReturnTime >= tBefore &&
-                    oPing->tReturnTime <= TimeNow());
-        for (Sent& sent : g_sent) {
-            if (sent.oObject != nullptr) ObjRelease(&sent.oObject);
-        }
-        g_sent.clear();
-        g_sent.shrink_to_fit();
-    }
-    EXPECT_EQ(before.Text(), "");
+    const ObjHolder<MsgPingS> ping(ObjNew<MsgPingS>(MsgPingMagic, "i;i;"));
+    ping.Get()->tSendTime = 6;
+    ObjIncRefCount(ping.Get());  // From takes one
+    const Message asked(From("beta:9", 1010, ObjIntegerNew(5))), bare(From("-:3", 1010)),
+        unknown(From("beta:9", MSG_UNKNOWN_MSG)), own(From(".:0", 1010)),
+        odd(From("beta:9", 2701, ObjIntegerNew(5))), pinged(From("beta:9", 2701, ping.Get()));
+    const TimeT tBefore = TimeNow();
+    EXPECT_EQ(MsgSendReply(asked.Get(), 7, asked.Get()->oObject), TRUE);
+    EXPECT_EQ(MsgError(bare.Get()->oSource, -8, "broken", asked.Get()->oObject), TRUE);
+    EXPECT_EQ(MsgReturnUnknown(asked.Get(), "what?") + MsgReturnUnknown(bare.Get(), nullptr), 2);
+    EXPECT_EQ(MsgPong(pinged.Get()), TRUE);
+    EXPECT_EQ(MsgReturnUnknown(unknown.Get(), "") + MsgReturnUnknown(own.Get(), "") +
+                  MsgReturnUnknown(nullptr, "") + MsgPong(asked.Get()) + MsgPong(odd.Get()) +
+                  MsgError(nullptr, 1, "", nullptr) + MsgSendReply(nullptr, 1, nullptr),
+              FALSE);
+    EXPECT_EQ(g_sent, (std::vector<Text>{"beta:9 7 5", "-:3 11 broken-85", "beta:9 10 what?10105",
+                                         "-:3 10 null1010none", "beta:9 2702 ping"}));
+    EXPECT_EQ(ping.Get()->tSendTime, 6);
+    EXPECT_TRUE(ping.Get()->tReturnTime >= tBefore && ping.Get()->tReturnTime <= TimeNow());
 }
 
 TEST(MsgMessages, ToOneself) {
     WriteFile(MachineFile(), "[beta]\nId=7\n");
-    const Leftovers before;
-    {
-        int iTarget = 0;
-        const ObjHolder<MsgHandlerEntryS> entry(
-            ObjNew<MsgHandlerEntryS>(MsgHandlerEntryMagic, "p;o;"));
-        entry.Get()->fnCallback = &iTarget;
-        const Message message(From(At("beta", 9), 22)), requeued(From(At(nullptr, 4), 33));
-        EXPECT_EQ(MsgSendObjectToSelf(11, entry.Get()) + MsgSendToSelf(message.Get()), 2);
-        Packet packet, outside;
-        ASSERT_EQ(ListPopFirstItem(gtTlContext.sMsg.oReceiveList, packet.Address()), TRUE);
-        EXPECT_EQ(MsgRequeue(requeued.Get()) + MsgRequeuePacket(packet.Get()), 2);
-        EXPECT_EQ(Waiting(), "11 33 22 ");
+    const ObjHolder<MsgHandlerEntryS> entry(ObjNew<MsgHandlerEntryS>(MsgHandlerEntryMagic, "p;o;"));
+    entry.Get()->fnCallback = &g_sent;
+    const Message message(From("beta:9", 22)), requeued(From("-:4", 33));
+    const Address beta(At("beta:9"));
+    ListO oList = gtTlContext.sMsg.oReceiveList;
+    Packet packet, outside;
+    EXPECT_EQ(MsgSendObjectToSelf(11, entry.Get()) + MsgSendToSelf(message.Get()), 2);
+    ASSERT_EQ(ListPopFirstItem(oList, packet.Address()), TRUE);
+    EXPECT_EQ(MsgRequeue(requeued.Get()) + MsgRequeuePacket(packet.Get()), 2);
+    Text order;
+    for (Packet next; ListPopFirstItem(oList, next.Address()) == TRUE; ObjRelease(next.Address()))
+        order += Told(BytesOf(next.Get())) + ", ";
+    EXPECT_EQ(order, "11 .:0>.:0 other, 33 -:4>.:0 none, 22 beta:9>.:0 none, ");
 
-        const Text local = SysLocalMachineName();
-        const auto read = [&] {
-            Message got;
-            if (MsgMessageFromPacket(got.Address(), packet.Get()) != TRUE) return Text("refused");
-            const auto* oEntry = static_cast<MsgHandlerEntryO>(got.Get()->oObject);
-            return Shown(got.Get()->oSource) + ">" + Shown(got.Get()->oDestination) +
-                   (oEntry->fnCallback == &iTarget ? " whole" : " cut");
-        };
-        EXPECT_EQ(read(), local + ":0>" + local + ":0 whole");
-        EXPECT_EQ(MsgRedirectPacket(MsgLocalAddress(), packet.Get()), TRUE);
-        EXPECT_EQ(read(), local + ":0>" + local + ":0 whole");
-        // Sent on to another process it is a packet like any other, without pointers.
-        const Address beta(At("beta", 9));
-        EXPECT_EQ(MsgRedirectPacket(beta.Get(), packet.Get()), TRUE);
-        ASSERT_EQ(
-            MsgCreatePacket(outside.Address(), beta.Get(), MsgLocalAddress(), 11, entry.Get()),
-            TRUE);
-        EXPECT_EQ(BytesOf(packet.Get()), BytesOf(outside.Get()));
-        EXPECT_EQ(MsgRequeuePacket(reinterpret_cast<MsgPacketO>(beta.Get())) + MsgRequeue(nullptr) +
-                      MsgSendToSelf(nullptr),
-                  FALSE);
-    }
-    EXPECT_EQ(before.Text(), "");
+    const auto target = [&]() -> void* {
+        ObjHolder<MsgHandlerEntryS> found;
+        MsgObjectFromPacket(found.Address(), packet.Get(), MsgHandlerEntryMagic);
+        return found.Get() == nullptr ? nullptr : found.Get()->fnCallback;
+    };
+    EXPECT_EQ(target(), &g_sent);
+    EXPECT_EQ(MsgRedirectPacket(MsgLocalAddress(), packet.Get()), TRUE);
+    EXPECT_EQ(target(), &g_sent);
+    // Sent on to another process it is a packet like any other, without pointers.
+    EXPECT_EQ(MsgRedirectPacket(beta.Get(), packet.Get()), TRUE);
+    MsgCreatePacket(outside.Address(), beta.Get(), MsgLocalAddress(), 11, entry.Get());
+    ASSERT_NE(outside.Get(), nullptr);
+    EXPECT_EQ(BytesOf(packet.Get()), BytesOf(outside.Get()));
+    std::array<void*, 16> nothing = {};  // no object in the middle of it
+    EXPECT_EQ(MsgRequeuePacket(reinterpret_cast<MsgPacketO>(beta.Get())) +
+                  MsgSendObjectToSelf(11, &nothing[8]),
+              FALSE);
 }
