@@ -12,6 +12,7 @@
 #include "core/objwrappers.h"
 #include "core/tree.h"
 #include "support/archivebytes.h"
+#include "support/files.h"
 #include "support/leftovers.h"
 #include "support/support.h"
 
@@ -403,6 +404,33 @@ TEST(Translators, ReplaceAnOlderShapeEverywhere) {
     ObjHolder<ObjIntegerS> made(ObjIntegerNew(1));
     EXPECT_EQ(ObjSetTranslator<ObjIntegerS>(ObjIntegerMagic, "i;", nullptr, Translate), FALSE);
     EXPECT_TRUE(trace.Has("OBJECT", 163));
+}
+
+TEST(Stream, ClassesInAnotherShape) {
+    // The program's own: refused, and nothing stops.
+    void* o = nullptr;
+    EXPECT_EQ(Read(&o, Object(0xc96cf22a, "b;", bytes::Byte(1))), FALSE);
+    EXPECT_EQ(Read(&o, Object(0xc8a2f9b6, "s;", Long(1) + bytes::Byte(0))), FALSE);
+    // Named by a stream first: the program's shape takes its place, but not under a living object.
+    const int32 magic = ObjMagic(0xc9a0f001);
+    ASSERT_EQ(Read(&o, Object(0xc9a0f001, "b;", bytes::Byte(1))), TRUE);
+    EXPECT_EXIT(ObjNew<ObjIntegerS>(magic, "i;"), testing::KilledBySignal(SIGSEGV), "");
+    ObjReleaseInternal(&o);
+    const ObjHolder<ObjIntegerS> own(ObjNew<ObjIntegerS>(magic, "i;"));
+    ASSERT_NE(own.Get(), nullptr);
+    EXPECT_EQ(Read(&o, Object(0xc9a0f001, "b;", bytes::Byte(1))), FALSE);
+    // No end of unknown classes.
+    EXPECT_EQ(InChild([] {
+                  void* oRead = nullptr;
+                  int32 lTaken = 0;
+                  for (uint32 lMagic = 0xcb000000; lMagic < 0xcb000000 + 5000; lMagic++) {
+                      if (Read(&oRead, Object(lMagic, "i;", Long(1))) != TRUE) continue;
+                      ObjReleaseInternal(&oRead);
+                      lTaken++;
+                  }
+                  return lTaken > 4000 && lTaken <= 4096 ? 0 : 1;
+              }).exitCode,
+              0);
 }
 
 // --- buffers and files ---

@@ -3,10 +3,13 @@
 // and notices a changed shape. The format is laid down in docs/formats.md.
 //
 // Readers trust nothing: a length or count is checked against what the source still holds before
-// anything is allocated for it, and nesting is bounded (ObjMaximumDepth). Two things remain with
-// the caller. A class declared here with another descriptor, and no translator, stops the process.
-// And a stream may describe objects that hold each other; such a graph is not freed by releasing it
-// (ObjReleaseContents breaks the circle). A failed read leaves nothing behind in either case.
+// anything is allocated for it, and nesting is bounded (ObjMaximumDepth). A class of this program
+// in another shape, without a translator, is refused. Classes that this program does not know are
+// kept for good, so that no more than 4096 of them are taken; one of them gives way when the program
+// declares its own shape, unless objects of the stream's shape are still there, which is the forced
+// stop. One thing remains with the caller: a stream may describe objects that hold each other, which
+// releasing them does not free (ObjReleaseContents breaks the circle). A failed read leaves nothing
+// behind.
 #pragma once
 
 #include <cstdio>

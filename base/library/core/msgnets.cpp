@@ -78,10 +78,14 @@ MsgFamiliesT MsgFamilies() {
 
 BooleanT MsgResolveHost(ListO oAddressList, const char* pstrHost) {
     if (pstrHost == nullptr || *pstrHost == '\0') return FALSE;
-    const int32 lBefore = oAddressList->lItemCount;
+    // The name service gives each address once for every kind of socket.
+    const ObjHolder<ListS> oFound(ListNew(NetAddressMagic));
+    if (oFound.Get() == nullptr) return FALSE;
     for (const std::int16_t sFamily : MsgFamilies().asFamilies)
-        NetGetHostAddress(oAddressList, pstrHost, sFamily);
-    return BooleanFrom(oAddressList->lItemCount > lBefore);
+        NetGetHostAddress(oFound.Get(), pstrHost, sFamily);
+    for (ListNodeO oNode = oFound.Get()->oFirst; oNode != nullptr; oNode = oNode->oNext)
+        ListAddUniqueItem(oAddressList, NetAddressIsEqual, oNode->oData);
+    return BooleanFrom(oFound.Get()->lItemCount > 0);
 }
 
 BooleanT MsgPreferredNet(MsgAddressO oAddress, ListO oAddressList) {

@@ -85,6 +85,9 @@ ObjTemplateRegistryT gsObjTemplateMap;
 namespace {
 
 constexpr int32 ObjRegistryGrowth = 531;
+// Classes that streams may name and the program does not know: each is kept for good.
+constexpr int32 ObjForeignClassesMax = 4096;
+int32 glForeignClasses = 0;
 constexpr int32 ObjFixedRecordStart = 16;
 constexpr int32 ObjOverhead = sizeof(ObjHeaderT) + sizeof(ObjFooterT);
 // The largest data that a block from a pool can hold with header and footer.
@@ -267,12 +270,29 @@ bool ObjHasShape(ObjTemplateT tTemplate, const char* pstrDescriptor) {
     return std::strcmp(tTemplate->tDbData.pstrDescriptor, pstrDescriptor) == 0;
 }
 
+// A shape that only streams have named gives way to the program's own as long as no object has it.
+ObjTemplateT ObjTemplateTakePlace(int32 lIndex, int32 lTypeSize, int32 lMagic,
+                                  const char* pstrDescriptor, ObjDestructorFnT fnDestructor) {
+    ObjTemplateT tHead = gsObjTemplateMap.ptEntries[lIndex];
+    if (tHead->bReconstructed != TRUE || tHead->lCount != 0 || lTypeSize == ObjSizeUnknown)
+        return nullptr;
+    ObjTemplateT tNew = ObjTemplateBuild(lTypeSize, lMagic, pstrDescriptor, fnDestructor);
+    if (tNew == nullptr) return nullptr;
+    gsObjTemplateMap.ptEntries[lIndex] = tNew;
+    ObjTemplateFree(tHead);
+    glForeignClasses--;
+    return tNew;
+}
+
 // The template for another shape of a class whose head template translates; null when there is
 // none.
 ObjTemplateT ObjTemplateForShape(int32 lIndex, int32 lTypeSize, int32 lMagic,
                                  const char* pstrDescriptor, ObjDestructorFnT fnDestructor) {
     ObjTemplateT tHead = gsObjTemplateMap.ptEntries[lIndex];
     if (tHead->fnTranslator == nullptr) {
+        if (ObjTemplateT tOwn =
+                ObjTemplateTakePlace(lIndex, lTypeSize, lMagic, pstrDescriptor, fnDestructor))
+            return tOwn;
         TraceMessageInline(155, 0, -1, "Object '%s' %x has changed shape from '%s' to '%s'",
                            tHead->pstrName, static_cast<uint32>(lMagic), pstrDescriptor,
                            tHead->tDbData.pstrDescriptor);
@@ -299,22 +319,33 @@ ObjTemplateT ObjTemplateForShape(int32 lIndex, int32 lTypeSize, int32 lMagic,
     return nullptr;
 }
 
+// Null when there is none and none can be made.
+ObjTemplateT ObjFindTemplate(int32 lTypeSize, int32 lMagic, const char* pstrDescriptor,
+                             ObjDestructorFnT fnDestructor) {
+    int32 lIndex = 0;
+    if (ObjRegistryFind(lMagic, lIndex)) {
+        ObjTemplateT tHead = gsObjTemplateMap.ptEntries[lIndex];
+        return ObjHasShape(tHead, pstrDescriptor)
+                   ? tHead
+                   : ObjTemplateForShape(lIndex, lTypeSize, lMagic, pstrDescriptor, fnDestructor);
+    }
+    if (lTypeSize == ObjSizeUnknown && ++glForeignClasses > ObjForeignClassesMax) {
+        glForeignClasses = ObjForeignClassesMax;
+        TraceMessageInline(188, 1, -1, "Class %x is not taken: streams have named %d unknown ones",
+                           static_cast<uint32>(lMagic), glForeignClasses);
+        return nullptr;
+    }
+    ObjTemplateT tNew = ObjTemplateBuild(lTypeSize, lMagic, pstrDescriptor, fnDestructor);
+    if (tNew == nullptr || ObjTemplateAdd(lIndex, tNew) == TRUE) return tNew;
+    ObjTemplateFree(tNew);
+    return nullptr;
+}
+
+// What a program asks for has to be there.
 BooleanT ObjGetTemplate(ObjTemplateT* ptResult, int32 lTypeSize, int32 lMagic,
                         const char* pstrDescriptor, ObjDestructorFnT fnDestructor) {
     if (!ObjIsMagic(lMagic) || pstrDescriptor == nullptr) return FALSE;
-    int32 lIndex = 0;
-    ObjTemplateT tTemplate = nullptr;
-    if (!ObjRegistryFind(lMagic, lIndex)) {
-        tTemplate = ObjTemplateBuild(lTypeSize, lMagic, pstrDescriptor, fnDestructor);
-        if (tTemplate != nullptr && ObjTemplateAdd(lIndex, tTemplate) != TRUE) {
-            ObjTemplateFree(tTemplate);
-            tTemplate = nullptr;
-        }
-    } else if (ObjHasShape(gsObjTemplateMap.ptEntries[lIndex], pstrDescriptor)) {
-        tTemplate = gsObjTemplateMap.ptEntries[lIndex];
-    } else {
-        tTemplate = ObjTemplateForShape(lIndex, lTypeSize, lMagic, pstrDescriptor, fnDestructor);
-    }
+    ObjTemplateT tTemplate = ObjFindTemplate(lTypeSize, lMagic, pstrDescriptor, fnDestructor);
     if (tTemplate == nullptr) {
         TraceMessageInline(67, 0, -1, "Failed to get a template, die horribly");
         ProcCrash(TRUE);
@@ -470,6 +501,12 @@ ObjTemplateT ObjTemplateNewInternal(int32 lTypeSize, int32 lMagic, const char* p
                        static_cast<void*>(tTemplate), lTypeSize, static_cast<uint32>(lMagic),
                        pstrDescriptor, reinterpret_cast<void*>(fnDestructor));
     return tTemplate;
+}
+
+BooleanT ObjTemplateFromStream(ObjTemplateT* ptTemplate, int32 lMagic, const char* pstrDescriptor) {
+    if (!ObjIsMagic(lMagic)) return FALSE;
+    *ptTemplate = ObjFindTemplate(ObjSizeUnknown, lMagic, pstrDescriptor, nullptr);
+    return BooleanFrom(*ptTemplate != nullptr);
 }
 
 BooleanT ObjTemplateCreateInternal(ObjTemplateT* ptNewTemplate, int32 lTypeSize, int32 lMagic,

@@ -297,8 +297,8 @@ void* ObjTakeNewObject(ObjSerialStreamT tStream, int32 lMagic) {
     const int64 llMinimum = ObjMinimumStream(pstrDescriptor.Get());
     const int64 llLimit = tStream->llRemaining >= 0 ? tStream->llRemaining : ObjUnknownSourceLimit;
     ObjTemplateT tTemplate = nullptr;
-    if (llMinimum > llLimit || ObjTemplateCreateInternal(&tTemplate, ObjSizeUnknown, lMagic,
-                                                         pstrDescriptor.Get(), nullptr) != TRUE) {
+    if (llMinimum > llLimit ||
+        ObjTemplateFromStream(&tTemplate, lMagic, pstrDescriptor.Get()) != TRUE) {
         TraceMessageInline(122, 0, -1, "Failed to create new object");
         return nullptr;
     }
