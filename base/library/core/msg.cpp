@@ -3,8 +3,11 @@
 // of them, before any packet can bring an object of one.
 #include "core/msg.h"
 
+#include "core/cfgutil.h"
 #include "core/list.h"
 #include "core/net.h"
+#include "core/process.h"
+#include "core/task.h"
 #include "core/trace.h"
 #include "msgchannelinternal.h"
 
@@ -21,14 +24,16 @@ struct MsgClassT {
 
 #define MSG_CLASS_ROW(name, descriptor) \
     {name##Magic, static_cast<int32>(sizeof(name##S)), name##Descriptor, #name},
-constexpr MsgClassT atMsgClasses[] = {MSG_CLASSES(MSG_CLASS_ROW)};
+constexpr MsgClassT atMsgClasses[] = {
+    MSG_CLASSES(MSG_CLASS_ROW)
+    // Of other modules, which look into them when a message has brought one.
+    {NetInheritContextMagic, sizeof(NetInheritContextS), "i;b;p;i;i;d;", "NetInheritContext"},
+    {PmgrProcessStatusMagic, sizeof(PmgrProcessStatusS), "i;i;i;b;b;i;", "PmgrProcessStatus"},
+    {TaskContextMagic, sizeof(TaskContextS), "s;i;i;o;o;", "TaskContext"},
+    {CfgUtilRemoteConfigDetailsMagic, sizeof(CfgUtilRemoteConfigDetailsS), "s;s;o;",
+     "CfgUtilRemoteConfigDetails"},
+};
 #undef MSG_CLASS_ROW
-
-// There is one shape of each class; a peer's stream that says otherwise is not taken.
-BooleanT MsgRefuseOtherShape(void** poObject) {
-    return ObjGetTemplateFromObject(*poObject)->bUnlinked == TRUE ? eObjTranslateResultError
-                                                                  : eObjTranslateResultUnchanged;
-}
 
 TimeTimeoutO goImmediate = nullptr;
 
@@ -56,11 +61,11 @@ void MsgLingerAll() {
 
 BooleanT MsgCreateTemplates() {
     for (const MsgClassT& tClass : atMsgClasses) {
-        if (ObjSetTranslatorInternal(tClass.lSize, tClass.lMagic, tClass.pstrDescriptor, nullptr,
-                                     MsgRefuseOtherShape, MemGetDefaultPoolId()) != TRUE) {
-            return FALSE;
-        }
+        ObjTemplateT tTemplate = nullptr;
         ObjSetObjName(tClass.lMagic, tClass.pstrName);
+        if (ObjTemplateCreateInternal(&tTemplate, tClass.lSize, tClass.lMagic,
+                                      tClass.pstrDescriptor, nullptr) != TRUE)
+            return FALSE;
     }
     return TRUE;
 }

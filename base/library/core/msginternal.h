@@ -39,8 +39,7 @@
 MSG_CLASSES(MSG_CLASS_DESCRIPTOR)
 #undef MSG_CLASS_DESCRIPTOR
 
-// Declares the classes to the object module. From then on a stream that brings one of them in
-// another shape fails to be read, where it would stop the process otherwise.
+// Declares the classes to the object module, so that no stream can bring one in another shape.
 BooleanT MsgCreateTemplates();
 
 // The well-known addresses, made once for the process.

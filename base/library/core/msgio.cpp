@@ -252,7 +252,9 @@ void MsgTakeAuth(MsgChannelO oChannel, MsgPacketO oPacket) {
 
 void MsgTakeProxySource(MsgChannelO oChannel, MsgPacketO oPacket) {
     ObjHolder<MsgProxySourceS> oBody;
-    if (MsgObjectFromPacket(oBody.Address(), oPacket, MsgProxySourceMagic) != TRUE) return;
+    if (MsgObjectFromPacket(oBody.Address(), oPacket, MsgProxySourceMagic) != TRUE ||
+        (oBody.Get()->oPeerAddress != nullptr && !MsgIsAddress(oBody.Get()->oPeerAddress)))
+        return;
     MsgReplaceHeld(&oChannel->oProxyPeer, oBody.Get()->oPeerAddress);
 }
 

@@ -1,0 +1,602 @@
+// Channels of this process against a raw socket at the other end, which speaks bytes written by
+// hand: what travels on both kinds of links, what the channel itself takes out of the stream, and
+// what bad bytes do. The process behaves as if its interprocess link were up.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <climits>
+#include <csignal>
+#include <functional>
+#include <optional>
+#include <random>
+#include <thread>
+
+#include "core/context.h"
+#include "core/list.h"
+#include "core/msgchannel.h"
+#include "core/objwrappers.h"
+#include "core/process.h"
+#include "core/sys.h"
+#include "core/task.h"
+#include "core/timer.h"
+#include "support/archivebytes.h"
+#include "support/files.h"
+#include "support/leftovers.h"
+
+using Text = std::string;
+using bytes::Byte;
+using bytes::Long;
+
+namespace {
+
+using Message = ObjHolder<MsgMessageS>;
+using Packet = ObjHolder<MsgPacketS>;
+
+const Text Absent(1, '\0');  // the stream of no object
+constexpr ProcIdT OwnId = 57;
+
+Text Body(MsgTypeT type, const Text& object) {
+    return Long(8 + static_cast<int64>(object.size())) + Long(type) + object;
+}
+
+Text Whole(int32 hop, int32 fromMachine, int32 from, int32 toMachine, int32 to, MsgTypeT type,
+           const Text& object) {
+    return Long(hop) + Long(200 + static_cast<int64>(object.size())) + Long(fromMachine) +
+           Long(from) + Long(toMachine) + Long(to) + Long(type) + Long(0) + Text(160, '\0') +
+           Body(type, object);
+}
+
+Text AddressBytes(const Text& machine, int32 id) {
+    return bytes::Object(0xc8cd2676, "s;i;",
+                         (machine.empty() ? Long(0) : bytes::String(machine)) + Long(id));
+}
+
+// From another process of this machine.
+Text FromProcess(int32 from, MsgTypeT type, const Text& object = Absent) {
+    return Whole(OwnId, 1, from, 1, OwnId, type, object);
+}
+
+// One end of a connection is the channel's, the other the test's.
+struct Link {
+    MsgAddressO address = nullptr;
+    ObjHolder<MsgChannelS> channel;
+    int raw = -1;
+
+    explicit Link(MsgChannelBlockingE blocking = eMsgChannelNonBlocking,
+                  MsgChannelOkE ok = eMsgChannelDoNotWaitForOk, bool ipc = false) {
+        const int sockets[2] = {Connected(&raw), raw};
+        MsgAddressO remote = nullptr;
+        MsgCreateAddress(&remote, SysLocalMachineName(), 70);
+        EXPECT_EQ(MsgChannelCreateInternal(channel.Address(), sockets[0], remote, blocking,
+                                           eMsgChannelNotifyDown,
+                                           ipc ? eMsgChannelIpcChannel : eMsgChannelNotIpcChannel,
+                                           ok, eMsgChannelNotGuiChannel),
+                  TRUE);
+        ObjRelease(&remote);
+        address = MsgChannelAddress(channel.Get());
+        ObjIncRefCount(address);
+    }
+    ~Link() {
+        if (raw != -1) close(raw);
+        if (address != nullptr) MsgChannelClose(&address);
+    }
+    Link(const Link&) = delete;
+    Link& operator=(const Link&) = delete;
+
+    // A connection over the loopback interface; the result is the other end of *other.
+    static int Connected(int* other) {
+        NetSocketT listening = -1, accepted = -1;
+        NetAddressT at;
+        NetOpen(&listening, NET_TYPE_TCP, AF_INET);
+        NetInitializeIpAddress(&at, "127.0.0.1", 0, AF_INET);
+        NetBind(listening, &at);
+        NetListen(listening, 1);
+        NetGetLocalAddress(&at, listening);
+        *other = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        EXPECT_EQ(connect(*other, reinterpret_cast<sockaddr*>(&at), 16), 0);
+        EXPECT_EQ(NetAccept(&accepted, listening, nullptr), NET_ERROR_NONE);
+        NetClose(&listening);
+        return accepted;
+    }
+    void Say(const Text& text) const {
+        EXPECT_EQ(send(raw, text.data(), text.size(), MSG_NOSIGNAL), ssize_t(text.size()));
+    }
+    // So many bytes, or what there is after half a second.
+    Text Hear(std::size_t count) const {
+        Text heard(count, '\0');
+        std::size_t at = 0;
+        for (pollfd p = {raw, POLLIN, 0}; at < count && poll(&p, 1, 500) == 1;) {
+            const ssize_t got = recv(raw, heard.data() + at, count - at, 0);
+            if (got <= 0) break;
+            at += static_cast<std::size_t>(got);
+        }
+        heard.resize(at);
+        return heard;
+    }
+    bool Down() const { return MsgChannelIsDown(channel.Get()) == TRUE; }
+};
+
+class Channels : public testing::Test {
+ protected:
+    void SetUp() override {
+        gtTlContext.sMsg.bInitialized = TRUE;
+        ProcSetId(OwnId);
+        m_before.emplace();
+    }
+    void TearDown() override {
+        while (gtTlContext.sMsg.oLingerList->lItemCount > 0) {
+            Message message;
+            MsgReceive(message.Address(), nullptr);
+        }
+        Drain();
+        EXPECT_EQ(m_before->Text(), "");
+        ProcSetId(0);
+        gtTlContext.sMsg.bInitialized = FALSE;
+    }
+    // Serves what is there, and says what came of it: "type source>destination body" of each.
+    static Text Received(int turns = 4) {
+        ObjHolder<TimeTimeoutS> soon;
+        Text all;
+        for (int turn = 0; turn < turns; turn++) {
+            Message message;
+            TimeCreateAndSetTimeout(soon.Address(), 0, 100);
+            if (MsgReceive(message.Address(), soon.Get()) == TRUE)
+                all += (all.empty() ? "" : ", ") + Shown(message.Get());
+            else if (turn > 0)
+                break;
+            ObjRelease(soon.Address());
+        }
+        return all;
+    }
+    static Text Shown(MsgMessageO message) {
+        return std::to_string(MsgType(message)) + " " + Shown(message->oSource) + ">" +
+               Shown(message->oDestination) + ShownBody(message->oObject);
+    }
+    static Text Shown(MsgAddressO address) {
+        if (address == nullptr) return "nobody";
+        const char* name = MsgGetMachineName(address);
+        return (name == nullptr                       ? "-"
+                : name == Text(SysLocalMachineName()) ? "."
+                                                      : name) +
+               (":" + std::to_string(MsgGetProcessId(address)));
+    }
+    static Text ShownBody(void* body) {
+        if (body == nullptr) return "";
+        if (ObjCheckTypeInternal(body, ObjIntegerMagic) == TRUE)
+            return " " + std::to_string(ObjGetInteger(static_cast<ObjIntegerO>(body)));
+        if (ObjCheckTypeInternal(body, MsgConnectedMagic) == TRUE) {
+            auto* connected = static_cast<MsgConnectedO>(body);
+            return " " + std::to_string(connected->lErrorCode) + Shown(connected->oAddress) +
+                   ShownBody(connected->oCookie);
+        }
+        return " other";
+    }
+    static Text Id(const Link& link) {
+        return "-:" + std::to_string(MsgChannelId(link.channel.Get()));
+    }
+    static Text Own() { return ".:" + std::to_string(OwnId); }
+    static void Drain() {
+        MsgPacketO packet = nullptr;
+        while (MsgReceivePopPacket(&packet) == TRUE) ObjRelease(&packet);
+    }
+
+ private:
+    std::optional<Leftovers> m_before;
+};
+
+}  // namespace
+
+// --- what travels ---
+
+TEST_F(Channels, BytesOnBothKindsOfLinks) {
+    Link data, ipc(eMsgChannelNonBlocking, eMsgChannelDoNotWaitForOk, true);
+    const ObjHolder<ObjIntegerS> seven(ObjIntegerNew(7));
+    ASSERT_EQ(MsgSendObject(data.address, 7001, seven.Get()), TRUE);
+    ASSERT_EQ(MsgSendObject(ipc.address, 7002, nullptr), TRUE);
+    const Text body = Body(7001, bytes::Integer(7));
+    EXPECT_EQ(data.Hear(body.size() + 1), body);
+    const int32 id = MsgChannelId(ipc.channel.Get());
+    const Text whole = Whole(-id, 1, OwnId, -1, id, 7002, Absent);
+    EXPECT_EQ(ipc.Hear(whole.size() + 1), whole);
+    // And back: several in one piece, then one in bytes; an absent body is one byte.
+    data.Say(body + Body(7003, Absent) + body);
+    ipc.Say(FromProcess(9, 7004, bytes::Integer(3)) + FromProcess(9, 7005));
+    const Text to = Id(data) + ">" + Id(data);
+    Text got = Received(8);
+    for (const Text& one : {"7001 " + to + " 7, 7003 " + to + ", 7001 " + to + " 7",
+                            "7004 .:9>" + Own() + " 3, 7005 .:9>" + Own()})
+        EXPECT_NE(got.find(one), Text::npos) << got;
+    for (const char c : body) {
+        data.Say(Text(1, c));
+        MsgChannelInputData(data.channel.Get());
+    }
+    for (const char c : FromProcess(9, 7004)) {
+        ipc.Say(Text(1, c));
+        MsgChannelInputData(ipc.channel.Get());
+    }
+    EXPECT_EQ(Received(2), "7001 " + to + " 7, 7004 .:9>" + Own());
+}
+
+TEST_F(Channels, SizesAroundTheBuffer) {
+    Link link;
+    for (const int size :
+         {1, 300, 480, 490, 491, 492, 493, 494, 504, 505, 511, 512, 513, 1024, 70000}) {
+        const Text object =
+            bytes::Object(0xc999120d, "d;", Long(size) + bytes::RandomBytes(size_t(size), 1));
+        // Twice, with the beginning of a third behind, which comes later.
+        const Text body = Body(7000, object);
+        link.Say(body + body + body.substr(0, 5));
+        EXPECT_EQ(Received(3), "7000 " + Id(link) + ">" + Id(link) + " other, 7000 " + Id(link) +
+                                   ">" + Id(link) + " other")
+            << size;
+        link.Say(body.substr(5));
+        EXPECT_EQ(Received(2), "7000 " + Id(link) + ">" + Id(link) + " other") << size;
+    }
+}
+
+TEST_F(Channels, BadBytesTakeTheChannelDown) {
+    const int32 largest = 64 * 1024 * 1024;
+    const struct {
+        const char* what;
+        bool ipc;
+        Text bytes;
+        bool down;  // else nothing is received and the link lives on
+    } cases[] = {
+        {"length 0", false, Long(0) + Long(7000), true},
+        {"length 7", false, Long(7) + Long(7000), true},
+        {"length 8, which has no object", false, Long(8) + Long(7000), false},
+        {"length 2^31-1", false, Long(INT_MAX) + Long(7000), true},
+        {"length 2^32-1", false, Long(-1) + Long(7000), true},
+        {"a byte more than is allowed", false, Long(largest - 191) + Long(7000), true},
+        {"a stream that is no object", false, Body(7000, "\x07garbage"), false},
+        {"whole, length 0", true, Text(192, '\0'), true},
+        {"whole, length 7", true, Long(1) + Long(7) + Text(184, '\0'), true},
+        {"whole, length 199", true, Long(1) + Long(199) + Text(184, '\0'), true},
+        {"whole, length 2^31-1", true, Long(1) + Long(INT_MAX) + Text(184, '\0'), true},
+        {"whole, negative", true, Long(1) + Long(-200) + Text(184, '\0'), true},
+        {"whole, body of another length", true,
+         FromProcess(9, 7000, bytes::Integer(1)).replace(192, 4, Long(9)), false},
+        {"whole, body of another type", true,
+         FromProcess(9, 7000, bytes::Integer(1)).replace(196, 4, Long(7001)), false},
+    };
+    for (const auto& c : cases) {
+        Link link(eMsgChannelNonBlocking, eMsgChannelDoNotWaitForOk, c.ipc);
+        link.Say(c.bytes);
+        const Text got = Received(2);
+        EXPECT_EQ(link.Down(), c.down) << c.what;
+        EXPECT_EQ(got, c.down ? "2705 " + Id(link) + ">" + Id(link) : "") << c.what;
+        if (!c.down) {
+            link.Say(c.ipc ? FromProcess(9, 7007) : Body(7007, Absent));
+            EXPECT_NE(Received(2).find("7007"), Text::npos) << c.what;
+        }
+    }
+    // The mark of a packet that has never left this process is not believed: pointers stay cut.
+    const Text pointers = bytes::Object(0xca18f97a, "p;p;", Text(16, 'A'));
+    Link marked(eMsgChannelNonBlocking, eMsgChannelDoNotWaitForOk, true);
+    marked.Say(FromProcess(9, 7000, pointers).replace(28, 4, Long(1)));
+    Message message;
+    ASSERT_EQ(MsgReceive(message.Address(), nullptr), TRUE);
+    const auto* cut = static_cast<TimerCallbackO>(message.Get()->oObject);
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(cut->pCookie), 0x41414141U);
+    // A length that is allowed is not memory that is used.
+    Link link;
+    rusage usage;
+    getrusage(RUSAGE_SELF, &usage);
+    const int64 before = usage.ru_maxrss;
+    link.Say(Long(largest - 192) + Long(7000) + "a");
+    EXPECT_EQ(Received(2), "");
+    getrusage(RUSAGE_SELF, &usage);
+    EXPECT_FALSE(link.Down());
+#if !defined(__SANITIZE_ADDRESS__) && !defined(TEST_IS_EMULATED)
+    EXPECT_LT(usage.ru_maxrss - before, 8192);
+#endif
+}
+
+TEST_F(Channels, TheEndOfThePeer) {
+    for (const auto& end : std::vector<std::function<void(Link&)>>{
+             [](Link& link) { shutdown(link.raw, SHUT_WR); },
+             [](Link& link) {
+                 link.Say(Body(7000, Text(1000, 'x')).substr(0, 700));
+                 const linger abort = {1, 0};
+                 setsockopt(link.raw, SOL_SOCKET, SO_LINGER, &abort, sizeof(abort));
+                 close(link.raw);
+                 link.raw = -1;
+             },
+             [](Link& link) { link.Say(Body(MSG_DISCONNECT_MSG, Absent)); }}) {
+        Link link;
+        link.Say(Body(7001, Absent));
+        EXPECT_EQ(Received(1), "7001 " + Id(link) + ">" + Id(link));
+        end(link);
+        EXPECT_EQ(Received(2), "2705 " + Id(link) + ">" + Id(link));
+        EXPECT_TRUE(link.Down());
+        EXPECT_EQ(MsgSendObject(link.address, 7002, nullptr), FALSE);
+        EXPECT_EQ(MsgChannelSocket(link.channel.Get()), -1);
+    }
+}
+
+// --- what the channel takes for itself ---
+
+TEST_F(Channels, QueuesUntilThePeerIsReady) {
+    Link link(eMsgChannelNonBlocking, eMsgChannelWaitForOk);
+    const ObjHolder<ObjIntegerS> cookie(ObjIntegerNew(5));
+    link.channel.Get()->oCookie = cookie.Get();
+    ObjIncRefCount(cookie.Get());
+    for (MsgTypeT type = 7001; type <= 7003; type++)
+        EXPECT_EQ(MsgSendObject(link.address, type, nullptr), TRUE);
+    EXPECT_EQ(Received(2), "");
+    EXPECT_EQ(MsgChannelOutputCount(link.channel.Get()), 3);
+    EXPECT_EQ(link.Hear(1), "");
+    link.Say(Body(MSG_CONNECTED_OK_MSG, Absent));
+    EXPECT_EQ(Received(2), "2706 .:70>" + Own() + " 0" + Id(link) + " 5");
+    EXPECT_EQ(link.Hear(28),
+              Body(7001, Absent) + Body(7002, Absent) + Body(7003, Absent).substr(0, 10));
+    // The second one is an ordinary message.
+    link.Say(Body(MSG_CONNECTED_OK_MSG, Absent));
+    EXPECT_EQ(Received(1), "2711 " + Id(link) + ">" + Id(link));
+    // A flush opens it as well, and is answered behind what waited.
+    Link flushed(eMsgChannelNonBlocking, eMsgChannelWaitForOk);
+    EXPECT_EQ(MsgSendObject(flushed.address, 7001, nullptr), TRUE);
+    flushed.Say(Body(MSG_FLUSH_CHANNEL_MSG, Absent));
+    EXPECT_EQ(Received(2), "");
+    EXPECT_EQ(flushed.Hear(19), Body(7001, Absent) + Body(MSG_CHANNEL_FLUSHED_MSG, Absent));
+}
+
+TEST_F(Channels, MessagesForTheChannel) {
+    Link link;
+    void* auth = nullptr;
+    EXPECT_EQ(MsgChannelGetAuth(&auth, link.address), FALSE);
+    link.Say(Body(MSG_CHANNEL_AUTH_MSG, bytes::Integer(8)));
+    link.Say(Body(MSG_PROXY_SOURCE_MSG,
+                  bytes::Object(0xc8b8b32f, "o;o;", AddressBytes("far", 9) + Byte(0))));
+    link.Say(Body(MSG_SET_PROCESS_CONTEXT_REQUEST_MSG,
+                  bytes::Object(0xcf52c585, "o;o;", bytes::Integer(6) + Byte(0))));
+    link.Say(Body(7001, Absent));
+    Message message;
+    ASSERT_EQ(MsgReceive(message.Address(), nullptr), TRUE);
+    EXPECT_EQ(MsgType(message.Get()), 7001);  // the others are not seen
+    ASSERT_EQ(MsgChannelGetAuth(&auth, link.address), TRUE);
+    EXPECT_EQ(ShownBody(auth), " 8");
+    ObjRelease(&auth);
+    ObjHolder<MsgAddressS> peer;
+    EXPECT_EQ(MsgIsFromAProxy(message.Get()), TRUE);
+    ASSERT_EQ(MsgGetProxyPeer(peer.Address(), message.Get()), TRUE);
+    EXPECT_EQ(Shown(peer.Get()), "far:9");
+    EXPECT_EQ(MsgIsLocalMachine(link.address), FALSE);  // the peer acts for another machine
+    void* context = nullptr;
+    ASSERT_EQ(ContextGetContextObject(&context, ObjIntegerMagic), TRUE);
+    EXPECT_EQ(ShownBody(context), " 6");
+    ObjRelease(&context);
+    void* extensions = gtTlContext.sProcess.oExtendibleContext;
+    ObjRelease(&extensions);
+    gtTlContext.sProcess.oExtendibleContext = nullptr;
+    Received(1);
+    EXPECT_EQ(link.Hear(9), Body(MSG_SET_PROCESS_CONTEXT_REPLY_MSG, Absent));
+    // Only the auditor attaches objects by itself.
+    const ObjHolder<ObjIntegerS> own(ObjIntegerNew(1));
+    EXPECT_EQ(MsgChannelSetAuth(link.address, own.Get()), FALSE);
+    ProcSetId(MsgAuditorId);
+    EXPECT_EQ(MsgChannelSetAuth(link.address, own.Get()), TRUE);
+    ProcSetId(OwnId);
+    // To a proxy a disconnect request from a peer with a source behind it is a message.
+    gtTlContext.sProcess.bIAmAProxy = TRUE;
+    link.Say(Body(MSG_DISCONNECT_MSG, Absent));
+    EXPECT_EQ(Received(1), "2708 " + Id(link) + ">" + Id(link));
+    EXPECT_FALSE(link.Down());
+    gtTlContext.sProcess.bIAmAProxy = FALSE;
+}
+
+TEST_F(Channels, WhatMayNotComeFromOutside) {
+    Link data, ipc(eMsgChannelNonBlocking, eMsgChannelDoNotWaitForOk, true);
+    for (const MsgTypeT type : {0, 3, 4, 2705, 2706, 2707, 41001}) {
+        const Text timer = bytes::Object(0xca18f97a, "p;p;", Long(0x41414141) + Long(0x42424242));
+        data.Say(Body(type, timer));
+        ipc.Say(FromProcess(9, type, timer));
+    }
+    EXPECT_EQ(Received(2), "");
+    // A message with pointers of this process does not get out either.
+    const ObjHolder<TimerCallbackS> callback(ObjNew<TimerCallbackS>(TimerCallbackMagic, "p;p;"));
+    ASSERT_EQ(MsgSendObjectToSelf(7001, callback.Get()), TRUE);
+    Packet packet;
+    ASSERT_EQ(MsgReceivePopPacket(packet.Address()), TRUE);
+    EXPECT_EQ(MsgChannelDispatch(data.channel.Get(), packet.Address()), FALSE);
+    EXPECT_EQ(packet.Get(), nullptr);  // taken over all the same
+}
+
+TEST_F(Channels, TasksForOlderPrograms) {
+    Link link;
+    const Text context =
+        bytes::Object(0xcc52f34e, "s;i;i;o;o;",
+                      bytes::String("server") + Long(7001) + Long(3) + Byte(0) + Byte(0));
+    const Text old = AddressBytes("", 3) + Long(4) + bytes::Integer(5) + Long(6);
+    const Text task = bytes::Object(0xca729367, "o;i;o;i;o;o;", old + context + Byte(0));
+    ObjHolder<PmgrTaskS> body;
+    for (const BooleanT newStyle : {FALSE, TRUE}) {
+        gtTlContext.sProcess.bNewStyleTasks = newStyle;
+        link.Say(Body(PMGR_TASK_MSG, task));
+        Message message;
+        ASSERT_EQ(MsgReceive(message.Address(), nullptr), TRUE);
+        ObjRelease(body.Address());
+        EXPECT_EQ(MsgGetObject(body.Address(), message.Get(), PmgrTaskMagic), !newStyle);
+    }
+    auto* taken = static_cast<TaskContextO>(gtTlContext.sProcess.oTaskContext);
+    ASSERT_NE(taken, nullptr);
+    EXPECT_STREQ(taken->pstrServerName, "server");
+    TaskSetTaskContext(nullptr);
+    gtTlContext.sProcess.bNewStyleTasks = FALSE;
+}
+
+// --- sending more than the socket takes ---
+
+TEST_F(Channels, LargeMessagesAndSignals) {
+    const ObjHolder<ObjDataFieldS> large(ObjDataFieldNew(Text(4 << 20, 'x').data(), 4 << 20));
+    const Text body =
+        Body(7001, bytes::Object(0xc999120d, "d;", Long(4 << 20) + Text(4 << 20, 'x')));
+    struct sigaction ignore = {}, previous;
+    ignore.sa_handler = [](int) {};
+    sigaction(SIGALRM, &ignore, &previous);
+    const itimerval everyMillisecond = {{0, 1000}, {0, 1000}}, off = {};
+    setitimer(ITIMER_REAL, &everyMillisecond, nullptr);
+    for (const auto blocking : {eMsgChannelNonBlocking, eMsgChannelBlocking}) {
+        Link link(blocking);
+        Text heard;
+        std::thread reader([&] {
+            sigset_t all;
+            sigfillset(&all);
+            pthread_sigmask(SIG_BLOCK, &all, nullptr);
+            usleep(20000);
+            heard = link.Hear(2 * body.size());
+        });
+        EXPECT_EQ(MsgSendObject(link.address, 7001, large.Get()), TRUE);
+        EXPECT_EQ(MsgSendObject(link.address, 7001, large.Get()), TRUE);
+        EXPECT_EQ(MsgChannelOutputCount(link.channel.Get()) > 0,
+                  blocking == eMsgChannelNonBlocking);
+        while (MsgChannelOutputCount(link.channel.Get()) > 0) Received(1);
+        reader.join();
+        EXPECT_EQ(heard, body + body);
+    }
+    setitimer(ITIMER_REAL, &off, nullptr);
+    sigaction(SIGALRM, &previous, nullptr);
+    // Above the limit: refused at once, on the sending side.
+    const ObjHolder<ObjDataFieldS> huge(ObjDataFieldNew(Text(65 << 20, 'x').data(), 65 << 20));
+    Link link;
+    EXPECT_EQ(MsgSendObject(link.address, 7001, huge.Get()), FALSE);
+    EXPECT_FALSE(link.Down());
+}
+
+// Both ends block on each other's large message: each reads while it waits.
+TEST_F(Channels, BlockedSendersRead) {
+    int raw = -1;
+    ObjHolder<MsgChannelS> a, b;
+    const int first = Link::Connected(&raw);
+    for (auto [channel, socket] : {std::pair(&a, first), std::pair(&b, raw)})
+        ASSERT_EQ(MsgChannelCreateInternal(channel->Address(), socket, nullptr, eMsgChannelBlocking,
+                                           eMsgChannelDoNotNotifyDown, eMsgChannelNotIpcChannel,
+                                           eMsgChannelDoNotWaitForOk, eMsgChannelNotGuiChannel),
+                  TRUE);
+    const ObjHolder<ObjDataFieldS> large(ObjDataFieldNew(Text(8 << 20, 'x').data(), 8 << 20));
+    EXPECT_EQ(MsgSendObject(MsgChannelAddress(a.Get()), 7001, large.Get()), TRUE);
+    EXPECT_EQ(MsgSendObject(MsgChannelAddress(b.Get()), 7002, large.Get()), TRUE);
+    Text got;
+    while (got.size() < 40) got += Received(1);
+    EXPECT_EQ(got.find("7002") != Text::npos && got.find("7001") != Text::npos, true) << got;
+    for (MsgChannelO channel : {a.Get(), b.Get()}) {
+        MsgAddressO address = MsgChannelAddress(channel);
+        ObjIncRefCount(address);
+        MsgChannelClose(&address);
+    }
+}
+
+// --- ids, lists, sockets ---
+
+TEST_F(Channels, IdsGoRound) {
+    gtTlContext.sMsg.lChannelId = INT_MAX - 1;
+    Link last, first;
+    EXPECT_EQ(MsgChannelId(last.channel.Get()), INT_MAX);
+    EXPECT_EQ(MsgChannelId(first.channel.Get()), 1);
+    gtTlContext.sMsg.lChannelId = 0;
+    Link second;
+    EXPECT_EQ(MsgChannelId(second.channel.Get()), 2);
+    // A conversation without a socket.
+    MsgAddressO named = nullptr;
+    ASSERT_EQ(MsgChannelCreateNdmp(&named), TRUE);
+    EXPECT_EQ(MsgAddressEqual(named, MsgLocalAddress()), TRUE);
+    ObjRelease(&named);
+    MsgAllowMultipleNdmpChannels();
+    ASSERT_EQ(MsgChannelCreateNdmp(&named), TRUE);
+    EXPECT_EQ(Shown(named), "-:3");
+    EXPECT_EQ(MsgIsLocalMachine(named), TRUE);
+    EXPECT_EQ(MsgSendObject(named, 7001, nullptr), FALSE);
+    EXPECT_EQ(MsgChannelClose(&named), TRUE);
+    gtTlContext.sMsg.bMultipleNdmpChannels = FALSE;
+}
+
+TEST_F(Channels, ReceiveList) {
+    const auto push = [](MsgTypeT type) { MsgSendObjectToSelf(type, nullptr); };
+    const Text own = " " + Own() + ">" + Own();
+    ObjHolder<ListS> packets(ListNew(MsgPacketMagic));
+    for (MsgTypeT type : {1, 2, 3}) push(7000 + type);
+    for (MsgPacketO packet = nullptr; MsgReceivePopPacket(&packet) == TRUE;)
+        ListPushLastItem(packets.Get(), &packet);
+    push(7009);
+    EXPECT_EQ(MsgPushPackets(packets.Get()), TRUE);
+    EXPECT_EQ(Received(4), "7003" + own + ", 7002" + own + ", 7001" + own + ", 7009" + own);
+    // With something in the list nothing is waited for, and nothing read.
+    Link link;
+    push(7001);
+    link.Say(Body(7002, Absent));
+    usleep(10000);
+    Message message;
+    EXPECT_EQ(MsgReceive(message.Address(), nullptr), TRUE);
+    EXPECT_EQ(MsgReceiveCount(), 0);
+    EXPECT_EQ(MsgPending(), TRUE);
+    EXPECT_EQ(Received(1), "7002 " + Id(link) + ">" + Id(link));
+    EXPECT_EQ(MsgPendingWithTimeout(20), FALSE);
+}
+
+TEST_F(Channels, WaitForATypeFromAnAddress) {
+    Link link, ipc(eMsgChannelNonBlocking, eMsgChannelDoNotWaitForOk, true);
+    gtTlContext.sMsg.oIpcChannel = ipc.channel.Get();  // so that managers are listened to
+    ObjHolder<TimeTimeoutS> soon;
+    Message message;
+    ObjHolder<MsgAddressS> nine, far;
+    MsgCreateAddress(nine.Address(), SysLocalMachineName(), 9);
+    const auto wait = [&](MsgTypeT type, MsgAddressO address) {
+        ObjRelease(soon.Address());
+        ObjRelease(message.Address());
+        TimeCreateAndSetTimeout(soon.Address(), 0, 300);
+        return MsgReceiveMsgTypeFromAddress(message.Address(), type, address, soon.Get()) == TRUE;
+    };
+    link.Say(Body(7002, Absent) + Body(7001, Absent));
+    EXPECT_TRUE(wait(7001, link.address));
+    EXPECT_FALSE(wait(7001, nine.Get()));  // the other one stays
+    ipc.Say(FromProcess(9, 7001));
+    EXPECT_TRUE(wait(0, nine.Get()));
+    EXPECT_EQ(MsgReceiveCount(), 1);
+    // Notices end a wait long before its time.
+    const Text me = SysLocalMachineName();
+    const struct {
+        MsgTypeT type;
+        Text body;
+    } ends[] = {
+        {CMGR_PROCESS_UNREACHABLE_MSG,
+         bytes::Object(0xc9c7a3e1, "o;i;", AddressBytes(me, 9) + Long(7001))},
+        {PMGR_PROCESS_DIED_MSG, bytes::Object(0xc9c6bd5d, "o;", AddressBytes(me, 9))},
+        {CMGR_MACHINE_DOWN_MSG, bytes::Object(0xc9c7a40d, "s;", bytes::String(me))},
+    };
+    for (const auto& end : ends) {
+        Drain();
+        ipc.Say(FromProcess(2, end.type, end.body));
+        ObjHolder<TimeTimeoutS> minute;
+        TimeCreateAndSetTimeout(minute.Address(), 60, 0);
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(MsgReceiveMsgTypeFromAddress(message.Address(), 7009, nine.Get(), minute.Get()),
+                  FALSE);
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10)) << end.type;
+    }
+    gtTlContext.sMsg.oIpcChannel = nullptr;
+}
+
+TEST_F(Channels, SocketsThatNoMaskHolds) {
+    rlimit limit, raised;
+    getrlimit(RLIMIT_NOFILE, &limit);
+    raised = limit;
+    raised.rlim_cur = std::min<rlim_t>(limit.rlim_max, 4096);
+    if (setrlimit(RLIMIT_NOFILE, &raised) != 0 || raised.rlim_cur <= 1100)
+        GTEST_SKIP() << "not so many descriptors are allowed here";
+    int raw = -1;
+    const int low = Link::Connected(&raw);
+    const int high = fcntl(low, F_DUPFD_CLOEXEC, 1050);
+    MsgChannelO channel = nullptr;
+    EXPECT_EQ(MsgChannelCreate(&channel, high), FALSE);
+    EXPECT_EQ(channel, nullptr);
+    // One that no loop serves may have any number.
+    EXPECT_EQ(MsgChannelCreateGui(&channel, high, FALSE), TRUE);
+    ObjRelease(&channel);
+    for (const int socket : {low, raw, high}) close(socket);
+    setrlimit(RLIMIT_NOFILE, &limit);
+}
