@@ -67,16 +67,19 @@ void RunRole(int argc, char** argv) {
 
 Process::Process(const std::vector<std::string>& arguments, const std::string& home,
                  const std::string& netns) {
-    int ends[2];
+    int in[2], out[2];
     std::fflush(stdout);
-    if (pipe2(ends, O_CLOEXEC) != 0) return;
+    if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) std::abort();
     m_id = fork();
     if (m_id == 0) {
-        dup2(ends[1], STDOUT_FILENO);
+        dup2(in[0], STDIN_FILENO);
+        dup2(out[1], STDOUT_FILENO);
         Become(arguments, home, netns);
     }
-    close(ends[1]);
-    m_output = ends[0];
+    close(in[0]);
+    close(out[1]);
+    m_input = in[1];
+    m_output = out[0];
 }
 
 Process Process::InRole(const std::string& role, const std::vector<std::string>& arguments,
@@ -93,16 +96,19 @@ Process::~Process() {
         kill(m_id, SIGKILL);
         waitpid(m_id, nullptr, 0);
     }
-    if (m_output != -1) close(m_output);
+    for (const int end : {m_input, m_output})
+        if (end != -1) close(end);
 }
 
 Process::Process(Process&& other) noexcept
     : m_id(std::exchange(other.m_id, -1)),
+      m_input(std::exchange(other.m_input, -1)),
       m_output(std::exchange(other.m_output, -1)),
       m_read(std::move(other.m_read)) {}
 
 Process& Process::operator=(Process&& other) noexcept {
     std::swap(m_id, other.m_id);
+    std::swap(m_input, other.m_input);
     std::swap(m_output, other.m_output);
     std::swap(m_read, other.m_read);
     return *this;
@@ -128,6 +134,10 @@ std::string Process::Line(int seconds) {
         }
         if (!ReadMore(MillisecondsUntil(end))) return "";
     }
+}
+
+void Process::Write(const std::string& text) const {
+    if (write(m_input, text.data(), text.size()) != static_cast<ssize_t>(text.size())) std::abort();
 }
 
 void Process::Signal(int number) const {

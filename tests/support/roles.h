@@ -37,6 +37,7 @@ class Process {
     // The next line that it prints, without its end; "" when it prints none any more or the seconds
     // are over.
     std::string Line(int seconds = 60);
+    void Write(const std::string& text) const;  // to its standard input
     void Signal(int number) const;
     // Its exit code, once it has ended; -1 when a signal ended it, -2 when the seconds were over,
     // after which it has been killed. What it still printed is added to what was not read yet.
@@ -47,6 +48,7 @@ class Process {
     bool ReadMore(int milliseconds);
 
     pid_t m_id = -1;
+    int m_input = -1;
     int m_output = -1;
     std::string m_read;
 };
