@@ -32,7 +32,8 @@
     X(PmgrNotifyOnDeath, "o;")                                 \
     X(CmgrProcessUnreachable, "o;i;")                          \
     X(CmgrMachineDown, "s;")                                   \
-    X(NmgrMachineUnreachable, "s;i;o;")
+    X(NmgrMachineUnreachable, "s;i;o;")                        \
+    X(MsgWaitHandler, "i;o;p;b;")
 
 // MsgAddressDescriptor and so on.
 #define MSG_CLASS_DESCRIPTOR(name, descriptor) constexpr char name##Descriptor[] = descriptor;
