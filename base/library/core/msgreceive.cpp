@@ -22,6 +22,11 @@ TimeTimeoutO MsgCopyTimeout(TimeTimeoutO oTimeout) {
 // A turn of the loop that ends in time for pending connections and timers.
 void MsgTurn(TimeTimeoutO oTimeout) {
     const ObjHolder<TimeTimeoutS> oLowered(MsgCopyTimeout(oTimeout));
+    if (oLowered.Get() == nullptr) {
+        // Without a time of its own it must not wait for ever: the caller comes again.
+        MsgSelect(MsgImmediate());
+        return;
+    }
     MsgLowerToPending(oLowered.Get());
     TimeSetTimeoutIfLower(oLowered.Get(), TimrNextEvent());
     MsgSelect(oLowered.Get());
