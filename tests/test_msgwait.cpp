@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
-#include <chrono>
 #include <map>
 
 #include "core/context.h"
@@ -34,17 +33,15 @@ std::map<char, ObjIntegerO> g_cookies;
 Text g_calls;  // names of the handlers called
 
 MsgWaitResultE Handler(MsgMessageO oMessage, void* oCookie) {
-    const char name = static_cast<char>(ObjGetInteger(static_cast<ObjIntegerO>(oCookie)));
+    const auto name = static_cast<char>(static_cast<ObjIntegerO>(oCookie)->lValue);
     g_calls += name;
     const Action action = g_actions[name];
     return action ? action(oMessage) : eMsgWaitResultNotHandled;
 }
-
 void* Cookie(char name) {
     if (g_cookies[name] == nullptr) ObjIntegerCreate(&g_cookies[name], name);
     return g_cookies[name];
 }
-
 void Add(char name, MsgTypeT tType, Action action = nullptr) {
     g_actions[name] = std::move(action);
     EXPECT_EQ(MsgWaitAddHandler(tType, Handler, Cookie(name)), TRUE);
@@ -53,15 +50,12 @@ void Remove(char name, char type) {
     EXPECT_EQ(MsgWaitRemoveHandler(T(type), Handler, Cookie(name)), TRUE);
 }
 int32 Handlers() { return gtTlContext.sMsgWait.oHandlers->lItemCount; }
-
 MsgAddressO At(const char* machine, ProcIdT tId) {
     MsgAddressO oAddress = nullptr;
     EXPECT_EQ(MsgMakeAddress(&oAddress, machine, tId), TRUE);
     return oAddress;
 }
-
-ListO& Received() { return gtTlContext.sMsg.oReceiveList; }
-MsgPacketO Newest() { return static_cast<MsgPacketO>(Received()->oLast->oData); }
+ListO Received() { return gtTlContext.sMsg.oReceiveList; }
 
 void Push(MsgTypeT tType, MsgAddressO oFrom = MsgLocalAddress(), void* oBody = nullptr) {
     ObjHolder<MsgPacketS> packet;
@@ -106,9 +100,9 @@ struct New : ObjHolder<T> {
 };
 
 void* Number(int32 lValue) {
-    ObjIntegerO oNumber = nullptr;
-    ObjIntegerCreate(&oNumber, lValue);
-    return oNumber;
+    New<ObjIntegerS> number(ObjIntegerMagic, "i;");
+    number->lValue = lValue;
+    return number.Take();
 }
 
 // A channel of this process on one end of a pair of sockets; the other is spoken byte by byte.
@@ -146,11 +140,6 @@ struct Peer {
     ObjHolder<MsgChannelS> m_channel;
 };
 
-const std::map<char, MsgTypeT> gtNotices = {
-    {'j', PMGR_PROCESS_DIED_MSG},      {'0', 0},
-    {'3', MSG_LOST_RECEIVE_QUEUE_MSG}, {'f', MSG_FATAL_SELECT_ERROR_MSG},
-    {'k', PMGR_KILL_YOURSELF_MSG},     {'Z', T('Z')}};
-
 class MsgWaits : public testing::Test {
  protected:
     void SetUp() override {
@@ -170,20 +159,15 @@ class MsgWaits : public testing::Test {
         gtTlContext.sMsgWait.bKeepUnhandledMessages = FALSE;
         EXPECT_EQ(m_before.Text(), "");
     }
-    // A notice, by a letter, that a process has died, a machine or a channel is down, or the end.
-    void Notice(char letter, MsgAddressO oFirst, MsgAddressO oSecond) const {
+    // That a process has died, its machine is down, or the channel is, or that the end is near.
+    void Notice(MsgTypeT tType, MsgAddressO oAbout) const {
         const New<PmgrProcessDiedS> died(PmgrProcessDiedMagic, "o;");
         const New<CmgrMachineDownS> down(CmgrMachineDownMagic, "s;");
-        ObjIncRefCount(died->oAddress = letter == 'b' ? beta : letter == 'p' ? peer : other);
-        if (letter != 'n') down->pstrMachineName = StrDuplicate(letter == 'm' ? "BETA" : "gamma");
-        if (Text("bpo").find(letter) != Text::npos)
-            Push(PMGR_PROCESS_DIED_MSG, other, died.Get());
-        else if (Text("mgn").find(letter) != Text::npos)
-            Push(CMGR_MACHINE_DOWN_MSG, other, down.Get());
-        else if (letter == 'c' || letter == 's')
-            Push(MSG_CHANNEL_DOWN_MSG, letter == 'c' ? oFirst : oSecond);
-        else
-            Push(gtNotices.at(letter), other, down.Get());
+        ObjIncRefCount(died->oAddress = oAbout);
+        down->pstrMachineName = StrDuplicate(MsgGetMachineName(oAbout));
+        const bool isDown = tType == CMGR_MACHINE_DOWN_MSG;
+        Push(tType, MsgIsAChannel(oAbout) == TRUE ? oAbout : other,
+             isDown ? static_cast<void*>(down.Get()) : died.Get());
     }
     const Text m_local = SysLocalMachineName();
     const Address m_beta{At("beta", 9)}, m_peer{At(m_local.c_str(), 9)};
@@ -232,7 +216,6 @@ TEST_F(MsgWaits, HandlersChangeWhileTheyRun) {
     int32 alJunk[32] = {};
     EXPECT_EQ(MsgWaitAddHandler(T('M'), Handler, &alJunk[16]), FALSE);
     EXPECT_EQ(MsgWaitRemoveHandlerByCookie(&alJunk[16]), FALSE);
-    EXPECT_STREQ(MsgWaitResultString(static_cast<MsgWaitResultE>(42)), "UNKNOWN");
     EXPECT_STREQ(MsgWaitResultString(eMsgWaitResultDecodeError), "eMsgWaitResultDecodeError");
 }
 
@@ -241,9 +224,6 @@ TEST_F(MsgWaits, InnerWaitsGiveBackWhatNobodyHandles) {
         EXPECT_EQ(WaitFor('Z'), TRUE);
         EXPECT_EQ(Waiting(), "ABCX");
         EXPECT_EQ(WaitFor('Q', nullptr, 30), FALSE);
-        EXPECT_EQ(Waiting(), "ABCX");
-        EXPECT_EQ(MsgWaitExclusiveWithTimeout(nullptr, peer, T('X'), Within(30).Get()),
-                  eMsgWaitResultTimeout);
         EXPECT_EQ(Waiting(), "ABCX");
         int rounds = 0;
         const auto callback = [](MsgWaitResultE* peResult, void* pRounds) {
@@ -277,17 +257,17 @@ TEST_F(MsgWaits, KeptPacketsComeBackAsTheyCame) {
     TimrSetAlarmRelative(call, &called, New<TimeOffsetS>(TimeOffsetMagic, "i;i;").Get());
     MsgWait(Within(1000).Get());  // the alarm's packet, which holds pointers
     Push("A");
-    const MsgPacketO oNameless = Newest();  // from a machine that has no name here
+    auto* oNameless =
+        static_cast<MsgPacketO>(Received()->oLast->oData);  // from a machine that has no name here
     MsgPacketHeader(oNameless)->tSource.tMachineId = 99;
     Push("BXC");
     EXPECT_EQ(WaitFor('X'), TRUE);
     EXPECT_EQ(Waiting(), "?ABC");
     EXPECT_EQ(Received()->oFirst->oNext->oData, oNameless);
-    gtTlContext.sMsgWait.bDisableDefaultHandlers = FALSE;
     EXPECT_FALSE(called);
-    EXPECT_EQ(MsgWaitPoll(), TRUE);
+    gtTlContext.sMsgWait.bDisableDefaultHandlers = FALSE;
+    MsgWaitPoll();
     EXPECT_TRUE(called);
-    EXPECT_EQ(Waiting(), "");
     // In a child: blocks that could not be had are counted.
     const RunResult result = InChild([&] {
         const IgnoreCrash noStop;
@@ -297,9 +277,9 @@ TEST_F(MsgWaits, KeptPacketsComeBackAsTheyCame) {
             const Within timeout(10);
             const int32 objects = ObjCount();
             FaultArm({.call = Call::Malloc, .nth = n / 2 + 1, .times = n % 2 ? 1 : FaultForEver});
-            failures += MsgWaitExclusiveWithTimeout(nullptr, peer, T('X'), timeout.Get()) ==
-                        eMsgWaitResultError;
+            const int eResult = MsgWaitExclusiveWithTimeout(nullptr, peer, T('X'), timeout.Get());
             FaultDisarm();
+            failures += eResult == eMsgWaitResultError;
             if (ObjCount() != objects || Seen() != " ABC") return -1;
         }
         return failures;
@@ -310,52 +290,56 @@ TEST_F(MsgWaits, KeptPacketsComeBackAsTheyCame) {
 
 TEST_F(MsgWaits, TypesSourcesAndTheirEnds) {
     const Peer first(beta), second(peer);
+    const Address loud(At("BETA", 1));
+    const MsgAddressO aoSources[] = {beta, first(), second(), peer, nullptr};
     const struct {
-        MsgAddressO oSource;
-        const char *ending, *others;
-        const char* exclusive;  // notices, each with the result as a hexadecimal digit
-    } rows[] = {{beta, "bmc", "ojgns", "Z8"},
-                {first(), "bmc", "ojgns", "Z8"},
-                {second(), "ps", "bojmgnc", "k4s7p5ca"},
-                {peer, "ps", "bojmgnc", "Zak40636f6p5oaja"},
-                {nullptr, "", "bojmgncs", "Z8"}};
+        MsgTypeT tNotice;
+        MsgAddressO oAbout;
+        const char*
+            ends;  // for each source, whether a wait is ended; of an exclusive one the result
+        const char* exclusive;
+    } rows[] = {{PMGR_PROCESS_DIED_MSG, beta, "11000", "88aa8"},
+                {PMGR_PROCESS_DIED_MSG, peer, "00110", "88558"},
+                {PMGR_PROCESS_DIED_MSG, other, "00000", "88aa8"},
+                {CMGR_MACHINE_DOWN_MSG, loud.Get(), "11000", "88aa8"},
+                {CMGR_MACHINE_DOWN_MSG, other, "00110", "88aa8"},
+                {MSG_CHANNEL_DOWN_MSG, first(), "11000", "88aa8"},
+                {MSG_CHANNEL_DOWN_MSG, second(), "00110", "88778"},
+                {PMGR_KILL_YOURSELF_MSG, other, "", "88448"},
+                {MSG_LOST_RECEIVE_QUEUE_MSG, other, "", "88668"},
+                {MSG_FATAL_SELECT_ERROR_MSG, other, "", "88668"}};
     Add('y', T('Y'));
     for (const auto& row : rows) {
-        SCOPED_TRACE(&row - rows);
-        const bool any = row.oSource == nullptr;
-        const MsgAddressO oFrom = any ? beta : row.oSource;
-        for (const char notice : Text(row.ending) + row.others) {
-            const bool ends = Text(row.ending).find(notice) != Text::npos;
-            // The same type from another source is an ordinary message.
-            Push(T('Y'), other);
-            Notice(notice, first(), second());
-            Push(T('X'), oFrom);
-            Push(T('Y'), oFrom);
-            const MsgTypeT atTypes[] = {T('Y'), T('X'), -1};
-            Message message;
-            EXPECT_EQ(MsgWaitMultipleMessagesWithTimeout(message.Address(), row.oSource, atTypes,
-                                                         Within(Long).Get()),
-                      BooleanFrom(!ends));
-            EXPECT_EQ(MsgType(message.Get()), ends ? 0 : any ? T('Y') : T('X'));
-            EXPECT_EQ(Seen(), ends ? "y XY" : any ? " ?XY" : "y Y") << notice;
-        }
-        for (const char* p = row.exclusive; *p != '\0'; p += 2) {
-            const int result = p[1] == 'a' ? eMsgWaitResultSuccess : p[1] - '0';
-            Push("Y");
-            Push(T('X'), other);
-            Notice(p[0], first(), second());
-            Push(T('X'), oFrom);
-            Message message;
-            EXPECT_EQ(MsgWaitExclusiveWithTimeout(message.Address(), row.oSource, T('X'),
-                                                  Within(Long).Get()),
-                      result);
-            EXPECT_EQ(message.Get() != nullptr, p[1] == 'a');
-            const Text kept = p[0] == 'Z' ? "Z" : "?";
-            EXPECT_EQ(Seen(), " YX" + (p[1] == 'a' ? kept : p[1] == '8' ? kept + "X" : "X")) << *p;
+        for (std::size_t i = 0; i < std::size(aoSources); i++) {
+            SCOPED_TRACE(std::to_string(row.tNotice) + " " + std::to_string(i));
+            const MsgAddressO oSource = aoSources[i], oFrom = i == 4 ? beta : oSource;
+            const auto push = [&] {
+                Push(T('Y'), other);  // from another source an ordinary message
+                Notice(row.tNotice, row.oAbout);
+                for (const char c : {'X', 'Y'}) Push(T(c), oFrom);
+            };
+            Message message, exclusive;
+            const Within timeout(Long);
+            if (*row.ends != '\0') {
+                const MsgTypeT atTypes[] = {T('Y'), T('X'), -1};
+                const bool ends = row.ends[i] == '1';
+                push();
+                MsgWaitMultipleMessagesWithTimeout(message.Address(), oSource, atTypes,
+                                                   timeout.Get());
+                EXPECT_EQ(MsgType(message.Get()), ends ? 0 : i == 4 ? T('Y') : T('X'));
+                EXPECT_EQ(Seen(), ends ? "y XY" : i == 4 ? " ?XY" : "y Y");
+            }
+            const int result = std::stoi(Text(1, row.exclusive[i]), nullptr, 16);
+            push();
+            EXPECT_EQ(
+                MsgWaitExclusiveWithTimeout(exclusive.Address(), oSource, T('X'), timeout.Get()),
+                result);
+            EXPECT_EQ(MsgType(exclusive.Get()), result == eMsgWaitResultSuccess ? T('X') : 0);
+            EXPECT_EQ(Seen(), result == 10 ? " Y?Y" : result == 8 ? " Y?XY" : " YXY");
         }
     }
     Push(T('X'), peer);
-    MsgPacketHeader(Newest())->lLength++;
+    MsgPacketHeader(static_cast<MsgPacketO>(Received()->oLast->oData))->lLength++;
     Message message;
     EXPECT_EQ(MsgWaitExclusiveWithTimeout(message.Address(), peer, T('X'), nullptr),
               eMsgWaitResultDecodeError);
@@ -386,19 +370,13 @@ TEST_F(MsgWaits, CallbacksFiltersTimersAndTheTimeout) {
     // Alarms that bring messages do not lengthen a wait.
     const New<TimeOffsetS> soon(TimeOffsetMagic, "i;i;");
     soon->lMilliSeconds = 30;
-    const auto send = [](void*) {
-        g_calls += 't';
-        Push("A");
-    };
-    const auto began = std::chrono::steady_clock::now();
-    TimrSetAlarmRelative(send, nullptr, soon.Get());
+    const Within limit(60000);
+    TimrSetAlarmRelative([](void*) { Push("A"); }, nullptr, soon.Get());
     EXPECT_EQ(WaitFor('X', nullptr, 200), FALSE);
-    TimrSetAlarmRelative(send, nullptr, soon.Get());
     EXPECT_EQ(MsgWaitOnCallbackWithTimeout(never, nullptr, Within(200).Get()),
               eMsgWaitResultTimeout);
-    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - began;
-    EXPECT_EQ(Seen(), "tt ");
-    EXPECT_TRUE(took.count() > 0.38 && took.count() < 15) << took.count();
+    EXPECT_LT(TimeTimeoutLeft(limit.Get()), 59620);
+    EXPECT_GT(TimeTimeoutLeft(limit.Get()), 45000);
     // A routine that waits itself leaves the message that the outer wait is for.
     const auto waits = [](void*) {
         Push("AXZ");
@@ -411,60 +389,31 @@ TEST_F(MsgWaits, CallbacksFiltersTimersAndTheTimeout) {
     Add('h', T('H'));
     Push("HFHEH");
     const auto filter = [](MsgMessageO oMessage, void* oCookie) {
-        g_calls += static_cast<char>(MsgType(oMessage) - T('\0'));
         EXPECT_EQ(oCookie, Cookie('h'));
-        if (MsgType(oMessage) == T('E')) return eMsgWaitResultExit;
-        return MsgType(oMessage) == T('F') ? eMsgWaitResultHandled : eMsgWaitResultNotHandled;
+        g_calls += static_cast<char>(MsgType(oMessage) - T('\0'));
+        if (g_calls.back() == 'E') return eMsgWaitResultExit;
+        return g_calls.back() == 'F' ? eMsgWaitResultHandled : eMsgWaitResultNotHandled;
     };
     EXPECT_EQ(MsgWaitPollWithTimeoutAndFilter(nullptr, filter, Cookie('h')), FALSE);
     EXPECT_EQ(Seen(), "HhFHhE H");
 }
 
-TEST_F(MsgWaits, DefaultHandlersByTheirMessages) {
-    // Bodies that are not what they should be; and a task for another interface.
-    const Object number(Number(1));
-    const New<PmgrTaskS> task(PmgrTaskMagic, "o;i;o;i;");
-    for (const MsgTypeT tType : std::initializer_list<MsgTypeT>{
-             CMGR_MACHINE_DOWN_MSG, MSG_UNKNOWN_MSG, MSG_PING_MSG, TIMER_CALLBACK_MSG,
-             MSG_CONNECT_MSG, TRACE_TO_FILE_MSG, PMGR_GIVE_SERVICE_A_TASK_RETURN_MSG, PMGR_TASK_MSG,
-             T('A')}) {
-        Message message;
-        MsgCreateMessage(message.Address(), MsgLocalAddress(), tType,
-                         tType == T('A') ? task.Get() : number.Get());
-        if (tType == T('A')) message.Get()->tMsgType = PMGR_TASK_MSG;
-        const bool handled = tType != T('A') && tType != PMGR_TASK_MSG &&
-                             tType != PMGR_GIVE_SERVICE_A_TASK_RETURN_MSG;
-        EXPECT_EQ(MsgWaitDefaultHandlers(message.Get()), handled ? 0 : 1) << tType;
-    }
+// Over a real channel, then the same with the default handlers disabled.
+TEST_F(MsgWaits, PingsAreAnswered) {
     EXPECT_EQ(MsgWaitDefaultHandlers(nullptr), eMsgWaitResultInvalidArgument);
-    const RunResult traced = InChild([&] {
-        ObjHolder<ObjStringS> name;
-        ObjStringCreate(name.Address(), "waits");
-        Push(TRACE_TO_FILE_MSG, MsgLocalAddress(), name.Get());
-        MsgWaitPoll();
-        const bool began = Exists(TestHome() + "/trace/waits");
-        Push(TRACE_TO_FILE_MSG);
-        MsgWaitPoll();
-        return began && TraceTracingToFile() == FALSE ? 5 : 6;
-    });
-    EXPECT_EQ(traced.exitCode, 5);
-    // A ping over a real channel, then the same with the default handlers disabled.
     const Peer pinging(peer);
     for (const Text& answer : {bytes::Long(MSG_PONG_MSG), Text()}) {
-        pinging.Send(MSG_PING_MSG,
-                     bytes::Object(0xc9fed45e, "i;i;", bytes::Long(12345) + bytes::Long(0)));
+        pinging.Send(MSG_PING_MSG, bytes::Object(0xc9fed45e, "i;i;", Text(8, '5')));
         pinging.Send(T('X'));
         EXPECT_EQ(WaitFor('X'), TRUE);
         const Text pong = pinging.Receive();
         EXPECT_EQ(pong.size() > 8 ? pong.substr(4, 4) : Text(), answer);
-        EXPECT_EQ(pong.find(bytes::Long(12345)) != Text::npos, !answer.empty());
         MsgWaitDisableDefaultHandlers();
     }
 }
 
 // The peer sends back the request for a data channel, so that this process is at both its ends.
 TEST_F(MsgWaits, TaskAndConnectOpenADataChannel) {
-    static std::vector<Text> cookies;
     static std::vector<MsgAddressO> channels;
     const Peer echo(peer);
     const New<PmgrTaskExtS> task(PmgrTaskExtMagic, "o;i;o;i;o;o;");
@@ -473,10 +422,9 @@ TEST_F(MsgWaits, TaskAndConnectOpenADataChannel) {
     task->oUserArguments = Number(55);
     Add('c', MSG_CONNECTED_MSG, [](MsgMessageO oMessage) {
         auto* oConnected = static_cast<MsgConnectedO>(oMessage->oObject);
-        auto* oCookie = static_cast<ObjIntegerO>(oConnected->oCookie);
-        cookies.push_back(oCookie == nullptr ? "" : std::to_string(ObjGetInteger(oCookie)));
-        ObjIncRefCount(oConnected->oAddress);
-        channels.push_back(oConnected->oAddress);
+        if (auto* oCookie = static_cast<ObjIntegerO>(oConnected->oCookie))
+            g_calls += std::to_string(oCookie->lValue);
+        ObjIncRefCount(channels.emplace_back(oConnected->oAddress));
         return eMsgWaitResultNotHandled;
     });
     Push(PMGR_TASK_MSG, MsgProcMgrAddress(), task.Get());
@@ -485,13 +433,10 @@ TEST_F(MsgWaits, TaskAndConnectOpenADataChannel) {
         if (const Text request = self.Receive(); !request.empty()) self.Send(request);
         return BooleanFrom(channels.size() == 2);
     };
-    TraceCapture trace;
     EXPECT_EQ(MsgWaitOnCallbackWithTimeout(callback, const_cast<Peer*>(&echo), Within(Long).Get()),
               eMsgWaitResultSuccess);
-    EXPECT_EQ(trace.CountText("Connecting to GUI"), 1);
-    EXPECT_EQ(trace.CountText("Point-to-point connection was completed"), 2);
     ASSERT_EQ(channels.size(), 2U);
-    EXPECT_EQ(cookies[0] + cookies[1], "55");
+    EXPECT_NE(Seen().find("55"), Text::npos);  // the task's arguments
     EXPECT_EQ(MsgSendObject(channels[0], T('X'), nullptr), TRUE);
     EXPECT_EQ(WaitFor('X', channels[1]), TRUE);
     MsgChannelClose(&channels[0]);
@@ -503,26 +448,18 @@ TEST_F(MsgWaits, TaskAndConnectOpenADataChannel) {
 TEST_F(MsgWaits, RequestAndReply) {
     const Peer answers(peer);
     const Text five = bytes::Integer(5), none(1, '\0'), silence;
-    const struct {
-        Text reply;
-        int32 lMagic;
-        BooleanT bResult;
-        int32 lReply;
-    } rows[] = {{five, ObjIntegerMagic, TRUE, 5},
-                {five, 0, TRUE, 5},
-                {none, 0, TRUE, 0},
-                {five, ObjStringMagic, FALSE, 0},
-                {silence, 0, FALSE, 0},
-                {none, ObjIntegerMagic, FALSE, 0}};
+    const std::tuple<Text, int32, BooleanT, int32> rows[] = {
+        {five, ObjIntegerMagic, TRUE, 5},  {five, 0, TRUE, 5}, {five, ObjStringMagic, FALSE, 0},
+        {none, ObjIntegerMagic, FALSE, 0}, {none, 0, TRUE, 0}, {silence, 0, FALSE, 0}};
     const Object number(Number(7)), wrong(Number(8));
-    for (const auto& row : rows) {
+    for (const auto& [sent, lMagic, bResult, lReply] : rows) {
         Push(T('R'), beta, wrong.Get());  // not from whom it is expected
-        if (row.reply != silence) answers.Send(T('R'), row.reply);
+        if (sent != silence) answers.Send(T('R'), sent);
         ObjHolder<ObjIntegerS> reply;
         EXPECT_EQ(MsgWaitInterchangeTimeout(reply.Address(), answers(), T('Q'), number.Get(),
-                                            T('R'), row.lMagic, row.reply == silence ? 1 : 60),
-                  row.bResult);
-        EXPECT_EQ(reply.Get() == nullptr ? 0 : ObjGetInteger(reply.Get()), row.lReply);
+                                            T('R'), lMagic, sent == silence ? 1 : 60),
+                  bResult);
+        EXPECT_EQ(reply.Get() == nullptr ? 0 : reply.Get()->lValue, lReply);
         EXPECT_EQ(answers.Receive().substr(4), bytes::Long(T('Q')) + bytes::Integer(7));
     }
     EXPECT_EQ(MsgWaitInterchangeInternal(nullptr, nullptr, T('Q'), nullptr, T('R'), 0), FALSE);
@@ -531,21 +468,19 @@ TEST_F(MsgWaits, RequestAndReply) {
 }
 
 TEST_F(MsgWaits, WhatEndsTheProcess) {
-    for (const MsgTypeT tType : std::initializer_list<MsgTypeT>{
-             0, 1, 2, MSG_LOST_RECEIVE_QUEUE_MSG, MSG_FATAL_SELECT_ERROR_MSG,
-             PMGR_KILL_YOURSELF_MSG, T('E'), T('X')}) {
+    const MsgTypeT atTypes[] = {0,      3,     MSG_FATAL_SELECT_ERROR_MSG, PMGR_KILL_YOURSELF_MSG,
+                                T('E'), T('X')};
+    for (const MsgTypeT tType : atTypes) {
         const RunResult result = InChild([&] {
-            // The files of this run are the parent's.
+            // It must not end as the parent does, whose files are still needed.
             std::atexit([] { std::fflush(stdout), _exit(42); });
-            ProcAddCleanupRoutine([](void*, int32 lExitCode) { std::printf("%d", lExitCode); },
-                                  nullptr);
+            ProcAddCleanupRoutine([](void*, int32 l) { std::printf("%d", l); }, nullptr);
             Add('e', T('E'), [](MsgMessageO) { return eMsgWaitResultExit; });
             Push("A");
             Push(tType);
             WaitFor('X');
             return 77;
         });
-        EXPECT_EQ(result.exitCode, tType == T('X') ? 77 : 42);
-        EXPECT_EQ(result.output, tType == T('X') ? "" : "0") << tType;
+        EXPECT_EQ(result.output + std::to_string(result.exitCode), tType == T('X') ? "77" : "042");
     }
 }
