@@ -292,9 +292,12 @@ TEST_F(Channels, BadBytesTakeTheChannelDown) {
     EXPECT_EQ(Received(2), "");
     getrusage(RUSAGE_SELF, &usage);
     EXPECT_FALSE(link.Down());
-#if !defined(__SANITIZE_ADDRESS__) && !defined(TEST_IS_EMULATED)
-    EXPECT_LT(usage.ru_maxrss - before, 8192);
+#if defined(__SANITIZE_ADDRESS__) || defined(TEST_IS_EMULATED)
+    constexpr int64 unseen = 1 << 20;  // these use memory of their own for it
+#else
+    constexpr int64 unseen = 0;
 #endif
+    EXPECT_LT(usage.ru_maxrss - before, 8192 + unseen);
 }
 
 TEST_F(Channels, TheEndOfThePeer) {

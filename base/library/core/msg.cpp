@@ -55,6 +55,7 @@ void MsgLingerAll() {
         TraceMessageInline(6, 0, 4, "Linger select returned '%d'", eError);
         if (eError == NET_ERROR_NONE) MsgServeLingering(tMsg.tSelectMaskCopy);
     }
+    TraceMessageInline(7, 0, 4, "Release oTimeout");
 }
 
 }  // namespace
