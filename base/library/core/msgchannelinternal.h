@@ -47,6 +47,7 @@ struct MsgSettingsT {
     int32 lTunnelPort;      // of this machine; 0 without a tunnel
     int32 lMaximumMessage;  // bytes of the largest packet that is sent or taken
     int32 lPeerSeconds;     // how long a peer may leave sent data unacknowledged; 0: the system's
+    int32 lConnectSeconds;  // that an address of several has to answer
 };
 extern MsgSettingsT gtMsgSettings;
 

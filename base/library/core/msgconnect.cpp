@@ -17,8 +17,6 @@ TRACE_MODULE("MESSAGE")
 namespace {
 
 constexpr char MsgFirewallSection[] = "MsgChannel";
-// An address that does not answer must not use up the time of those behind it.
-constexpr int32 MsgConnectSecondsEach = 10;
 
 enum MsgConnectErrorE : int32 { eMsgCannotListen = 1, eMsgCannotBind = 2, eMsgNoSocket = 3 };
 
@@ -394,7 +392,8 @@ BooleanT MsgConnectWaiting(MsgChannelO* poChannel, MsgSocketHolder& tSocket, Net
     char acAddress[64];
     ObjHolder<TimeTimeoutS> oTimeout;
     ObjHolder<MsgChannelS> oChannel;
-    const int32 lSeconds = bIsLast ? MsgConnectionSeconds : MsgConnectSecondsEach;
+    // An address that does not answer must not use up the time of those behind it.
+    const int32 lSeconds = bIsLast ? MsgConnectionSeconds : gtMsgSettings.lConnectSeconds;
     if (TimeCreateAndSetTimeout(oTimeout.Address(), lSeconds, 0) != TRUE ||
         !MsgConnectInTime(tSocket.Get(), ptAddress, oTimeout.Get())) {
         TraceMessageInline(195, 0, -1, "Failed to connect to %s",

@@ -21,6 +21,7 @@ constexpr char MsgMachineSection[] = "Machine";
 constexpr int32 MsgDefaultTcpPort = 20032;
 constexpr int32 MsgDefaultMaximum = 64 * 1024 * 1024;
 constexpr int32 MsgSmallestMaximum = 64 * 1024;
+constexpr int32 MsgDefaultConnectSeconds = 10;
 
 // In the order in which they are looked at.
 constexpr const char* apstrMsgAddressKeys[] = {"Contact Address", "Preferred Address", "Networks"};
@@ -55,15 +56,19 @@ bool MsgIsThisMachine(MsgAddressO oAddress) { return MsgIsLocalMachine(oAddress)
 
 }  // namespace
 
-MsgSettingsT gtMsgSettings = {0, MsgDefaultMaximum, 0};
+MsgSettingsT gtMsgSettings = {0, MsgDefaultMaximum, 0, MsgDefaultConnectSeconds};
 
 void MsgReadSettings() {
-    gtMsgSettings = {0, MsgDefaultMaximum, 0};
+    gtMsgSettings = {0, MsgDefaultMaximum, 0, MsgDefaultConnectSeconds};
     CfgGetInteger(&gtMsgSettings.lTunnelPort, MsgNetworkFile, MsgNetworkSection, "Tunnel Port", 0);
     CfgGetInteger(&gtMsgSettings.lMaximumMessage, MsgNetworkFile, MsgNetworkSection,
                   "Maximum Message", MsgDefaultMaximum);
     CfgGetInteger(&gtMsgSettings.lPeerSeconds, MsgNetworkFile, MsgNetworkSection, "Peer Timeout",
                   0);
+    CfgGetInteger(&gtMsgSettings.lConnectSeconds, MsgNetworkFile, MsgNetworkSection,
+                  "Connect Timeout", MsgDefaultConnectSeconds);
+    if (gtMsgSettings.lConnectSeconds < 1 || gtMsgSettings.lConnectSeconds > MsgConnectionSeconds)
+        gtMsgSettings.lConnectSeconds = MsgDefaultConnectSeconds;
     if (gtMsgSettings.lMaximumMessage < MsgSmallestMaximum)
         gtMsgSettings.lMaximumMessage = MsgSmallestMaximum;
 }
