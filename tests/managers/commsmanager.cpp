@@ -106,12 +106,13 @@ void Watch(MsgPacketO oPacket) {
     if (!gtProcesses.contains(tWatched)) TellWatchers(tWatched);
 }
 
-// A notice for everybody on the machine.
+// A notice for everybody on the machine but who brings it.
 void Broadcast(MsgPacketO oPacket) {
     ObjHolder<CmgrMachineDownS> oBody;
     if (MsgObjectFromPacket(oBody.Address(), oPacket, CmgrMachineDownMagic) != TRUE) return;
     const std::map<ProcIdT, int32> tProcesses = gtProcesses;
     for (const auto& [tId, lChannel] : tProcesses) {
+        if (tId == MsgPacketHeader(oPacket)->tSource.tProcessId) continue;
         const ObjHolder<MsgAddressS> oProcess(AddressOf(ThisMachine(), tId));
         Send(oProcess.Get(), CMGR_MACHINE_DOWN_MSG, oBody.Get());
     }

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -32,15 +33,23 @@ int MillisecondsUntil(Clock::time_point end) {
     return left.count() < 0 ? 0 : static_cast<int>(left.count());
 }
 
+// Into a name space, with a host name and, where the home directory holds one, a table of hosts of
+// its own: the machine's are those of the name space.
+bool Enter(const std::string& netns, const std::string& home) {
+    const int space = open(("/run/netns/" + netns).c_str(), O_RDONLY | O_CLOEXEC);
+    if (space == -1 || setns(space, CLONE_NEWNET) != 0 || unshare(CLONE_NEWUTS) != 0 ||
+        sethostname(netns.data(), netns.size()) != 0)
+        return false;
+    const std::string hosts = home + "/etc/hosts";
+    if (access(hosts.c_str(), R_OK) != 0) return true;
+    return unshare(CLONE_NEWNS) == 0 &&
+           mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+           mount(hosts.c_str(), "/etc/hosts", nullptr, MS_BIND, nullptr) == 0;
+}
+
 [[noreturn]] void Become(const std::vector<std::string>& arguments, const std::string& home,
                          const std::string& netns) {
-    if (!netns.empty()) {
-        const int space = open(("/run/netns/" + netns).c_str(), O_RDONLY | O_CLOEXEC);
-        // Its own host name as well: the machine's is that of the name space.
-        if (space == -1 || setns(space, CLONE_NEWNET) != 0 || unshare(CLONE_NEWUTS) != 0 ||
-            sethostname(netns.data(), netns.size()) != 0)
-            _exit(126);
-    }
+    if (!netns.empty() && !Enter(netns, home)) _exit(126);
     setenv("KRHOME", home.c_str(), 1);
     std::vector<std::string> words = arguments;
     if (const std::string emulator = TEST_EMULATOR; !emulator.empty())

@@ -23,7 +23,8 @@ class Process {
  public:
     Process() = default;
     // A program with arguments, in a home directory, without waiting for it. A name space other
-    // than "" is that of the network in which it runs.
+    // than "" is that of the network in which it runs; it is the host's name then, and "etc/hosts"
+    // of the home directory its table of hosts when it is there.
     Process(const std::vector<std::string>& arguments, const std::string& home,
             const std::string& netns = "");
     // This program in a role.

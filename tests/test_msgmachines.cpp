@@ -1,0 +1,488 @@
+// Messages between machines that have networks of their own: asking and answering through network
+// managers and over data channels, ports of a firewall, addresses that do not answer, and lines
+// that are cut. Where such networks cannot be made the tests are skipped.
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <memory>
+
+#include "core/context.h"
+#include "core/list.h"
+#include "core/msgchannel.h"
+#include "core/objwrappers.h"
+#include "core/process.h"
+#include "core/strdynam.h"
+#include "support/leftovers.h"
+#include "support/machine.h"
+#include "support/networks.h"
+
+namespace {
+
+#if defined(TEST_IS_EMULATED)
+constexpr int32 Largest = 256 * 1024;
+constexpr int Rounds = 1;
+#elif defined(__SANITIZE_ADDRESS__)
+constexpr int32 Largest = 4 << 20;
+constexpr int Rounds = 2;
+#else
+constexpr int32 Largest = 4 << 20;
+constexpr int Rounds = 5;
+#endif
+constexpr int32 Sizes[] = {0, 1, 300, 65536, Largest, 7, 5000};
+constexpr int32 ManagerPort = 20500;
+constexpr ProcIdT EchoId = 200, AskerId = 100;
+constexpr MsgTypeT AskType = 5000, AnswerType = 5001, WhoType = 5002, SinkType = 5003,
+                   StopType = 5004;
+
+using Clock = std::chrono::steady_clock;
+
+int SecondsSince(Clock::time_point start) {
+    return static_cast<int>(
+        std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - start).count());
+}
+
+// --- what the processes share ---
+
+using AddressHolder = ObjHolder<MsgAddressS>;
+using MessageHolder = ObjHolder<MsgMessageS>;
+
+MsgAddressO AddressOf(const std::string& machine, ProcIdT id) {
+    MsgAddressO address = nullptr;
+    MsgCreateAddress(&address, machine.c_str(), id);
+    return address;
+}
+
+TimeTimeoutO In(int32 seconds) {
+    TimeTimeoutO timeout = nullptr;
+    TimeCreateAndSetTimeout(&timeout, seconds, 0);
+    return timeout;
+}
+
+bool Connect(ProcIdT id) {
+    return ProcSetId(id) == TRUE && MsgIpcConnect(eMsgProcTypeProcess) == TRUE;
+}
+
+void Say(const std::string& line) {
+    std::puts(line.c_str());
+    std::fflush(stdout);
+}
+
+ByteT ByteAt(int32 at, int32 number) {
+    return static_cast<ByteT>(
+        (static_cast<uint32>(at) * 2654435761U + static_cast<uint32>(number)) >> 13);
+}
+
+ObjDataFieldO BodyOf(int32 size, int32 number) {
+    std::vector<ByteT> bytes(static_cast<std::size_t>(size));
+    for (int32 at = 0; at < size; at++) bytes[static_cast<std::size_t>(at)] = ByteAt(at, number);
+    ObjDataFieldO body = nullptr;
+    if (size > 0) ObjDataFieldCreate(&body, bytes.data(), size);
+    return body;
+}
+
+bool IsBody(MsgMessageO message, int32 size, int32 number) {
+    ObjHolder<ObjDataFieldS> body;
+    MsgGetObject(body.Address(), message, ObjDataFieldMagic);
+    if (body.Get() == nullptr) return size == 0 && message->oObject == nullptr;
+    if (body.Get()->tValue.lSize != size) return false;
+    const ByteT* bytes = static_cast<const ByteT*>(body.Get()->tValue.pData);
+    for (int32 at = 0; at < size; at++) {
+        if (bytes[at] != ByteAt(at, number)) return false;
+    }
+    return true;
+}
+
+// The ends of a channel's socket: family and port of the one here, then of the other one.
+std::string EndsOf(MsgAddressO channel) {
+    ObjHolder<MsgChannelS> found;
+    NetAddressT here, there;
+    if (MsgGetChannel(found.Address(), channel) != TRUE ||
+        NetGetLocalAddress(&here, MsgChannelSocket(found.Get())) != TRUE ||
+        NetGetRemoteAddress(&there, MsgChannelSocket(found.Get())) != TRUE)
+        return "no channel";
+    const auto text = [](NetAddressT* end) {
+        return std::string(NetGetFamily(end) == AF_INET6 ? "6 " : "4 ") +
+               std::to_string(NetGetIpPort(end));
+    };
+    return text(&here) + " " + text(&there);
+}
+
+// --- the process that answers ---
+
+class Echo {
+ public:
+    explicit Echo(bool waits) : m_waits(waits) {}
+
+    int Run(ProcIdT id) {
+        if (!Connect(id)) return 10;
+        const Leftovers before;
+        Say("up");
+        while (!m_stop) {
+            MessageHolder message;
+            if (MsgReceive(message.Address(), nullptr) == TRUE) Take(message.Get());
+        }
+        while (gtTlContext.sMsg.oLingerList->lItemCount > 0) {
+            MessageHolder late;
+            MsgReceive(late.Address(), nullptr);
+        }
+        const std::string left = before.Text();
+        Say("stopped " + left);
+        ContextReleaseThread();
+        return left.empty() ? 0 : 11;
+    }
+
+ private:
+    void Take(MsgMessageO message) {
+        AddressHolder source;
+        MsgGetSource(source.Address(), message);
+        switch (MsgType(message)) {
+            case AskType:
+                MsgSendReply(message, AnswerType, message->oObject);
+                break;
+            case WhoType: {
+                const ObjHolder<ObjStringS> ends(ObjStringNew(EndsOf(source.Get()).c_str()));
+                MsgSendReply(message, AnswerType, ends.Get());
+                break;
+            }
+            case SinkType:
+                if (!IsBody(message, Largest, 1)) Say("changed on the way");
+                break;
+            case MSG_CONNECT_MSG:
+                Answer(message);
+                break;
+            case MSG_CHANNEL_DOWN_MSG:
+                MsgChannelClose(source.Address());
+                if (m_watches) Say("channel down");
+                break;
+            case CMGR_MACHINE_DOWN_MSG:
+                m_watches = true;
+                Say("machine down");
+                break;
+            case MSG_LOST_RECEIVE_QUEUE_MSG:
+            case StopType:
+                m_stop = true;
+                break;
+            default:
+                break;
+        }
+    }
+
+    void Answer(MsgMessageO message) {
+        AddressHolder channel;
+        const auto start = Clock::now();
+        const bool waits = m_waits || m_answered++ % 2 == 0;
+        const BooleanT done = MsgChannelCompleteInternal(
+            channel.Address(), message,
+            m_answered % 4 < 2 ? eMsgChannelBlocking : eMsgChannelNonBlocking,
+            waits ? eMsgChannelWaitForConnect : eMsgChannelDoNotWaitForConnect, eMsgChannelSendOk);
+        if (m_waits) Say("answered " + std::to_string(SecondsSince(start)));
+        ObjHolder<MsgConnectS> body;
+        MsgGetObject(body.Address(), message, MsgConnectMagic);
+        if (done != TRUE) Say("refused " + std::to_string(body.Get()->lErrorCode));
+    }
+
+    bool m_waits;
+    bool m_stop = false;
+    bool m_watches = false;
+    int m_answered = 0;
+};
+
+const Role echo("echo", [](const std::vector<std::string>& arguments) {
+    return Echo(arguments.size() > 1).Run(std::stoi(arguments.at(0)));
+});
+
+const Role stop("stop", [](const std::vector<std::string>& arguments) {
+    const std::string& machine = arguments.at(0);
+    for (std::size_t n = 1; n < arguments.size(); n++) {
+        if (n == 1 && !Connect(AskerId - 1)) return 10;
+        const AddressHolder echoes(AddressOf(machine, std::stoi(arguments[n])));
+        if (MsgSendObject(echoes.Get(), StopType, nullptr) != TRUE) return 11;
+    }
+    ContextReleaseThread();
+    return 0;
+});
+
+// --- the processes that ask ---
+
+class Asker {
+ public:
+    explicit Asker(ProcIdT id) {
+        if (!Connect(id)) m_wrong = " cannot connect";
+        m_before = std::make_unique<Leftovers>();
+    }
+
+    void Wrong(const std::string& what) { m_wrong += " " + what; }
+    bool Right() const { return m_wrong.empty(); }
+
+    void Send(MsgAddressO to, MsgTypeT type, int32 size, int32 number) {
+        const ObjHolder<ObjDataFieldS> body(BodyOf(size, number));
+        if (MsgSendObject(to, type, body.Get()) != TRUE) Wrong("cannot send");
+    }
+    void AskAll(MsgAddressO to, int rounds) {
+        for (int32 number = 0; number < rounds; number++) {
+            for (const int32 size : Sizes) Send(to, AskType, size, number);
+        }
+    }
+    void TakeAll(MsgAddressO from, int rounds) {
+        for (int32 number = 0; number < rounds && Right(); number++) {
+            for (const int32 size : Sizes) TakeAnswer(from, size, number);
+        }
+    }
+    void TakeAnswer(MsgAddressO from, int32 size, int32 number) {
+        MessageHolder answer;
+        Await(answer, AnswerType, from);
+        if (answer.Get() != nullptr && !IsBody(answer.Get(), size, number))
+            Wrong("another answer than to " + std::to_string(size) + " bytes");
+    }
+    void AskOnce(MsgAddressO to) {
+        Send(to, AskType, 300, 77);
+        TakeAnswer(to, 300, 77);
+    }
+    void Await(MessageHolder& message, MsgTypeT type, MsgAddressO from, int32 seconds = 60) {
+        const ObjHolder<TimeTimeoutS> timeout(In(seconds));
+        if (MsgReceiveMsgTypeFromAddress(message.Address(), type, from, timeout.Get()) != TRUE)
+            Wrong(std::string("no ") + MsgName(type));
+    }
+    // A data channel in one of the eight ways; null when it cannot be opened.
+    MsgAddressO Open(MsgAddressO to, int way) {
+        const ObjHolder<ObjIntegerS> cookie(ObjIntegerNew(way));
+        MsgAddressO channel = nullptr;
+        const bool waits = (way & 2) != 0;
+        if (MsgChannelOpenInternal(
+                &channel, to, nullptr, cookie.Get(),
+                (way & 1) != 0 ? eMsgChannelBlocking : eMsgChannelNonBlocking,
+                waits ? eMsgChannelWaitForAccept : eMsgChannelDoNotWaitForAccept,
+                (way & 4) != 0 ? eMsgChannelWaitForOk : eMsgChannelDoNotWaitForOk) != TRUE)
+            return nullptr;
+        if (waits) return channel;
+        MessageHolder message;
+        ObjHolder<MsgConnectedS> body;
+        Await(message, MSG_CONNECTED_MSG, to);
+        MsgGetObject(body.Address(), message.Get(), MsgConnectedMagic);
+        if (body.Get() == nullptr || body.Get()->bSuccess != TRUE) return nullptr;
+        if (ObjGetInteger(static_cast<ObjIntegerO>(body.Get()->oCookie)) != way)
+            Wrong("another cookie");
+        ObjIncRefCount(body.Get()->oAddress);
+        return body.Get()->oAddress;
+    }
+    // What both processes see of the socket; empty when they do not agree.
+    std::string Ends(MsgAddressO channel) {
+        MessageHolder answer;
+        ObjHolder<ObjStringS> theirs;
+        MsgSendObject(channel, WhoType, nullptr);
+        Await(answer, AnswerType, channel);
+        MsgGetObject(theirs.Address(), answer.Get(), ObjStringMagic);
+        const std::string mine = EndsOf(channel);
+        const std::string turned =
+            mine.substr(mine.size() / 2 + 1) + " " + mine.substr(0, mine.size() / 2);
+        const char* text = ObjGetString(theirs.Get());
+        const std::string said = text == nullptr ? "" : text;
+        const auto half = said.find(' ', 2);
+        if (half == std::string::npos || said.substr(half + 1) + " " + said.substr(0, half) != mine)
+            Wrong("ends " + mine + " and " + said);
+        return mine;
+    }
+    // Nothing may be there any more but what channels leave, nor anything be left over.
+    int End() {
+        const TesselContextMsgS& state = gtTlContext.sMsg;
+        while (Right() && state.oLingerList->lItemCount > 0) Drain(In(60));
+        Drain(In(0));
+        if (Right() && !m_before->Text().empty()) Wrong("left over: " + m_before->Text());
+        Say("end" + m_wrong);
+        ContextReleaseThread();
+        return m_wrong.empty() ? 0 : 11;
+    }
+
+ private:
+    void Drain(TimeTimeoutO until) {
+        const ObjHolder<TimeTimeoutS> timeout(until);
+        for (;;) {
+            MessageHolder message;
+            if (MsgReceive(message.Address(), timeout.Get()) != TRUE) return;
+            const MsgTypeT type = MsgType(message.Get());
+            if (type != MSG_CONNECTED_OK_MSG && type != MSG_CHANNEL_DOWN_MSG)
+                Wrong(std::string("got a ") + MsgName(type));
+            if (gtTlContext.sMsg.oLingerList->lItemCount == 0 && MsgReceiveCount() == 0) return;
+        }
+    }
+
+    std::string m_wrong;
+    std::unique_ptr<Leftovers> m_before;
+};
+
+// family, then machines: all of them are asked at once, then over channels of every kind.
+const Role ask("ask", [](const std::vector<std::string>& arguments) {
+    Asker asker(AskerId);
+    std::vector<std::unique_ptr<AddressHolder>> peers;
+    for (std::size_t n = 1; n < arguments.size(); n++)
+        peers.push_back(std::make_unique<AddressHolder>(AddressOf(arguments[n], EchoId)));
+    for (const auto& peer : peers) asker.AskAll(peer->Get(), Rounds);
+    Say("asked");
+    for (const auto& peer : peers) asker.TakeAll(peer->Get(), Rounds);
+    for (const auto& peer : peers) {
+        for (int way = 0; way < 8 && asker.Right(); way++) {
+            MsgAddressO channel = asker.Open(peer->Get(), way);
+            if (channel == nullptr) {
+                asker.Wrong("cannot open, way " + std::to_string(way));
+                break;
+            }
+            asker.AskAll(channel, 1);
+            asker.TakeAll(channel, 1);
+            const std::string ends = asker.Ends(channel);
+            if (ends.find(arguments[0] + " ") != 0 ||
+                ends.find(" " + arguments[0] + " ") == std::string::npos)
+                asker.Wrong("family: " + ends);
+            MsgChannelClose(&channel);
+        }
+    }
+    peers.clear();
+    return asker.End();
+});
+
+// Opens channels until none can be opened any more, tells their ends, and opens once more after it
+// has closed one.
+const Role ports("ports", [](const std::vector<std::string>& arguments) {
+    Asker asker(AskerId);
+    AddressHolder peer(AddressOf(arguments.at(0), EchoId));
+    asker.AskOnce(peer.Get());
+    std::vector<MsgAddressO> channels;
+    for (MsgAddressO channel; (channel = asker.Open(peer.Get(), 6)) != nullptr;) {
+        Say(asker.Ends(channel));
+        channels.push_back(channel);
+    }
+    Say("no more");
+    MsgChannelClose(&channels.front());
+    const ObjHolder<TimeTimeoutS> timeout(In(30));
+    while (gtTlContext.sMsg.oLingerList->lItemCount > 0 &&
+           TimeTimeoutHasExpired(timeout.Get()) != TRUE)
+        MsgWait(timeout.Get());
+    channels.front() = asker.Open(peer.Get(), 6);
+    if (channels.front() == nullptr) asker.Wrong("cannot open again");
+    for (MsgAddressO& channel : channels) MsgChannelClose(&channel);
+    ObjRelease(peer.Address());
+    return asker.End();
+});
+
+// Asks for channels without waiting for them, as many as told.
+const Role call("call", [](const std::vector<std::string>& arguments) {
+    if (!Connect(AskerId)) return 10;
+    const AddressHolder peer(AddressOf(arguments.at(0), EchoId));
+    for (int n = std::stoi(arguments.at(1)); n > 0; n--) {
+        if (MsgChannelOpenInternal(nullptr, peer.Get(), nullptr, nullptr, eMsgChannelNonBlocking,
+                                   eMsgChannelDoNotWaitForAccept, eMsgChannelWaitForOk) != TRUE)
+            return 11;
+    }
+    for (;;) {
+        MessageHolder message;
+        if (MsgReceive(message.Address(), nullptr) == TRUE && MsgType(message.Get()) == StopType)
+            break;
+    }
+    MsgQuickExit(TRUE);
+    ContextReleaseThread();
+    return 0;
+});
+
+// --- the machines ---
+
+class World {
+ public:
+    explicit World(int count) : m_networks(count) {
+        for (int n = 0; n < count && Problem().empty(); n++) {
+            m_machines.push_back(std::make_unique<Machine>(m_networks.Name(n)));
+            At(n).Configure("tlnmgr.cfg", "[Network]\nManager Port=" + std::to_string(ManagerPort) +
+                                              "\n" + (count == 2 ? "Peer Timeout=2\n" : "") +
+                                              "Connect Timeout=1\n");
+        }
+    }
+    const std::string& Problem() const { return m_networks.Problem(); }
+    Machine& At(int n) { return *m_machines[static_cast<std::size_t>(n)]; }
+    Networks& Lines() { return m_networks; }
+    // The numbers of a machine differ between those that know it.
+    std::string Stanza(int of, int by, const std::string& addresses) {
+        return "[" + m_networks.Name(of) + "]\nId=" + std::to_string(10 * of + by + 20) +
+               "\nManager Port=" + std::to_string(ManagerPort) + "\n" + addresses;
+    }
+    // They know each other at one address.
+    void Introduce(bool inet6) {
+        for (int by = 0; by < Count(); by++) {
+            std::string stanzas;
+            for (int of = 0; of < Count(); of++) {
+                if (of == by) continue;
+                stanzas +=
+                    Stanza(of, by,
+                           "Contact Address=" +
+                               (inet6 ? m_networks.Inet6(of, by) : m_networks.Inet(of, by)) + "\n");
+            }
+            At(by).KnowMachines(stanzas);
+        }
+    }
+    bool Start() {
+        for (const auto& machine : m_machines) {
+            if (!machine->Start() || !machine->StartNetwork()) return false;
+        }
+        return true;
+    }
+    int Count() const { return static_cast<int>(m_machines.size()); }
+    int Stop(int n, const std::vector<std::string>& ids) {
+        std::vector<std::string> arguments = {m_networks.Name(n)};
+        arguments.insert(arguments.end(), ids.begin(), ids.end());
+        return At(n).InRole("stop", arguments).Wait();
+    }
+
+ private:
+    Networks m_networks;
+    std::vector<std::unique_ptr<Machine>> m_machines;
+};
+
+#define NEED_NETWORKS(world) \
+    if (!(world).Problem().empty()) GTEST_SKIP() << "no networks can be made: " << (world).Problem()
+
+const std::string EchoName = std::to_string(EchoId);
+
+// Every machine asks every other one, all at the same moment.
+void AskEachOther(World& world, const std::string& family) {
+    std::vector<Process> echoes, askers;
+    for (int n = 0; n < world.Count(); n++) {
+        echoes.push_back(world.At(n).InRole("echo", {EchoName}));
+        ASSERT_EQ(echoes.back().Line(), "up");
+    }
+    for (int n = 0; n < world.Count(); n++) world.At(n).Network().Signal(SIGSTOP);
+    for (int n = 0; n < world.Count(); n++) {
+        std::vector<std::string> arguments = {family};
+        for (int other = 0; other < world.Count(); other++) {
+            if (other != n) arguments.push_back(world.At(other).Name());
+        }
+        askers.push_back(world.At(n).InRole("ask", arguments));
+        ASSERT_EQ(askers.back().Line(), "asked");
+    }
+    for (int n = 0; n < world.Count(); n++) world.At(n).Network().Signal(SIGCONT);
+    for (Process& asker : askers) EXPECT_EQ(asker.Wait(15), 0) << asker.Rest();
+    for (int n = 0; n < world.Count(); n++) {
+        EXPECT_EQ(world.Stop(n, {EchoName}), 0);
+        Process& stopped = echoes[static_cast<std::size_t>(n)];
+        EXPECT_EQ(stopped.Wait(), 0) << stopped.Rest();
+    }
+}
+
+}  // namespace
+
+TEST(Machines, ThreeAskAndAnswerEachOther) {
+    World world(3);
+    NEED_NETWORKS(world);
+    world.Introduce(false);
+    ASSERT_TRUE(world.Start());
+    AskEachOther(world, "4");
+}
+
+TEST(Machines, TwoAskAndAnswerOverInet6Alone) {
+    World world(2);
+    NEED_NETWORKS(world);
+    world.Introduce(true);
+    for (int n = 0; n < 2; n++)
+        world.At(n).Configure("configure.cfg", "[Network]\nPrefer IPV6 for Messaging=TRUE\n");
+    ASSERT_TRUE(world.Start());
+    AskEachOther(world, "6");
+}
