@@ -334,6 +334,10 @@ bool MsgIsOwnNotice(MsgTypeT tMsgType) {
 // FALSE: the packet is dealt with. It may be replaced by another.
 BooleanT MsgExaminePacket(MsgChannelO oChannel, MsgPacketO* poPacket) {
     const bool bIsCommsManager = ProcGetId() == MsgCommunicationsManagerId;
+    // In the network manager: what is for a process of another machine is that process's.
+    const bool bPassesThrough =
+        oChannel->bIsIpcChannel == TRUE &&
+        MsgPacketHeader(*poPacket)->tDestination.tMachineId > MsgMachineIdLocal;
     const MsgTypeT tMsgType = MsgPacketMsgType(*poPacket);
     TraceMessageInline(125, 0, 4, "Got a %s", MsgName(tMsgType));
     switch (tMsgType) {
@@ -350,7 +354,7 @@ BooleanT MsgExaminePacket(MsgChannelO oChannel, MsgPacketO* poPacket) {
             MsgTakeProxySource(oChannel, *poPacket);
             return FALSE;
         case MSG_SET_PROCESS_CONTEXT_REQUEST_MSG:
-            if (bIsCommsManager) break;
+            if (bIsCommsManager || bPassesThrough) break;
             MsgTakeProcessContext(oChannel, *poPacket);
             return FALSE;
         case MSG_CONNECTED_OK_MSG:
@@ -370,7 +374,7 @@ BooleanT MsgExaminePacket(MsgChannelO oChannel, MsgPacketO* poPacket) {
     }
     if (tMsgType == MSG_IPC_CONNECT_MSG)
         MsgPacketHeader(*poPacket)->tDestination = {MsgMachineIdNone, oChannel->lChannelId};
-    if (bIsCommsManager) return TRUE;
+    if (bIsCommsManager || bPassesThrough) return TRUE;
     if (tMsgType == PMGR_TASK_MSG && gtTlContext.sProcess.bNewStyleTasks != TRUE)
         MsgConvertTask(poPacket);
     return oChannel->bIsIpcChannel == TRUE ? MsgCheckIpcMessage(*poPacket) : TRUE;
