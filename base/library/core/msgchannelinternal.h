@@ -149,5 +149,5 @@ struct MsgFamiliesT {
     std::int16_t asFamilies[2];
 };
 MsgFamiliesT MsgFamilies();
-// Addresses of a host in both families, appended; TRUE when there is any.
+// Addresses of a host in both families, each once, appended; TRUE when there is any.
 BooleanT MsgResolveHost(ListO oAddressList, const char* pstrHost);
