@@ -8,6 +8,7 @@
 #include <csignal>
 #include <cstring>
 #include <memory>
+#include <set>
 
 #include "core/context.h"
 #include "core/list.h"
@@ -33,7 +34,7 @@ constexpr int Rounds = 5;
 #endif
 constexpr int32 Sizes[] = {0, 1, 300, 65536, Largest, 7, 5000};
 constexpr int32 ManagerPort = 20500;
-constexpr ProcIdT EchoId = 200, AskerId = 100;
+constexpr ProcIdT EchoId = 200, SecondId = 201, AskerId = 100;
 constexpr MsgTypeT AskType = 5000, AnswerType = 5001, WhoType = 5002, SinkType = 5003,
                    StopType = 5004;
 
@@ -143,8 +144,12 @@ class Echo {
                 MsgSendReply(message, AnswerType, message->oObject);
                 break;
             case WhoType: {
-                const ObjHolder<ObjStringS> ends(ObjStringNew(EndsOf(source.Get()).c_str()));
-                MsgSendReply(message, AnswerType, ends.Get());
+                const std::string text =
+                    MsgIsFromAChannel(message) == TRUE
+                        ? EndsOf(source.Get())
+                        : "level " + std::to_string(TraceSetLevel(eTraceLevelUnchanged));
+                const ObjHolder<ObjStringS> who(ObjStringNew(text.c_str()));
+                MsgSendReply(message, AnswerType, who.Get());
                 break;
             }
             case SinkType:
@@ -155,10 +160,9 @@ class Echo {
                 break;
             case MSG_CHANNEL_DOWN_MSG:
                 MsgChannelClose(source.Address());
-                if (m_watches) Say("channel down");
+                Say("channel down");
                 break;
             case CMGR_MACHINE_DOWN_MSG:
-                m_watches = true;
                 Say("machine down");
                 break;
             case MSG_LOST_RECEIVE_QUEUE_MSG:
@@ -186,7 +190,6 @@ class Echo {
 
     bool m_waits;
     bool m_stop = false;
-    bool m_watches = false;
     int m_answered = 0;
 };
 
@@ -268,27 +271,37 @@ class Asker {
         ObjIncRefCount(body.Get()->oAddress);
         return body.Get()->oAddress;
     }
-    // What both processes see of the socket; empty when they do not agree.
-    std::string Ends(MsgAddressO channel) {
+    // What the process says of the channel, or without one of its trace level.
+    std::string Who(MsgAddressO of) {
         MessageHolder answer;
-        ObjHolder<ObjStringS> theirs;
-        MsgSendObject(channel, WhoType, nullptr);
-        Await(answer, AnswerType, channel);
-        MsgGetObject(theirs.Address(), answer.Get(), ObjStringMagic);
+        ObjHolder<ObjStringS> said;
+        MsgSendObject(of, WhoType, nullptr);
+        Await(answer, AnswerType, of);
+        MsgGetObject(said.Address(), answer.Get(), ObjStringMagic);
+        const char* text = ObjGetString(said.Get());
+        return text == nullptr ? "" : text;
+    }
+    // What both processes see of the socket.
+    std::string Ends(MsgAddressO channel) {
         const std::string mine = EndsOf(channel);
-        const std::string turned =
-            mine.substr(mine.size() / 2 + 1) + " " + mine.substr(0, mine.size() / 2);
-        const char* text = ObjGetString(theirs.Get());
-        const std::string said = text == nullptr ? "" : text;
-        const auto half = said.find(' ', 2);
-        if (half == std::string::npos || said.substr(half + 1) + " " + said.substr(0, half) != mine)
-            Wrong("ends " + mine + " and " + said);
+        const std::string theirs = Who(channel);
+        const auto half = theirs.find(' ', 2);
+        if (half == std::string::npos ||
+            theirs.substr(half + 1) + " " + theirs.substr(0, half) != mine)
+            Wrong("ends " + mine + " and " + theirs);
         return mine;
+    }
+    // Until the channels that have been closed are gone.
+    void Linger() {
+        const auto start = Clock::now();
+        while (Right() && gtTlContext.sMsg.oLingerList->lItemCount > 0) {
+            Drain(In(1));
+            if (SecondsSince(start) > 30) Wrong("a channel does not close");
+        }
     }
     // Nothing may be there any more but what channels leave, nor anything be left over.
     int End() {
-        const TesselContextMsgS& state = gtTlContext.sMsg;
-        while (Right() && state.oLingerList->lItemCount > 0) Drain(In(60));
+        Linger();
         Drain(In(0));
         if (Right() && !m_before->Text().empty()) Wrong("left over: " + m_before->Text());
         Say("end" + m_wrong);
@@ -355,10 +368,7 @@ const Role ports("ports", [](const std::vector<std::string>& arguments) {
     }
     Say("no more");
     MsgChannelClose(&channels.front());
-    const ObjHolder<TimeTimeoutS> timeout(In(30));
-    while (gtTlContext.sMsg.oLingerList->lItemCount > 0 &&
-           TimeTimeoutHasExpired(timeout.Get()) != TRUE)
-        MsgWait(timeout.Get());
+    asker.Linger();
     channels.front() = asker.Open(peer.Get(), 6);
     if (channels.front() == nullptr) asker.Wrong("cannot open again");
     for (MsgAddressO& channel : channels) MsgChannelClose(&channel);
@@ -383,6 +393,176 @@ const Role call("call", [](const std::vector<std::string>& arguments) {
     MsgQuickExit(TRUE);
     ContextReleaseThread();
     return 0;
+});
+
+// Asks once, sets the trace level over there, and asks over a channel.
+const Role once("once", [](const std::vector<std::string>& arguments) {
+    Asker asker(AskerId);
+    AddressHolder peer(AddressOf(arguments.at(0), EchoId));
+    asker.AskOnce(peer.Get());
+    {
+        const ObjHolder<ObjIntegerS> level(ObjIntegerNew(2));
+        MsgSendObject(peer.Get(), MSG_SET_TRACE_LEVEL_MSG, level.Get());
+    }
+    if (const std::string said = asker.Who(peer.Get()); said != "level 2")
+        asker.Wrong("a message for another machine was taken on the way: " + said);
+    MsgAddressO channel = asker.Open(peer.Get(), 6);
+    asker.AskAll(channel, 1);
+    asker.TakeAll(channel, 1);
+    MsgChannelClose(&channel);
+    ObjRelease(peer.Address());
+    return asker.End();
+});
+
+const Role bystand("bystand", [](const std::vector<std::string>&) {
+    Asker asker(AskerId + 1);
+    Say("up");
+    {
+        MessageHolder message;
+        asker.Await(message, CMGR_MACHINE_DOWN_MSG, nullptr);
+    }
+    return asker.End();
+});
+
+// What the end of a line brings, and what can be done while it is cut and afterwards.
+class Watcher {
+ public:
+    explicit Watcher(const std::string& machine)
+        : m_machine(machine),
+          m_echo(AddressOf(machine, EchoId)),
+          m_second(AddressOf(machine, SecondId)) {}
+
+    void UntilCut() {
+        const ObjHolder<ObjDataFieldS> large(BodyOf(Largest, 1));
+        m_asker.AskOnce(m_second.Get());
+        Watch();
+        GiveTask();
+        MsgAddressO channel = m_asker.Open(m_second.Get(), 6);
+        m_asker.AskOnce(channel);
+        Say("sending");
+        // There is always a message of which only a part has left.
+        ObjHolder<MsgChannelS> link;
+        MsgGetChannel(link.Address(), channel);
+        MessageHolder down;
+        const auto start = Clock::now();
+        while (down.Get() == nullptr && SecondsSince(start) < 30) {
+            const ObjHolder<TimeTimeoutS> soon(In(1));
+            while (MsgChannelIsDown(link.Get()) != TRUE && MsgChannelOutputCount(link.Get()) < 2)
+                MsgSendObject(channel, SinkType, large.Get());
+            MsgReceiveMsgTypeFromAddress(down.Address(), MSG_CHANNEL_DOWN_MSG, channel, soon.Get());
+        }
+        if (down.Get() == nullptr) m_asker.Wrong("channel is not down");
+        MsgChannelClose(&channel);
+        TakeMachineDown();
+        TakeDied();
+        TakeTask(9);
+        Say("cut");
+    }
+
+    void WhileCut(const std::vector<std::string>& unreachable) {
+        GiveTask();
+        TakeTask(17);
+        for (const std::string& machine : unreachable) {
+            const AddressHolder there(AddressOf(machine, SecondId));
+            NoAnswer(there.Get());
+            MessageHolder notice;
+            ObjHolder<NmgrMachineUnreachableS> body;
+            m_asker.Await(notice, NMGR_MACHINE_UNREACHABLE_MSG, nullptr, 1);
+            MsgGetObject(body.Address(), notice.Get(), NmgrMachineUnreachableMagic);
+            if (body.Get() == nullptr || machine != body.Get()->pstrMachineName ||
+                body.Get()->tMsgType != AskType ||
+                ObjCheckTypeInternal(body.Get()->oUndelivered, ObjDataFieldMagic) != TRUE)
+                m_asker.Wrong("another notice of " + machine);
+        }
+        Say("unreachable");
+        MessageHolder go;
+        m_asker.Await(go, StopType, nullptr);
+    }
+
+    int Afterwards() {
+        Watch();
+        m_asker.AskOnce(m_echo.Get());
+        Say("watching");
+        TakeDied();
+        NoAnswer(m_echo.Get());
+        {
+            MessageHolder notice;
+            m_asker.Await(notice, CMGR_PROCESS_UNREACHABLE_MSG, nullptr, 1);
+        }
+        m_asker.AskOnce(m_second.Get());
+        ObjRelease(m_echo.Address());
+        ObjRelease(m_second.Address());
+        return m_asker.End();
+    }
+
+ private:
+    void Watch() {
+        const AddressHolder manager(AddressOf(m_machine, MsgProcessManagerId));
+        const ObjHolder<PmgrNotifyOnDeathS> body(
+            ObjNew<PmgrNotifyOnDeathS>(PmgrNotifyOnDeathMagic, "o;"));
+        body.Get()->oAddress = AddressOf(m_machine, EchoId);
+        MsgSendObject(manager.Get(), PMGR_NOTIFY_ON_DEATH_MSG, body.Get());
+    }
+    // Of a service behind a process that never says what has become of it.
+    void GiveTask() {
+        auto* service = ObjNew<ProcAddressS>(ProcAddressMagic, "s;s;i;");
+        service->pstrMachineName = StrDuplicate(m_machine.c_str());
+        service->pstrProcessName = StrDuplicate("service");
+        service->lInterfaceType = 7;
+        const ObjHolder<PmgrGiveServiceATaskS> task(
+            ObjNew<PmgrGiveServiceATaskS>(PmgrGiveServiceATaskMagic, "o;s;i;s;b;o;i;"));
+        task.Get()->oProcAddress = service;
+        task.Get()->lCookie = ++m_cookie;
+        MsgSendObject(m_second.Get(), PMGR_GIVE_SERVICE_A_TASK_MSG, task.Get());
+    }
+    void TakeTask(int32 error) {
+        MessageHolder message;
+        ObjHolder<PmgrGiveServiceATaskReturnS> body;
+        m_asker.Await(message, PMGR_GIVE_SERVICE_A_TASK_RETURN_MSG, nullptr, 10);
+        MsgGetObject(body.Address(), message.Get(), PmgrGiveServiceATaskReturnMagic);
+        if (body.Get() == nullptr || body.Get()->bSuccess != FALSE ||
+            body.Get()->lErrorCode != error || body.Get()->lCookie != m_cookie)
+            m_asker.Wrong("another reply to the task");
+    }
+    void TakeMachineDown() {
+        MessageHolder message;
+        ObjHolder<CmgrMachineDownS> body;
+        m_asker.Await(message, CMGR_MACHINE_DOWN_MSG, nullptr, 10);
+        MsgGetObject(body.Address(), message.Get(), CmgrMachineDownMagic);
+        if (body.Get() == nullptr || m_machine != body.Get()->pstrMachineName)
+            m_asker.Wrong("another machine is down");
+    }
+    void TakeDied() {
+        MessageHolder message;
+        ObjHolder<PmgrProcessDiedS> body;
+        m_asker.Await(message, PMGR_PROCESS_DIED_MSG, nullptr, 10);
+        MsgGetObject(body.Address(), message.Get(), PmgrProcessDiedMagic);
+        if (body.Get() == nullptr || MsgAddressEqual(body.Get()->oAddress, m_echo.Get()) != TRUE)
+            m_asker.Wrong("another process died");
+    }
+    // The wait for an answer ends long before its time.
+    void NoAnswer(MsgAddressO from) {
+        MessageHolder message;
+        const ObjHolder<TimeTimeoutS> timeout(In(60));
+        const auto start = Clock::now();
+        m_asker.Send(from, AskType, 300, 1);
+        if (MsgReceiveMsgTypeFromAddress(message.Address(), AnswerType, from, timeout.Get()) ==
+                TRUE ||
+            SecondsSince(start) > 20)
+            m_asker.Wrong(std::string("waited for ") + MsgGetMachineName(from));
+    }
+
+    Asker m_asker{AskerId};
+    std::string m_machine;
+    AddressHolder m_echo, m_second;
+    int32 m_cookie = 0;
+};
+
+const Role watch("watch", [](const std::vector<std::string>& arguments) {
+    Watcher watcher(arguments.at(0));
+    watcher.UntilCut();
+    watcher.WhileCut(arguments);
+    return watcher.Afterwards();
 });
 
 // --- the machines ---
@@ -485,4 +665,94 @@ TEST(Machines, TwoAskAndAnswerOverInet6Alone) {
         world.At(n).Configure("configure.cfg", "[Network]\nPrefer IPV6 for Messaging=TRUE\n");
     ASSERT_TRUE(world.Start());
     AskEachOther(world, "6");
+}
+
+TEST(Machines, DataChannelsKeepToThePortsOfTheFirewall) {
+    World world(2);
+    NEED_NETWORKS(world);
+    world.Introduce(false);
+    const std::string firewall = "/config/firewall.cfg", section = "[MsgChannel]\n";
+    WriteFile(world.At(0).Home() + firewall, section + "Ports=21001 - 21002\n");
+    WriteFile(world.At(1).Home() + firewall, section + "Out Ports=22001,22003 - 22005\n");
+    ASSERT_TRUE(world.Start());
+    Process echoes = world.At(1).InRole("echo", {EchoName});
+    ASSERT_EQ(echoes.Line(), "up");
+
+    Process ports = world.At(0).InRole("ports", {world.At(1).Name()});
+    EXPECT_EQ(ports.Line(), "4 21001 4 22001");
+    EXPECT_EQ(ports.Line(), "4 21002 4 22003");
+    EXPECT_EQ(ports.Line(), "no more");
+    EXPECT_EQ(ports.Wait(), 0) << ports.Rest();
+    std::multiset<std::string> said;
+    for (int n = 0; n < 4; n++) said.insert(echoes.Line());
+    EXPECT_EQ(said.count("refused 2"), 1U);  // the opener could not listen
+    EXPECT_EQ(said.count("channel down"), 3U);
+
+    // One port to go out: the second answer fails, whatever the opener could do.
+    WriteFile(world.At(1).Home() + firewall, section + "Out Ports=22001\n");
+    Process call = world.At(0).InRole("call", {world.At(1).Name(), "2"});
+    EXPECT_EQ(echoes.Line(), "refused 0");
+    EXPECT_EQ(world.Stop(0, {std::to_string(AskerId)}), 0);
+    EXPECT_EQ(call.Wait(), 0);
+    EXPECT_EQ(echoes.Line(), "channel down");
+    EXPECT_EQ(world.Stop(1, {EchoName}), 0);
+    EXPECT_EQ(echoes.Wait(), 0) << echoes.Rest();
+}
+
+TEST(Machines, AddressesThatDoNotAnswerArePassedOver) {
+    World world(2);
+    NEED_NETWORKS(world);
+    Networks& lines = world.Lines();
+    world.At(0).KnowMachines(
+        world.Stanza(1, 0, "Networks=" + lines.Silent(1, 0, 0) + "," + lines.Inet(1, 0) + "\n"));
+    world.At(1).KnowMachines(world.Stanza(0, 1, "Contact Address=many\n"));
+    world.At(1).KnowHosts("127.0.0.1 localhost\n" + lines.Silent(0, 1, 0) + " many\n" +
+                          lines.Silent(0, 1, 1) + " many\n" + lines.Inet(0, 1) + " many\n");
+    ASSERT_TRUE(world.Start());
+    Process echoes = world.At(1).InRole("echo", {EchoName, "waits"});
+    ASSERT_EQ(echoes.Line(), "up");
+    Process once = world.At(0).InRole("once", {world.At(1).Name()});
+    EXPECT_EQ(once.Wait(60), 0) << once.Rest();
+    const std::string answered = echoes.Line();
+    ASSERT_TRUE(answered.starts_with("answered "));
+    const int seconds = std::stoi(answered.substr(9));
+    EXPECT_TRUE(seconds >= 2 && seconds < 5) << seconds;  // one for each silent address
+    EXPECT_EQ(world.Stop(1, {EchoName}), 0);
+    EXPECT_EQ(echoes.Wait(), 0) << echoes.Rest();
+}
+
+TEST(Machines, ALineThatIsCutEndsWhatDependsOnIt) {
+    World world(2);
+    NEED_NETWORKS(world);
+    world.Introduce(false);
+    const std::string there = world.At(1).Name();
+    const std::string port = "Manager Port=" + std::to_string(ManagerPort) + "\n";
+    world.At(0).KnowMachines(ReadFile(world.At(0).Home() + "/etc/machines.dat") +
+                             "[lost]\nId=90\n" + port + "Contact Address=203.0.113.9\n" +
+                             "[silent]\nId=91\n" + port +
+                             "Contact Address=" + world.Lines().Silent(1, 0, 0) + "\n");
+    ASSERT_TRUE(world.Start());
+    Process echoes = world.At(1).InRole("echo", {EchoName});
+    Process second = world.At(1).InRole("echo", {std::to_string(SecondId)});
+    Process bystander = world.At(0).InRole("bystand", {});
+    for (Process* process : {&echoes, &second, &bystander}) ASSERT_EQ(process->Line(), "up");
+    Process watch = world.At(0).InRole("watch", {there, "lost", "silent"});
+    ASSERT_EQ(watch.Line(), "sending") << watch.Rest();
+
+    ASSERT_TRUE(world.Lines().Cut(1, 0));
+    EXPECT_EQ(watch.Line(20), "cut");
+    EXPECT_EQ(bystander.Wait(20), 0) << bystander.Rest();
+    EXPECT_EQ(echoes.Line(20), "machine down");
+    const std::string first = second.Line(20), next = second.Line(20);
+    EXPECT_TRUE(first == "channel down" || next == "channel down") << first << ", " << next;
+    EXPECT_TRUE(first == "machine down" || next == "machine down") << first << ", " << next;
+    EXPECT_EQ(watch.Line(), "unreachable");
+
+    ASSERT_TRUE(world.Lines().Mend(1, 0));
+    EXPECT_EQ(world.Stop(0, {std::to_string(AskerId)}), 0);
+    ASSERT_EQ(watch.Line(), "watching") << watch.Rest();
+    echoes.Signal(SIGKILL);
+    EXPECT_EQ(watch.Wait(), 0) << watch.Rest();
+    EXPECT_EQ(world.Stop(1, {std::to_string(SecondId)}), 0);
+    EXPECT_EQ(second.Wait(), 0) << second.Rest();
 }
