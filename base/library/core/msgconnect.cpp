@@ -177,14 +177,21 @@ BooleanT MsgChannelFromPending(MsgChannelO* poChannel, NetSocketT tSocket, MsgCo
                                     eMsgChannelNotIpcChannel, eWaitForOk, eMsgChannelNotGuiChannel);
 }
 
-// What the connecting side says first on a new channel.
+// What the connecting side says first on a new channel. One on which it cannot be said goes without
+// a notice: nobody has seen it.
 BooleanT MsgSendGreetings(MsgChannelO oChannel, int32 lType, int32 eSendOk, MsgAddressO oTunnelBody,
                           MsgAddressO oOkBody) {
+    const BooleanT bNotifyDown = oChannel->bNotifyDown;
     BooleanT bResult = TRUE;
+    oChannel->bNotifyDown = FALSE;
     if (lType == eMsgChannelConnectTypeTunnel)
         bResult = MsgSendObject(oChannel->oChannelAddress, MSG_TUNNEL_CONNECT_MSG, oTunnelBody);
     if (bResult == TRUE && eSendOk == eMsgChannelSendOk)
         bResult = MsgSendObject(oChannel->oChannelAddress, MSG_CONNECTED_OK_MSG, oOkBody);
+    if (bResult == TRUE)
+        oChannel->bNotifyDown = bNotifyDown;
+    else
+        MsgDiscardChannel(oChannel);
     return bResult;
 }
 
@@ -407,10 +414,8 @@ BooleanT MsgConnectWaiting(MsgChannelO* poChannel, MsgSocketHolder& tSocket, Net
         return FALSE;
     tSocket.Take();
     if (MsgSendGreetings(oChannel.Get(), tWish.eType, tWish.eSendOk, MsgLocalAddress(), nullptr) !=
-        TRUE) {
-        MsgDiscardChannel(oChannel.Get());
+        TRUE)
         return FALSE;
-    }
     if (poChannel != nullptr) *poChannel = oChannel.Take();
     return TRUE;
 }
