@@ -544,6 +544,7 @@ TEST_F(Channels, ReceiveList) {
 TEST_F(Channels, WaitForATypeFromAnAddress) {
     Link link, ipc(eMsgChannelNonBlocking, eMsgChannelDoNotWaitForOk, true);
     gtTlContext.sMsg.oIpcChannel = ipc.channel.Get();  // so that managers are listened to
+    ObjIncRefCount(ipc.channel.Get());
     ObjHolder<TimeTimeoutS> soon;
     Message message;
     ObjHolder<MsgAddressS> nine, far;
@@ -581,7 +582,7 @@ TEST_F(Channels, WaitForATypeFromAnAddress) {
                   FALSE);
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10)) << end.type;
     }
-    gtTlContext.sMsg.oIpcChannel = nullptr;
+    EXPECT_EQ(gtTlContext.sMsg.oIpcChannel, nullptr);  // gone with the machine
 }
 
 TEST_F(Channels, SocketsThatNoMaskHolds) {
