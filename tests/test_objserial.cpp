@@ -228,6 +228,32 @@ TEST(Stream, BadStreamsAreRefusedAndLeaveNothing) {
     }
 }
 
+TEST(Stream, CirclesAreRefusedWhereAskedFor) {
+    const std::string again = SharedAgain(1);
+    const std::string holder = Object(0xc9c00005, "o;", again);
+    const std::pair<std::string, bool> streams[] = {
+        {kSelf, false},
+        {List({kSelf}), false},
+        {SharedFirst(1, List({Integer(5), holder})), false},
+        {SharedFirst(1, "\1" + kTree + kZero + "\1\1" + holder + kZero + kZero + kTree), false},
+        {List({SharedFirst(1, Integer(5)), again, again}), true},
+        {List({SharedFirst(1, List({SharedFirst(2, Integer(5)), SharedAgain(2)})), again}), true},
+    };
+    for (const auto& [bytes, taken] : streams) {
+        // Each is a whole stream, which is read where circles are nobody's concern.
+        void* o = nullptr;
+        ASSERT_EQ(Read(&o, bytes), TRUE) << Hex(bytes);
+        ObjReleaseContents(o);
+        ObjReleaseInternal(&o);
+        const Leftovers before;
+        EXPECT_EQ(ObjReconstructWithoutCircles(&o, bytes.data(), static_cast<int32>(bytes.size())),
+                  BooleanFrom(taken))
+            << Hex(bytes);
+        if (o != nullptr) ObjReleaseInternal(&o);
+        EXPECT_EQ(before.Text(), "") << Hex(bytes);
+    }
+}
+
 TEST(Stream, NestingIsBounded) {
     void* o = nullptr;
     for (const int depth : {999, 1000}) {

@@ -5,11 +5,11 @@
 // Readers trust nothing: a length or count is checked against what the source still holds before
 // anything is allocated for it, and nesting is bounded (ObjMaximumDepth). A class of this program
 // in another shape, without a translator, is refused. Classes that this program does not know are
-// kept for good, so that no more than 4096 of them are taken; one of them gives way when the program
-// declares its own shape, unless objects of the stream's shape are still there, which is the forced
-// stop. One thing remains with the caller: a stream may describe objects that hold each other, which
-// releasing them does not free (ObjReleaseContents breaks the circle). A failed read leaves nothing
-// behind.
+// kept for good, so that no more than 4096 of them are taken; one of them gives way when the
+// program declares its own shape, unless objects of the stream's shape are still there, which is
+// the forced stop. A stream may describe objects that hold each other, which releasing them does
+// not free (ObjReleaseContents breaks the circle); ObjReconstructWithoutCircles refuses those. A
+// failed read leaves nothing behind.
 #pragma once
 
 #include <cstdio>
@@ -30,12 +30,14 @@ struct ObjSerialStreamS {
     BooleanT bIsLocal;  // stays within the process: private links and whole pointers travel too
     int64 llRemaining;  // reading: bytes left in the source, or ObjRemainingUnknown
     int32 lDepth;       // objects being transferred, one inside the other
+    BooleanT bNoCircles;  // reading: objects that hold each other are a failure
 };
 using ObjSerialStreamT = ObjSerialStreamS*;
 
 struct ObjMapEntryT {
     int32 lMapId;
     void* oObject;
+    BooleanT bClosed;  // reading: the whole object has been read
 };
 
 // A growing buffer over memory of the caller's, which is replaced by a block of the library's once
@@ -68,7 +70,10 @@ BooleanT ObjSerializeLocal(void* oSource, void* pBuffer, int32* plSize);
 BooleanT ObjReconstructFromMemory(void** poResult, const void* pBuffer);
 // For bytes from outside: never reads past the lSize bytes; running out of them is a failure.
 BooleanT ObjReconstructFromMemorySized(void** poResult, const void* pBuffer, int32 lSize);
-// The same for a stream written by ObjSerializeLocal.
+// The same where objects that hold each other are a failure, so that releasing what was read frees
+// all of it.
+BooleanT ObjReconstructWithoutCircles(void** poResult, const void* pBuffer, int32 lSize);
+// Like ObjReconstructFromMemorySized, for a stream written by ObjSerializeLocal.
 BooleanT ObjReconstructLocal(void** poResult, const void* pBuffer, int32 lSize);
 // Only a stream that begins with an object of that class held once; lSize is not consulted.
 BooleanT ObjReconstructObjectFromMemory(void** poResult, const void* pBuffer, int32 lSize,

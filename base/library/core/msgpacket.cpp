@@ -113,8 +113,9 @@ BooleanT MsgReadBody(void** poObject, MsgPacketO oPacket) {
     const bool bWithin = MsgPacketHeader(oPacket)->bMore == MsgPacketWithin;
     const ByteT* pBody = MsgPacketBytes(oPacket) + MsgPacketPrefixSize;
     const int32 lSize = oPacket->tMessage.lSize - MsgPacketPrefixSize;
+    // Nobody breaks up circles in what others have sent.
     const BooleanT bResult = bWithin ? ObjReconstructLocal(poObject, pBody, lSize)
-                                     : ObjReconstructFromMemorySized(poObject, pBody, lSize);
+                                     : ObjReconstructWithoutCircles(poObject, pBody, lSize);
     if (bResult != TRUE) TraceMessageInline(44, 1, -1, "Body of a packet cannot be rebuilt");
     return bResult;
 }

@@ -337,7 +337,7 @@ ObjWalkResultE ObjReplaceReference(void* pCookie, void** poVisited) {
 
 // The translator put another object in the place of one that the map knows.
 void ObjReplaceTranslated(ObjSerialStreamT tStream, int32 lMapId, void** poNew) {
-    ObjMapEntryT tKey = {lMapId, nullptr};
+    ObjMapEntryT tKey = {lMapId, nullptr, FALSE};
     void* pFound = nullptr;
     if (MapFindEntry(&pFound, tStream->oMap, &tKey) != TRUE) return;
     auto* ptEntry = static_cast<ObjMapEntryT*>(pFound);
@@ -510,8 +510,29 @@ BooleanT ObjReconstructAgain(void** poResult, ObjSerialStreamT tStream) {
         TraceMessageInline(49, 1, -1, "Fatal error - entry not in map");
         return FALSE;
     }
-    *poResult = static_cast<ObjMapEntryT*>(pFound)->oObject;
+    const auto* ptEntry = static_cast<ObjMapEntryT*>(pFound);
+    if (tStream->bNoCircles == TRUE && ptEntry->bClosed != TRUE) {
+        TraceMessageInline(189, 1, -1, "Object number %d is held by what it holds", tKey.lMapId);
+        return FALSE;
+    }
+    *poResult = ptEntry->oObject;
     return ObjIncRefCount(*poResult);
+}
+
+// From now on references to the object cannot come from inside it.
+void ObjCloseEntry(ObjSerialStreamT tStream, int32 lMapId) {
+    ObjMapEntryT tKey = {lMapId, nullptr, FALSE};
+    void* pFound = nullptr;
+    if (MapFindEntry(&pFound, tStream->oMap, &tKey) == TRUE)
+        static_cast<ObjMapEntryT*>(pFound)->bClosed = TRUE;
+}
+
+BooleanT ObjReconstructBody(void** poResult, ObjSerialStreamT tStream, int32 lMapId) {
+    int32 lMagic = 0;
+    if (ObjTakeLong(tStream, &lMagic) != TRUE) return FALSE;
+    if (lMagic == TreeMagic) return ObjReconstructTree(poResult, tStream, lMapId);
+    if (lMagic == ListMagic) return ObjReconstructList(poResult, tStream, lMapId);
+    return ObjReconstructSimple(poResult, tStream, lMagic, lMapId);
 }
 
 }  // namespace
@@ -544,11 +565,9 @@ BooleanT ObjReconstruct(void** poResult, ObjSerialStreamT tStream) {
             TraceMessageInline(51, 1, -1, "Impossible scenario, location type %d", bLocation);
             return FALSE;
     }
-    int32 lMagic = 0;
-    if (ObjTakeLong(tStream, &lMagic) != TRUE) return FALSE;
-    if (lMagic == TreeMagic) return ObjReconstructTree(poResult, tStream, lMapId);
-    if (lMagic == ListMagic) return ObjReconstructList(poResult, tStream, lMapId);
-    return ObjReconstructSimple(poResult, tStream, lMagic, lMapId);
+    const BooleanT bResult = ObjReconstructBody(poResult, tStream, lMapId);
+    if (lMapId != 0) ObjCloseEntry(tStream, lMapId);
+    return bResult;
 }
 
 BooleanT ObjReconstructWithCallback(void** poResult, ObjSerialStreamT tStream) {

@@ -28,7 +28,7 @@ BooleanT ObjEnterInMap(ObjSerialStreamT tStream, int32 lMapId, void* oObject, Ma
     }
     // Room grows with the map, so that entering n objects does not copy n * n entries.
     tStream->oMap->lGrowSize = std::max(ObjMapGrowth, tStream->oMap->lMaximumEntries / 2);
-    ObjMapEntryT tEntry = {lMapId, oObject};
+    ObjMapEntryT tEntry = {lMapId, oObject, FALSE};
     return MapInsertEntry(tStream->oMap, &tEntry);
 }
 
@@ -46,7 +46,7 @@ namespace {
 
 ObjSerialStreamS ObjNewStream(ObjTransferFnT pfnCallback, void* pCookie, BooleanT bIsLocal,
                               int64 llRemaining = ObjRemainingUnknown) {
-    return {pfnCallback, pCookie, nullptr, 0, bIsLocal, llRemaining, 0};
+    return {pfnCallback, pCookie, nullptr, 0, bIsLocal, llRemaining, 0, FALSE};
 }
 
 // --- memory ---
@@ -71,10 +71,12 @@ BooleanT ObjWriteWhole(void* oSource, void* pBuffer, int32* plSize, BooleanT bIs
     return bResult;
 }
 
-BooleanT ObjReadWhole(void** poResult, const void* pBuffer, int64 llSize, BooleanT bIsLocal) {
+BooleanT ObjReadWhole(void** poResult, const void* pBuffer, int64 llSize, BooleanT bIsLocal,
+                      BooleanT bNoCircles = FALSE) {
     if (poResult == nullptr || pBuffer == nullptr) return FALSE;
     const auto* pPosition = static_cast<const ByteT*>(pBuffer);
     ObjSerialStreamS tStream = ObjNewStream(ObjReadFromMemory, &pPosition, bIsLocal, llSize);
+    tStream.bNoCircles = bNoCircles;
     return ObjReconstructWithCallback(poResult, &tStream);
 }
 
@@ -162,6 +164,11 @@ BooleanT ObjReconstructFromMemory(void** poResult, const void* pBuffer) {
 BooleanT ObjReconstructFromMemorySized(void** poResult, const void* pBuffer, int32 lSize) {
     if (lSize < 0) return FALSE;
     return ObjReadWhole(poResult, pBuffer, lSize, FALSE);
+}
+
+BooleanT ObjReconstructWithoutCircles(void** poResult, const void* pBuffer, int32 lSize) {
+    if (lSize < 0) return FALSE;
+    return ObjReadWhole(poResult, pBuffer, lSize, FALSE, TRUE);
 }
 
 BooleanT ObjReconstructLocal(void** poResult, const void* pBuffer, int32 lSize) {

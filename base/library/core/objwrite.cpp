@@ -252,7 +252,7 @@ BooleanT ObjSerialize(void* oSource, ObjSerialStreamT tStream) {
         return BooleanFrom(ObjPutByte(tStream, eObjLocationSingle) == TRUE &&
                            ObjSerializeBody(tStream, oSource) == TRUE);
     }
-    ObjMapEntryT tKey = {0, oSource};
+    ObjMapEntryT tKey = {0, oSource, FALSE};
     void* pFound = nullptr;
     if (MapFindEntry(&pFound, tStream->oMap, &tKey) == TRUE) {
         const int32 lMapId = static_cast<ObjMapEntryT*>(pFound)->lMapId;
