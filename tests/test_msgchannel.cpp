@@ -558,6 +558,9 @@ TEST_F(Channels, WaitForATypeFromAnAddress) {
     link.Say(Body(7002, Absent) + Body(7001, Absent));
     EXPECT_TRUE(wait(7001, link.address));
     EXPECT_FALSE(wait(7001, nine.Get()));  // the other one stays
+    ObjRelease(&link.channel.Get()->oRemoteAddress);
+    link.Say(Body(7001, Absent));
+    EXPECT_TRUE(wait(7001, link.address));  // also when nobody is known at the other end
     ipc.Say(FromProcess(9, 7001));
     EXPECT_TRUE(wait(0, nine.Get()));
     EXPECT_EQ(MsgReceiveCount(), 1);

@@ -80,7 +80,7 @@ struct MsgPeerT {
     explicit MsgPeerT(MsgAddressO oAddress) {
         if (MsgIsAChannel(oAddress) == TRUE) lChannelId = oAddress->tProcessId;
         if (MsgRemoteEnd(oProcess.Address(), oAddress) == TRUE)
-            pstrMachine = oProcess.Get()->pstrMachineName;
+            pstrMachine = MsgGetMachineName(oProcess.Get());
     }
     bool IsOnMachine(MsgAddressO oAddress) const {
         return oProcess.Get() != nullptr &&
