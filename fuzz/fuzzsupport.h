@@ -26,10 +26,10 @@ inline void PassForcedStop(int signal, siginfo_t* info, void* context) {
     std::abort();
 }
 
-inline void FuzzInitialize(const char* home) {
+inline void FuzzInitialize(const char* home, bool trace = false) {
     setenv("KRHOME", home, 1);
     if (ContextInitialize() != TRUE) std::abort();
-    TraceSetBuffer(nullptr);  // what is traced is not looked at
+    if (!trace) TraceSetBuffer(nullptr);  // what is traced is not looked at
     struct sigaction pass = {};
     pass.sa_flags = SA_SIGINFO;
     pass.sa_sigaction = PassForcedStop;
@@ -38,13 +38,13 @@ inline void FuzzInitialize(const char* home) {
 
 // A home directory of the fuzzer's own, in memory where the host has a place for that, with one
 // directory in it; removed at the end.
-inline std::string FuzzMakeHome(const char* directory) {
+inline std::string FuzzMakeHome(const char* directory, bool trace = false) {
     namespace fs = std::filesystem;
     static std::string home = fs::exists("/dev/shm") ? "/dev/shm/fuzzXXXXXX" : "/tmp/fuzzXXXXXX";
     if (mkdtemp(home.data()) == nullptr) std::abort();
     std::atexit([] { fs::remove_all(home); });
     fs::create_directories(home + "/" + directory);
-    FuzzInitialize(home.c_str());
+    FuzzInitialize(home.c_str(), trace);
     return home;
 }
 
