@@ -2,7 +2,8 @@
 #
 #   make                  the tool (build/bin/zlibcompress), the library (build/lib/libtessel.a), tests
 #   make run              packs and unpacks 100 MB of this machine's files and checks every byte;
-#                         then traces 100,000 lines into rotating files and finds every one again
+#                         then traces 100,000 lines into rotating files and finds every one again;
+#                         then lets two processes talk over a channel
 #   make test             all tests
 #   make bench            all comparisons; BENCH="alloc list" for some of them
 #   make fuzz             every fuzzer for FUZZ_SECONDS
@@ -22,8 +23,8 @@ all:
 	@scripts/setup.sh build test && scripts/build.sh release
 
 run:
-	@scripts/setup.sh build test && scripts/build.sh release zlibcompress tracing && scripts/run.sh && \
-		scripts/run-tracing.sh
+	@scripts/setup.sh build test && scripts/build.sh release zlibcompress tracing asking commsmanager && \
+		scripts/run.sh && scripts/run-tracing.sh && scripts/run-messages.sh
 
 test: all
 	@$(CTEST) build
