@@ -11,6 +11,7 @@
 #include <string>
 
 #include "core/msgchannel.h"
+#include "core/msgwait.h"
 #include "core/process.h"
 #include "fuzzsupport.h"
 
@@ -24,12 +25,19 @@ inline MsgAddressO FuzzAddress(const char* machine, ProcIdT id) {
     return oAddress;
 }
 
+constexpr MsgTypeT FuzzHandledType = 6000;   // a handler of waits takes it
+constexpr MsgTypeT FuzzSentinelType = 7777;  // behind everything that has arrived
+
 // A home that knows two other machines, and a process in it that takes messages and traces.
 inline void FuzzInitializeMessages() {
     const std::string home = FuzzMakeHome("etc", true);
     std::filesystem::create_directories(home + "/config");
     std::ofstream(home + "/etc/machines.dat") << "[beta]\nId=5\n\n[gamma]\nId=6\nServer=TRUE\n";
     gtTlContext.sMsg.bInitialized = TRUE;
+    MsgWaitKeepUnhandledMessages();
+    MsgWaitDisableDefaultHandlers();
+    MsgWaitAddHandler(
+        FuzzHandledType, [](MsgMessageO, void*) { return eMsgWaitResultHandled; }, nullptr);
 }
 
 // Hands out the bytes of the input one value after the other.
@@ -135,6 +143,18 @@ class FuzzLink {
     MsgChannelO m_oChannel = nullptr;
 };
 
+// The default handlers, for messages that make them neither end the process nor connect nor write.
+inline void FuzzHandleByDefault(MsgMessageO oMessage) {
+    constexpr MsgTypeT atHarmless[] = {CMGR_MACHINE_DOWN_MSG, PMGR_GIVE_SERVICE_A_TASK_RETURN_MSG,
+                                       MSG_UNKNOWN_MSG, MSG_CONNECTED_MSG, TIMER_CALLBACK_MSG};
+    if (std::find(std::begin(atHarmless), std::end(atHarmless), MsgType(oMessage)) ==
+        std::end(atHarmless))
+        return;
+    gtTlContext.sMsgWait.bDisableDefaultHandlers = FALSE;
+    MsgWaitDefaultHandlers(oMessage);
+    gtTlContext.sMsgWait.bDisableDefaultHandlers = TRUE;
+}
+
 // What an application asks of a message, and the answers it gives.
 inline void FuzzUseMessage(MsgMessageO oMessage, MsgAddressO oPeer) {
     ObjHolder<MsgAddressS> oSource;
@@ -151,10 +171,31 @@ inline void FuzzUseMessage(MsgMessageO oMessage, MsgAddressO oPeer) {
     MsgIsFromLocalMachine(oMessage);
     MsgAddressIsFrom(oPeer, oSource.Get());
     MsgAddressEqual(oSender.Get(), oProxyPeer.Get());
+    FuzzHandleByDefault(oMessage);
     if (MsgType(oMessage) == MSG_PING_MSG)
         MsgPong(oMessage);
     else
         MsgReturnUnknown(oMessage, "nobody handles this");
+}
+
+// Waits that look at everything and leave all that nobody handles.
+inline void FuzzWait(MsgAddressO oPeer, TimeTimeoutO oAtOnce) {
+    for (const bool bExclusive : {true, false}) {
+        ObjHolder<MsgMessageS> oMessage;
+        const int32 lBefore = MsgReceiveCount();
+        if (MsgSendObjectToSelf(FuzzSentinelType, nullptr) != TRUE) return;
+        if (bExclusive) {
+            const MsgWaitResultE eResult = MsgWaitExclusiveWithTimeout(
+                oMessage.Address(), MsgLocalAddress(), FuzzSentinelType, nullptr);
+            // One has ended the wait, and one that cannot be read may have.
+            Expect(MsgReceiveCount() == lBefore && eResult != eMsgWaitResultTimeout);
+        } else {
+            MsgWaitMessageWithTimeout(oMessage.Address(), nullptr, FuzzSentinelType, nullptr);
+            Expect(MsgReceiveCount() <= lBefore);
+        }
+    }
+    ObjHolder<MsgMessageS> oMessage;
+    MsgWaitMessageWithTimeout(oMessage.Address(), oPeer, MSG_PONG_MSG, oAtOnce);
 }
 
 // Takes everything: first what a wait for one type looks for, then message by message. The first
@@ -163,6 +204,7 @@ inline void FuzzTakeAll(MsgAddressO oPeer) {
     ObjHolder<TimeTimeoutS> oAtOnce;
     Expect(TimeCreateTimeout(oAtOnce.Address()) == TRUE);
     TimeSetTimeoutImmediate(oAtOnce.Get());
+    FuzzWait(oPeer, oAtOnce.Get());
     ObjHolder<MsgMessageS> oFound;
     if (MsgReceiveMsgTypeFromAddress(oFound.Address(), MSG_PONG_MSG, oPeer, oAtOnce.Get()) == TRUE)
         Expect(MsgType(oFound.Get()) == MSG_PONG_MSG);
