@@ -193,11 +193,11 @@ class Echo {
     int m_answered = 0;
 };
 
-const Role echo("echo", [](const std::vector<std::string>& arguments) {
+const Role echoRole("echo", [](const std::vector<std::string>& arguments) {
     return Echo(arguments.size() > 1).Run(std::stoi(arguments.at(0)));
 });
 
-const Role stop("stop", [](const std::vector<std::string>& arguments) {
+const Role stopRole("stop", [](const std::vector<std::string>& arguments) {
     const std::string& machine = arguments.at(0);
     for (std::size_t n = 1; n < arguments.size(); n++) {
         if (n == 1 && !Connect(AskerId - 1)) return 10;
@@ -327,7 +327,7 @@ class Asker {
 };
 
 // family, then machines: all of them are asked at once, then over channels of every kind.
-const Role ask("ask", [](const std::vector<std::string>& arguments) {
+const Role askRole("ask", [](const std::vector<std::string>& arguments) {
     Asker asker(AskerId);
     std::vector<std::unique_ptr<AddressHolder>> peers;
     for (std::size_t n = 1; n < arguments.size(); n++)
@@ -357,7 +357,7 @@ const Role ask("ask", [](const std::vector<std::string>& arguments) {
 
 // Opens channels until none can be opened any more, tells their ends, and opens once more after it
 // has closed one.
-const Role ports("ports", [](const std::vector<std::string>& arguments) {
+const Role portsRole("ports", [](const std::vector<std::string>& arguments) {
     Asker asker(AskerId);
     AddressHolder peer(AddressOf(arguments.at(0), EchoId));
     asker.AskOnce(peer.Get());
@@ -377,7 +377,7 @@ const Role ports("ports", [](const std::vector<std::string>& arguments) {
 });
 
 // Asks for channels without waiting for them, as many as told.
-const Role call("call", [](const std::vector<std::string>& arguments) {
+const Role callRole("call", [](const std::vector<std::string>& arguments) {
     if (!Connect(AskerId)) return 10;
     const AddressHolder peer(AddressOf(arguments.at(0), EchoId));
     for (int n = std::stoi(arguments.at(1)); n > 0; n--) {
@@ -396,7 +396,7 @@ const Role call("call", [](const std::vector<std::string>& arguments) {
 });
 
 // Asks once, sets the trace level over there, and asks over a channel.
-const Role once("once", [](const std::vector<std::string>& arguments) {
+const Role onceRole("once", [](const std::vector<std::string>& arguments) {
     Asker asker(AskerId);
     AddressHolder peer(AddressOf(arguments.at(0), EchoId));
     asker.AskOnce(peer.Get());
@@ -435,7 +435,7 @@ void SendUntilDown(Asker* asker, MsgAddressO* channel) {
 }
 
 // Sends over a channel that blocks, and sees its line go.
-const Role block("block", [](const std::vector<std::string>& arguments) {
+const Role blockRole("block", [](const std::vector<std::string>& arguments) {
     Asker asker(AskerId + 1);
     MsgAddressO channel = nullptr;
     {
@@ -583,7 +583,7 @@ class Watcher {
     int32 m_cookie = 0;
 };
 
-const Role watch("watch", [](const std::vector<std::string>& arguments) {
+const Role watchRole("watch", [](const std::vector<std::string>& arguments) {
     Watcher watcher(arguments.at(0));
     watcher.UntilCut();
     watcher.WhileCut(arguments);
