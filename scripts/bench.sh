@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
 # Builds and runs the benchmarks and prints their tables.
 #
-#   scripts/bench.sh [NAME...]     NAME: tool alloc containers stream trace stanza config; all when none is given
+#   scripts/bench.sh [NAME...]     NAME: tool alloc containers stream trace stanza config msg; all when none is given
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 names=("$@")
-[ ${#names[@]} -gt 0 ] || names=(tool alloc containers stream trace stanza config)
+[ ${#names[@]} -gt 0 ] || names=(tool alloc containers stream trace stanza config msg)
 scripts/build.sh bench "${names[@]/#/bench_}"
 
 KRHOME=$PWD/build/bench/home

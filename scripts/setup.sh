@@ -14,7 +14,7 @@ packages_of() {
         lint) echo clang clang-format clang-tidy ;;
         ilp32) echo g++-multilib lib32z1-dev googletest qemu-user-static ;;
         fuzz) echo clang libclang-rt-dev llvm ;;
-        bench) echo libbenchmark-dev libglib2.0-dev libspdlog-dev libsqlite3-dev pigz pkg-config ;;
+        bench) echo libbenchmark-dev libglib2.0-dev libnng-dev libspdlog-dev libsqlite3-dev libzmq3-dev pigz pkg-config ;;
         *) echo "setup: no group is named $1 (build test lint ilp32 fuzz bench)" >&2; return 2 ;;
     esac
 }
