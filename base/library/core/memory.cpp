@@ -12,18 +12,14 @@
 #include "core/process.h"
 #include "core/procinternal.h"
 #include "core/trace.h"
+#include "memoryraw.h"
 
 TRACE_MODULE("MEM")
 
 namespace {
 
-// Blocks of this size and above come zeroed from the system, which gives untouched memory for
-// nothing; smaller ones are cleared faster here.
-constexpr int32 MemZeroedBySystem = 256 * 1024;
-
 void* MemSystemAllocate(MemPoolIdT /*tDummy*/, int32 lSize) {
-    const auto iSize = static_cast<std::size_t>(lSize);
-    void* pBlock = lSize >= MemZeroedBySystem ? std::calloc(1, iSize) : std::malloc(iSize);
+    void* pBlock = std::malloc(static_cast<std::size_t>(lSize));
     if (pBlock == nullptr) {
         const int iError = errno;
         TraceMessageInline(17, iError, -1, "Failed to allocate %d byte: %s", lSize,
@@ -70,6 +66,42 @@ void MemCountAllocation() {
     }
 }
 
+// A block with its header and guard, not cleared. A part of each form below, for they are the
+// busiest functions of the library.
+[[gnu::always_inline]] inline void* MemTakeBlock(int32 lSize, MemPoolIdT tPool) {
+    MemCountAllocation();
+    // In 64 bits: a size near the largest number must not wrap into a small block.
+    const int64 llRounded = (static_cast<int64>(lSize) + 3) & ~int64{3};
+    const int64 llTotal = llRounded + MemBlockOverhead;
+    void* pRaw = nullptr;
+    if (lSize >= 0 && llTotal <= std::numeric_limits<int32>::max()) {
+        const auto lTotal = static_cast<int32>(llTotal);
+        if (tPool != nullptr) {
+            // The default pool's function by name, which spares the call through the table.
+            pRaw = tPool == &MemDefaultPoolRecord ? MemSystemAllocate(tPool, lTotal)
+                                                  : tPool->psInterface->pfnAllocate(tPool, lTotal);
+            if (pRaw == nullptr) {
+                tPool = MemGetDefaultPoolId();
+                pRaw = MemSystemAllocate(tPool, lTotal);
+            }
+        } else {
+            pRaw = MemSystemAllocate(tPool, lTotal);
+        }
+    }
+    if (pRaw == nullptr) {
+        TraceMessageInline(4, 1, -1, "Unable to allocate %d bytes of memory",
+                           static_cast<int32>(llRounded));
+        ProcCrash(TRUE);
+        return nullptr;
+    }
+    auto* ptHeader = static_cast<MemAllocHeader*>(pRaw);
+    auto* pData = reinterpret_cast<ByteT*>(ptHeader + 1);
+    ptHeader->tPoolId = tPool;
+    ptHeader->pGuard = reinterpret_cast<int32*>(pData + llRounded);
+    *ptHeader->pGuard = MemGuardLive;
+    return pData;
+}
+
 }  // namespace
 
 BooleanT MemoryInitialize() { return TRUE; }
@@ -114,38 +146,12 @@ BooleanT MemReleasePool(MemPoolIdT* ptPool) {
     return bResult;
 }
 
+void* MemAllocateRaw(int32 lSize, MemPoolIdT tPool) { return MemTakeBlock(lSize, tPool); }
+
 void* MemAllocateFromPoolNotLogged(int32 lSize, MemPoolIdT tPool) {
-    MemCountAllocation();
-    // In 64 bits: a size near the largest number must not wrap into a small block.
-    const int64 llRounded = (static_cast<int64>(lSize) + 3) & ~int64{3};
-    const int64 llTotal = llRounded + MemBlockOverhead;
-    void* pRaw = nullptr;
-    bool bForeign = false;  // from a pool that may leave anything in the block
-    if (lSize >= 0 && llTotal <= std::numeric_limits<int32>::max()) {
-        const auto lTotal = static_cast<int32>(llTotal);
-        // The default pool's function by name, which spares the call through the table.
-        bForeign = tPool != nullptr && tPool != &MemDefaultPoolRecord;
-        pRaw = bForeign ? tPool->psInterface->pfnAllocate(tPool, lTotal)
-                        : MemSystemAllocate(tPool, lTotal);
-        if (pRaw == nullptr && tPool != nullptr) {
-            tPool = MemGetDefaultPoolId();
-            bForeign = false;
-            pRaw = MemSystemAllocate(tPool, lTotal);
-        }
-    }
-    if (pRaw == nullptr) {
-        TraceMessageInline(4, 1, -1, "Unable to allocate %d bytes of memory",
-                           static_cast<int32>(llRounded));
-        ProcCrash(TRUE);
-        return nullptr;
-    }
-    auto* ptHeader = static_cast<MemAllocHeader*>(pRaw);
-    auto* pData = reinterpret_cast<ByteT*>(ptHeader + 1);
-    ptHeader->tPoolId = tPool;
-    ptHeader->pGuard = reinterpret_cast<int32*>(pData + llRounded);
-    *ptHeader->pGuard = MemGuardLive;
-    if (bForeign || llTotal < MemZeroedBySystem)
-        std::memset(pData, 0, static_cast<std::size_t>(llRounded));
+    void* pData = MemTakeBlock(lSize, tPool);
+    if (pData != nullptr)
+        std::memset(pData, 0, (static_cast<std::size_t>(lSize) + 3) & ~std::size_t{3});
     return pData;
 }
 

@@ -23,6 +23,7 @@
 #include "core/process.h"
 #include "core/task.h"
 #include "core/trace.h"
+#include "memoryraw.h"
 #include "msgchannelinternal.h"
 
 TRACE_MODULE("MESSAGE")
@@ -119,6 +120,7 @@ bool MsgReadLengths(MsgLengthsT* ptLengths, MsgChannelO oChannel) {
 
 // The header area that a network link does not carry.
 void MsgRebuildHeader(ByteT* pPacket, MsgChannelO oChannel, int32 lWhole) {
+    MemZero(pPacket, MsgHeaderAreaSize);
     MsgHeaderT tHeader = {};
     tHeader.lLength = lWhole;
     tHeader.tSource = {MsgMachineIdNone, oChannel->lChannelId};
@@ -134,7 +136,7 @@ MsgInputE MsgBeginPacket(MsgChannelO oChannel) {
     if (lThere < (bIpc ? MsgHeaderAreaSize : MsgBodyHeadSize)) return MsgInputE::Partial;
     MsgLengthsT tLengths;
     if (!MsgReadLengths(&tLengths, oChannel)) return MsgInputE::Broken;
-    auto* pPacket = static_cast<ByteT*>(MemAllocateFromPool(tLengths.lWhole, MemPool()));
+    auto* pPacket = static_cast<ByteT*>(MemAllocateRaw(tLengths.lWhole, MemPool()));
     if (pPacket == nullptr) return MsgInputE::Broken;
     if (!bIpc) MsgRebuildHeader(pPacket, oChannel, tLengths.lWhole);
     const int32 lOwn = std::min(lThere, tLengths.lWhole - tLengths.lOffset);

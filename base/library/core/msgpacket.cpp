@@ -12,6 +12,7 @@
 #include "core/msg.h"
 #include "core/objserial.h"
 #include "core/trace.h"
+#include "memoryraw.h"
 #include "msginternal.h"
 #include "objtransfer.h"
 
@@ -42,8 +43,9 @@ PoolPtr<ByteT> MsgWriteBody(int32* plSize, void* oObject, bool bWithin) {
     const int32 lBody = bWithin ? ObjSerializedSizeLocal(oObject) : ObjSerializedSize(oObject);
     if (lBody < 0 || lBody > lLargest) return PoolPtr<ByteT>();
     *plSize = MsgPacketPrefixSize + lBody;
-    PoolPtr<ByteT> pBytes(static_cast<ByteT*>(MemAllocateFromPool(*plSize, MemPool())));
+    PoolPtr<ByteT> pBytes(static_cast<ByteT*>(MemAllocateRaw(*plSize, MemPool())));
     if (pBytes.Get() == nullptr) return PoolPtr<ByteT>();
+    MemZero(pBytes.Get(), MsgPacketPrefixSize);
     ByteT* pBody = pBytes.Get() + MsgPacketPrefixSize;
     int32 lWritten = 0;
     const BooleanT bResult = bWithin ? ObjSerializeLocal(oObject, pBody, &lWritten)

@@ -18,6 +18,7 @@
 #include "core/strbase.h"
 #include "core/trace.h"
 #include "core/tree.h"
+#include "memoryraw.h"
 #include "objfields.h"
 #include "objtransfer.h"
 
@@ -89,7 +90,7 @@ BooleanT ObjTakeBytes(ObjSerialStreamT tStream, int32 lSize, PoolPtr<ByteT>& pBl
     const bool bKnown = tStream->llRemaining >= 0;
     if (bKnown && lSize > tStream->llRemaining) return FALSE;
     int32 lRoom = bKnown ? lSize : std::min(lSize, ObjPieceSize);
-    pBlock = PoolPtr<ByteT>(static_cast<ByteT*>(MemAllocateFromPool(lRoom, MemPool())));
+    pBlock = PoolPtr<ByteT>(static_cast<ByteT*>(MemAllocateRaw(lRoom, MemPool())));
     if (pBlock.Get() == nullptr) return FALSE;
     int32 lTaken = 0;
     while (true) {
@@ -97,7 +98,7 @@ BooleanT ObjTakeBytes(ObjSerialStreamT tStream, int32 lSize, PoolPtr<ByteT>& pBl
         lTaken = lRoom;
         if (lTaken == lSize) return TRUE;
         lRoom = lSize - lTaken < lTaken ? lSize : 2 * lTaken;
-        PoolPtr<ByteT> pLarger(static_cast<ByteT*>(MemAllocateFromPool(lRoom, MemPool())));
+        PoolPtr<ByteT> pLarger(static_cast<ByteT*>(MemAllocateRaw(lRoom, MemPool())));
         if (pLarger.Get() == nullptr) return FALSE;
         MemCopy(pLarger.Get(), pBlock.Get(), lTaken);
         pBlock = std::move(pLarger);
