@@ -1,12 +1,15 @@
 // Channels: making them, keeping them by id, closing them and taking them down.
 //
 // A registered channel is held by the map of channels and its socket stands in the master select
-// mask. Closing takes it out of the map into the list of lingering channels, where it stays until
-// what is queued has been sent and the peer has closed. Going down happens once, for whatever
-// reason; the record lives on, refusing packets, until its last holder lets go.
+// mask. What select finds ready is looked up by socket. Closing takes it out of the map into the
+// list of lingering channels, where it stays until what is queued has been sent and the peer has
+// closed. Going down happens once, for whatever reason; the record lives on, refusing packets,
+// until its last holder lets go.
 #include "core/msgchannel.h"
 
+#include <algorithm>
 #include <limits>
+#include <span>
 
 #include "core/list.h"
 #include "core/process.h"
@@ -18,6 +21,10 @@ TRACE_MODULE("MESSAGE")
 namespace {
 
 constexpr int32 MsgNoSocket = -1;
+
+// The channels that the select loop serves, by their sockets. None of them is held here: a channel
+// leaves when it goes down, and each goes down before its last holder lets go.
+MsgChannelO gaoMsgBySocket[FD_SETSIZE];
 
 int32 MsgCompareIds(int32 lIdA, int32 lIdB) {
     if (lIdA == lIdB) return 0;
@@ -73,33 +80,19 @@ void MsgLeaveLingerList(MsgChannelO oChannel) {
     if (ListFindNode(&oNode, MsgState().oLingerList, oChannel) == TRUE) ListRemoveItem(oNode);
 }
 
-struct MsgCollectT {
-    ListO oList;
-    NetSelectMaskT tMask;  // null: all of them
-};
-
-bool MsgIsReady(MsgChannelO oChannel, NetSelectMaskT tMask) {
-    return tMask == nullptr || NetIsReadSelectSet(tMask, MsgSocketOf(oChannel)) == TRUE ||
-           NetIsWriteSelectSet(tMask, MsgSocketOf(oChannel)) == TRUE;
-}
-
 BooleanT MsgCollect(void* oEntry, void* pArgument) {
-    auto* ptCollect = static_cast<MsgCollectT*>(pArgument);
-    if (MsgIsReady(static_cast<MsgChannelO>(oEntry), ptCollect->tMask))
-        ListAddLastItem(ptCollect->oList, oEntry);
+    ListAddLastItem(static_cast<ListO>(pArgument), oEntry);
     return TRUE;
 }
 
-// Serving a channel may change the map and the list, so the channels are collected before. Those
-// that went down meanwhile have no socket any more.
+// All channels, registered and lingering: going through them may change the map and the list.
 class MsgChannelSnapshot {
  public:
-    explicit MsgChannelSnapshot(NetSelectMaskT tMask, bool bRegistered = true) {
-        MsgCollectT tCollect = {m_oList.Get(), tMask};
-        if (bRegistered) ObjMapWalk(MsgState().oChannels, MsgCollect, &tCollect);
+    MsgChannelSnapshot() {
+        ObjMapWalk(MsgState().oChannels, MsgCollect, m_oList.Get());
         for (ListNodeO oNode = First(MsgState().oLingerList); oNode != nullptr;
              oNode = oNode->oNext)
-            MsgCollect(oNode->oData, &tCollect);
+            MsgCollect(oNode->oData, m_oList.Get());
         m_oNode = First(m_oList.Get());
     }
     MsgChannelO Next() {
@@ -116,9 +109,36 @@ class MsgChannelSnapshot {
     ListNodeO m_oNode = nullptr;
 };
 
-void MsgServe(MsgChannelSnapshot& tSnapshot, NetSelectMaskT tMask) {
-    while (MsgChannelO oChannel = tSnapshot.Next()) {
+// The channels whose sockets a mask holds, without a look at the others. They are held, as serving
+// one may take others down; those have no socket any more then.
+class MsgReadyChannels {
+ public:
+    explicit MsgReadyChannels(NetSelectMaskT tMask) {
+        const NetSocketT tEnd = std::min<NetSocketT>(tMask->tSelectBits, FD_SETSIZE);
+        for (NetSocketT tSocket = 0; tSocket < tEnd; tSocket++) {
+            const bool bReady =
+                FD_ISSET(tSocket, &tMask->tRecvFds) || FD_ISSET(tSocket, &tMask->tSendFds);
+            if (bReady && gaoMsgBySocket[tSocket] != nullptr)
+                m_aoChannels[m_lCount++] = MsgHold(gaoMsgBySocket[tSocket]);
+        }
+    }
+    ~MsgReadyChannels() {
+        for (MsgChannelO& oChannel : All()) ObjRelease(&oChannel);
+    }
+    MsgReadyChannels(const MsgReadyChannels&) = delete;
+    MsgReadyChannels& operator=(const MsgReadyChannels&) = delete;
+    std::span<MsgChannelO> All() { return {m_aoChannels, static_cast<std::size_t>(m_lCount)}; }
+
+ private:
+    int32 m_lCount = 0;
+    MsgChannelO m_aoChannels[FD_SETSIZE];
+};
+
+void MsgServe(NetSelectMaskT tMask, bool bRegistered) {
+    MsgReadyChannels tReady(tMask);
+    for (MsgChannelO oChannel : tReady.All()) {
         const NetSocketT tSocket = MsgSocketOf(oChannel);
+        if (!bRegistered && oChannel->bClosing != TRUE) continue;
         if (oChannel->bDown != TRUE && NetIsWriteSelectSet(tMask, tSocket) == TRUE)
             MsgChannelOutputData(oChannel);
         if (oChannel->bDown != TRUE && NetIsReadSelectSet(tMask, tSocket) == TRUE)
@@ -190,6 +210,7 @@ BooleanT MsgChannelCreateInternal(MsgChannelO* poChannel, NetSocketT tSocket,
                            static_cast<void*>(oChannel), tSocket, oChannel->lChannelId,
                            BooleanText(bIpc));
         MsgAddReadSelect(tSocket);
+        gaoMsgBySocket[tSocket] = oChannel;
     }
     if (poChannel != nullptr) *poChannel = oHolder.Take();
     return TRUE;
@@ -247,6 +268,8 @@ void MsgChannelDown(MsgChannelO oChannel) {
     oChannel->tInputBuffer.lSize = 0;
     oChannel->lRecvOffset = 0;
     NetSocketT tSocket = MsgSocketOf(oChannel);
+    if (tSocket >= 0 && tSocket < FD_SETSIZE && gaoMsgBySocket[tSocket] == oChannel)
+        gaoMsgBySocket[tSocket] = nullptr;
     MsgRemoveReadSelect(tSocket);
     MsgRemoveWriteSelect(tSocket);
     MsgRemoveExceptionSelect(tSocket);
@@ -272,7 +295,7 @@ void MsgDiscardChannel(MsgChannelO oChannel) {
 }
 
 void MsgChannelsDownWhere(MsgChannelTestFnT fnTest, const void* pArgument) {
-    MsgChannelSnapshot tSnapshot(nullptr);
+    MsgChannelSnapshot tSnapshot;
     while (MsgChannelO oChannel = tSnapshot.Next()) {
         if (oChannel->bNdmpChannel != TRUE && oChannel->bDown != TRUE &&
             fnTest(oChannel, pArgument))
@@ -293,7 +316,9 @@ BooleanT MsgChannelLinger(MsgChannelO oChannel) {
         if (oChannel->bDown != TRUE) MsgChannelDown(oChannel);
         return FALSE;
     }
-    return ListAddLastItem(MsgState().oLingerList, oChannel);
+    if (ListAddLastItem(MsgState().oLingerList, oChannel) == TRUE) return TRUE;
+    MsgChannelDown(oChannel);
+    return FALSE;
 }
 
 BooleanT MsgChannelClose(MsgAddressO* poAddress) {
@@ -316,32 +341,26 @@ BooleanT MsgChannelFlush(MsgAddressO oAddress) {
 }
 
 void MsgLingerChannels() {
-    MsgChannelSnapshot tSnapshot(nullptr);
+    MsgChannelSnapshot tSnapshot;
     while (MsgChannelO oChannel = tSnapshot.Next()) MsgChannelLinger(oChannel);
 }
 
 // --- serving them ---
 
 void MsgAddChannelSockets(NetSelectMaskT tMask) {
-    MsgChannelSnapshot tSnapshot(nullptr);
+    MsgChannelSnapshot tSnapshot;
     while (MsgChannelO oChannel = tSnapshot.Next()) {
         if (oChannel->bDown != TRUE) NetAddReadSelect(tMask, MsgSocketOf(oChannel));
     }
 }
 
-void MsgServeChannels(NetSelectMaskT tMask) {
-    MsgChannelSnapshot tSnapshot(tMask);
-    MsgServe(tSnapshot, tMask);
-}
+void MsgServeChannels(NetSelectMaskT tMask) { MsgServe(tMask, true); }
 
-void MsgServeLingering(NetSelectMaskT tMask) {
-    MsgChannelSnapshot tSnapshot(tMask, false);
-    MsgServe(tSnapshot, tMask);
-}
+void MsgServeLingering(NetSelectMaskT tMask) { MsgServe(tMask, false); }
 
 void MsgReleaseChannels() {
     TesselContextMsgS& tMsg = MsgState();
-    MsgChannelSnapshot tSnapshot(nullptr);
+    MsgChannelSnapshot tSnapshot;
     while (MsgChannelO oChannel = tSnapshot.Next()) {
         oChannel->bNotifyDown = FALSE;
         if (oChannel->bNdmpChannel != TRUE) MsgChannelDown(oChannel);

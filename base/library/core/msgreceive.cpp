@@ -13,23 +13,13 @@ TRACE_MODULE("MESSAGE")
 
 namespace {
 
-TimeTimeoutO MsgCopyTimeout(TimeTimeoutO oTimeout) {
-    TimeTimeoutO oCopy = nullptr;
-    if (TimeCreateTimeout(&oCopy) == TRUE && oTimeout != nullptr) TimeTimeoutCopy(oCopy, oTimeout);
-    return oCopy;
-}
-
 // A turn of the loop that ends in time for pending connections and timers.
 void MsgTurn(TimeTimeoutO oTimeout) {
-    const ObjHolder<TimeTimeoutS> oLowered(MsgCopyTimeout(oTimeout));
-    if (oLowered.Get() == nullptr) {
-        // Without a time of its own it must not wait for ever: the caller comes again.
-        MsgSelect(MsgImmediate());
-        return;
-    }
-    MsgLowerToPending(oLowered.Get());
-    TimeSetTimeoutIfLower(oLowered.Get(), TimrNextEvent());
-    MsgSelect(oLowered.Get());
+    TimeTimeoutS tLowered;  // a bare record: nobody holds it longer than the turn
+    if (TimeTimeoutCopy(&tLowered, oTimeout) != TRUE) TimeSetTimeoutNever(&tLowered);
+    MsgLowerToPending(&tLowered);
+    TimeSetTimeoutIfLower(&tLowered, TimrNextEvent());
+    MsgSelect(&tLowered);
 }
 
 void MsgUpdateReceiveList(TimeTimeoutO oTimeout) {

@@ -139,8 +139,7 @@ BooleanT NetDuplicateSelectMask(NetSelectMaskT* ptNewMask, NetSelectMaskT tMask)
 BooleanT NetCopySelectMask(NetSelectMaskT tNewMask, NetSelectMaskT tMask) {
     if (NetRefusesMask("NetCopySelectMask", tNewMask) || NetRefusesMask("NetCopySelectMask", tMask))
         return FALSE;
-    const NetSelectMaskS tCopy = *tMask;
-    *tNewMask = tCopy;
+    if (tNewMask != tMask) *tNewMask = *tMask;
     return NetResult(131, TRUE, "NetCopySelectMask(%p, %p)", static_cast<void*>(tNewMask),
                      static_cast<void*>(tMask));
 }
