@@ -8,8 +8,9 @@
 // Input reads up to 512 bytes first, so that a small packet comes with one call and several small
 // ones may come together; what belongs to the next packet stays in front of the channel's buffer.
 // As soon as a packet's length is known it gets a block of its final size, into which the rest is
-// read. Sockets are always read without waiting, also those of channels that block: a peer that
-// stops in the middle of a packet must not stop this process.
+// read, and with it up to 512 bytes of the next one. Sockets are always read without waiting, also
+// those of channels that block: a peer that stops in the middle of a packet must not stop this
+// process.
 //
 // A complete packet is looked at here first: some messages are for the channel itself. Messages
 // that only this process may give itself are dropped when they come from outside: notices that end
@@ -25,6 +26,7 @@
 #include "core/trace.h"
 #include "memoryraw.h"
 #include "msgchannelinternal.h"
+#include "netinternal.h"
 
 TRACE_MODULE("MESSAGE")
 MEM_DEFAULT_POOL_CACHE
@@ -166,18 +168,24 @@ BooleanT MsgEndPacket(MsgPacketO* poPacket, MsgChannelO oChannel, int32 lNext) {
 
 enum class MsgReadE { More, Drained, Down };
 
-// One read from the socket, to where the next bytes belong.
-MsgReadE MsgReadSome(MsgChannelO oChannel) {
+// One read from the socket, to where the next bytes belong. Behind the rest of a packet there is
+// room for the beginning of the next one, of which *plNext bytes came: so a packet that is the last
+// one for now is seen to be, without another read that finds nothing.
+MsgReadE MsgReadSome(MsgChannelO oChannel, int32* plNext) {
     ObjDataFieldT& tInput = oChannel->tInputBuffer;
     const bool bBegun = tInput.pData != nullptr;
     ByteT* pBuffer = bBegun ? static_cast<ByteT*>(tInput.pData) : oChannel->atBufferHeader;
-    const int32 lRoom = (bBegun ? tInput.lSize : MsgChannelStartSize) - oChannel->lRecvOffset;
+    const int32 lOwn = (bBegun ? tInput.lSize : MsgChannelStartSize) - oChannel->lRecvOffset;
+    const int64 llRoom = int64{lOwn} + (bBegun ? MsgChannelStartSize : 0);
+    iovec atParts[] = {{pBuffer + oChannel->lRecvOffset, static_cast<std::size_t>(lOwn)},
+                       {oChannel->atBufferHeader, MsgChannelStartSize}};
     int32 lReceived = 0;
-    switch (NetTcpReceiveNow(&lReceived, MsgSocketOf(oChannel), pBuffer + oChannel->lRecvOffset,
-                             lRoom)) {
+    switch (NetTcpReceiveParts(&lReceived, MsgSocketOf(oChannel),
+                               std::span(atParts).first(bBegun ? 2 : 1))) {
         case NET_ERROR_NONE:
-            oChannel->lRecvOffset += lReceived;
-            return lReceived < lRoom ? MsgReadE::Drained : MsgReadE::More;
+            oChannel->lRecvOffset += std::min(lReceived, lOwn);
+            *plNext = std::max(lReceived - lOwn, 0);
+            return lReceived < llRoom ? MsgReadE::Drained : MsgReadE::More;
         case NET_ERROR_INTERRUPTED:
             TraceMessageInline(113, 0, 4, "NetTcpReceive returned NET_ERROR_INTERRUPTED");
             return MsgReadE::More;
@@ -198,6 +206,7 @@ MsgReadE MsgReadSome(MsgChannelO oChannel) {
 // The next packet out of what is there and, while bMayRead, out of the socket, which is left alone
 // once it has given less than it was asked for.
 BooleanT MsgTakePacket(MsgPacketO* poPacket, MsgChannelO oChannel, bool* pbMayRead) {
+    int32 lNext = 0;
     while (oChannel->bDown != TRUE) {
         ObjDataFieldT& tInput = oChannel->tInputBuffer;
         if (tInput.pData == nullptr) {
@@ -212,10 +221,10 @@ BooleanT MsgTakePacket(MsgPacketO* poPacket, MsgChannelO oChannel, bool* pbMayRe
                 return MsgEndPacket(poPacket, oChannel, lThere - lUsed);
             }
         } else if (oChannel->lRecvOffset == tInput.lSize) {
-            return MsgEndPacket(poPacket, oChannel, 0);
+            return MsgEndPacket(poPacket, oChannel, lNext);
         }
         if (!*pbMayRead) return FALSE;
-        const MsgReadE eRead = MsgReadSome(oChannel);
+        const MsgReadE eRead = MsgReadSome(oChannel, &lNext);
         if (eRead == MsgReadE::Drained) *pbMayRead = false;
     }
     return FALSE;

@@ -2,6 +2,9 @@
 #pragma once
 
 #include <sys/socket.h>
+#include <sys/uio.h>
+
+#include <span>
 
 #include "core/net.h"
 
@@ -37,3 +40,6 @@ const char* NetNumericText(NetAddressT* ptAddress, char (&acText)[NetIpAddressSi
 // The child's side of a hand-over without the answer to the parent: moves the socket out of the
 // context into *ptSocket.
 BooleanT NetInheritTake(NetSocketT* ptSocket, NetInheritContextO oContext);
+
+// As NetTcpReceiveNow, into several buffers in turn.
+NetErrorE NetTcpReceiveParts(int32* plReceived, NetSocketT tSocket, std::span<iovec> atParts);

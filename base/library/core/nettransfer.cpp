@@ -90,10 +90,8 @@ const NetDirectionT tNetReceiving = {
     },
     atTcpReceiveOutcomes, POLLIN, NetTraceFatalReceive};
 
-// One transfer. *plMoved is the number of bytes, 0 on failure.
-NetErrorE NetMove(int32* plMoved, const NetDirectionT& tDirection, NetSocketT tSocket,
-                  ByteT* pBuffer, int32 lLength, int iFlags) {
-    const ssize_t iMoved = tDirection.fnMove(tSocket, pBuffer, lLength, iFlags);
+// What a system call's return means. *plMoved is the number of bytes, 0 on failure.
+NetErrorE NetMoved(int32* plMoved, const NetDirectionT& tDirection, ssize_t iMoved) {
     *plMoved = static_cast<int32>(std::max<ssize_t>(iMoved, 0));
     if (iMoved > 0) return NET_ERROR_NONE;
     if (iMoved == 0) return NET_ERROR_CLOSED;
@@ -103,6 +101,12 @@ NetErrorE NetMove(int32* plMoved, const NetDirectionT& tDirection, NetSocketT tS
     if (eResult == NET_ERROR_CONNECTION_DOWN)
         TraceMessageInline(57, tErrno.Code(), -1, "Connection down");
     return eResult;
+}
+
+// One transfer.
+NetErrorE NetMove(int32* plMoved, const NetDirectionT& tDirection, NetSocketT tSocket,
+                  ByteT* pBuffer, int32 lLength, int iFlags) {
+    return NetMoved(plMoved, tDirection, tDirection.fnMove(tSocket, pBuffer, lLength, iFlags));
 }
 
 // --- blocking transfers ---
@@ -279,6 +283,17 @@ NetErrorE NetTcpReceiveNow(int32* plReceived, NetSocketT tSocket, void* pBuffer,
                           lBufferLength, MSG_DONTWAIT);
     return NetResult(128, eResult, "NetTcpReceiveNow(%p, %d, %p, %d)",
                      static_cast<void*>(plReceived), tSocket, pBuffer, lBufferLength);
+}
+
+NetErrorE NetTcpReceiveParts(int32* plReceived, NetSocketT tSocket, std::span<iovec> atParts) {
+    msghdr tMessage = {};
+    tMessage.msg_iov = atParts.data();
+    tMessage.msg_iovlen = static_cast<decltype(tMessage.msg_iovlen)>(atParts.size());
+    NetErrorE eResult = NetCheckTransfer(tSocket, static_cast<int32>(atParts.size()));
+    if (eResult == NET_ERROR_NONE)
+        eResult = NetMoved(plReceived, tNetReceiving, recvmsg(tSocket, &tMessage, MSG_DONTWAIT));
+    return NetResult(133, eResult, "NetTcpReceiveParts(%p, %d, %p)", static_cast<void*>(plReceived),
+                     tSocket, static_cast<void*>(atParts.data()));
 }
 
 NetErrorE NetTcpSendBlocking(int32* plBytesSent, NetSocketT tSocket, void* pBuffer,
