@@ -13,15 +13,22 @@
 #include "core/stnzfile.h"
 #include "fuzzsupport.h"
 
-// The linker puts these in place of the name service (fuzz_machinefile.options).
-extern "C" int __real_getaddrinfo(const char*, const char*, const addrinfo*, addrinfo**);
-extern "C" int __wrap_getaddrinfo(const char* host, const char* service, const addrinfo* hints,
-                                  addrinfo** result) {
+// The linker puts these in place of the name service (fuzz_machinefile.options); its own names for
+// them are no program's.
+extern "C" int RealGetaddrinfo(const char*, const char*, const addrinfo*,
+                               addrinfo**) asm("__real_getaddrinfo");
+extern "C" int NumericGetaddrinfo(const char*, const char*, const addrinfo*,
+                                  addrinfo**) asm("__wrap_getaddrinfo");
+extern "C" hostent* NoHostByName(const char*) asm("__wrap_gethostbyname");
+
+int NumericGetaddrinfo(const char* host, const char* service, const addrinfo* hints,
+                       addrinfo** result) {
     addrinfo numeric = hints == nullptr ? addrinfo() : *hints;
     numeric.ai_flags |= AI_NUMERICHOST;
-    return __real_getaddrinfo(host, service, &numeric, result);
+    return RealGetaddrinfo(host, service, &numeric, result);
 }
-extern "C" hostent* __wrap_gethostbyname(const char* /*host*/) { return nullptr; }
+
+hostent* NoHostByName(const char* /*host*/) { return nullptr; }
 
 namespace {
 
