@@ -117,11 +117,9 @@ NetErrorE NetUdpReceive(int32* plPacketLength, NetSocketT tSocket, void* pBuffer
 NetErrorE NetTcpSend(int32* plSent, NetSocketT tSocket, void* pBuffer, int32 lBufferLength);
 NetErrorE NetTcpReceive(int32* plReceived, NetSocketT tSocket, void* pBuffer, int32 lBufferLength);
 
-// The same without ever waiting, also when the socket blocks.
+// A send that never waits, also when the socket blocks.
 NetErrorE NetTcpSendNow(int32* plSent, NetSocketT tSocket, const void* pBuffer,
                         int32 lBufferLength);
-NetErrorE NetTcpReceiveNow(int32* plReceived, NetSocketT tSocket, void* pBuffer,
-                           int32 lBufferLength);
 
 // Move the whole buffer, whether the socket blocks or not, and wait until oTimeout (null or never:
 // without limit) when the socket is not ready. The bytes moved are stored also on failure (by the

@@ -45,19 +45,19 @@ void MsgLingerAll() {
     if (TimeCreateAndSetTimeout(oTimeout.Address(), MsgConnectionSeconds, 0) != TRUE) return;
     MsgLingerChannels();
     TesselContextMsgS& tMsg = MsgState();
-    TraceMessageInline(4, 0, 4, "Lingering %d data channels", tMsg.oLingerList->lItemCount);
+    TraceMessageInline(14, 0, 4, "Lingering %d data channels", tMsg.oLingerList->lItemCount);
     NetErrorE eError = NET_ERROR_NONE;
     while (tMsg.oLingerList->lItemCount > 0 &&
            (eError == NET_ERROR_NONE || eError == NET_ERROR_INTERRUPTED)) {
-        TraceMessageInline(5, 0, 4, "Still have '%d' channels lingered",
+        TraceMessageInline(15, 0, 4, "Still have '%d' channels lingered",
                            tMsg.oLingerList->lItemCount);
         int32 lReady = 0;
         NetCopySelectMask(tMsg.tSelectMaskCopy, tMsg.tSelectMask);
         eError = NetSelect(&lReady, tMsg.tSelectMaskCopy, oTimeout.Get());
-        TraceMessageInline(6, 0, 4, "Linger select returned '%d'", eError);
+        TraceMessageInline(16, 0, 4, "Linger select returned '%d'", eError);
         if (eError == NET_ERROR_NONE) MsgServeLingering(tMsg.tSelectMaskCopy);
     }
-    TraceMessageInline(7, 0, 4, "Release oTimeout");
+    TraceMessageInline(17, 0, 4, "Release oTimeout");
 }
 
 }  // namespace
@@ -94,9 +94,9 @@ void MsgReleaseThread(TesselContextT* ptTlContext) {
     MsgReleaseConnecting();
     if (tMsg.oChannels != nullptr && tMsg.bQuickExit != TRUE) MsgLingerAll();
     MsgReleaseChannels();
-    TraceMessageInline(1, 0, 4, "Release oLocalAddress");
+    TraceMessageInline(11, 0, 4, "Release oLocalAddress");
     MsgLocalAddressRelease();
-    TraceMessageInline(2, 0, 4, "Release oNotifyOnDeathList");
+    TraceMessageInline(12, 0, 4, "Release oNotifyOnDeathList");
     ObjRelease(&tMsg.oNotifyOnDeathList);
     ObjRelease(&tMsg.oTaskList);
     ObjRelease(&tMsg.oHandlers);
@@ -104,7 +104,7 @@ void MsgReleaseThread(TesselContextT* ptTlContext) {
     NetReleaseSelectMask(&tMsg.tSelectMaskCopy);
     MsgReleaseNames();
     tMsg.bInitialized = FALSE;
-    TraceMessageInline(3, 0, 4, "Finished MsgReleaseThread");
+    TraceMessageInline(13, 0, 4, "Finished MsgReleaseThread");
 }
 
 void MsgQuickExit(BooleanT bBeQuick) { MsgState().bQuickExit = bBeQuick; }

@@ -305,7 +305,7 @@ BooleanT NetPrepareStream(NetSocketT tSocket, int32 lPeerSeconds) {
         const int iMilliseconds = std::min(lPeerSeconds, NetPeerSecondsMax) * 1000;
         bResult = NetSetTcpOption(tSocket, TCP_USER_TIMEOUT, iMilliseconds);
     }
-    return NetResult(131, BooleanFrom(bResult), "NetPrepareStream(%d, %d)", tSocket, lPeerSeconds);
+    return NetResult(137, BooleanFrom(bResult), "NetPrepareStream(%d, %d)", tSocket, lPeerSeconds);
 }
 
 BooleanT NetSetSendBufferSize(NetSocketT tSocket, int32 lBufferSize) {

@@ -120,7 +120,7 @@ BooleanT NetInheritPhase3(NetInheritContextO oContext, int32 lChildProcessId) {
         NetIsContext(oContext) &&
         MsgCreateAddress(oChild.Address(), SysLocalMachineName(), lChildProcessId) == TRUE &&
         MsgSendObject(oChild.Get(), MSG_INHERIT_SOCKET_MSG, oContext) == TRUE);
-    return NetResult(129, bResult, "NetInheritPhase3(%p, %d)", static_cast<void*>(oContext),
+    return NetResult(135, bResult, "NetInheritPhase3(%p, %d)", static_cast<void*>(oContext),
                      lChildProcessId);
 }
 
@@ -130,7 +130,7 @@ BooleanT NetInheritPhase4(NetSocketT* ptSocket, NetInheritContextO oContext) {
         NetInheritTake(ptSocket, oContext) == TRUE &&
         MsgCreateAddress(oParent.Address(), SysLocalMachineName(), oContext->lParentId) == TRUE &&
         MsgSendObject(oParent.Get(), MSG_INHERITED_SOCKET_MSG, oContext) == TRUE);
-    return NetResult(130, bResult, "NetInheritPhase4(%p, %p)", static_cast<void*>(ptSocket),
+    return NetResult(136, bResult, "NetInheritPhase4(%p, %p)", static_cast<void*>(ptSocket),
                      static_cast<void*>(oContext));
 }
 

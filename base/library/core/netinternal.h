@@ -41,5 +41,5 @@ const char* NetNumericText(NetAddressT* ptAddress, char (&acText)[NetIpAddressSi
 // context into *ptSocket.
 BooleanT NetInheritTake(NetSocketT* ptSocket, NetInheritContextO oContext);
 
-// As NetTcpReceiveNow, into several buffers in turn.
+// One receive into several buffers in turn, which never waits.
 NetErrorE NetTcpReceiveParts(int32* plReceived, NetSocketT tSocket, std::span<iovec> atParts);

@@ -271,18 +271,8 @@ NetErrorE NetTcpSendNow(int32* plSent, NetSocketT tSocket, const void* pBuffer,
         eResult =
             NetMove(plSent, tNetSending, tSocket, static_cast<ByteT*>(const_cast<void*>(pBuffer)),
                     lBufferLength, MSG_DONTWAIT);
-    return NetResult(127, eResult, "NetTcpSendNow(%p, %d, %p, %d)", static_cast<void*>(plSent),
+    return NetResult(134, eResult, "NetTcpSendNow(%p, %d, %p, %d)", static_cast<void*>(plSent),
                      tSocket, pBuffer, lBufferLength);
-}
-
-NetErrorE NetTcpReceiveNow(int32* plReceived, NetSocketT tSocket, void* pBuffer,
-                           int32 lBufferLength) {
-    NetErrorE eResult = NetCheckTransfer(tSocket, lBufferLength);
-    if (eResult == NET_ERROR_NONE)
-        eResult = NetMove(plReceived, tNetReceiving, tSocket, static_cast<ByteT*>(pBuffer),
-                          lBufferLength, MSG_DONTWAIT);
-    return NetResult(128, eResult, "NetTcpReceiveNow(%p, %d, %p, %d)",
-                     static_cast<void*>(plReceived), tSocket, pBuffer, lBufferLength);
 }
 
 NetErrorE NetTcpReceiveParts(int32* plReceived, NetSocketT tSocket, std::span<iovec> atParts) {
