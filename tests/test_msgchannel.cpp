@@ -400,6 +400,7 @@ TEST_F(Channels, WhatMayNotComeFromOutside) {
         data.Say(Body(type, timer));
         ipc.Say(FromProcess(9, type, timer));
     }
+    data.Say(Body(TRACE_TO_FILE_MSG, bytes::Object(0xc96cec6f, "s;", bytes::String("/tmp/x"))));
     EXPECT_EQ(Received(2), "");
     // A message with pointers of this process does not get out either.
     const ObjHolder<TimerCallbackS> callback(ObjNew<TimerCallbackS>(TimerCallbackMagic, "p;p;"));

@@ -14,7 +14,8 @@
 //
 // A complete packet is looked at here first: some messages are for the channel itself. Messages
 // that only this process may give itself are dropped when they come from outside: notices that end
-// waits or the process, and timer callbacks, whose bodies are pointers.
+// waits or the process, and timer callbacks, whose bodies are pointers. So is, on a data channel,
+// the wish that the process should write its trace into a file of the peer's choice.
 #include <algorithm>
 #include <cstring>
 
@@ -379,7 +380,8 @@ BooleanT MsgExaminePacket(MsgChannelO oChannel, MsgPacketO* poPacket) {
         TraceMessageInline(126, 0, 4, "Closing, discard message");
         return FALSE;
     }
-    if (MsgIsOwnNotice(tMsgType)) {
+    if (MsgIsOwnNotice(tMsgType) ||
+        (tMsgType == TRACE_TO_FILE_MSG && oChannel->bIsIpcChannel != TRUE)) {
         TraceMessageInline(127, 0, -1, "%s from outside is dropped", MsgName(tMsgType));
         return FALSE;
     }

@@ -14,8 +14,8 @@ struct ObjTemplateRegistryT {
 };
 extern ObjTemplateRegistryT gsObjTemplateMap;
 
-// The template of a class as a stream describes it. FALSE, traced, when the program has the class in
-// another shape that it does not translate, and when streams have named too many unknown ones.
+// The template of a class as a stream describes it. FALSE, traced, when the program has the class
+// in another shape that it does not translate, and when streams have named too many unknown ones.
 BooleanT ObjTemplateFromStream(ObjTemplateT* ptTemplate, int32 lMagic, const char* pstrDescriptor);
 
 inline ObjHeaderT* ObjHeaderOf(void* oObject) { return static_cast<ObjHeaderT*>(oObject) - 1; }
