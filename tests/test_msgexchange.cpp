@@ -27,6 +27,7 @@ constexpr int Processes = 12, MessagesEach = 250;
 constexpr int Processes = 20, MessagesEach = 5000;
 #endif
 constexpr int Neighbours = 4;  // data channels that each process opens
+static_assert(Neighbours < Processes);
 constexpr ProcIdT FirstId = 100;
 constexpr MsgTypeT StartType = 5000, EndType = 5001, DataType = 6000, DataTypes = 1000;
 
@@ -87,7 +88,7 @@ class Exchanger {
         std::puts("up");
         std::fflush(stdout);
         while (!m_started) Receive(nullptr);
-        for (int n = 1; n <= Neighbours && n < Processes; n++) Open(n);
+        for (int n = 1; n <= Neighbours; n++) Open(n);
         for (int n = 0; n < MessagesEach && m_wrong.empty(); n++) {
             SendOne();
             while (Receive(AtOnce())) {
