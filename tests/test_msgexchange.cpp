@@ -2,6 +2,7 @@
 // over data channels opened in every way, all at once: every message arrives once, in order for
 // each sender and route, intact, and nothing is left over.
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
 #include <cstring>
 #include <map>
@@ -18,6 +19,8 @@
 #include "support/machine.h"
 
 namespace {
+
+using Message = ObjHolder<MsgMessageS>;
 
 #if defined(TEST_IS_EMULATED)
 constexpr int Processes = 6, MessagesEach = 60;
@@ -303,7 +306,63 @@ const Role start("start", [](const std::vector<std::string>&) {
     return 0;
 });
 
+// --- a socket that a parent hands over to its child ---
+
+constexpr ProcIdT ParentId = 60, ChildId = 61;
+
+NetInheritContextO AwaitContext(MsgTypeT type) {
+    Message message;
+    ObjHolder<NetInheritContextS> context;
+    if (MsgReceiveMsgTypeFromAddress(message.Address(), type, nullptr, nullptr) != TRUE ||
+        MsgGetObject(context.Address(), message.Get(), NetInheritContextMagic) != TRUE)
+        return nullptr;
+    return context.Take();
+}
+
+const Role child("child", [](const std::vector<std::string>&) {
+    if (ProcSetId(ChildId) != TRUE || MsgIpcConnect(eMsgProcTypeProcess) != TRUE) return 10;
+    std::puts("up");
+    std::fflush(stdout);
+    ObjHolder<NetInheritContextS> context(AwaitContext(MSG_INHERIT_SOCKET_MSG));
+    NetSocketT socket = -1;
+    int32 sent = 0;
+    char word[] = "handed";
+    if (NetInheritPhase4(&socket, context.Get()) != TRUE) return 11;
+    if (NetTcpSend(&sent, socket, word, 6) != NET_ERROR_NONE) return 12;
+    NetClose(&socket);
+    NetInheritDone(context.Address());
+    ContextReleaseThread();
+    return 0;
+});
+
+const Role parent("parent", [](const std::vector<std::string>&) {
+    if (ProcSetId(ParentId) != TRUE || MsgIpcConnect(eMsgProcTypeProcess) != TRUE) return 10;
+    int ends[2];
+    char word[7] = "";
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) return 11;
+    ObjHolder<NetInheritContextS> context;
+    if (NetInheritPhase1(context.Address(), ends[1]) != TRUE) return 12;
+    Process process = Process::InRole("child", {}, std::getenv("KRHOME"));
+    if (NetInheritPhase2(context.Get(), process.Id()) != TRUE || process.Line() != "up") return 13;
+    if (NetInheritPhase3(context.Get(), ChildId) != TRUE) return 14;
+    ObjHolder<NetInheritContextS> answer(AwaitContext(MSG_INHERITED_SOCKET_MSG));
+    if (NetInheritMatch(context.Get(), answer.Get()) != TRUE || answer.Get()->bSuccess != TRUE)
+        return 15;
+    if (recv(ends[0], word, 6, MSG_WAITALL) != 6 || std::string(word) != "handed") return 16;
+    if (recv(ends[0], word, 1, 0) != 0) return 17;  // the child's was the only one left
+    NetInheritDone(context.Address());
+    const int code = process.Wait();
+    ContextReleaseThread();
+    return code;
+});
+
 }  // namespace
+
+TEST(Inherit, AParentHandsASocketToItsChild) {
+    Machine machine;
+    ASSERT_TRUE(machine.Start());
+    EXPECT_EQ(machine.InRole("parent", {}).Wait(), 0);
+}
 
 TEST(Exchange, EveryMessageArrivesOnceInOrderIntact) {
     Machine machine;

@@ -413,6 +413,61 @@ TEST_F(MsgWaits, PingsAreAnswered) {
 }
 
 // The peer sends back the request for a data channel, so that this process is at both its ends.
+// What the others do: the result, and a line that they trace.
+TEST_F(MsgWaits, TheOtherDefaultHandlers) {
+    const ObjHolder<void> number(Number(1));
+    const New<CmgrMachineDownS> down(CmgrMachineDownMagic, "s;");
+    down->pstrMachineName = StrDuplicate("beta");
+    const New<MsgUnknownS> unknown(MsgUnknownMagic, "s;i;o;");
+    unknown->pstrMessage = StrDuplicate("why");
+    unknown->tUnexpectedType = 77;
+    const New<PmgrGiveServiceATaskReturnS> good(PmgrGiveServiceATaskReturnMagic, "b;i;o;i;b;i;o;"),
+        bad(PmgrGiveServiceATaskReturnMagic, "b;i;o;i;b;i;o;");
+    good->bSuccess = TRUE;
+    bad->lErrorCode = 9;
+    const New<PmgrTaskS> task(PmgrTaskMagic, "o;i;o;i;");
+    task->lInterfaceType = 2;
+    const MsgWaitResultE yes = eMsgWaitResultHandled, no = eMsgWaitResultNotHandled;
+    const struct {
+        MsgTypeT type;
+        void* body;
+        MsgWaitResultE result;
+        const char* line;
+    } cases[] = {
+        {CMGR_MACHINE_DOWN_MSG, down.Get(), yes, "Machine down: beta"},
+        {MSG_UNKNOWN_MSG, unknown.Get(), yes, "Message of type 77 was unexpected by client"},
+        {MSG_UNKNOWN_MSG, unknown.Get(), yes, "Reason given: why"},
+        {PMGR_GIVE_SERVICE_A_TASK_RETURN_MSG, good.Get(), yes, "Started process OK"},
+        {PMGR_GIVE_SERVICE_A_TASK_RETURN_MSG, bad.Get(), no, "Process failed to start (error 9)"},
+        {PMGR_GIVE_SERVICE_A_TASK_RETURN_MSG, number.Get(), no, "Invalid task reply message"},
+        {PMGR_TASK_MSG, number.Get(), no, "No valid task object"},
+        {PMGR_TASK_MSG, task.Get(), no, "Message 'PMGR_TASK_MSG' not handled a depth 0"},
+        {MSG_CONNECTED_MSG, nullptr, yes, "Point-to-point connection was completed"},
+        {TIMER_CALLBACK_MSG, number.Get(), yes, "Invalid timer message!"},
+        {12345, nullptr, no, "Message 'Unknown message type 12345' not handled a depth 0"},
+    };
+    TraceCapture trace;
+    for (const auto& c : cases) {
+        trace.Clear();
+        ObjHolder<MsgMessageS> message;
+        ASSERT_EQ(MsgCreateMessage(message.Address(), MsgLocalAddress(), c.type, c.body), TRUE);
+        EXPECT_EQ(MsgWaitDefaultHandlers(message.Get()), c.result) << c.line;
+        EXPECT_EQ(trace.CountText(c.line), 1) << c.line;
+    }
+}
+
+TEST_F(MsgWaits, TraceToAFile) {
+    EXPECT_EQ(InChild([] {
+                  const ObjHolder<ObjStringS> name(ObjStringNew("asked.log"));
+                  Push(TRACE_TO_FILE_MSG, MsgLocalAddress(), name.Get());
+                  if (MsgWaitPoll() != TRUE || TraceTracingToFile() != TRUE) return 1;
+                  Push(TRACE_TO_FILE_MSG);
+                  if (MsgWaitPoll() != TRUE || TraceTracingToFile() != FALSE) return 2;
+                  return Exists(TestHome() + "/trace/asked.log") ? 0 : 3;
+              }).exitCode,
+              0);
+}
+
 TEST_F(MsgWaits, TaskAndConnectOpenADataChannel) {
     static std::vector<MsgAddressO> channels;
     const Peer echo(peer);

@@ -73,9 +73,10 @@ using MsgPacketCallbackFnT = BooleanT (*)(MsgPacketO oPacket, void* pArgument); 
 
 // --- the interprocess channel ---
 
-BooleanT MsgChannelInitialize();
+BooleanT MsgChannelInitialize();  // as MsgInitializeThread, for the calling thread
 // Connects this process, under its id, to the communications manager of the machine, which may take
-// 60 seconds (6 for a process without an id). From then on received packets are kept.
+// 60 seconds (6 for a process without an id). From then on received packets are kept. TRUE, with
+// nothing done, while there is a link.
 BooleanT MsgIpcConnect(MsgProcTypeE eType);
 int32 MsgGetCommsPort();
 void MsgQuickExit(BooleanT bBeQuick);  // do not wait for channels when the thread is released

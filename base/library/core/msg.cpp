@@ -83,10 +83,13 @@ BooleanT MsgInitialize() {
     return BooleanFrom(MsgCreateTemplates() == TRUE && MsgAddressInitialize() == TRUE);
 }
 
-BooleanT MsgInitializeThread(TesselContextT* /*ptTlContext*/) {
-    return BooleanFrom(MsgChannelInitialize() == TRUE && MsgLocalAddressInitialize() == TRUE &&
+BooleanT MsgInitializeThread(TesselContextT* ptTlContext) {
+    if (ptTlContext->sMsg.oChannels != nullptr) return TRUE;
+    return BooleanFrom(MsgCreateChannelState() == TRUE && MsgLocalAddressInitialize() == TRUE &&
                        MsgInitializeNames() == TRUE);
 }
+
+BooleanT MsgChannelInitialize() { return MsgInitializeThread(ContextGet()); }
 
 void MsgReleaseThread(TesselContextT* ptTlContext) {
     TesselContextMsgS& tMsg = ptTlContext->sMsg;

@@ -155,7 +155,7 @@ BooleanT MsgChannelById(MsgChannelO* poChannel, int32 lId) {
     return TRUE;
 }
 
-BooleanT MsgChannelInitialize() {
+BooleanT MsgCreateChannelState() {
     TesselContextMsgS& tMsg = MsgState();
     tMsg.bInitialized = FALSE;
     tMsg.bQuickExit = FALSE;

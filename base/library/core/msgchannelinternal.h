@@ -5,7 +5,9 @@
 //   msgio.cpp        moves bytes between channels and sockets, looks at what has arrived
 //   msgnotice.cpp    follows what the managers tell about processes and machines
 //   msgreceive.cpp   the select loop, the receive list, the waits for a type of message
-//   msgconnect.cpp   data channels: listening, connecting, pending connections
+//   msgopen.cpp      data channels: listening for the target
+//   msgconnect.cpp   data channels: connecting to the opener
+//   msgpending.cpp   data channels: what is left to the select loop
 //   msgnets.cpp      addresses and ports at which machines are reached
 //   msgipc.cpp       the link to the communications manager
 #pragma once
@@ -78,6 +80,7 @@ inline bool MsgIsChannelObject(MsgChannelO oChannel) {
     return ObjCheckTypeInternal(oChannel, MsgChannelMagic) == TRUE;
 }
 
+BooleanT MsgCreateChannelState();  // the empty lists, masks and map of the thread
 BooleanT MsgChannelById(MsgChannelO* poChannel, int32 lId);  // a new holder
 
 inline NetSocketT MsgSocketOf(MsgChannelO oChannel) {
@@ -136,8 +139,31 @@ BooleanT MsgCheckIpcMessage(MsgPacketO oPacket);  // FALSE: the packet is not fo
 void MsgWatchProcess(MsgAddressO oAddress);       // when it is on another machine
 void MsgPrepareTaskFailure(MsgPacketO oPacket);   // for a task asked of another machine
 
-// --- data channels (msgconnect.cpp, msgnets.cpp) ---
+// --- data channels (msgconnect.cpp, msgopen.cpp, msgpending.cpp, msgnets.cpp) ---
 
+// The section of the firewall file whose ports data channels between machines use.
+constexpr char MsgFirewallSection[] = "MsgChannel";
+const char* MsgAnyAddress(std::int16_t sFamily);
+BooleanT MsgBindLoopback(NetSocketT tSocket, std::int16_t sFamily);  // to any port
+// Waits for one socket: readable, or writable or failed. Signals do not end it.
+NetErrorE MsgAwaitSocket(NetSocketT tSocket, bool bRead, TimeTimeoutO oTimeout);
+// What the connecting side says first on a new channel. One on which it cannot be said goes without
+// a notice: nobody has seen it.
+BooleanT MsgSendGreetings(MsgChannelO oChannel, int32 lType, int32 eSendOk, MsgAddressO oTunnelBody,
+                          MsgAddressO oOkBody);
+
+struct MsgPendingT {
+    MsgAddressO oRemote;
+    MsgChannelBlockingE eBlocking;
+    MsgChannelNotifyDownE eNotifyDown;
+    MsgChannelOkE eWaitForOk;
+    MsgChannelSendOkE eSendOk;
+    void* oCookie;
+    MsgChannelConnectTypeE eType;
+};
+
+// On success the entry owns the socket, which the caller puts into the select mask.
+BooleanT MsgAddPending(MsgSocketHolder& tSocket, const MsgPendingT& tPending);
 void MsgCheckConnectionTimeouts(NetSelectMaskT tReady);
 void MsgLowerToPending(TimeTimeoutO oTimeout);
 void MsgReleaseConnecting();

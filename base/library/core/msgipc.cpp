@@ -142,7 +142,8 @@ BooleanT MsgConnectToCommsManager(MsgProcTypeE eType) {
 
 BooleanT MsgIpcConnect(MsgProcTypeE eType) {
     BooleanT bResult = MsgMakeLocalAddress();
-    if (bResult == TRUE && ProcGetId() != MsgCommunicationsManagerId)
+    const bool bLinked = MsgState().oIpcChannel != nullptr;
+    if (bResult == TRUE && !bLinked && ProcGetId() != MsgCommunicationsManagerId)
         bResult = MsgConnectToCommsManager(eType);
     if (bResult == TRUE) MsgState().bInitialized = TRUE;
     TraceMessageInline(178, 0, 4, "%s = MsgIpcConnect()", BooleanText(bResult));
