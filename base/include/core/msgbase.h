@@ -254,6 +254,13 @@ struct PmgrNotifyOnDeathS {  // PMGR_NOTIFY_ON_DEATH_MSG, descriptor "o;"
 };
 using PmgrNotifyOnDeathO = PmgrNotifyOnDeathS*;
 
+constexpr int32 PmgrCancelNotifyOnDeathMagic = ObjMagic(0xcb9d1c47);
+struct PmgrCancelNotifyOnDeathS {  // PMGR_CANCEL_NOTIFY_ON_DEATH_MSG, descriptor "o;o;"
+    MsgAddressO oAddress;          // the process that was watched
+    void* oExtension;
+};
+using PmgrCancelNotifyOnDeathO = PmgrCancelNotifyOnDeathS*;
+
 // --- notices of the managers ---
 
 constexpr int32 CmgrProcessUnreachableMagic = ObjMagic(0xc9c7a3e1);

@@ -18,3 +18,10 @@ struct ProcDetailsT {
 };
 static_assert(offsetof(ProcDetailsT, lMemCount) == 80 &&
               offsetof(ProcDetailsT, tTraceBuffer) == 104 && sizeof(ProcDetailsT) == 120);
+
+// Precedes the text by which a process shows its progress.
+struct ProgressBufHeaderT {
+    int32 lBufferSize;          // bytes
+    int32 lCurrentBufPosition;  // in them
+};
+static_assert(sizeof(ProgressBufHeaderT) == 8);

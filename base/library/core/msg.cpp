@@ -6,6 +6,7 @@
 #include "core/cfgutil.h"
 #include "core/list.h"
 #include "core/net.h"
+#include "core/procapi.h"
 #include "core/process.h"
 #include "core/strdynam.h"
 #include "core/task.h"
@@ -29,9 +30,7 @@ constexpr MsgClassT atMsgClasses[] = {
     MSG_CLASSES(MSG_CLASS_ROW)
     // Of other modules, which look into them when a message has brought one.
     {NetInheritContextMagic, sizeof(NetInheritContextS), "i;b;p;i;i;d;", "NetInheritContext"},
-    {PmgrProcessStatusMagic, sizeof(PmgrProcessStatusS), "i;i;i;b;b;i;", "PmgrProcessStatus"},
     {ObjDStringMagic, sizeof(ObjDStringS), "d;i;o;", "ObjDString"},
-    {TaskContextMagic, sizeof(TaskContextS), "s;i;i;o;o;", "TaskContext"},
     {CfgUtilRemoteConfigDetailsMagic, sizeof(CfgUtilRemoteConfigDetailsS), "s;s;o;",
      "CfgUtilRemoteConfigDetails"},
 };

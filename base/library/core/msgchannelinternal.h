@@ -137,6 +137,7 @@ BooleanT MsgPeerIsGone(MsgAddressO oAddress, int32 lKnown);
 
 BooleanT MsgCheckIpcMessage(MsgPacketO oPacket);  // FALSE: the packet is not for the application
 void MsgWatchProcess(MsgAddressO oAddress);       // when it is on another machine
+void MsgForgetProcess(MsgAddressO oAddress);      // the opposite
 void MsgPrepareTaskFailure(MsgPacketO oPacket);   // for a task asked of another machine
 
 // --- data channels (msgconnect.cpp, msgopen.cpp, msgpending.cpp, msgnets.cpp) ---

@@ -41,6 +41,10 @@ void MsgNoteSent(MsgAddressO oMsgAddress, MsgTypeT tMsgType, void* oObject) {
         ObjCheckTypeInternal(oObject, PmgrNotifyOnDeathMagic) == TRUE) {
         MsgWatchProcess(static_cast<PmgrNotifyOnDeathO>(oObject)->oAddress);
     }
+    if (tMsgType == PMGR_CANCEL_NOTIFY_ON_DEATH_MSG &&
+        ObjCheckTypeInternal(oObject, PmgrCancelNotifyOnDeathMagic) == TRUE) {
+        MsgForgetProcess(static_cast<PmgrCancelNotifyOnDeathO>(oObject)->oAddress);
+    }
     ObjHolder<MsgChannelS> oChannel;
     if (tMsgType == MSG_PROXY_SOURCE_MSG && MsgIsAChannel(oMsgAddress) == TRUE &&
         ObjCheckTypeInternal(oObject, MsgProxySourceMagic) == TRUE &&

@@ -4,7 +4,8 @@
 #include "core/msg.h"
 #include "core/msgchannel.h"
 
-// Every class of the layer, X(name, descriptor): record nameS, magic nameMagic.
+// Every class of the layer and of what processes ask of their manager, X(name, descriptor): record
+// nameS, magic nameMagic.
 #define MSG_CLASSES(X)                                         \
     X(MsgAddress, "s;i;")                                      \
     X(MsgMessage, "o;o;i;i;o;")                                \
@@ -30,6 +31,15 @@
     X(ProcAddress, "s;s;i;")                                   \
     X(SetProcessContextRequest, "o;o;")                        \
     X(PmgrNotifyOnDeath, "o;")                                 \
+    X(PmgrCancelNotifyOnDeath, "o;o;")                         \
+    X(PmgrProcessStatus, "i;i;i;b;b;i;")                       \
+    X(PmgrStartOfDayReady, "i;o;")                             \
+    X(PmgrKillProcess, "o;i;")                                 \
+    X(PmgrGetProcessState, "o;")                               \
+    X(PmgrGetProcessStateReturn, "o;i;")                       \
+    X(ProcGiveTaskArgs, "s;s;b;o;i;")                          \
+    X(ProcCleanup, "p;p;")                                     \
+    X(TaskContext, "s;i;i;o;o;")                               \
     X(CmgrProcessUnreachable, "o;i;")                          \
     X(CmgrMachineDown, "s;")                                   \
     X(NmgrMachineUnreachable, "s;i;o;")                        \

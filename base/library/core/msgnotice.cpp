@@ -43,12 +43,6 @@ void MsgEachItem(ListO oList, Fn fnEach) {
     }
 }
 
-void MsgForgetProcess(MsgAddressO oAddress) {
-    MsgEachItem<MsgAddressS>(MsgState().oNotifyOnDeathList, [oAddress](MsgAddressO oWatched) {
-        return MsgAddressEqual(oWatched, oAddress) == TRUE;
-    });
-}
-
 void MsgForgetTask(ProcAddressO oService, int32 lCookie) {
     bool bDone = false;
     MsgEachItem<PmgrGiveServiceATaskReturnS>(
@@ -213,6 +207,12 @@ void MsgWatchProcess(MsgAddressO oAddress) {
                                    static_cast<MsgAddressO>(oItemB));
         },
         oAddress);
+}
+
+void MsgForgetProcess(MsgAddressO oAddress) {
+    MsgEachItem<MsgAddressS>(MsgState().oNotifyOnDeathList, [oAddress](MsgAddressO oWatched) {
+        return MsgAddressEqual(oWatched, oAddress) == TRUE;
+    });
 }
 
 void MsgPrepareTaskFailure(MsgPacketO oPacket) {

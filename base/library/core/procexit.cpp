@@ -1,19 +1,17 @@
-// The end of a process: what it tells the process manager, the cleanup routines, and the exit.
+// The end of a process: the cleanup routines, and the exit.
 #include <cstdlib>
 
 #include "core/cfg.h"
 #include "core/context.h"
 #include "core/list.h"
-#include "core/msgchannel.h"
 #include "core/process.h"
 #include "core/trace.h"
+#include "msginternal.h"
 
 TRACE_MODULE("PROCESS")
 
 namespace {
 
-constexpr char ProcCleanupDescriptor[] = "p;p;";
-constexpr char PmgrProcessStatusDescriptor[] = "i;i;i;b;b;i;";
 constexpr int32 ProcExitRestart = -1;
 constexpr int32 ProcExitQuick = -2;
 
@@ -57,19 +55,6 @@ void ProcLogMemoryOnExit() {
 }
 
 }  // namespace
-
-BooleanT ProcSendStatus(ProcStatusE eStatus) {
-    TraceMessageInline(216, 0, 4, "ProcSendStatus(%d)", eStatus);
-    ObjHolder<PmgrProcessStatusS> oStatus(
-        ObjNew<PmgrProcessStatusS>(PmgrProcessStatusMagic, PmgrProcessStatusDescriptor));
-    BooleanT bResult = FALSE;
-    if (oStatus.Get() != nullptr) {
-        oStatus.Get()->eStatus = eStatus;
-        bResult = MsgSendObject(MsgProcMgrAddress(), PMGR_PROCESS_STATUS_MSG, oStatus.Get());
-    }
-    TraceMessageInline(217, 0, 4, "%s = ProcSendStatus(%d)", BooleanText(bResult), eStatus);
-    return bResult;
-}
 
 BooleanT ProcAddCleanupRoutine(ProcCleanupFnT fnRoutine, void* pArgument) {
     const ProcTraceSilence tSilence;

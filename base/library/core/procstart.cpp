@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdarg>
+#include <cstdio>
 #include <cstring>
 #include <vector>
 
@@ -62,44 +63,40 @@ void ProcResetSignals(const sigset_t& tMask) {
 }
 
 [[noreturn]] void ProcRunProgram(const char* pstrPath, const char* const* apstrArguments,
-                                 const sigset_t& tMask) {
-    ProcSilenceOutput();
+                                 bool bSilent, const sigset_t& tMask) {
+    if (bSilent) ProcSilenceOutput();
     ProcResetSignals(tMask);
     execvp(pstrPath, const_cast<char* const*>(apstrArguments));
     _exit(ProcExecFailed);
 }
 
-}  // namespace
+// --- in this process ---
 
-BooleanT ProcStartProcessWithArgs(ProcActualHandleT* ptProcessId, const char* pstrProgramPath,
-                                  ...) {
-    if (pstrProgramPath == nullptr || *pstrProgramPath == '\0') return FALSE;
-    TraceMessageInline(210, 0, 3, "ProcStartProcessWithArgs(%p, %s)",
-                       static_cast<void*>(ptProcessId), pstrProgramPath);
-    const char* pstrSlash = std::strrchr(pstrProgramPath, '/');
-    // Without a directory the program is looked up by the child.
-    if (pstrSlash != nullptr && FileHaveAccess(pstrProgramPath, eFileAccessExecute) != TRUE) {
-        TraceMessageInline(211, errno, -1, "No execute access to '%s'", pstrProgramPath);
-        return FALSE;
-    }
-    const char* apstrArguments[1 + ProcMaximumArguments + 1] = {
-        pstrSlash == nullptr ? pstrProgramPath : pstrSlash + 1};
-    std::va_list tTexts;
-    va_start(tTexts, pstrProgramPath);
-    for (int32 lText = 1; lText <= ProcMaximumArguments; lText++) {
-        apstrArguments[lText] = va_arg(tTexts, const char*);
-        if (apstrArguments[lText] == nullptr) break;
-    }
-    va_end(tTexts);
+const char* ProcBaseName(const char* pstrPath) {
+    const char* pstrSlash = std::strrchr(pstrPath, '/');
+    return pstrSlash == nullptr ? pstrPath : pstrSlash + 1;
+}
 
+// Without a directory the program is looked up by the child.
+BooleanT ProcMayStart(const char* pstrPath) {
+    if (std::strchr(pstrPath, '/') == nullptr ||
+        FileHaveAccess(pstrPath, eFileAccessExecute) == TRUE)
+        return TRUE;
+    TraceMessageInline(211, errno, -1, "No execute access to '%s'", pstrPath);
+    return FALSE;
+}
+
+// The arguments end with nullptr. A null ptChild: nobody waits.
+BooleanT ProcSpawn(ProcRealIdT* ptChild, const char* pstrPath, const char* const* apstrArguments,
+                   bool bSilent) {
     ProcCollectUnawaited();
-    if (ptProcessId == nullptr) gatUnawaited.reserve(gatUnawaited.size() + 1);
+    if (ptChild == nullptr) gatUnawaited.reserve(gatUnawaited.size() + 1);
     sigset_t tAll;
     sigset_t tMask;
     sigfillset(&tAll);
     sigprocmask(SIG_SETMASK, &tAll, &tMask);
     const pid_t tChild = fork();
-    if (tChild == 0) ProcRunProgram(pstrProgramPath, apstrArguments, tMask);
+    if (tChild == 0) ProcRunProgram(pstrPath, apstrArguments, bSilent, tMask);
     const ErrnoKeeper tErrno;
     sigprocmask(SIG_SETMASK, &tMask, nullptr);
     if (tChild == -1) {
@@ -107,9 +104,41 @@ BooleanT ProcStartProcessWithArgs(ProcActualHandleT* ptProcessId, const char* ps
                            tErrno.Text());
         return FALSE;
     }
-    if (ptProcessId != nullptr)
-        *ptProcessId = tChild;
+    if (ptChild != nullptr)
+        *ptChild = tChild;
     else
         gatUnawaited.push_back(tChild);
     return TRUE;
+}
+
+}  // namespace
+
+BooleanT ProcStartProcess(ProcProcessInfoT* ptProcInfo, const char* pstrProgramPath,
+                          ProcIdT tProcessId) {
+    if (pstrProgramPath == nullptr || *pstrProgramPath == '\0') return FALSE;
+    TraceMessageInline(229, 0, 3, "ProcStartProcess(%p, %s, %d)", static_cast<void*>(ptProcInfo),
+                       pstrProgramPath, tProcessId);
+    if (ProcMayStart(pstrProgramPath) != TRUE) return FALSE;
+    char acId[16];
+    std::snprintf(acId, sizeof(acId), "%d", tProcessId);
+    const char* const apstrArguments[] = {ProcBaseName(pstrProgramPath), acId, nullptr};
+    return ProcSpawn(ptProcInfo == nullptr ? nullptr : &ptProcInfo->tRealProcessId, pstrProgramPath,
+                     apstrArguments, false);
+}
+
+BooleanT ProcStartProcessWithArgs(ProcActualHandleT* ptProcessId, const char* pstrProgramPath,
+                                  ...) {
+    if (pstrProgramPath == nullptr || *pstrProgramPath == '\0') return FALSE;
+    TraceMessageInline(210, 0, 3, "ProcStartProcessWithArgs(%p, %s)",
+                       static_cast<void*>(ptProcessId), pstrProgramPath);
+    if (ProcMayStart(pstrProgramPath) != TRUE) return FALSE;
+    const char* apstrArguments[1 + ProcMaximumArguments + 1] = {ProcBaseName(pstrProgramPath)};
+    std::va_list tTexts;
+    va_start(tTexts, pstrProgramPath);
+    for (int32 lText = 1; lText <= ProcMaximumArguments; lText++) {
+        apstrArguments[lText] = va_arg(tTexts, const char*);
+        if (apstrArguments[lText] == nullptr) break;
+    }
+    va_end(tTexts);
+    return ProcSpawn(ptProcessId, pstrProgramPath, apstrArguments, true);
 }

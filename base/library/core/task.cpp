@@ -5,9 +5,29 @@
 #include "core/list.h"
 #include "core/machineinfo.h"
 #include "core/process.h"
+#include "core/strbase.h"
+#include "core/sys.h"
 #include "core/trace.h"
 
 TRACE_MODULE("TASK")
+MEM_DEFAULT_POOL_CACHE
+
+namespace {
+
+TaskContextO TaskCurrent() { return static_cast<TaskContextO>(gtTlContext.sProcess.oTaskContext); }
+
+}  // namespace
+
+BooleanT TaskCreateContext(TaskContextO* poContext) {
+    if (ObjCreate(poContext, TaskContextMagic, "s;i;i;o;o;") != TRUE) return FALSE;
+    const char* pstrMachine = SysLocalMachineName();
+    BooleanT bServer = FALSE;
+    if (MachInfoIsTLServer(&bServer, pstrMachine) != TRUE || bServer != TRUE) return TRUE;
+    (*poContext)->pstrServerName = StrDuplicateIntoPool(pstrMachine, MemPool());
+    MachInfoGetTLVersion(&(*poContext)->lServerVersion, pstrMachine);
+    MachInfoGetTLPatchLevel(&(*poContext)->lServerPatchLevel, pstrMachine);
+    return TRUE;
+}
 
 BooleanT TaskSetTaskContext(TaskContextO oContext) {
     TesselContextProcessS& tProcess = gtTlContext.sProcess;
@@ -23,6 +43,32 @@ BooleanT TaskSetTaskContext(TaskContextO oContext) {
                            MachInfoTLVersionStringFromTLVersion(oContext->lServerVersion),
                            oContext->lServerPatchLevel);
     return TRUE;
+}
+
+const char* TaskGetServerName() {
+    return TaskCurrent() == nullptr ? nullptr : TaskCurrent()->pstrServerName;
+}
+
+int32 TaskGetServerVersion() {
+    return TaskCurrent() == nullptr ? 0 : TaskCurrent()->lServerVersion;
+}
+
+int32 TaskGetServerPatchLevel() {
+    return TaskCurrent() == nullptr ? 0 : TaskCurrent()->lServerPatchLevel;
+}
+
+BooleanT TaskSetContextObject(TaskContextO oContext, void* oObject) {
+    if (ObjCheckTypeInternal(oContext, TaskContextMagic) != TRUE ||
+        ObjHasValidGlobalMagic(oObject) != TRUE) {
+        TraceMessageInline(4, 0, -1, "TaskSetContextObject(%p, %p) - bad args",
+                           static_cast<void*>(oContext), oObject);
+        ProcCrash(FALSE);
+        return FALSE;
+    }
+    void* oList = oContext->oExtraObjects;
+    const BooleanT bResult = ListSetExtensionItem(&oList, oObject);
+    oContext->oExtraObjects = static_cast<ListO>(oList);
+    return bResult;
 }
 
 BooleanT TaskGetContextObject(void** poObject, TaskContextO oContext, int32 lMagic) {
