@@ -20,6 +20,7 @@
 #include "core/list.h"
 #include "core/msgchannel.h"
 #include "core/objwrappers.h"
+#include "core/procapi.h"
 #include "core/process.h"
 #include "core/sys.h"
 #include "core/task.h"
@@ -34,6 +35,7 @@ using bytes::Long;
 
 namespace {
 
+using Address = ObjHolder<MsgAddressS>;
 using Message = ObjHolder<MsgMessageS>;
 using Packet = ObjHolder<MsgPacketS>;
 
@@ -409,6 +411,20 @@ TEST_F(Channels, WhatMayNotComeFromOutside) {
     ASSERT_EQ(MsgReceivePopPacket(packet.Address()), TRUE);
     EXPECT_EQ(MsgChannelDispatch(data.channel.Get(), packet.Address()), FALSE);
     EXPECT_EQ(packet.Get(), nullptr);  // taken over all the same
+}
+
+TEST_F(Channels, WatchesThatAreCancelled) {
+    Link ipc(eMsgChannelNonBlocking, eMsgChannelDoNotWaitForOk, true);
+    gtTlContext.sMsg.oIpcChannel = ipc.channel.Get();
+    Address watched[2];  // on another machine
+    for (const int id : {0, 1}) MsgCreateAddress(watched[id].Address(), "elsewhere", 40 + id);
+    const auto* watches = gtTlContext.sMsg.oNotifyOnDeathList;
+    for (const Address& address : watched) EXPECT_EQ(ProcInformOnDeath(address.Get()), TRUE);
+    EXPECT_EQ(watches->lItemCount, 2);
+    EXPECT_EQ(ProcCancelInformOnDeath(watched[0].Get()), TRUE);
+    ASSERT_EQ(watches->lItemCount, 1);
+    EXPECT_EQ(static_cast<MsgAddressO>(watches->oFirst->oData)->tProcessId, 41);
+    EXPECT_EQ(ProcCancelInformOnDeath(watched[1].Get()), TRUE);
 }
 
 TEST_F(Channels, TasksForOlderPrograms) {

@@ -154,7 +154,8 @@ void ProcSetTraceFile() {
     const char* pstrName = bConfigured ? pstrConfigured.Get() : gtTlContext.sProcess.pstrTraceName;
     if (!ProcHasText(pstrName)) return;
     const std::string tFile =
-        pstrName + std::to_string(tId > ProcLastFixedId ? tId : TimeNow()) + ".log";
+        pstrName + std::to_string(static_cast<uint32>(tId > ProcLastFixedId ? tId : TimeNow())) +
+        ".log";
     if (bConfigured)
         TraceToFileNoConfig(tFile.c_str());
     else

@@ -1,0 +1,429 @@
+// What a process asks of process managers, and how it shows itself. What is sent is caught in the
+// place of the function that sends it and compared as text: CLASS(FIELD,...), with "-" for nothing
+// and [ITEM ...] for a list. Addresses are "machine:id", with "." for this machine.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <cstring>
+#include <filesystem>
+#include <utility>
+
+#include "core/context.h"
+#include "core/list.h"
+#include "core/msgchannel.h"
+#include "core/objwrappers.h"
+#include "core/procapi.h"
+#include "core/process.h"
+#include "core/procinternal.h"
+#include "core/sys.h"
+#include "core/task.h"
+#include "support/files.h"
+#include "support/leftovers.h"
+
+using Text = std::string;
+using std::to_string;
+
+namespace {
+
+using Address = ObjHolder<MsgAddressS>;
+using Service = ObjHolder<ProcAddressS>;
+
+bool g_refuse = false;  // sending fails
+int32 g_state = -2;     // what managers answer; -2: something else
+Text g_sent;
+int g_signalled = 0;  // calls of the system
+
+Text Name(const char* pstrName) {
+    if (pstrName == nullptr) return "-";
+    return Text(pstrName) == SysLocalMachineName() ? "." : pstrName;
+}
+
+Text Shown(void* oObject) {
+    if (oObject == nullptr) return "-";
+    if (ObjCheckTypeInternal(oObject, MsgAddressMagic) == TRUE) {
+        const auto* oAddress = static_cast<MsgAddressO>(oObject);
+        return Name(oAddress->pstrMachineName) + ":" + to_string(oAddress->tProcessId);
+    }
+    Text all;
+    if (ListIsList(oObject) == TRUE) {
+        for (auto* oNode = static_cast<ListO>(oObject)->oFirst; oNode; oNode = oNode->oNext)
+            all += (all.empty() ? "" : " ") + Shown(oNode->oData);
+        return "[" + all + "]";
+    }
+    const ObjDbDataT* data = ObjGetDbData(oObject);
+    for (int32 i = 0; i < data->lFieldCount; i++) {
+        void* field = static_cast<char*>(oObject) + data->atFields[i].lObjOffset;
+        const auto type = data->atFields[i].eType;
+        if (type == eObjComponentString)
+            all += "," + Name(*static_cast<char**>(field));
+        else if (type == eObjComponentForwardLink)
+            all += "," + Shown(*static_cast<void**>(field));
+        else
+            all += "," + to_string(*static_cast<int32*>(field));
+    }
+    return Text(ObjNameFromObject(oObject)) + "(" + all.substr(1) + ")";
+}
+
+MsgAddressO At(const char* machine, ProcIdT tId) {
+    MsgAddressO oAddress = nullptr;
+    MsgMakeAddress(&oAddress, machine, tId);
+    return oAddress;
+}
+
+ProcAddressO ServiceOf(const char* machine, const char* process, int32 type = 4) {
+    ProcAddressO oService = nullptr;
+    EXPECT_EQ(ProcCreateAddress(&oService, machine, process, type), TRUE);
+    return oService;
+}
+
+// The context of a task that a server has given.
+TaskContextO Giver() {
+    auto* oTask = ObjNew<TaskContextS>(TaskContextMagic, "s;i;i;o;o;");
+    *oTask = {StrDuplicate("giver"), 7001, 3, nullptr, nullptr};
+    return oTask;
+}
+
+// What was sent since the last call.
+Text Sent() { return std::exchange(g_sent, ""); }
+
+// What this process has sent itself.
+Text Received() {
+    ObjHolder<MsgMessageS> message;
+    if (MsgReceiveCount() == 0 || MsgReceive(message.Address(), nullptr) != TRUE) return "";
+    return to_string(MsgType(message.Get())) + " " + Shown(message.Get()->oObject);
+}
+
+// Machines of three kinds, and a task of none.
+class Requests : public testing::Test {
+ protected:
+    void SetUp() override {
+        for (const char* directory : {"/etc", "/config"})
+            std::filesystem::create_directories(TestHome() + directory);
+        WriteFile(TestHome() + "/etc/machines.dat",
+                  "[old]\nId=5\nTLVersion=6999\n[new]\nId=6\nTLVersion=7000\n");
+        WriteFile(TestHome() + "/config/version.cfg", "[Details]\nTLVersion=7002\n");
+        WriteFile(TestHome() + "/config/configure.cfg", "[Details]\nServer=TRUE\nTLBuildLevel=8\n");
+        WriteFile(TestHome() + "/config/security.cfg", "[Client Out Cookies]\nnew=77\n");
+    }
+    void TearDown() override {
+        TaskSetTaskContext(nullptr);
+        g_refuse = false;
+        EXPECT_EQ(Sent() + Received(), "");
+        EXPECT_EQ(m_leftovers.Text(), "");
+    }
+
+ private:
+    Leftovers m_leftovers;
+};
+
+}  // namespace
+
+BooleanT CatchObject(MsgAddressO oAddress, MsgTypeT tMsgType,
+                     void* oObject) asm("__wrap__Z13MsgSendObjectP11MsgAddressSiPv");
+BooleanT CatchObject(MsgAddressO oAddress, MsgTypeT tMsgType, void* oObject) {
+    if (g_refuse) return FALSE;
+    g_sent += Shown(oAddress) + " " + to_string(tMsgType) + " " + Shown(oObject) + "; ";
+    if (tMsgType == PMGR_GET_PROCESS_STATE_MSG) {
+        ObjHolder<PmgrGetProcessStateReturnS> reply(
+            ObjNew<PmgrGetProcessStateReturnS>(PmgrGetProcessStateReturnMagic, "o;i;"));
+        reply.Get()->eState = g_state;
+        MsgPacketO oPacket = nullptr;
+        MsgCreatePacket(&oPacket, MsgLocalAddress(), oAddress, PMGR_GET_PROCESS_STATE_RETURN_MSG,
+                        g_state == -2 ? oObject : reply.Get());
+        MsgRequeuePacket(oPacket);
+        ObjRelease(&oPacket);
+    }
+    return TRUE;
+}
+
+// A fault must not reach every process there is.
+int RealKill(pid_t tId, int iSignal) asm("__real_kill");
+int SafeKill(pid_t tId, int iSignal) asm("__wrap_kill");
+int SafeKill(pid_t tId, int iSignal) {
+    g_signalled++;
+    return tId < 2 ? 0 : RealKill(tId, iSignal);
+}
+
+TEST_F(Requests, Tasks) {
+    const char* const local = SysLocalMachineName();
+    const Text self = "TaskContext(.,7002,8,-,-)";
+    const Text mine = "TaskContext(giver,7001,3,[OBJ_BOOLEAN(1) OBJ_INTEGER(2)],-)";
+    const auto asked = [](const Text& machine, const Text& cookie, const Text& more) {
+        return machine + ":1 1002 PmgrGiveServiceATask" + (more.empty() ? "" : "Ext") +
+               "(ProcAddress(" + machine + ",srv,4),French," + cookie +
+               ",secret,1,OBJ_INTEGER(5),9" + (more.empty() ? "" : "," + more + ",-") + "); ";
+    };
+    const auto failed = [](int error, const Text& service) {
+        return "1003 PmgrGiveServiceATaskReturn(0," + to_string(error) + ",-,0,0,9," + service +
+               ")";
+    };
+    const struct {
+        const char* machine;
+        const char* process;
+        int task;     // 1: there is a current one
+        int context;  // 1: an integer that replaces the task's, 2: what is no object
+        Text sent;
+        Text received;
+    } cases[] = {
+        {"old", "srv", 1, 1, asked("old", "-1", ""), ""},
+        {"new", "srv", 0, 0, asked("new", "77", self), ""},
+        {"new", "srv", 1, 0, asked("new", "77", mine), ""},
+        {"new", "srv", 0, 1, asked("new", "77", "TaskContext(.,7002,8,[OBJ_INTEGER(6)],-)"), ""},
+        {"new", "srv", 1, 1,
+         asked("new", "77", "TaskContext(giver,7001,3,[OBJ_BOOLEAN(1) OBJ_INTEGER(6)],-)"), ""},
+        {local, "srv", 0, 0, asked(".", "0", self), ""},
+        {"unknown", "srv", 0, 0, asked("unknown", "-1", ""), ""},
+        {"new", nullptr, 0, 0, "", failed(7, "ProcAddress(new,-,4)")},
+        {nullptr, "srv", 0, 0, "", failed(18, "ProcAddress(-,srv,4)")},
+        {"new", "srv", 0, 2, "", failed(7, "ProcAddress(new,srv,4)")},
+    };
+    const ObjHolder<ObjIntegerS> data(ObjIntegerNew(5));
+    const ObjHolder<ObjIntegerS> extra(ObjIntegerNew(6));
+    int32 noObject[32] = {};
+    const ObjHolder<TaskContextS> task(Giver());
+    const ObjHolder<ObjIntegerS> old(ObjIntegerNew(2));
+    const ObjHolder<ObjBooleanS> other(ObjBooleanNew(TRUE));
+    EXPECT_EQ(TaskSetContextObject(task.Get(), other.Get()), TRUE);
+    EXPECT_EQ(TaskSetContextObject(task.Get(), old.Get()), TRUE);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(Text(c.machine ? c.machine : "-") + to_string(c.task) + to_string(c.context));
+        TaskSetTaskContext(c.task == 1 ? task.Get() : nullptr);
+        const Service service(ServiceOf(c.machine, c.process));
+        void* context = c.context == 2 ? static_cast<void*>(noObject + 8) : extra.Get();
+        EXPECT_EQ(ProcGiveServiceATaskExt(service.Get(), "French", "secret", TRUE, data.Get(), 9,
+                                          c.context == 0 ? nullptr : context),
+                  BooleanFrom(!c.sent.empty()));
+        EXPECT_EQ(Sent(), c.sent);
+        EXPECT_EQ(Received(), c.received);
+    }
+    EXPECT_EQ(Shown(task.Get()), mine);  // the request's own object is not in it
+    // No address at all; a send that fails.
+    auto* notAnAddress = static_cast<ProcAddressO>(static_cast<void*>(data.Get()));
+    EXPECT_EQ(ProcGiveServiceATask(notAnAddress, nullptr, nullptr, FALSE, nullptr, 9), FALSE);
+    EXPECT_EQ(Received(), failed(7, "OBJ_INTEGER(5)"));
+    g_refuse = true;
+    const Service service(ServiceOf("new", "srv"));
+    EXPECT_EQ(ProcGiveServiceATask(service.Get(), nullptr, nullptr, FALSE, nullptr, 9), FALSE);
+    EXPECT_EQ(Received(), failed(19, "ProcAddress(new,srv,4)"));
+}
+
+TEST_F(Requests, TasksByIdAndByTags) {
+    const Service service(ServiceOf("old", "srv", 0));
+    const Text head = "old:1 1002 PmgrGiveServiceATask(ProcAddress(old,srv,0),";
+    for (int32 expected = 0; expected < 2; expected++) {
+        int32 lId = -1;
+        EXPECT_EQ(ProcGiveServiceATaskWithID(&lId, service.Get(), nullptr, "p", FALSE, nullptr),
+                  TRUE);
+        EXPECT_EQ(lId, expected);
+        EXPECT_EQ(Sent(), head + "-,-1,p,0,-," + to_string(expected) + "); ");
+    }
+    EXPECT_EQ(ProcGiveServiceATaskTags(service.Get(), OBJ_TAG_BEGIN, 0, "Welsh", 2, TRUE, 4, 11,
+                                       OBJ_TAG_END),
+              TRUE);
+    EXPECT_EQ(Sent(), head + "Welsh,-1,-,1,-,11); ");
+}
+
+TEST_F(Requests, Processes) {
+    const Address there(At("new", 40));
+    const Address here(At(SysLocalMachineName(), 41));
+    const Address channel(At(nullptr, 7));
+    EXPECT_EQ(ProcKillProcess(there.Get(), 3) + ProcInformOnDeath(there.Get()) +
+                  ProcCancelInformOnDeath(here.Get()) + ProcSendSODReady(ePSODROKButWantToDie) +
+                  ProcChangeFromReady(),
+              5 * TRUE);
+    EXPECT_EQ(Sent(),
+              "new:1 1001 PmgrKillProcess(new:40,3); .:1 1005 PmgrNotifyOnDeath(new:40); "
+              ".:1 1044 PmgrCancelNotifyOnDeath(.:41,-); .:1 1041 PmgrStartOfDayReady(2,-); "
+              ".:1 1024 -; ");
+    // A channel that is not there, and nothing at all, lead to no process.
+    for (MsgAddressO oAddress : {channel.Get(), MsgAddressO(nullptr)}) {
+        EXPECT_EQ(ProcKillProcess(oAddress, 0) + ProcInformOnDeath(oAddress) +
+                      ProcCancelInformOnDeath(oAddress) +
+                      ProcSetProcessContextObject(oAddress, there.Get()),
+                  FALSE);
+    }
+    const ObjHolder<ObjIntegerS> object(ObjIntegerNew(5));
+    const Address old(At("old", 42));
+    EXPECT_EQ(ProcSetProcessContextObject(old.Get(), object.Get()), FALSE);
+    EXPECT_EQ(ProcSetProcessContextObject(there.Get(), nullptr), FALSE);
+    EXPECT_EQ(ProcSetProcessContextObject(there.Get(), object.Get()), TRUE);
+    EXPECT_EQ(Sent(), "new:40 2720 SetProcessContextRequest(OBJ_INTEGER(5),-); ");
+    for (const int32 state : {-2, -1, 0, 5, 9}) {
+        g_state = state;
+        EXPECT_EQ(ProcIsProcessRunning(40, "new"), BooleanFrom(state >= 0)) << state;
+        EXPECT_EQ(Sent(), "new:1 1007 PmgrGetProcessState(new:40); ");
+    }
+    EXPECT_EQ(ProcIsProcessRunning(40, nullptr), FALSE);
+    g_refuse = true;
+    EXPECT_EQ(ProcSetProcessContextObject(there.Get(), object.Get()), FALSE);
+    EXPECT_EQ(ProcSendSODReady(ePSODROK), FALSE);
+}
+
+TEST(ProcApi, ServicesErrorsStates) {
+    const Service a(ServiceOf("Mach", "Proc"));
+    const auto equal = [&a](const char* machine, const char* process, int32 type) {
+        return ProcAddressEqual(a.Get(), Service(ServiceOf(machine, process, type)).Get());
+    };
+    EXPECT_EQ(equal("mACH", "pROC", 4), TRUE);
+    EXPECT_EQ(equal("mach", "proc", 5) + equal("mach", "pro", 4) + equal("mac", "proc", 4), FALSE);
+    EXPECT_EQ(equal(nullptr, "proc", 4) + ProcAddressEqual(nullptr, nullptr), FALSE);
+    // Ends of the tables, and what lies beyond; the catalogue's texts stand under their numbers.
+    const auto texts = [](auto... codes) { return (... + (ProcErrorString(codes) + Text("|"))); };
+    EXPECT_EQ(texts(-1, 0, 9, 21, 22, -2, INT32_MIN),
+              "Unknown Error|No Error|The remote machine is unavailable|"
+              "A plugin died unexpectedly|Unknown Error - 22|Unknown Error - -2|"
+              "Unknown Error - -2147483648|");
+    std::filesystem::create_directories(TestHome() + "/locale/Test");
+    Text catalogue;
+    for (int32 number = 568; number <= 591; number++)
+        catalogue += to_string(number) + " \"T" + to_string(number) + "\"\n";
+    WriteFile(TestHome() + "/locale/Test/locale.ctl", catalogue);
+    ASSERT_EQ(LocaleSetLocale("Test"), TRUE);
+    EXPECT_EQ(texts(-1, 0, 21, 22), "T568|T569|T590|T591 - 22|");
+    LocaleSetLocale(nullptr);
+    EXPECT_EQ(ProcProcessStateDescription(eProcStateUnknown) +
+                  Text(ProcProcessStateDescription(eProcStateRestartService)) +
+                  ProcProcessStateDescription(static_cast<ProcStateE>(7)),
+              "UnknownRestart ServiceInvalid");
+}
+
+TEST(Tasks, BadArgumentsAndNoServer) {
+    const ObjHolder<TaskContextS> task(Giver());
+    TraceCapture trace;
+    EXPECT_EQ(TaskSetContextObject(task.Get(), nullptr), FALSE);
+    EXPECT_EQ(TaskSetContextObject(nullptr, task.Get()), FALSE);
+    EXPECT_EQ(trace.Count("TASK", 4), 2);
+    WriteFile(TestHome() + "/config/configure.cfg", "[Details]\nServer=FALSE\nTLBuildLevel=8\n");
+    ObjHolder<TaskContextS> own;
+    ASSERT_EQ(TaskCreateContext(own.Address()), TRUE);
+    EXPECT_EQ(Shown(own.Get()), "TaskContext(-,0,0,-,-)");  // this is no server
+}
+
+TEST(Process, TitleInItsPlace) {
+    ProcDetailsT details;
+    std::memset(&details, 'z', sizeof(details));
+    EXPECT_EQ(ProcSetTitle("no place"), FALSE);
+    ProcSetDetails(&details);
+    EXPECT_EQ(ProcSetTitle(Text(200, 'x').c_str()), TRUE);
+    EXPECT_EQ(ProcTitle(), Text(79, 'x'));
+    EXPECT_EQ(details.lMemCount, 0x7a7a7a7a);  // the title ends before it
+    EXPECT_EQ(ProcSetTitle("short"), TRUE);
+    EXPECT_STREQ(details.strTitle, "short");
+    ProcSetDetails(nullptr);
+}
+
+TEST(Process, TraceLevelAndCrash) {
+    const TraceLevelE previous = TraceSetLevel(eTraceLevelUnchanged);
+    ProcSetName("prog");
+    for (const auto& [text, level] : {std::pair{"always", -1},
+                                      {"NORMAL", 0},
+                                      {"Verbose", 1},
+                                      {"hiverbose", 2},
+                                      {"LibNormal", 3},
+                                      {"LIBVERBOSE", 4},
+                                      {"LIBVERBOSE1", -9},
+                                      {"2", -9},
+                                      {"", -9}}) {
+        WriteFile(TestHome() + "/config/programs.cfg",
+                  "[other]\nTrace Level=ALWAYS\n[Prog]\nTrace Level=" + Text(text) + "\n");
+        for (const int32 before : {0, 3}) {
+            TraceSetLevel(static_cast<TraceLevelE>(before));
+            ProcSetDefaultTraceLevel();
+            EXPECT_EQ(TraceSetLevel(previous), level == -9 ? before : level) << text;
+        }
+    }
+    ProcSetName(nullptr);
+    for (const char* value : {"TRUE", "maybe", "false"}) {
+        WriteFile(TestHome() + "/config/configure.cfg", "[Trace]\nDo Crash=" + Text(value) + "\n");
+        ProcSetCrash();
+        EXPECT_EQ(gbDoCrash, BooleanFrom(Text(value) == "TRUE")) << value;
+    }
+}
+
+TEST(Process, TraceFile) {
+    const auto made = [](ProcIdT id, const Text& configured, const Text& enabled, Text traceName) {
+        const TempDir directory;
+        WriteFile(TestHome() + "/config/programs.cfg", "[prog]\nTrace to File=" + configured);
+        WriteFile(TestHome() + "/config/configure.cfg",
+                  "[Trace]\nTrace To File=" + enabled +
+                      "\n[Directories]\nTrace=" + directory.Path() + "\n");
+        gtTlContext.sProcess.tId = id;
+        gtTlContext.sProcess.pstrTraceName = traceName.data();
+        ProcSetName("prog");
+        ProcSetTraceFile();
+        TraceToFileNoConfig(nullptr);
+        ProcSetName(nullptr);
+        gtTlContext.sProcess.pstrTraceName = nullptr;
+        gtTlContext.sProcess.tId = 0;
+        Text all;
+        for (const Text& name : ListDir(directory.Path())) all += name;
+        return all;
+    };
+    EXPECT_EQ(made(100, "conf", "FALSE", "name"), "conf100.log");
+    EXPECT_EQ(made(100, "", "TRUE", "name"), "name100.log");
+    EXPECT_EQ(made(100, "", "FALSE", "name"), "");
+    EXPECT_EQ(made(100, "", "TRUE", ""), "");
+    EXPECT_EQ(made(-1, "conf", "TRUE", "name"), "");
+    const int64 llEarliest = TimeNow();
+    const Text timed = made(99, "conf", "TRUE", "");
+    EXPECT_TRUE(timed.starts_with("conf") && timed.ends_with(".log")) << timed;
+    EXPECT_LE(std::abs(std::atoll(timed.substr(4).c_str()) - llEarliest), 60) << timed;
+}
+
+TEST(Process, StartsAndSignals) {
+    const Dir dir;
+    WriteFile(dir("program"), "#!/bin/sh\necho \"$0 $# $1\" >" + dir("out") + "\nexec sleep 60\n");
+    ProcProcessInfoT started = {-5};
+    EXPECT_EQ(ProcStartProcess(&started, dir("program"), 1234), FALSE);  // not executable
+    EXPECT_EQ(started.tRealProcessId, -5);
+    chmod(dir("program"), 0700);
+    for (const bool kills : {false, true}) {
+        ASSERT_EQ(ProcStartProcess(&started, dir("program"), 1234), TRUE);
+        ProcRealIdT id = started.tRealProcessId;
+        EXPECT_EQ(ProcAlive(&id, nullptr), TRUE);
+        while (ReadFile(dir("out")).empty()) usleep(1000);
+        EXPECT_EQ(ReadFile(dir("out")), dir("program") + " 1 1234\n");
+        EXPECT_EQ(kills ? ProcKill(id) : ProcTerminate(id), TRUE);
+        int32 status = 0;
+        ASSERT_EQ(waitpid(id, &status, 0), id);
+        EXPECT_EQ(WTERMSIG(status), kills ? SIGKILL : SIGTERM);
+        EXPECT_EQ(ProcAlive(&id, nullptr), FALSE);
+        EXPECT_EQ(id, -1);
+    }
+    const int signalled = g_signalled;
+    for (const ProcRealIdT below : {1, 0, -1, -1000}) {
+        ProcRealIdT id = below;
+        EXPECT_EQ(ProcKill(below) + ProcTerminate(below) + ProcAlive(&id, nullptr), FALSE);
+        EXPECT_EQ(id, below);
+    }
+    EXPECT_EQ(ProcAlive(nullptr, nullptr), FALSE);
+    EXPECT_EQ(g_signalled, signalled);
+}
+
+TEST(Process, OneProcessManager) {
+    std::filesystem::remove_all(TestHome() + "/etc");
+    EXPECT_EQ(ProcPmgrIsRunning(TRUE), FALSE);  // no directory for the file
+    std::filesystem::create_directories(TestHome() + "/etc");
+    const Text file = TestHome() + "/etc/krpmgr.pid";
+    EXPECT_EQ(ProcPmgrIsRunning(FALSE), FALSE);
+    EXPECT_FALSE(Exists(file));
+    WriteFile(file, "what an earlier manager has left behind\n");
+    // Another process reads the file: closing it here would end the lock.
+    const auto asked = [&file](BooleanT bLock) {
+        const RunResult result = InChild([&file, bLock] {
+            const bool running = ProcPmgrIsRunning(bLock) == TRUE;
+            std::printf("%s %s", running ? "yes" : "no", ReadFile(file).c_str());
+            return std::fflush(stdout);
+        });
+        return result.output;
+    };
+    char acId[32];
+    std::snprintf(acId, sizeof(acId), "yes %12d\n", getpid());
+    EXPECT_EQ(asked(FALSE), "no what an earlier manager has left behind\n");
+    EXPECT_TRUE(asked(TRUE).starts_with("no  "));  // and its lock is gone with it
+    EXPECT_EQ(ProcPmgrIsRunning(TRUE), FALSE);
+    for (const BooleanT bLock : {FALSE, TRUE, FALSE}) {
+        EXPECT_EQ(asked(bLock), acId);
+        EXPECT_EQ(ProcPmgrIsRunning(bLock), FALSE);  // this is not another one, and keeps the lock
+    }
+}
