@@ -39,6 +39,13 @@ BooleanT LocaleReadPluginLocale(int32 lPlgId);  // FALSE when the file does not 
 // Parses a catalogue line; the entry's text is the caller's.
 BooleanT LocaleLineIsEntry(LocaleEntryT* ptEntry, const char* pstrLine);
 
+// Catalogues kept in a map of LocaleEntryT: order, search by number, release; and whether a
+// language may be the name of a directory.
+int32 LocaleLocateCachedEntry(void* pEntry1, void* pEntry2);
+int32 LocaleFindCachedEntry(void* plId, void* pEntry);
+void LocaleReleaseCachedEntry(void* pEntry);
+bool LocaleIsDirectoryName(const char* pstrLocale);
+
 // A default text with a message number attached, and back: the localised text, the caller's.
 char* LocaleCreateStringWithId(const char* pstrString, int32 lId);
 char* LocaleResolveStringWithId(const char* pstrRequest);

@@ -39,19 +39,6 @@ TesselContextLocaleS& Locale() { return gtTlContext.sLocale; }
 
 int32 LocaleCompareIds(int32 lId1, int32 lId2) { return (lId1 > lId2 ? 1 : 0) - (lId1 < lId2); }
 
-int32 LocaleLocateCachedEntry(void* pEntry1, void* pEntry2) {
-    return LocaleCompareIds(static_cast<LocaleEntryT*>(pEntry1)->lId,
-                            static_cast<LocaleEntryT*>(pEntry2)->lId);
-}
-
-int32 LocaleFindCachedEntry(void* plId, void* pEntry) {
-    return LocaleCompareIds(*static_cast<int32*>(plId), static_cast<LocaleEntryT*>(pEntry)->lId);
-}
-
-void LocaleReleaseCachedEntry(void* pEntry) {
-    MemFree(&static_cast<LocaleEntryT*>(pEntry)->pstrText);
-}
-
 void LocaleDropCatalog(TesselContextLocaleS& tLocale) {
     if (tLocale.oCatalog != nullptr) ObjRelease(&tLocale.oCatalog);
 }
@@ -89,12 +76,6 @@ struct LocaleMessagesT {
 };
 constexpr LocaleMessagesT tLanguageMessages = {1, 2, 3, 4};
 constexpr LocaleMessagesT tPluginMessages = {9, 10, 11, 12};
-
-// A language is one component of a path: any other name would leave the directory of languages.
-bool LocaleIsDirectoryName(const char* pstrLocale) {
-    return *pstrLocale != '\0' && std::strcmp(pstrLocale, ".") != 0 &&
-           std::strcmp(pstrLocale, "..") != 0 && std::strchr(pstrLocale, '/') == nullptr;
-}
 
 // Opens a file of the language's directory; FALSE when there is no such file.
 BooleanT LocaleOpenCatalog(LocaleFile& tFile, const char* pstrName,
@@ -197,6 +178,25 @@ bool LocaleIsSafeFormat(const char* pstrText, const char* pstrBuiltIn) {
 }  // namespace
 
 BooleanT LocaleInitialize() { return TRUE; }
+
+int32 LocaleLocateCachedEntry(void* pEntry1, void* pEntry2) {
+    return LocaleCompareIds(static_cast<LocaleEntryT*>(pEntry1)->lId,
+                            static_cast<LocaleEntryT*>(pEntry2)->lId);
+}
+
+int32 LocaleFindCachedEntry(void* plId, void* pEntry) {
+    return LocaleCompareIds(*static_cast<int32*>(plId), static_cast<LocaleEntryT*>(pEntry)->lId);
+}
+
+void LocaleReleaseCachedEntry(void* pEntry) {
+    MemFree(&static_cast<LocaleEntryT*>(pEntry)->pstrText);
+}
+
+// A language is one component of a path: any other name would leave the directory of languages.
+bool LocaleIsDirectoryName(const char* pstrLocale) {
+    return *pstrLocale != '\0' && std::strcmp(pstrLocale, ".") != 0 &&
+           std::strcmp(pstrLocale, "..") != 0 && std::strchr(pstrLocale, '/') == nullptr;
+}
 
 BooleanT LocaleInitializeThread(TesselContextT* /*ptTlContext*/) {
     const PoolPtr<char> pstrLocale(LocaleGetConfiguration());

@@ -5,12 +5,14 @@
 
 #include "core/cfgutil.h"
 #include "core/list.h"
+#include "core/log.h"
 #include "core/net.h"
 #include "core/procapi.h"
 #include "core/process.h"
 #include "core/strdynam.h"
 #include "core/task.h"
 #include "core/trace.h"
+#include "loginternal.h"
 #include "msgchannelinternal.h"
 
 TRACE_MODULE("MESSAGE")
@@ -33,6 +35,10 @@ constexpr MsgClassT atMsgClasses[] = {
     {ObjDStringMagic, sizeof(ObjDStringS), "d;i;o;", "ObjDString"},
     {CfgUtilRemoteConfigDetailsMagic, sizeof(CfgUtilRemoteConfigDetailsS), "s;s;o;",
      "CfgUtilRemoteConfigDetails"},
+    {logdMessageMagic, sizeof(logdMessageS), LogMessageDescriptor, "logdMessage"},
+    {logdCriteriaMagic, sizeof(logdCriteriaS), LogCriteriaDescriptor, "logdCriteria"},
+    {logdRequestEntriesMagic, sizeof(logdRequestEntriesS), LogRequestDescriptor,
+     "logdRequestEntries"},
 };
 #undef MSG_CLASS_ROW
 

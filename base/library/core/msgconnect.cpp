@@ -3,12 +3,16 @@
 #include <sys/socket.h>
 
 #include "core/list.h"
+#include "core/log.h"
 #include "core/trace.h"
 #include "msgchannelinternal.h"
 
 TRACE_MODULE("MESSAGE")
 
 namespace {
+
+constexpr int32 MsgLogNoPorts = LogNumber(1011, 96);
+constexpr char MsgNoPorts[] = "No available ports to connect to message channel";
 
 const char* MsgLoopback(std::int16_t sFamily) { return sFamily == AF_INET6 ? "::1" : "127.0.0.1"; }
 
@@ -116,7 +120,8 @@ BooleanT MsgConnectTo(MsgChannelO* poChannel, NetAddressO oAddress, const MsgCon
         return FALSE;
     }
     if (MsgBindToConnect(tSocket.Get(), &tAddress, tWish) != TRUE) {
-        TraceMessageInline(199, 0, -1, "No available ports to connect to message channel");
+        LogMessage(MsgLogNoPorts, eLogLevelError, nullptr, MsgNoPorts);
+        TraceMessageInline(199, 0, -1, MsgNoPorts);
         return FALSE;
     }
     return tWish.eConnect == eMsgChannelWaitForConnect

@@ -4,8 +4,10 @@
 #include <ctime>
 
 #include "core/context.h"
+#include "core/log.h"
 #include "core/memory.h"
 #include "core/object.h"
+#include "core/objwrappers.h"
 #include "core/trace.h"
 #include "objfields.h"
 
@@ -13,6 +15,8 @@ TRACE_MODULE("OBJECT")
 MEM_DEFAULT_POOL_CACHE
 
 namespace {
+
+constexpr int32 ObjMonitorLogId = 158;
 
 ObjCountEntryT* ObjNewCountTable(int32 lEntries) {
     auto* ptTable = static_cast<ObjCountEntryT*>(MemAllocateFromPool(
@@ -129,12 +133,19 @@ void ObjMonitor() {
 }
 
 void ObjMonitorLog(int32 lLevel, ObjCountEntryT* ptBase) {
-    TraceMessageInline(91, 0, lLevel, "Objects: Count %d Max %d Allocations %d", ObjCount(),
-                       ObjMax(), ObjAllocations());
+    const TracePositionT tStart =
+        TraceMessageInline(91, 0, lLevel, "Objects: Count %d Max %d Allocations %d", ObjCount(),
+                           ObjMax(), ObjAllocations());
     TraceMessageInline(92, 0, lLevel, "Memory: Count %d Max %d Allocations %d", MemUsedCount(),
                        MemMax(), MemAllocations());
     ObjCountEntryT* ptNow = nullptr;
     ObjGetObjectCounts(&ptNow);
     ObjTraceCounts(lLevel, ptNow, ptBase);
     MemFree(&ptNow);
+    // The lines above, where the level lets them be traced.
+    ObjHolder<ObjStringS> oLines;
+    if (tStart.pTraceBuffer != nullptr) TraceDumpToString(oLines.Address(), &tStart);
+    LogMessageWithContext(ObjMonitorLogId, eLogLevelInformation, nullptr, oLines.Get(),
+                          "%s: %d objects, %d blocks of memory", gtTlContext.sProcess.pstrTitle,
+                          ObjCount(), MemUsedCount());
 }
