@@ -69,16 +69,16 @@ class LogArguments {
     // its own. Where its width is not known the place of all later ones is lost: none is touched.
     std::string_view Skip(char cLetter) {
         TraceMessageInline(12, 0, 3, "Whoops. Found unsupported formatter (%c)!", cLetter);
-        if (m_bLost) return LogUnsupported;
-        if (std::strchr("iouxXc", cLetter) != nullptr)
-            static_cast<void>(va_arg(m_tArgs, int));
-        else if (std::strchr("aAeEfFgG", cLetter) != nullptr)
-            static_cast<void>(va_arg(m_tArgs, double));
-        else if (cLetter == 'p')
-            static_cast<void>(va_arg(m_tArgs, void*));
-        else
-            m_bLost = true;
+        m_bLost = m_bLost || !Pass(cLetter);
         return LogUnsupported;
+    }
+
+    // False for a conversion whose argument is of no known width.
+    bool Pass(char cLetter) {
+        const auto fnPassed = [](auto) { return true; };
+        if (std::strchr("iouxXc", cLetter) != nullptr) return fnPassed(va_arg(m_tArgs, int));
+        if (std::strchr("aAeEfFgG", cLetter) != nullptr) return fnPassed(va_arg(m_tArgs, double));
+        return cLetter == 'p' && fnPassed(va_arg(m_tArgs, void*));
     }
 
     std::va_list m_tArgs;
