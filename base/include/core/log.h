@@ -90,10 +90,10 @@ void LogListWarningLevels(ListO* poList);
 // on.
 constexpr int32 LogNumber(int32 lClass, int32 lMessage) { return lClass * 100000 + lMessage; }
 
-// The format is of 1 to 254 bytes and takes %d (int), %ld (long; any letter behind the l counts as
-// d), %s and %%. Texts are cut to 254 bytes. Any other conversion is shown as "??????"; behind one
-// whose argument has no known width (%5d, %hd, %*d) all the rest are too. A session, which may be
-// null, ties the message to a job. A level outside 0 to 255 counts as unknown.
+// The format is of 1 to 254 bytes and takes %d (int), %ld (long; other integers behind the l count
+// as d), %s and %%. Texts are cut to 254 bytes. Any other conversion is shown as "??????"; behind
+// one whose argument has no known width (%5d, %hd, %*d) all the rest are too. A session, which may
+// be null, ties the message to a job. A level outside 0 to 255 counts as unknown.
 void LogMessage(int32 lLogId, int32 lWarningLevel, const UniqueT* ptSessionId,
                 const char* pstrMessageFormat, ...) __attribute__((format(printf, 4, 5)));
 // With an object attached, which may be null; it is dropped when the image grows above 65,535 bytes

@@ -23,6 +23,7 @@ ObjTemplateT gtObjTemplateLogdMessage = nullptr;
 namespace {
 
 constexpr char LogUnsupported[] = "??????";
+constexpr char LogDoubles[] = "aAeEfFgG";  // conversions of floating numbers
 
 // The first bytes of a text that fit into a field, no character cut in two.
 std::string_view LogFit(const char* pstrText) {
@@ -46,19 +47,29 @@ class LogArguments {
 
     // What a place holder stands for; holds until the next call.
     std::string_view Take(std::string_view tPlace) {
-        const char cLetter = tPlace.size() == 1 ? '%' : tPlace[1];
+        const char cLetter = tPlace.back();
         if (cLetter == '%') return "%";
-        const bool bInteger = cLetter == 'd' || tPlace.size() == 3;
-        if (!bInteger && cLetter != 's') return Skip(cLetter);
+        const bool bLong = tPlace.size() == 3;
+        const bool bInteger = bLong ? !IsOneOf(cLetter, LogDoubles) : cLetter == 'd';
+        if (!bInteger && (bLong || cLetter != 's')) return Skip(cLetter);
         if (m_bLost) return LogUnsupported;
         if (!bInteger) return Text();
         TraceMessageInline(10, 0, 3, "Processing integer argument");
-        StrFormat(m_acNumber, sizeof(m_acNumber), "%ld",
-                  cLetter == 'd' ? long{va_arg(m_tArgs, int)} : va_arg(m_tArgs, long));
+        StrFormat(m_acNumber, sizeof(m_acNumber), "%lld", Integer(bLong, cLetter));
         return m_acNumber;
     }
 
  private:
+    static bool IsOneOf(char cLetter, const char* pstrLetters) {
+        return std::strchr(pstrLetters, cLetter) != nullptr;
+    }
+
+    // "%ll" is the place holder of a "%lld", too, and must not leave half of its argument.
+    long long Integer(bool bLong, char cLetter) {
+        if (!bLong) return va_arg(m_tArgs, int);
+        return cLetter == 'l' ? va_arg(m_tArgs, long long) : va_arg(m_tArgs, long);
+    }
+
     std::string_view Text() {
         TraceMessageInline(11, 0, 3, "Processing string argument");
         const char* pstrText = va_arg(m_tArgs, const char*);
@@ -76,8 +87,8 @@ class LogArguments {
     // False for a conversion whose argument is of no known width.
     bool Pass(char cLetter) {
         const auto fnPassed = [](auto) { return true; };
-        if (std::strchr("iouxXc", cLetter) != nullptr) return fnPassed(va_arg(m_tArgs, int));
-        if (std::strchr("aAeEfFgG", cLetter) != nullptr) return fnPassed(va_arg(m_tArgs, double));
+        if (IsOneOf(cLetter, "iouxXc")) return fnPassed(va_arg(m_tArgs, int));
+        if (IsOneOf(cLetter, LogDoubles)) return fnPassed(va_arg(m_tArgs, double));
         return cLetter == 'p' && fnPassed(va_arg(m_tArgs, void*));
     }
 

@@ -50,7 +50,8 @@ void LogPutNumber(ByteT* ptBytes, uint32 lNumber);
 // or 1 at the end of the text. Writing and showing a message must agree on it.
 inline int32 LogPlaceHolderSize(std::string_view tText) {
     if (tText.size() < 2) return 1;
-    return tText[1] == 'l' && tText.size() > 2 ? 3 : 2;
+    const int iAfter = tText[1] == 'l' && tText.size() > 2 ? tText[2] | 0x20 : 0;
+    return iAfter >= 'a' && iAfter <= 'z' ? 3 : 2;
 }
 
 // Appends the image to the direct-log file. FALSE, traced, when the file does not hold it then.
