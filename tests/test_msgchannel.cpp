@@ -425,6 +425,7 @@ TEST_F(Channels, WatchesThatAreCancelled) {
     ASSERT_EQ(watches->lItemCount, 1);
     EXPECT_EQ(static_cast<MsgAddressO>(watches->oFirst->oData)->tProcessId, 41);
     EXPECT_EQ(ProcCancelInformOnDeath(watched[1].Get()), TRUE);
+    gtTlContext.sMsg.oIpcChannel = nullptr;
 }
 
 TEST_F(Channels, TasksForOlderPrograms) {
