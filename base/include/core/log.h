@@ -118,7 +118,7 @@ BooleanT LogMessageVaBuildObject(logdMessageO* poLogMessage, int32 lLogId, int32
 // --- where messages go: file, own process, callback or daemon, the first of them that is set ---
 
 // The name of the program's part that logs, at most 254 bytes, kept by reference; returns the last.
-const char* LogSetClass(const char* pstrModuleId);
+const char* LogSetClass(const char* pstrClass);
 void LogSetToSelf(BooleanT bLocal);
 void LogSetSendCallback(LogSendCallbackFnT fnSendCallback);  // null ends it
 // On a server ("server" of "details" in "configure.cfg") the daemon of this machine, else the file.

@@ -134,8 +134,8 @@ void LogMessage(int32 lLogId, int32 lWarningLevel, const UniqueT* ptSessionId,
 
 // --- where messages go ---
 
-const char* LogSetClass(const char* pstrModuleId) {
-    return std::exchange(LogState().pstrLogClass, pstrModuleId);
+const char* LogSetClass(const char* pstrClass) {
+    return std::exchange(LogState().pstrLogClass, pstrClass);
 }
 
 void LogSetToSelf(BooleanT bLocal) { LogState().bLogToSelf = bLocal; }
