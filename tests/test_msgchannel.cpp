@@ -461,9 +461,9 @@ TEST_F(Channels, LargeMessagesAndSignals) {
     ignore.sa_handler = [](int) {};
     sigaction(SIGALRM, &ignore, &previous);
     const itimerval everyMillisecond = {{0, 1000}, {0, 1000}}, off = {};
-    setitimer(ITIMER_REAL, &everyMillisecond, nullptr);
     for (const auto blocking : {eMsgChannelNonBlocking, eMsgChannelBlocking}) {
-        Link link(blocking);
+        const Link link(blocking);
+        setitimer(ITIMER_REAL, &everyMillisecond, nullptr);
         Text heard;
         std::thread reader([&] {
             sigset_t all;
@@ -478,9 +478,9 @@ TEST_F(Channels, LargeMessagesAndSignals) {
                   blocking == eMsgChannelNonBlocking);
         while (MsgChannelOutputCount(link.channel.Get()) > 0) Received(1);
         reader.join();
+        setitimer(ITIMER_REAL, &off, nullptr);
         EXPECT_EQ(heard, body + body);
     }
-    setitimer(ITIMER_REAL, &off, nullptr);
     sigaction(SIGALRM, &previous, nullptr);
     // Above the limit: refused at once, on the sending side.
     const ObjHolder<ObjDataFieldS> huge(ObjDataFieldNew(Text(65 << 20, 'x').data(), 65 << 20));
