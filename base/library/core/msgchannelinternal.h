@@ -129,6 +129,10 @@ BooleanT MsgNotifyBetween(MsgAddressO oDestination, MsgAddressO oSource, MsgType
 // One pass: waits for anything at most until the timeout, then serves whatever is ready.
 void MsgSelect(TimeTimeoutO oTimeout);
 void MsgServeHandlers(NetSelectMaskT tMask);
+// One pass for a wait of this library's own for a socket: until it is readable, or else writable or
+// failed (NET_ERROR_NONE), or other channels or pending connections have been served, or a signal
+// came (NET_ERROR_INTERRUPTED). Handlers and timers are not called.
+NetErrorE MsgTurnBeside(NetSocketT tSocket, bool bRead, TimeTimeoutO oTimeout);
 // Whether a notice among the packets behind the first lKnown says that the process, its machine or
 // the link to it is gone.
 BooleanT MsgPeerIsGone(MsgAddressO oAddress, int32 lKnown);
@@ -146,8 +150,6 @@ void MsgPrepareTaskFailure(MsgPacketO oPacket);   // for a task asked of another
 constexpr char MsgFirewallSection[] = "MsgChannel";
 const char* MsgAnyAddress(std::int16_t sFamily);
 BooleanT MsgBindLoopback(NetSocketT tSocket, std::int16_t sFamily);  // to any port
-// Waits for one socket: readable, or writable or failed. Signals do not end it.
-NetErrorE MsgAwaitSocket(NetSocketT tSocket, bool bRead, TimeTimeoutO oTimeout);
 // What the connecting side says first on a new channel. One on which it cannot be said goes without
 // a notice: nobody has seen it.
 BooleanT MsgSendGreetings(MsgChannelO oChannel, int32 lType, int32 eSendOk, MsgAddressO oTunnelBody,

@@ -59,8 +59,9 @@ bool MsgConnectInTime(NetSocketT tSocket, NetAddressT* ptAddress, TimeTimeoutO o
     if (eError != NET_ERROR_NONE && eError != NET_ERROR_WOULD_BLOCK &&
         eError != NET_ERROR_INTERRUPTED)
         return false;
-    return MsgAwaitSocket(tSocket, false, oTimeout) == NET_ERROR_NONE &&
-           NetIsConnected(tSocket) == TRUE;
+    NetErrorE eReady = NET_ERROR_INTERRUPTED;
+    while (eReady == NET_ERROR_INTERRUPTED) eReady = MsgTurnBeside(tSocket, false, oTimeout);
+    return eReady == NET_ERROR_NONE && NetIsConnected(tSocket) == TRUE;
 }
 
 BooleanT MsgConnectWaiting(MsgChannelO* poChannel, MsgSocketHolder& tSocket, NetAddressT* ptAddress,
@@ -140,21 +141,6 @@ BooleanT MsgBindLoopback(NetSocketT tSocket, std::int16_t sFamily) {
     return BooleanFrom(NetInitializeIpAddress(&tAddress, MsgLoopback(sFamily), 0, sFamily) ==
                            TRUE &&
                        NetBind(tSocket, &tAddress) == TRUE);
-}
-
-NetErrorE MsgAwaitSocket(NetSocketT tSocket, bool bRead, TimeTimeoutO oTimeout) {
-    NetSelectMaskT tMask = nullptr;
-    if (NetInitializeSelectMask(&tMask) != TRUE) return NET_ERROR_FATAL;
-    int32 lReady = 0;
-    NetErrorE eError = NET_ERROR_INTERRUPTED;
-    while (eError == NET_ERROR_INTERRUPTED) {
-        if (bRead) NetAddReadSelect(tMask, tSocket);
-        if (!bRead) NetAddWriteSelect(tMask, tSocket);
-        if (!bRead) NetAddExceptionSelect(tMask, tSocket);
-        eError = NetSelect(&lReady, tMask, oTimeout);
-    }
-    NetReleaseSelectMask(&tMask);
-    return eError;
 }
 
 BooleanT MsgCompleteTcpConnectionTyped(MsgChannelO* poChannel, MsgAddressO oSource, void* oCookie,

@@ -87,33 +87,23 @@ BooleanT MsgGetTcpListenSocket(MsgListenerT* ptListener, MsgConnectO oConnect,
 BooleanT MsgAwaitAccept(MsgSocketHolder& tAccepted, const MsgListenerT& tListener,
                         MsgAddressO oTarget, TimeTimeoutO oTimeout, int32 lKnown) {
     TraceMessageInline(187, 0, 4, "Listening for a socket connection");
-    NetSelectMaskT tMask = nullptr;
-    if (NetInitializeSelectMask(&tMask) != TRUE) return FALSE;
     NetErrorE eError = NET_ERROR_WOULD_BLOCK;
     NetSetNonBlocking(tListener.tSocket.Get());
-    while (eError == NET_ERROR_WOULD_BLOCK || eError == NET_ERROR_INTERRUPTED) {
-        int32 lReady = 0;
+    while ((eError == NET_ERROR_WOULD_BLOCK || eError == NET_ERROR_INTERRUPTED) &&
+           MsgPeerIsGone(oTarget, lKnown) != TRUE) {
         NetAddressT tPeer;
-        if (MsgPeerIsGone(oTarget, lKnown) == TRUE) break;
-        *tMask = {};
-        MsgAddChannelSockets(tMask);
-        NetAddReadSelect(tMask, tListener.tSocket.Get());
-        eError = NetSelect(&lReady, tMask, oTimeout);
+        eError = MsgTurnBeside(tListener.tSocket.Get(), true, oTimeout);
         if (eError != NET_ERROR_NONE) continue;
-        MsgServeChannels(tMask);
-        eError = NET_ERROR_WOULD_BLOCK;
-        if (NetIsReadSelectSet(tMask, tListener.tSocket.Get()) != TRUE) continue;
         eError = NetAccept(tAccepted.Address(), tListener.tSocket.Get(), &tPeer);
         if (eError != NET_ERROR_NONE)
             TraceMessageInline(188, 0, -1, "Error accepting a connection");
     }
-    NetReleaseSelectMask(&tMask);
     if (eError == NET_ERROR_FATAL)
         TraceMessageInline(189, 0, -1, "Select error listening for connection");
     return BooleanFrom(tAccepted.Get() != -1);
 }
 
-// Reads from the new channel until the other end says that it is ready.
+// Reads from the new channel until the other end says that it is ready; everything else goes on.
 BooleanT MsgAwaitOk(MsgChannelO oChannel, TimeTimeoutO oTimeout) {
     TraceMessageInline(190, 0, 4, "Wait for other end to complete connection");
     while (oChannel->bDown != TRUE) {
@@ -124,12 +114,12 @@ BooleanT MsgAwaitOk(MsgChannelO oChannel, TimeTimeoutO oTimeout) {
             return MsgChannelInputData(oChannel);
         }
         if (oChannel->bDown == TRUE) break;
-        const NetErrorE eError = MsgAwaitSocket(MsgSocketOf(oChannel), true, oTimeout);
+        const NetErrorE eError = MsgTurnBeside(MsgSocketOf(oChannel), true, oTimeout);
         if (eError == NET_ERROR_FATAL) {
             TraceMessageInline(191, 0, -1, "Unexpected select error");
             MsgCheckSelect();
         }
-        if (eError != NET_ERROR_NONE) return FALSE;
+        if (eError != NET_ERROR_NONE && eError != NET_ERROR_INTERRUPTED) return FALSE;
     }
     return FALSE;
 }

@@ -193,6 +193,32 @@ void MsgSelect(TimeTimeoutO oTimeout) {
     TimrClearTimers();
 }
 
+// What others need of this process goes on, so that two processes that wait for each other's
+// channels do not wait for ever.
+NetErrorE MsgTurnBeside(NetSocketT tSocket, bool bRead, TimeTimeoutO oTimeout) {
+    NetSelectMaskT tMask = nullptr;
+    int32 lReady = 0;
+    if (NetDuplicateSelectMask(&tMask, MsgState().tSelectMask) != TRUE) return NET_ERROR_FATAL;
+    if (bRead) NetAddReadSelect(tMask, tSocket);
+    if (!bRead) NetAddWriteSelect(tMask, tSocket);
+    if (!bRead) NetAddExceptionSelect(tMask, tSocket);
+    NetErrorE eError = NetSelect(&lReady, tMask, oTimeout);
+    if (eError == NET_ERROR_NONE) {
+        const bool bIsReady = NetIsReadSelectSet(tMask, tSocket) == TRUE ||
+                              NetIsWriteSelectSet(tMask, tSocket) == TRUE ||
+                              NetIsExceptionSelectSet(tMask, tSocket) == TRUE;
+        // The socket is the caller's, also where it belongs to a channel already.
+        NetRemoveReadSelect(tMask, tSocket);
+        NetRemoveWriteSelect(tMask, tSocket);
+        NetRemoveExceptionSelect(tMask, tSocket);
+        MsgServeChannels(tMask);
+        MsgCheckConnectionTimeouts(tMask);
+        if (!bIsReady) eError = NET_ERROR_INTERRUPTED;
+    }
+    NetReleaseSelectMask(&tMask);
+    return eError;
+}
+
 BooleanT MsgHandlerAdd(MsgHandlerCallbackFnT fnCallback, void* oCookie) {
     ObjHolder<MsgHandlerEntryS> oEntry;
     if (fnCallback == nullptr ||
