@@ -18,6 +18,16 @@ std::string Line(int a, int b) { return std::to_string(10 * std::min(a, b) + std
 
 std::string End(int from) { return "to" + std::to_string(from); }
 
+// What a command says, and whether it succeeds.
+std::pair<std::string, bool> Said(const std::string& command) {
+    std::string said;
+    char buffer[256];
+    FILE* output = popen(command.c_str(), "re");
+    while (output != nullptr && std::fgets(buffer, sizeof(buffer), output) != nullptr)
+        said += buffer;
+    return {said, output != nullptr && pclose(output) == 0};
+}
+
 }  // namespace
 
 Networks::Networks(int count) {
@@ -58,7 +68,19 @@ bool Networks::Cut(int of, int from) {
 }
 
 bool Networks::Mend(int of, int from) {
-    return Ip("-n " + Name(of) + " link set " + End(from) + " up");
+    return Ip("-n " + Name(of) + " link set " + End(from) + " up") && Carries(of, from) &&
+           Carries(from, of);
+}
+
+// A line that is back drops what it is given for a second or two, until both systems have seen it.
+bool Networks::Carries(int of, int from) {
+    const std::string call = "ip netns exec " + Name(from) +
+                             " timeout 1 bash -c 'exec 3<>/dev/tcp/" + Inet(of, from) + "/9' 2>&1";
+    for (int tries = 0; tries < 20; tries++) {
+        if (Said(call).first.find("refused") != std::string::npos) return true;
+        usleep(100000);
+    }
+    return false;
 }
 
 bool Networks::Join(int a, int b) {
@@ -77,12 +99,7 @@ bool Networks::Join(int a, int b) {
 
 // The first failure is kept, with the command and what it said.
 bool Networks::Ip(const std::string& arguments) {
-    FILE* output = popen(("ip " + arguments + " 2>&1").c_str(), "re");
-    std::string said;
-    char buffer[256];
-    while (output != nullptr && std::fgets(buffer, sizeof(buffer), output) != nullptr)
-        said += buffer;
-    if (output != nullptr && pclose(output) == 0) return true;
-    if (m_problem.empty()) m_problem = "ip " + arguments + ": " + said;
-    return false;
+    const auto [said, succeeded] = Said("ip " + arguments + " 2>&1");
+    if (!succeeded && m_problem.empty()) m_problem = "ip " + arguments + ": " + said;
+    return succeeded;
 }

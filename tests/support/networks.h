@@ -25,6 +25,7 @@ class Networks {
     bool Mend(int of, int from);
 
  private:
+    bool Carries(int of, int from);
     bool Ip(const std::string& arguments);
     bool Join(int a, int b);
 
