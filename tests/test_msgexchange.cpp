@@ -11,12 +11,10 @@
 
 #include "core/context.h"
 #include "core/list.h"
-#include "core/msgchannel.h"
 #include "core/objwrappers.h"
-#include "core/process.h"
-#include "core/sys.h"
 #include "support/leftovers.h"
 #include "support/machine.h"
+#include "support/messages.h"
 
 namespace {
 
@@ -85,11 +83,10 @@ class Exchanger {
     explicit Exchanger(ProcIdT id) : m_id(id), m_random(static_cast<std::uint64_t>(id)) {}
 
     int Run() {
-        if (ProcSetId(m_id) != TRUE || MsgIpcConnect(eMsgProcTypeProcess) != TRUE) return 10;
+        if (!Connect(m_id)) return 10;
         AtOnce();
         const Leftovers before;
-        std::puts("up");
-        std::fflush(stdout);
+        Say("up");
         while (!m_started) Receive(nullptr);
         for (int n = 1; n <= Neighbours; n++) Open(n);
         for (int n = 0; n < MessagesEach && m_wrong.empty(); n++) {
@@ -102,26 +99,15 @@ class Exchanger {
         Goodbye();
         const std::string left = before.Text();
         if (!left.empty()) m_wrong += " left over: " + left;
-        std::printf("%d %s\n", m_received, m_wrong.c_str());
+        Say(std::to_string(m_received) + " " + m_wrong);
         ContextReleaseThread();
         return m_wrong.empty() ? 0 : 11;
     }
 
  private:
     static TimeTimeoutO AtOnce() {
-        static TimeTimeoutO immediate = [] {
-            TimeTimeoutO made = nullptr;
-            TimeCreateTimeout(&made);
-            TimeSetTimeoutImmediate(made);
-            return made;
-        }();
+        static TimeTimeoutO immediate = In(0);
         return immediate;
-    }
-
-    ObjHolder<MsgAddressS> Peer(ProcIdT id) {
-        MsgAddressO address = nullptr;
-        MsgCreateAddress(&address, SysLocalMachineName(), id);
-        return ObjHolder<MsgAddressS>(address);
     }
 
     ProcIdT IdAfter(int n) const { return FirstId + (m_id - FirstId + n) % Processes; }
@@ -130,7 +116,7 @@ class Exchanger {
     // other side must come to answering.
     void Open(int n) {
         const ProcIdT to = IdAfter(n);
-        const ObjHolder<MsgAddressS> target = Peer(to);
+        const ObjHolder<MsgAddressS> target(AddressOf(to));
         const auto blocking = n % 2 == 0 ? eMsgChannelBlocking : eMsgChannelNonBlocking;
         const auto ok = n % 4 < 2 ? eMsgChannelWaitForOk : eMsgChannelDoNotWaitForOk;
         const bool waits = to > m_id && n != 3;
@@ -184,7 +170,7 @@ class Exchanger {
     void SendNumbered(ProcIdT to, bool channel) {
         Route& route = m_out[{to, channel}];
         const ObjHolder<ObjDataFieldS> body(BodyOf(m_id, to, channel, route.next));
-        const ObjHolder<MsgAddressS> process = Peer(to);
+        const ObjHolder<MsgAddressS> process(AddressOf(to));
         if (MsgSendObject(channel ? m_channels[to] : process.Get(),
                           DataType + route.next % DataTypes, body.Get()) != TRUE)
             m_wrong += " cannot send";
@@ -204,7 +190,7 @@ class Exchanger {
             Receive(nullptr);
         for (int n = 1; n < Processes; n++) {
             const ProcIdT to = IdAfter(n);
-            const ObjHolder<MsgAddressS> process = Peer(to);
+            const ObjHolder<MsgAddressS> process(AddressOf(to));
             const ObjHolder<ObjIntegerS> count(ObjIntegerNew(m_out[{to, false}].next));
             MsgSendObject(process.Get(), EndType, count.Get());
         }
@@ -296,10 +282,9 @@ const Role exchange("exchange", [](const std::vector<std::string>& arguments) {
 });
 
 const Role start("start", [](const std::vector<std::string>&) {
-    if (ProcSetId(FirstId - 1) != TRUE || MsgIpcConnect(eMsgProcTypeProcess) != TRUE) return 10;
+    if (!Connect(FirstId - 1)) return 10;
     for (int n = 0; n < Processes; n++) {
-        ObjHolder<MsgAddressS> process;
-        MsgCreateAddress(process.Address(), SysLocalMachineName(), FirstId + n);
+        const ObjHolder<MsgAddressS> process(AddressOf(FirstId + n));
         if (MsgSendObject(process.Get(), StartType, nullptr) != TRUE) return 11;
     }
     ContextReleaseThread();
@@ -320,9 +305,8 @@ NetInheritContextO AwaitContext(MsgTypeT type) {
 }
 
 const Role child("child", [](const std::vector<std::string>&) {
-    if (ProcSetId(ChildId) != TRUE || MsgIpcConnect(eMsgProcTypeProcess) != TRUE) return 10;
-    std::puts("up");
-    std::fflush(stdout);
+    if (!Connect(ChildId)) return 10;
+    Say("up");
     ObjHolder<NetInheritContextS> context(AwaitContext(MSG_INHERIT_SOCKET_MSG));
     NetSocketT socket = -1;
     int32 sent = 0;
@@ -336,7 +320,7 @@ const Role child("child", [](const std::vector<std::string>&) {
 });
 
 const Role parent("parent", [](const std::vector<std::string>&) {
-    if (ProcSetId(ParentId) != TRUE || MsgIpcConnect(eMsgProcTypeProcess) != TRUE) return 10;
+    if (!Connect(ParentId)) return 10;
     int ends[2];
     char word[7] = "";
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) return 11;

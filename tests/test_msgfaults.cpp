@@ -4,23 +4,19 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <csignal>
 #include <functional>
 #include <map>
 
 #include "core/context.h"
 #include "core/list.h"
-#include "core/msgchannel.h"
 #include "core/objwrappers.h"
-#include "core/process.h"
-#include "core/sys.h"
 #include "support/leftovers.h"
 #include "support/machine.h"
+#include "support/messages.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
 using Message = ObjHolder<MsgMessageS>;
 using Address = ObjHolder<MsgAddressS>;
 
@@ -30,23 +26,6 @@ constexpr MsgTypeT AskType = 7000, AnswerType = 7001, EndType = 7002;
 std::string g_wrong;
 void Check(bool good, const std::string& what) {
     if (!good) g_wrong += " [" + what + "]";
-}
-
-MsgAddressO At(ProcIdT id) {
-    MsgAddressO address = nullptr;
-    MsgCreateAddress(&address, SysLocalMachineName(), id);
-    return address;
-}
-
-void Say(const char* line) {
-    std::puts(line);
-    std::fflush(stdout);
-}
-
-TimeTimeoutO In(int seconds, int milliseconds = 0) {
-    TimeTimeoutO timeout = nullptr;
-    TimeCreateAndSetTimeout(&timeout, seconds, milliseconds);
-    return timeout;
 }
 
 // The next message of a type, answering for the process meanwhile; others are dropped.
@@ -64,7 +43,7 @@ bool Await(MsgTypeT type, MsgMessageO* result = nullptr, int seconds = 30) {
 
 // Sends every question back, over the way it came, and completes data channels.
 int Echo(const std::vector<std::string>&) {
-    if (ProcSetId(EchoId) != TRUE || MsgIpcConnect(eMsgProcTypeProcess) != TRUE) return 10;
+    if (!Connect(EchoId)) return 10;
     Say("up");
     for (;;) {
         Message message;
@@ -82,7 +61,7 @@ int Echo(const std::vector<std::string>&) {
 }
 
 MsgAddressO OpenToEcho(MsgChannelBlockingE blocking) {
-    const Address echo(At(EchoId));
+    const Address echo(AddressOf(EchoId));
     MsgAddressO channel = nullptr;
     Check(MsgChannelOpenInternal(&channel, echo.Get(), nullptr, nullptr, blocking,
                                  eMsgChannelWaitForAccept, eMsgChannelWaitForOk) == TRUE,
@@ -105,7 +84,7 @@ ObjDataFieldO Large(int megabytes) {
 
 void ManagerKilled() {
     MsgAddressO channel = OpenToEcho(eMsgChannelNonBlocking);
-    const Address echo(At(EchoId));
+    const Address echo(AddressOf(EchoId));
     Say("ready");
     Check(Await(MSG_LOST_RECEIVE_QUEUE_MSG), "the loss is not told");
     Check(MsgSendObject(echo.Get(), AskType, nullptr) == FALSE, "sent without a link");
@@ -114,7 +93,7 @@ void ManagerKilled() {
     Say("again");
     std::getchar();  // the manager has been started anew
     Check(MsgIpcConnect(eMsgProcTypeProcess) == TRUE, "no new link");
-    const Address self(At(ClientId));
+    const Address self(AddressOf(ClientId));
     Check(MsgSendObject(self.Get(), AskType, nullptr) == TRUE && Await(AskType),
           "the new link does not work");
     MsgSendObject(channel, EndType, nullptr);
@@ -125,7 +104,7 @@ void PeerKilled() {
     MsgAddressO channel = OpenToEcho(eMsgChannelNonBlocking);
     const ObjHolder<PmgrNotifyOnDeathS> watch(
         ObjNew<PmgrNotifyOnDeathS>(PmgrNotifyOnDeathMagic, "o;"));
-    watch.Get()->oAddress = At(EchoId);
+    watch.Get()->oAddress = AddressOf(EchoId);
     MsgSendObject(MsgProcMgrAddress(), PMGR_NOTIFY_ON_DEATH_MSG, watch.Get());
     Say("ready");  // the peer is stopped now, and killed after the next line
     const ObjHolder<ObjDataFieldS> large(Large(32));
@@ -133,7 +112,7 @@ void PeerKilled() {
     Check(MsgSendObject(channel, AskType, large.Get()) == TRUE, "not queued");
     const auto start = Clock::now();
     Check(!Await(AnswerType, nullptr, 1), "a stopped process answers");
-    Check(Clock::now() - start < std::chrono::seconds(5), "the wait has no end");
+    Check(SecondsSince(start) < 5, "the wait has no end");
     Say("queued");
     Message down, died;
     Check(Await(MSG_CHANNEL_DOWN_MSG, down.Address()), "channel not down");
@@ -166,16 +145,16 @@ void BlockedOnStopped() {
     const ObjHolder<ObjDataFieldS> large(Large(32));
     const auto start = Clock::now();
     Check(MsgSendObject(channel, AskType, large.Get()) == FALSE, "handed over to nobody");
-    Check(Clock::now() - start < std::chrono::seconds(20), "blocked for too long");
+    Check(SecondsSince(start) < 20, "blocked for too long");
     Check(Await(MSG_CHANNEL_DOWN_MSG), "channel not down");
     Say("queued");
-    const Address echo(At(EchoId));
+    const Address echo(AddressOf(EchoId));
     MsgSendObject(echo.Get(), EndType, nullptr);
     MsgChannelClose(&channel);
 }
 
 void NobodyThere() {
-    const Address nobody(At(NobodyId));
+    const Address nobody(AddressOf(NobodyId));
     MsgAddressO channel = nullptr;
     Message notice;
     const auto start = Clock::now();
@@ -183,7 +162,7 @@ void NobodyThere() {
                                  eMsgChannelWaitForAccept, eMsgChannelWaitForOk) == FALSE,
           "a channel to nobody");
     Check(Await(CMGR_PROCESS_UNREACHABLE_MSG, notice.Address()), "not told");
-    Check(Clock::now() - start < std::chrono::seconds(10), "told late");
+    Check(SecondsSince(start) < 10, "told late");
     ObjHolder<CmgrProcessUnreachableS> body;
     Check(MsgGetObject(body.Address(), notice.Get(), CmgrProcessUnreachableMagic) == TRUE &&
               MsgAddressEqual(body.Get()->oAddress, nobody.Get()) == TRUE,
@@ -192,7 +171,7 @@ void NobodyThere() {
 
 // Attempts that are left to the select loop.
 void PendingAttempts() {
-    const Address self(At(ClientId)), nobody(At(NobodyId));
+    const Address self(AddressOf(ClientId)), nobody(AddressOf(NobodyId));
     const ObjHolder<ObjIntegerS> cookie(ObjIntegerNew(7));
     const ObjHolder<ListS> addresses(ListNew(NetAddressMagic));
     const auto outcome = [&](int32 error) {
@@ -248,7 +227,7 @@ const std::map<std::string, std::function<void()>> cases = {
 };
 
 int Client(const std::vector<std::string>& arguments) {
-    if (ProcSetId(ClientId) != TRUE || MsgIpcConnect(eMsgProcTypeProcess) != TRUE) return 10;
+    if (!Connect(ClientId)) return 10;
     const Leftovers before;
     cases.at(arguments.at(0))();
     while (gtTlContext.sMsg.oLingerList->lItemCount > 0 && g_wrong.empty()) {
@@ -258,7 +237,7 @@ int Client(const std::vector<std::string>& arguments) {
     }
     for (MsgPacketO packet = nullptr; MsgReceivePopPacket(&packet) == TRUE;) ObjRelease(&packet);
     Check(before.Text().empty(), before.Text());
-    Say(("end" + g_wrong).c_str());
+    Say("end" + g_wrong);
     MsgQuickExit(TRUE);
     ContextReleaseThread();
     return g_wrong.empty() ? 0 : 1;
@@ -297,51 +276,41 @@ TEST_F(MsgFaults, ManagerKilled) {
     End();
 }
 
-TEST_F(MsgFaults, PeerKilledInTheMiddle) {
-    Start("peer killed");
-    ASSERT_EQ(m_client.Line(), "ready");
-    m_echo.Signal(SIGSTOP);
-    m_client.Write("\n");
-    ASSERT_EQ(m_client.Line(), "queued");
-    m_echo.Signal(SIGKILL);
+// What happens to the process that answers once the client has a channel to it, and once the client
+// has queued what it does not take.
+struct Fault {
+    const char* name;
+    const char* network;
+    int first, then;
+};
+
+class PeerFaults : public MsgFaults, public testing::WithParamInterface<Fault> {};
+
+TEST_P(PeerFaults, AreToldInTime) {
+    const Fault& fault = GetParam();
+    Start(fault.name, fault.network);
+    if (fault.first != 0) {
+        ASSERT_EQ(m_client.Line(), "ready");
+        m_echo.Signal(fault.first);
+        m_client.Write("\n");
+        ASSERT_EQ(m_client.Line(), "queued");
+        m_echo.Signal(fault.then);
+    }
     End();
+    if (fault.then == SIGCONT) {
+        EXPECT_EQ(m_echo.Wait(), 0);
+    }
 }
 
-TEST_F(MsgFaults, PeerStoppedInTheMiddle) {
-    Start("peer stopped");
-    ASSERT_EQ(m_client.Line(), "ready");
-    m_echo.Signal(SIGSTOP);
-    m_client.Write("\n");
-    ASSERT_EQ(m_client.Line(), "queued");
-    m_echo.Signal(SIGCONT);
-    End();
-    EXPECT_EQ(m_echo.Wait(), 0);
-}
-
-TEST_F(MsgFaults, BlockedOnAStoppedPeer) {
-    Start("blocked on stopped", "[Network]\nPeer Timeout=2\n");
-    ASSERT_EQ(m_client.Line(), "ready");
-    m_echo.Signal(SIGSTOP);
-    m_client.Write("\n");
-    ASSERT_EQ(m_client.Line(), "queued");
-    m_echo.Signal(SIGCONT);
-    End();
-    EXPECT_EQ(m_echo.Wait(), 0);
-}
-
-TEST_F(MsgFaults, NobodyThere) {
-    Start("nobody there");
-    End();
-}
-
-TEST_F(MsgFaults, PendingAttempts) {
-    Start("pending attempts");
-    End();
-}
+INSTANTIATE_TEST_SUITE_P(
+    Msg, PeerFaults,
+    testing::Values(Fault{"peer killed", "", SIGSTOP, SIGKILL},
+                    Fault{"peer stopped", "", SIGSTOP, SIGCONT},
+                    Fault{"blocked on stopped", "[Network]\nPeer Timeout=2\n", SIGSTOP, SIGCONT},
+                    Fault{"nobody there", "", 0, 0}, Fault{"pending attempts", "", 0, 0}));
 
 TEST(MsgNoManager, AnAdoptedProcessGivesUpEarly) {
     const Machine machine;
-    machine.Configure("configure.cfg", "[Timeouts]\nAdopted Processes Connection=1\n");
     // A port that was free a moment ago.
     NetSocketT free = -1;
     NetAddressT at;
@@ -361,6 +330,6 @@ namespace {
 const Role adopted("adopted", [](const std::vector<std::string>&) {
     const auto start = Clock::now();
     if (MsgIpcConnect(eMsgProcTypeProcess) != FALSE) return 1;
-    return Clock::now() - start < std::chrono::seconds(10) ? 0 : 2;
+    return SecondsSince(start) < 10 ? 0 : 2;
 });
 }  // namespace
