@@ -1,7 +1,8 @@
 // The network over real sockets on loopback, in both families where the machine has them: transfers
 // that are interrupted, late or cut off, connections, ports of a firewall, select masks, names of
 // hosts and the hand-over of a socket to a child. What a kernel does not do on request (protocol
-// errors, interrupted closes, name services without an answer) is put in at the system calls.
+// errors, interrupted closes, name services with or without an answer) is put in at the system
+// calls.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -25,56 +26,58 @@
 #include "core/objserial.h"
 #include "core/objwrappers.h"
 #include "core/strwrappers.h"
+#include "core/syssignal.h"
 #include "core/timeconv.h"
+#include "support/faults.h"
 #include "support/files.h"
 #include "support/leftovers.h"
 
 using Text = std::string;
+using Family = std::int16_t;
 
-// --- system calls that fail on request (test_net.options) ---
+// --- system calls that answer as the test wants (test_net.options) ---
 
-static int g_connectError, g_connects, g_closeInterrupts, g_acceptError;
-static bool g_noNames, g_selectRecorded;
+static int g_connectError, g_connects, g_acceptError;
+static const char* g_known;  // the one host of the name service; null: the real service
+static bool g_selectRecorded;
 static timeval g_selectTime;
 
-int RealConnect(int, const sockaddr*, socklen_t) asm("__real_connect");
-int WrapConnect(int, const sockaddr*, socklen_t) asm("__wrap_connect");
-int RealSelect(int, fd_set*, fd_set*, fd_set*, timeval*) asm("__real_select");
-int WrapSelect(int, fd_set*, fd_set*, fd_set*, timeval*) asm("__wrap_select");
-int RealGetAddrInfo(const char*, const char*, const addrinfo*,
-                    addrinfo**) asm("__real_getaddrinfo");
-int WrapGetAddrInfo(const char*, const char*, const addrinfo*,
-                    addrinfo**) asm("__wrap_getaddrinfo");
-hostent* WrapGetHostByName(const char*) asm("__wrap_gethostbyname");
-int RealClose(int) asm("__real_close");
-int WrapClose(int) asm("__wrap_close");
-int RealAccept(int, sockaddr*, socklen_t*, int) asm("__real_accept4");
-int WrapAccept(int, sockaddr*, socklen_t*, int) asm("__wrap_accept4");
+// Declares a system call and what stands in its place, whose body follows.
+#define WRAPPED(result, name, symbol, ...)                 \
+    result Real##name(__VA_ARGS__) asm("__real_" #symbol); \
+    result Wrap##name(__VA_ARGS__) asm("__wrap_" #symbol); \
+    result Wrap##name(__VA_ARGS__)
 
-int WrapConnect(int socket, const sockaddr* address, socklen_t length) {
+WRAPPED(int, Connect, connect, int socket, const sockaddr* address, socklen_t length) {
     g_connects++;
     if (g_connectError == 0) return RealConnect(socket, address, length);
     errno = g_connectError;
     return -1;
 }
-int WrapSelect(int count, fd_set* read, fd_set* write, fd_set* exception, timeval* time) {
-    if (!g_selectRecorded) return RealSelect(count, read, write, exception, time);
+WRAPPED(int, Select, select, int count, fd_set* read, fd_set* write, fd_set* except,
+        timeval* time) {
+    if (!g_selectRecorded) return RealSelect(count, read, write, except, time);
     g_selectTime = *time;
     return 0;
 }
-int WrapGetAddrInfo(const char* name, const char* service, const addrinfo* hints,
-                    addrinfo** result) {
-    return g_noNames ? EAI_AGAIN : RealGetAddrInfo(name, service, hints, result);
+WRAPPED(int, GetAddrInfo, getaddrinfo, const char* name, const char* service, const addrinfo* hints,
+        addrinfo** result) {
+    if (g_known == nullptr) return RealGetAddrInfo(name, service, hints, result);
+    if (name != Text(g_known)) return EAI_AGAIN;
+    // Each in several answers, the first in both families.
+    for (const char* address : {"127.0.0.5", "::ffff:127.0.0.5", "::1"}) {
+        if (const int error = RealGetAddrInfo(address, service, hints, result)) return error;
+        while (*result != nullptr) result = &(*result)->ai_next;
+    }
+    return 0;
 }
-hostent* WrapGetHostByName(const char*) { return nullptr; }
-int WrapClose(int file) {
-    if (g_closeInterrupts == 0) return RealClose(file);
-    g_closeInterrupts--;
-    RealClose(file);  // closed all the same
-    errno = EINTR;
-    return -1;
+WRAPPED(hostent*, GetHostByName, gethostbyname, const char* name) {
+    static char official[] = "official", beta[] = "beta", gamma[] = "gamma";
+    static char* aliases[] = {beta, gamma, nullptr};
+    static hostent host = {official, aliases, AF_INET, 4, nullptr};
+    return g_known != nullptr && name == Text(g_known) ? &host : nullptr;
 }
-int WrapAccept(int socket, sockaddr* address, socklen_t* length, int flags) {
+WRAPPED(int, Accept, accept4, int socket, sockaddr* address, socklen_t* length, int flags) {
     if (g_acceptError == 0) return RealAccept(socket, address, length, flags);
     errno = g_acceptError;
     if (g_acceptError == EINTR) g_acceptError = 0;
@@ -83,13 +86,12 @@ int WrapAccept(int socket, sockaddr* address, socklen_t* length, int flags) {
 
 namespace {
 
-const char* Loopback(int family) { return family == AF_INET ? "127.0.0.1" : "::1"; }
+const char* Loopback(Family family) { return family == AF_INET ? "127.0.0.1" : "::1"; }
+Family FamilyOf(const char* text) { return NetAddressIsInet6(text) == TRUE ? AF_INET6 : AF_INET; }
 
-NetAddressT Address(int family, int32 port = 0, const char* text = nullptr) {
+NetAddressT Address(const char* text, int32 port = 0) {
     NetAddressT address;
-    EXPECT_EQ(NetInitializeIpAddress(&address, text == nullptr ? Loopback(family) : text, port,
-                                     static_cast<std::int16_t>(family)),
-              TRUE);
+    EXPECT_EQ(NetInitializeIpAddress(&address, text, port, FamilyOf(text)), TRUE);
     return address;
 }
 
@@ -97,13 +99,12 @@ NetAddressT Address(int family, int32 port = 0, const char* text = nullptr) {
 struct Socket {
     NetSocketT socket = NetNoSocket;
     Socket() = default;
-    Socket(NetOpenTypeE type, int family) {
-        EXPECT_EQ(NetOpen(&socket, type, static_cast<std::int16_t>(family)), TRUE);
-    }
+    Socket(NetOpenTypeE type, Family family) { EXPECT_EQ(NetOpen(&socket, type, family), TRUE); }
     Socket(const Socket&) = delete;
     Socket& operator=(const Socket&) = delete;
     ~Socket() { NetClose(&socket); }
     operator NetSocketT() const { return socket; }
+    NetSocketT Take() { return std::exchange(socket, NetNoSocket); }
     NetAddressT Local() const {
         NetAddressT address = {};
         EXPECT_EQ(NetGetLocalAddress(&address, socket), TRUE);
@@ -111,16 +112,9 @@ struct Socket {
     }
 };
 
-// Whether a loopback address can be bound.
-bool HasFamily(int family) {
-    Socket socket(NET_TYPE_TCP, family);
-    NetAddressT address = Address(family);
-    return NetBind(socket, &address) == TRUE;
-}
-
 struct Listener : Socket {
-    explicit Listener(int family) : Socket(NET_TYPE_TCP, family) {
-        NetAddressT address = Address(family);
+    explicit Listener(Family family) : Socket(NET_TYPE_TCP, family) {
+        NetAddressT address = Address(Loopback(family));
         EXPECT_EQ(NetBind(socket, &address), TRUE);
         EXPECT_EQ(NetListen(socket, 5), TRUE);
     }
@@ -131,7 +125,7 @@ struct Pair {
     Listener listener;
     Socket client;
     Socket server;
-    explicit Pair(int family = AF_INET) : listener(family), client(NET_TYPE_TCP, family) {
+    explicit Pair(Family family = AF_INET) : listener(family), client(NET_TYPE_TCP, family) {
         NetAddressT address = listener.Local(), peer = {}, mine;
         EXPECT_EQ(NetSetReceiveBufferSize(listener, 1), TRUE);
         EXPECT_EQ(NetSetSendBufferSize(client, 1), TRUE);
@@ -145,6 +139,20 @@ struct Pair {
     }
 };
 
+// A blocking transfer of a whole text and what it reports.
+struct Transfer {
+    int32 moved = 77, elapsed = 5;
+    BooleanT blocked = 2;
+    NetErrorE Send(NetSocketT socket, Text& data, TimeTimeoutO until = nullptr) {
+        return NetTcpSendBlocking(&moved, socket, data.data(), static_cast<int32>(data.size()),
+                                  until, &elapsed, &blocked);
+    }
+    NetErrorE Receive(NetSocketT socket, Text& data, TimeTimeoutO until = nullptr) {
+        return NetTcpReceiveBlocking(&moved, socket, data.data(), static_cast<int32>(data.size()),
+                                     until, &elapsed, &blocked);
+    }
+};
+
 struct Deadline : ObjHolder<TimeTimeoutS> {
     explicit Deadline(int32 milliseconds) {
         TimeCreateAndSetTimeout(Address(), milliseconds / 1000, milliseconds % 1000);
@@ -154,57 +162,65 @@ struct Deadline : ObjHolder<TimeTimeoutS> {
 // A SIGALRM every few milliseconds while it lives.
 struct Alarms {
     Alarms() {
-        Set([](int) { count = count + 1; }, 3000);
+        SigSet(SIGALRM, [](int) { count = count + 1; });
+        Every(3000);
     }
-    ~Alarms() { Set(SIG_DFL, 0); }
-    static inline volatile int count = 0;
-
- private:
-    static void Set(void (*handler)(int), suseconds_t microseconds) {
+    ~Alarms() {
+        Every(0);
+        SigSet(SIGALRM, SIG_DFL);
+    }
+    static void Every(suseconds_t microseconds) {
         const itimerval timer = {{0, microseconds}, {0, microseconds}};
-        struct sigaction action = {};
-        action.sa_handler = handler;
-        if (microseconds == 0) setitimer(ITIMER_REAL, &timer, nullptr);
-        sigaction(SIGALRM, &action, nullptr);
-        if (microseconds != 0) setitimer(ITIMER_REAL, &timer, nullptr);
+        setitimer(ITIMER_REAL, &timer, nullptr);
     }
+    static inline volatile int count = 0;
 };
 
-Text Joined(ListO oList) {
+using List = ObjHolder<ListS>;
+Text Joined(const List& list) {
     char* text = nullptr;
-    return StrFromAddressList(&text, oList) == TRUE ? Owned(text) : "";
+    return StrFromAddressList(&text, list.Get()) == TRUE ? Owned(text) : "";
 }
 
-// The directory of configuration files, and what the library keeps of a class from its first object
-// on.
-const bool g_prepared = [] {
-    class Preparation : public testing::Environment {
-        void SetUp() override {
-            mkdir((TestHome() + "/config").c_str(), 0700);
-            const ObjHolder<ListS> list(ListNew(NetAddressMagic));
-            NetGetHostAddress(list.Get(), "127.0.0.1", AF_INET);
-            EXPECT_NE(Joined(list.Get()), "");
-            const ObjHolder<ObjStringS> string(ObjStringNew("x"));
-            const ObjHolder<NetInheritContextS> context(
-                ObjNew<NetInheritContextS>(NetInheritContextMagic, NetInheritDescriptor));
-        }
-    };
-    return testing::AddGlobalTestEnvironment(new Preparation) != nullptr;
-}();
+void Configure(const char* file, const Text& text) {
+    mkdir((TestHome() + "/config").c_str(), 0700);
+    WriteFile(TestHome() + "/config/" + file, text);
+}
 
-// Sockets in both families.
-class Net : public testing::TestWithParam<int> {
+// The families whose loopback address can be bound.
+std::vector<Family> Families() {
+    std::vector<Family> families = {AF_INET};
+    const int probe = socket(AF_INET6, SOCK_DGRAM, 0);
+    sockaddr_in6 loopback = {};
+    loopback.sin6_family = AF_INET6;
+    loopback.sin6_addr = in6addr_loopback;
+    if (bind(probe, reinterpret_cast<sockaddr*>(&loopback), sizeof(loopback)) == 0)
+        families.push_back(AF_INET6);
+    close(probe);
+    return families;
+}
+
+// Before anything is counted the library has what it keeps of a class from its first object on.
+class NetInet : public testing::Test {
  protected:
-    void SetUp() override {
-        if (!HasFamily(GetParam())) GTEST_SKIP() << "this machine has no IPv6 loopback";
+    static void SetUpTestSuite() {
+        const List list(ListNew(NetAddressMagic));
+        EXPECT_EQ(NetGetHostAddress(list.Get(), "127.0.0.1", AF_INET), TRUE);
+        EXPECT_NE(Joined(list), "");
+        const ObjHolder<ObjStringS> string(ObjStringNew("x"));
+        const ObjHolder<NetInheritContextS> context(
+            ObjNew<NetInheritContextS>(NetInheritContextMagic, NetInheritDescriptor));
     }
 };
-INSTANTIATE_TEST_SUITE_P(Families, Net, testing::Values(AF_INET, AF_INET6),
+
+// Sockets in both families, where the machine has both.
+class Net : public NetInet, public testing::WithParamInterface<Family> {};
+INSTANTIATE_TEST_SUITE_P(Families, Net, testing::ValuesIn(Families()),
                          [](const auto& test) { return test.param == AF_INET ? "Inet" : "Inet6"; });
 
 }  // namespace
 
-TEST(NetAddress, TextsAndComparison) {
+TEST_F(NetInet, TextsAndComparison) {
     struct {
         const char* first;
         const char* second;
@@ -215,12 +231,9 @@ TEST(NetAddress, TextsAndComparison) {
         {"::10.1.2.3", "10.1.2.3", false},     {"1::ffff:a01:203", "10.1.2.3", false},
         {"fe80::1", "fe80::1", true},          {"fe80::1", "fe80::1:0:1", false}};
     for (const auto& c : cases) {
-        const auto family = [](const char* text) {
-            return NetAddressIsInet6(text) == TRUE ? AF_INET6 : AF_INET;
-        };
-        NetAddressT first = Address(family(c.first), 80, c.first);
+        NetAddressT first = Address(c.first, 80);
         for (const int32 port : {80, 81, 80 * 256}) {
-            NetAddressT second = Address(family(c.second), port, c.second);
+            NetAddressT second = Address(c.second, port);
             for (const bool all : {true, false}) {
                 const auto type = all ? NetAddressCompareTypeAll : NetAddressCompareTypeNoPort;
                 const BooleanT expected = BooleanFrom(c.equal && (port == 80 || !all));
@@ -229,38 +242,30 @@ TEST(NetAddress, TextsAndComparison) {
             }
         }
         char text[64];
-        const Text shown = family(c.first) == AF_INET ? c.first : "[" + Text(c.first) + "]";
-        EXPECT_STREQ(NetGetIpAddress(&first, text, static_cast<int32>(shown.size()) + 1),
-                     shown.c_str());
-        EXPECT_EQ(NetGetIpAddress(&first, text, static_cast<int32>(shown.size())), nullptr);
+        const Text shown = FamilyOf(c.first) == AF_INET ? c.first : "[" + Text(c.first) + "]";
+        const auto length = static_cast<int32>(shown.size());
+        EXPECT_STREQ(NetGetIpAddress(&first, text, length + 1), shown.c_str());
+        EXPECT_EQ(NetGetIpAddress(&first, text, length), nullptr);
         EXPECT_EQ(NetGetIpPort(&first), 80);
     }
-    NetAddressT local = {}, inet = Address(AF_INET, 0x1234, "1.2.3.4");
+    NetAddressT local = {}, inet = Address("1.2.3.4", 0x1234);
     local.sFamily = AF_UNIX;
     EXPECT_EQ(NetAddressEqual(&local, &local, NetAddressCompareTypeAll), FALSE);
     EXPECT_EQ(NetAddressEqual(nullptr, nullptr, NetAddressCompareTypeAll), TRUE);
     EXPECT_EQ(NetAddressEqual(nullptr, &inet, NetAddressCompareTypeAll), FALSE);
     EXPECT_EQ(NetAddressIsEqual(nullptr, nullptr), FALSE);
     EXPECT_EQ(Text(reinterpret_cast<char*>(inet.aAddress), 6), "\x12\x34\1\2\3\4");
-    struct {
-        const char* text;
-        int family;
-    } const refused[] = {{nullptr, AF_INET},     {"", AF_INET},       {"1.2.3", AF_INET},
-                         {"1.2.3.4", AF_INET6},  {"::1", AF_INET},    {"[::1]", AF_INET6},
-                         {"1.2.3.4", AF_UNSPEC}, {"::1%lo", AF_INET6}};
-    for (const auto& r : refused) {
+    const std::pair<const char*, Family> refused[] = {
+        {nullptr, AF_INET}, {"", AF_INET},       {"1.2.3", AF_INET},     {"1.2.3.4", AF_INET6},
+        {"::1", AF_INET},   {"[::1]", AF_INET6}, {"1.2.3.4", AF_UNSPEC}, {"::1%lo", AF_INET6}};
+    for (const auto& [text, family] : refused) {
         NetAddressT address = inet;
-        EXPECT_EQ(NetInitializeIpAddress(&address, r.text, 1, static_cast<std::int16_t>(r.family)),
-                  FALSE);
+        EXPECT_EQ(NetInitializeIpAddress(&address, text, 1, family), FALSE);
         EXPECT_EQ(memcmp(&address, &(local = {}), sizeof(address)), 0);
     }
-    for (const auto& [text, is] : {std::pair{"1.2.3.4", 1},
-                                   {"1.2.3.4x", 0},
-                                   {"1.2.3", 0},
-                                   {"a.b.c.d", 0},
-                                   {"::1", 0},
-                                   {"999.1.1.1", 1}})
-        EXPECT_EQ(NetAddressIsInet(text), is) << text;
+    for (const char* text : {"1.2.3.4", "999.1.1.1"}) EXPECT_EQ(NetAddressIsInet(text), TRUE);
+    for (const char* text : {"1.2.3.4x", "1.2.3", "a.b.c.d", "::1"})
+        EXPECT_EQ(NetAddressIsInet(text), FALSE) << text;
 }
 
 TEST_P(Net, TransfersUnderSignalsAndThroughSmallBuffers) {
@@ -272,34 +277,28 @@ TEST_P(Net, TransfersUnderSignalsAndThroughSmallBuffers) {
         // The peer is a process that sends all, receives all in small pieces, and compares.
         const pid_t child = fork();
         if (child == 0) {
-            for (std::size_t at = 0; at < sent.size();)
-                at += send(pair.server, sent.data() + at,
-                           std::min(sent.size() - at, std::size_t{7001}), 0);
-            for (std::size_t at = 0; at < sent.size();)
-                at += recv(pair.server, received.data() + at,
-                           std::min(sent.size() - at, std::size_t{7001}), 0);
+            const auto pass = [&](auto move, char* data) {
+                for (std::size_t at = 0, all = sent.size(); at < all;)
+                    at += move(pair.server, data + at, std::min(all - at, std::size_t{7001}), 0);
+            };
+            pass(send, sent.data());
+            pass(recv, received.data());
             send(pair.server, received == sent ? "y" : "n", 1, 0);
             pause();
         }
         NetClose(&pair.server.socket);
-        int32 total = 0, elapsed = 5;
-        BooleanT blocked = 2;
+        Transfer transfer;
         {
             const Alarms alarms;
-            EXPECT_EQ(NetTcpReceiveBlocking(&total, pair.client, received.data(), 3000000, nullptr,
-                                            &elapsed, &blocked),
-                      NET_ERROR_NONE);
-            EXPECT_EQ(total, 3000000);
+            EXPECT_EQ(transfer.Receive(pair.client, received), NET_ERROR_NONE);
+            EXPECT_EQ(transfer.moved, 3000000);
             EXPECT_TRUE(received == sent);
-            elapsed = 5;
-            blocked = 2;
-            EXPECT_EQ(NetTcpSendBlocking(&total, pair.client, sent.data(), 3000000, nullptr,
-                                         &elapsed, &blocked),
-                      NET_ERROR_NONE);
-            EXPECT_EQ(total, 3000000);
-            EXPECT_EQ(blocked, TRUE);
-            EXPECT_GT(elapsed, 5);
-            EXPECT_EQ(NetTcpReceiveBlocking(&total, pair.client, received.data(), 1, nullptr,
+            transfer = {};
+            EXPECT_EQ(transfer.Send(pair.client, sent), NET_ERROR_NONE);
+            EXPECT_EQ(transfer.moved, 3000000);
+            EXPECT_EQ(transfer.blocked, TRUE);
+            EXPECT_GT(transfer.elapsed, 5);
+            EXPECT_EQ(NetTcpReceiveBlocking(nullptr, pair.client, received.data(), 1, nullptr,
                                             nullptr, nullptr),
                       NET_ERROR_NONE);
             EXPECT_EQ(received[0], 'y');
@@ -308,16 +307,14 @@ TEST_P(Net, TransfersUnderSignalsAndThroughSmallBuffers) {
         // Nobody reads: what fits goes out, then the time is up, also on a socket that blocks.
         for (const bool blocking : {false, true}) {
             if (blocking) NetSetBlocking(pair.client);
-            elapsed = 0;
+            transfer = {.elapsed = 0};
             const Deadline deadline(250);
             const int64 start = TimeNowAsInt64();
-            EXPECT_EQ(NetTcpSendBlocking(&total, pair.client, sent.data(), 3000000, deadline.Get(),
-                                         &elapsed, &blocked),
-                      NET_ERROR_TIMEOUT);
+            EXPECT_EQ(transfer.Send(pair.client, sent, deadline.Get()), NET_ERROR_TIMEOUT);
             EXPECT_GE(TimeNowAsInt64() - start, 249);
-            EXPECT_GE(elapsed, 50);
-            EXPECT_LE(elapsed, TimeNowAsInt64() - start);
-            EXPECT_LT(total, 3000000);
+            EXPECT_GE(transfer.elapsed, 50);
+            EXPECT_LE(transfer.elapsed, TimeNowAsInt64() - start);
+            EXPECT_LT(transfer.moved, 3000000);
         }
         kill(child, SIGKILL);
         waitpid(child, nullptr, 0);
@@ -326,25 +323,24 @@ TEST_P(Net, TransfersUnderSignalsAndThroughSmallBuffers) {
 }
 
 TEST_P(Net, PeersThatEnd) {
-    char data[8] = "1234567";
+    Text data = "1234567!", none;
+    Transfer transfer;
     int32 moved = 77;
     {
         // Half of the stream is closed: what was sent before arrives, and the other half lives.
         Pair pair(GetParam());
-        EXPECT_EQ(NetTcpReceive(&moved, pair.client, data, 8), NET_ERROR_WOULD_BLOCK);
+        EXPECT_EQ(NetTcpReceive(&moved, pair.client, data.data(), 8), NET_ERROR_WOULD_BLOCK);
         EXPECT_EQ(moved, 77);
-        EXPECT_EQ(NetTcpSend(&moved, pair.server, data, 5), NET_ERROR_NONE);
+        EXPECT_EQ(NetTcpSend(&moved, pair.server, data.data(), 5), NET_ERROR_NONE);
         EXPECT_EQ(moved, 5);
         shutdown(pair.server, SHUT_WR);
         TraceCapture trace;
-        BooleanT blocked = 2;
-        EXPECT_EQ(NetTcpReceiveBlocking(&moved, pair.client, data, 8, nullptr, nullptr, &blocked),
-                  NET_ERROR_CLOSED);
-        EXPECT_EQ(moved, 5);
+        EXPECT_EQ(transfer.Receive(pair.client, data), NET_ERROR_CLOSED);
+        EXPECT_EQ(transfer.moved, 5);
         EXPECT_EQ(trace.CountText("Socket closed unexpectedly"), 1);
-        EXPECT_EQ(NetTcpReceive(&moved, pair.client, data, 8), NET_ERROR_CLOSED);
+        EXPECT_EQ(NetTcpReceive(&moved, pair.client, data.data(), 8), NET_ERROR_CLOSED);
         EXPECT_EQ(NetIsConnected(pair.client), TRUE);
-        EXPECT_EQ(NetTcpSend(&moved, pair.client, data, 8), NET_ERROR_NONE);
+        EXPECT_EQ(NetTcpSend(&moved, pair.client, data.data(), 8), NET_ERROR_NONE);
         // The peer discards everything: a reset, and no signal for who sends on.
         NetSetNoLinger(pair.server);
         NetClose(&pair.server.socket);
@@ -353,39 +349,36 @@ TEST_P(Net, PeersThatEnd) {
         }
         EXPECT_EQ(NetIsConnected(pair.client), FALSE);
         EXPECT_EQ(NetSocketError(pair.client), FALSE);  // taken off
-        EXPECT_EQ(NetTcpSend(&moved, pair.client, data, 8), NET_ERROR_CONNECTION_DOWN);
-        EXPECT_EQ(NetTcpSendBlocking(&moved, pair.client, data, 8, nullptr, nullptr, nullptr),
-                  NET_ERROR_CONNECTION_DOWN);
-        EXPECT_EQ(moved, 0);
+        EXPECT_EQ(NetTcpSend(&moved, pair.client, data.data(), 8), NET_ERROR_CONNECTION_DOWN);
+        EXPECT_EQ(transfer.Send(pair.client, data), NET_ERROR_CONNECTION_DOWN);
+        EXPECT_EQ(transfer.moved, 0);
     }
     const Socket lone(NET_TYPE_TCP, GetParam());
-    EXPECT_EQ(NetTcpReceive(&moved, lone, data, 8), NET_ERROR_FATAL);  // not connected
-    moved = 3;
-    EXPECT_EQ(NetTcpReceiveBlocking(&moved, -1, data, 8, nullptr, nullptr, nullptr),
-              NET_ERROR_INVALID_SOCKET);
-    EXPECT_EQ(moved, 3);
-    EXPECT_EQ(NetTcpSendBlocking(&moved, lone, data, 0, nullptr, nullptr, nullptr),
-              NET_ERROR_INVALID_LENGTH);
-    EXPECT_EQ(moved, 0);
-    EXPECT_EQ(NetTcpSend(&moved, -1, data, 0), NET_ERROR_INVALID_SOCKET);
-    EXPECT_EQ(NetUdpReceive(&moved, lone, data, -1, nullptr), NET_ERROR_INVALID_LENGTH);
+    EXPECT_EQ(NetTcpReceive(&moved, lone, data.data(), 8), NET_ERROR_FATAL);  // not connected
+    transfer.moved = 3;
+    EXPECT_EQ(transfer.Receive(NetNoSocket, data), NET_ERROR_INVALID_SOCKET);
+    EXPECT_EQ(transfer.moved, 3);
+    EXPECT_EQ(transfer.Send(lone, none), NET_ERROR_INVALID_LENGTH);
+    EXPECT_EQ(transfer.moved, 0);
+    EXPECT_EQ(NetTcpSend(&moved, -1, data.data(), 0), NET_ERROR_INVALID_SOCKET);
+    EXPECT_EQ(NetUdpReceive(&moved, lone, data.data(), -1, nullptr), NET_ERROR_INVALID_LENGTH);
 }
 
 TEST_P(Net, Datagrams) {
-    WriteFile(TestHome() + "/config/tlnmgr.cfg", "[Network]\nTTL=9\n");
+    Configure("tlnmgr.cfg", "[Network]\nTTL=9\n");
     Socket first(NET_TYPE_UDP, GetParam()), second(NET_TYPE_UDP, GetParam());
-    int option = 0;
-    socklen_t length = sizeof(option);
+    int hops = 0;
+    socklen_t length = sizeof(hops);
     const bool inet = GetParam() == AF_INET;
-    getsockopt(first, inet ? IPPROTO_IP : IPPROTO_IPV6, inet ? IP_TTL : IPV6_UNICAST_HOPS, &option,
+    getsockopt(first, inet ? IPPROTO_IP : IPPROTO_IPV6, inet ? IP_TTL : IPV6_UNICAST_HOPS, &hops,
                &length);
-    EXPECT_EQ(option, 9);
+    EXPECT_EQ(hops, 9);
     EXPECT_EQ(fcntl(first, F_GETFD), FD_CLOEXEC);
-    NetAddressT address = Address(GetParam()), source = {};
+    NetAddressT address = Address(Loopback(GetParam())), source = {};
     ASSERT_EQ(NetBind(first, &address), TRUE);
     ASSERT_EQ(NetBind(second, &address), TRUE);
     NetAddressT to = second.Local(), from = first.Local();
-    Text packet(60000, 'p');
+    Text packet(70000, 'p');
     char data[4];
     int32 moved = 0;
     EXPECT_EQ(NetUdpSend(first, packet.data(), 60000, &to), NET_ERROR_NONE);
@@ -397,14 +390,13 @@ TEST_P(Net, Datagrams) {
     EXPECT_EQ(moved, 1);
     ASSERT_EQ(NetSetNonBlocking(second), TRUE);
     EXPECT_EQ(NetUdpReceive(&moved, second, data, 4, &source), NET_ERROR_WOULD_BLOCK);
-    packet.resize(70000);
     EXPECT_EQ(NetUdpSend(first, packet.data(), 70000, &to), NET_ERROR_FATAL);  // too long
     EXPECT_EQ(NetUdpSend(first, packet.data(), 1, nullptr), NET_ERROR_FATAL);
     // A hop limit that the system refuses: no socket, and none left open.
-    WriteFile(TestHome() + "/config/tlnmgr.cfg", "[Network]\nTTL=999\n");
+    Configure("tlnmgr.cfg", "[Network]\nTTL=999\n");
     const Leftovers before;
     NetSocketT none = 42;
-    EXPECT_EQ(NetOpen(&none, NET_TYPE_UDP, static_cast<std::int16_t>(GetParam())), FALSE);
+    EXPECT_EQ(NetOpen(&none, NET_TYPE_UDP, GetParam()), FALSE);
     EXPECT_EQ(none, 42);
     EXPECT_EQ(before.Text(), "");
     unlink((TestHome() + "/config/tlnmgr.cfg").c_str());
@@ -415,8 +407,8 @@ TEST_P(Net, Connecting) {
     NetAddressT address = listener.Local();
     NetSocketT accepted = 42;
     ASSERT_EQ(NetSetNonBlocking(listener), TRUE);
-    EXPECT_EQ(NetAccept(&accepted, listener, nullptr), NET_ERROR_WOULD_BLOCK);
-    for (const auto& [error, result] : {std::pair{EINTR, NET_ERROR_WOULD_BLOCK},
+    for (const auto& [error, result] : {std::pair{0, NET_ERROR_WOULD_BLOCK},
+                                        {EINTR, NET_ERROR_WOULD_BLOCK},
                                         {ECONNABORTED, NET_ERROR_ACCEPT},
                                         {ENOBUFS, NET_ERROR_ACCEPT},
                                         {EMFILE, NET_ERROR_FATAL}}) {
@@ -441,19 +433,17 @@ TEST_P(Net, Connecting) {
     }
     NetClose(&listener.socket);
     const Socket late(NET_TYPE_TCP, GetParam());
-    EXPECT_EQ(NetConnect(late, &address), NET_ERROR_CONNECT_REFUSED);
     EXPECT_EQ(NetConnect(late, nullptr), NET_ERROR_FATAL);
     EXPECT_EQ(NetConnect(-1, &address), NET_ERROR_INVALID_SOCKET);
     struct {
         int error;
         NetErrorE result;
         int calls;
-    } const outcomes[] = {{EPROTO, NET_ERROR_PROTOCOL, 11},
-                          {EINTR, NET_ERROR_INTERRUPTED, 1},
-                          {ENETUNREACH, NET_ERROR_NET_UNREACHABLE, 1},
-                          {ETIMEDOUT, NET_ERROR_TIMEOUT, 1},
-                          {EAGAIN, NET_ERROR_WOULD_BLOCK, 1},
-                          {EACCES, NET_ERROR_FATAL, 1}};
+    } const outcomes[] = {
+        {0, NET_ERROR_CONNECT_REFUSED, 1}, {EPROTO, NET_ERROR_PROTOCOL, 11},
+        {EINTR, NET_ERROR_INTERRUPTED, 1}, {ENETUNREACH, NET_ERROR_NET_UNREACHABLE, 1},
+        {ETIMEDOUT, NET_ERROR_TIMEOUT, 1}, {EAGAIN, NET_ERROR_WOULD_BLOCK, 1},
+        {EACCES, NET_ERROR_FATAL, 1}};
     for (const auto& o : outcomes) {
         g_connectError = o.error;
         g_connects = 0;
@@ -464,51 +454,47 @@ TEST_P(Net, Connecting) {
 }
 
 TEST_P(Net, FirewallPorts) {
-    // A free port with a free one above it; both are taken by the system's choice below.
+    const char* const host = Loopback(GetParam());
+    // A free port with a free one above it; the lower one is busy below.
     Socket busy(NET_TYPE_TCP, GetParam());
     int32 port = 0;
     for (int tries = 0; tries < 100 && port == 0; tries++) {
         Socket low(NET_TYPE_TCP, GetParam()), high(NET_TYPE_TCP, GetParam());
-        NetAddressT any = Address(GetParam());
+        NetAddressT any = Address(host);
         ASSERT_EQ(NetBind(low, &any), TRUE);
         any = low.Local();
         const int32 found = NetGetIpPort(&any);
-        NetAddressT next = Address(GetParam(), std::min(found + 1, 65535));
+        NetAddressT next = Address(host, std::min(found + 1, 65535));
         if (found == 65535 || NetBind(high, &next) != TRUE) continue;
         NetClose(&low.socket);
         if (NetBind(busy, &any) == TRUE) port = found;
     }
     ASSERT_NE(port, 0);
     const Text taken = std::to_string(port), open = std::to_string(port + 1);
-    struct {
-        Text ports;
-        int32 expected;  // 0: the system chooses, -1: none
-    } const cases[] = {{taken + "," + open, port + 1},
-                       {"abc," + open, port + 1},
-                       {open + " - " + taken, port + 1},
-                       {taken + "-" + open, port + 1},
-                       {taken + "!," + open, port + 1},  // one value that is a list
-                       {taken, -1},
-                       {taken + "," + taken + " - " + taken + ",x", -1},
-                       {"abc," + open + "x,-1,70000,1 - 99999999999999999999", 0},
-                       {"", 0}};
-    for (const auto& c : cases) {
-        for (const bool in : {true, false}) {
-            WriteFile(TestHome() + "/config/firewall.cfg",
-                      "[Test]\n" + Text(in ? "Ports=" : "Out Ports=") + c.ports + "\n");
+    const std::pair<Text, int32> cases[] = {
+        // 0: the system chooses, -1: none
+        {taken + "," + open, port + 1},
+        {"abc," + open, port + 1},
+        {open + " - " + taken, port + 1},
+        {taken + "-" + open, port + 1},
+        {taken + "!," + open, port + 1},  // one value that is a list
+        {taken, -1},
+        {taken + "," + taken + " - " + taken + ",x", -1},
+        {"abc," + open + "x,-1,70000,1 - 99999999999999999999", 0},
+        {"", 0}};
+    for (const auto& [ports, expected] : cases) {
+        for (const BooleanT in : {TRUE, FALSE}) {
+            SCOPED_TRACE(ports);
+            Configure("firewall.cfg",
+                      "[Test]\n" + Text(in ? "" : "Out ") + "Ports=" + ports + "\n");
             const Leftovers before;
             {
                 const Socket socket(NET_TYPE_TCP, GetParam());
-                EXPECT_EQ(NetBindThroughFirewallTyped(socket, Loopback(GetParam()), "Test",
-                                                      BooleanFrom(in),
-                                                      static_cast<std::int16_t>(GetParam())),
-                          BooleanFrom(c.expected != -1))
-                    << c.ports;
+                EXPECT_EQ(NetBindThroughFirewallTyped(socket, host, "Test", in, GetParam()),
+                          BooleanFrom(expected != -1));
                 NetAddressT bound = socket.Local();
-                if (c.expected > 0)
-                    EXPECT_EQ(NetGetIpPort(&bound), c.expected) << c.ports;
-                else
-                    EXPECT_EQ(NetGetIpPort(&bound) != 0, c.expected == 0) << c.ports;
+                const int32 chosen = NetGetIpPort(&bound);
+                EXPECT_EQ(expected > 0 ? chosen : chosen == 0 ? -1 : 0, expected);
             }
             EXPECT_EQ(before.Text(), "");
         }
@@ -516,7 +502,7 @@ TEST_P(Net, FirewallPorts) {
     unlink((TestHome() + "/config/firewall.cfg").c_str());
 }
 
-TEST(NetSelecting, Masks) {
+TEST_F(NetInet, Masks) {
     const Leftovers before;
     NetSelectMaskT mask = nullptr, copy = nullptr;
     ASSERT_EQ(NetInitializeSelectMask(&mask), TRUE);
@@ -545,10 +531,13 @@ TEST(NetSelecting, Masks) {
     EXPECT_EQ(NetAddWriteSelect(mask, FD_SETSIZE - 1), TRUE);
     EXPECT_EQ(NetCopySelectMask(copy, mask), TRUE);
     EXPECT_EQ(NetIsWriteSelectSet(copy, FD_SETSIZE - 1), TRUE);
-    NetReleaseSelectMask(&copy);
+    EXPECT_EQ(NetReleaseSelectMask(&copy) + NetReleaseSelectMask(&mask), 2 * TRUE);
+    EXPECT_EQ(before.Text(), "");
+}
 
+TEST_F(NetInet, Waits) {
+    NetSelectMaskS mask = {};
     // What the system is asked to wait.
-    *mask = {};
     struct {
         int32 milliseconds;  // of NetSelectRelative, or until the deadline
         bool relative;
@@ -561,65 +550,112 @@ TEST(NetSelecting, Masks) {
     g_selectRecorded = true;
     for (const auto& w : waits) {
         const Deadline deadline(w.milliseconds);
-        EXPECT_EQ(w.relative ? NetSelectRelative(nullptr, mask, w.milliseconds)
-                             : NetSelect(nullptr, mask, deadline.Get()),
+        EXPECT_EQ(w.relative ? NetSelectRelative(nullptr, &mask, w.milliseconds)
+                             : NetSelect(nullptr, &mask, deadline.Get()),
                   NET_ERROR_TIMEOUT);
         EXPECT_FALSE(timercmp(&g_selectTime, &w.least, <)) << w.milliseconds;
         EXPECT_FALSE(timercmp(&g_selectTime, &w.most, >)) << w.milliseconds;
     }
     g_selectRecorded = false;
 
+    // How it waits.
     Pair pair;
-    char data = 'x';
-    int32 count = 0;
-    NetTcpSend(&count, pair.server, &data, 1);
-    NetAddReadSelect(mask, pair.client);
-    NetAddReadSelect(mask, pair.server);
-    NetAddWriteSelect(mask, pair.server);
-    NetAddExceptionSelect(mask, pair.server);
+    int32 count = 7;
     TraceCapture trace;
-    EXPECT_EQ(NetCheckSelect(mask), TRUE);
+    const auto select = [&](int32 milliseconds) {
+        NetAddReadSelect(&mask, pair.client);
+        return NetSelectRelative(&count, &mask, milliseconds);
+    };
+    const int64 start = TimeNowAsInt64();
+    EXPECT_EQ(select(1050), NET_ERROR_TIMEOUT);
+    EXPECT_GE(TimeNowAsInt64() - start, 1049);
+    EXPECT_EQ(count + NetIsReadSelectSet(&mask, pair.client), 0);
+    NetTcpSend(&count, pair.server, &count, 1);
+    for (const int32 milliseconds : {0, -1}) {
+        EXPECT_EQ(select(milliseconds), NET_ERROR_NONE);
+        EXPECT_EQ(count, 1);
+    }
+    NetAddReadSelect(&mask, pair.server);
+    NetAddWriteSelect(&mask, pair.server);
+    NetAddExceptionSelect(&mask, pair.server);
+    EXPECT_EQ(NetCheckSelect(&mask), TRUE);
+    EXPECT_EQ(NetSelect(&count, &mask, nullptr), NET_ERROR_NONE);
+    EXPECT_EQ(count, 2);
+    EXPECT_EQ(NetIsReadSelectSet(&mask, pair.client) + NetIsWriteSelectSet(&mask, pair.server), 2);
+    EXPECT_EQ(NetIsReadSelectSet(&mask, pair.server), FALSE);
     const Text client = "Socket " + std::to_string(pair.client),
                server = "Socket " + std::to_string(pair.server);
-    for (const Text& line :
-         {client + " has read select set", server + " has read select not set",
-          server + " has write select set", server + " has exception select not set"})
-        EXPECT_EQ(trace.CountText(line), 1) << line;
-    EXPECT_EQ(NetSelect(&count, mask, nullptr), NET_ERROR_NONE);
-    EXPECT_EQ(count, 2);
-    EXPECT_EQ(NetIsReadSelectSet(mask, pair.client) + NetIsWriteSelectSet(mask, pair.server), 2);
-    EXPECT_EQ(NetIsReadSelectSet(mask, pair.server), FALSE);
-    *mask = {};
+    NetClose(&pair.client.socket);
+    EXPECT_EQ(select(0), NET_ERROR_FATAL);
+    for (const auto& [text, times] : {std::pair{client + " has read select set", 1},
+                                      {server + " has read select not set", 1},
+                                      {server + " has write select set", 1},
+                                      {server + " has exception select not set", 1},
+                                      {"Wait 1050 milliseconds for data", 1},
+                                      {"poll for data", 2},
+                                      {"Wait for data (no timeout)", 2},
+                                      {"Fatal network select error: Bad file descriptor", 1}})
+        EXPECT_EQ(trace.CountText(text), times) << text;
+    mask = {};
     const Alarms alarms;
-    EXPECT_EQ(NetSelect(&count, mask, nullptr), NET_ERROR_INTERRUPTED);
-    NetReleaseSelectMask(&mask);
+    EXPECT_EQ(NetSelect(&count, &mask, nullptr), NET_ERROR_INTERRUPTED);
+    EXPECT_EQ(NetSelectRelative(&count, &mask, -1), NET_ERROR_INTERRUPTED);
 }
 
-TEST(NetTransfer, WaitsForSocketsBeyondAnyMask) {
+TEST_F(NetInet, WaitsForSocketsBeyondAnyMask) {
     Pair pair;
     rlimit limit;
     getrlimit(RLIMIT_NOFILE, &limit);
-    const rlimit raised = {std::max<rlim_t>(limit.rlim_cur, FD_SETSIZE + 10), limit.rlim_max};
-    if (setrlimit(RLIMIT_NOFILE, &raised) != 0)
-        GTEST_SKIP() << "this user may not open so many files";
+    // Within the mask only where the machine has no higher numbers at all.
+    const rlim_t number = std::min<rlim_t>(FD_SETSIZE, limit.rlim_max - 1);
+    const rlimit raised = {std::max(limit.rlim_cur, number + 1), limit.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &raised), 0);
     Socket high;
-    high.socket = fcntl(pair.client, F_DUPFD_CLOEXEC, FD_SETSIZE);
-    ASSERT_GE(high.socket, FD_SETSIZE);
-    char data[4];
-    int32 moved = 0, elapsed = 0;
-    BooleanT blocked = 2;
+    high.socket = fcntl(pair.client, F_DUPFD_CLOEXEC, static_cast<int>(number));
+    ASSERT_GE(high.socket, static_cast<int>(number));
+    Text data = "1234";
+    Transfer transfer;
     const Deadline deadline(250);
-    EXPECT_EQ(NetTcpReceiveBlocking(&moved, high, data, 4, deadline.Get(), &elapsed, &blocked),
-              NET_ERROR_TIMEOUT);
-    EXPECT_EQ(blocked, TRUE);
-    EXPECT_GE(elapsed, 50);
-    NetTcpSend(&moved, pair.server, data, 4);
-    EXPECT_EQ(NetTcpReceiveBlocking(&moved, high, data, 4, nullptr, nullptr, nullptr),
-              NET_ERROR_NONE);
+    EXPECT_EQ(transfer.Receive(high, data, deadline.Get()), NET_ERROR_TIMEOUT);
+    EXPECT_EQ(transfer.blocked, TRUE);
+    EXPECT_GE(transfer.elapsed, 55);
+    NetTcpSend(nullptr, pair.server, data.data(), 4);
+    EXPECT_EQ(transfer.Receive(high, data), NET_ERROR_NONE);
     setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-TEST(NetHosts, FiltersAndTheNetworkDirectory) {
+TEST_F(NetInet, Names) {
+    char name[257], system[257];
+    EXPECT_EQ(NetGetLocalHostName(name, 256), FALSE);
+    EXPECT_EQ(NetGetLocalHostName(name, 257), TRUE);
+    ASSERT_EQ(gethostname(system, sizeof(system)), 0);
+    EXPECT_STREQ(name, system);
+    char domain[] = "domain", tcp[] = "tcp";
+    int32 port = 0;
+    if (getservbyname(domain, tcp) != nullptr) {
+        EXPECT_EQ(NetGetServicePort(&port, domain, tcp), TRUE);
+        EXPECT_EQ(port, 53);
+    }
+    List list(ListNew(NetAddressMagic));
+    EXPECT_EQ(NetGetHostAddress(list.Get(), "127.0.0.9", AF_INET), TRUE);
+    EXPECT_EQ(Joined(list).substr(0, 9), "127.0.0.9");
+    const Leftovers before;
+    for (const bool known : {true, false}) {
+        g_known = known ? "alpha" : "omega";
+        List aliases, addresses;
+        EXPECT_EQ(NetGetHostDetails("alpha", aliases.Address(), addresses.Address()),
+                  BooleanFrom(known));
+        Text names;
+        for (ListNodeO oNode = aliases.Get()->oFirst; oNode != nullptr; oNode = oNode->oNext)
+            names += ObjGetString(static_cast<ObjStringO>(oNode->oData)) + Text(" ");
+        EXPECT_EQ(names, known ? "official beta gamma " : "");
+        EXPECT_EQ(Joined(addresses), known ? "127.0.0.5,\n[::1]" : "");
+    }
+    g_known = nullptr;
+    EXPECT_EQ(before.Text(), "");
+}
+
+TEST_F(NetInet, TheNetworkDirectory) {
     const Dir dir;
     const Name table = dir("hosts");
     Text hosts =
@@ -633,10 +669,10 @@ TEST(NetHosts, FiltersAndTheNetworkDirectory) {
     hosts.resize((1 << 20) - last.size(), '#');
     WriteFile(table, hosts + last + "comer\n10.0.0.8 beta\n");
     MachineNetSetHostTable(table);
-    g_noNames = true;
+    g_known = "";
     struct {
         const char* name;
-        int family;
+        Family family;
         Text expected;
     } const cases[] = {
         {"ALPHA", AF_UNSPEC, "10.0.0.1,\n10.0.0.2,\n[::ffff:10.0.0.3],\n[fe80::12:0:1]"},
@@ -653,14 +689,13 @@ TEST(NetHosts, FiltersAndTheNetworkDirectory) {
         {"", AF_UNSPEC, ""}};
     const Leftovers before;
     for (const auto& c : cases) {
-        ObjHolder<ListS> list(ListNew(NetAddressMagic));
-        EXPECT_EQ(NetGetHostAddress(list.Get(), c.name, static_cast<std::int16_t>(c.family)),
-                  BooleanFrom(!c.expected.empty()))
+        const List list(ListNew(NetAddressMagic));
+        EXPECT_EQ(NetGetHostAddress(list.Get(), c.name, c.family), BooleanFrom(!c.expected.empty()))
             << c.name;
-        EXPECT_EQ(Joined(list.Get()), c.expected) << c.name;
+        EXPECT_EQ(Joined(list), c.expected) << c.name;
     }
     {
-        ObjHolder<ListS> aliases, list(ListNew(NetAddressMagic));
+        List aliases, list(ListNew(NetAddressMagic));
         EXPECT_EQ(NetGetHostAddress(list.Get(), "many", 0), TRUE);
         EXPECT_EQ(list.Get()->lItemCount, 64);
         ListReleaseAll(list.Get());
@@ -684,66 +719,50 @@ TEST(NetHosts, FiltersAndTheNetworkDirectory) {
     }
     EXPECT_EQ(before.Text(), "");
     MachineNetSetHostTable(nullptr);
-    g_noNames = false;
-    ObjHolder<ListS> list(ListNew(NetAddressMagic));
-    EXPECT_EQ(NetGetHostAddress(list.Get(), "127.0.0.9", AF_INET), TRUE);
-    EXPECT_EQ(Joined(list.Get()).substr(0, 9), "127.0.0.9");
-    char smtp[] = "domain", tcp[] = "tcp";
-    int32 port = 0;
-    if (getservbyname(smtp, tcp) != nullptr) {
-        EXPECT_EQ(NetGetServicePort(&port, smtp, tcp), TRUE);
-        EXPECT_EQ(port, 53);
-    }
+    g_known = nullptr;
 }
 
-TEST(NetClosing, InterruptedAndRefused) {
+TEST_F(NetInet, ClosingInterruptedAndRefused) {
     Pair pair;
     TraceCapture trace;
-    NetSocketT socket = pair.client;
-    pair.client.socket = NetNoSocket;
-    g_closeInterrupts = 1;
+    const Text bad = "Failed to close socket: Bad file descriptor";
+    NetSocketT socket = pair.client.Take();
+    FaultArm({Call::Close, 1, EINTR});
     EXPECT_EQ(NetClose(&socket), TRUE);
+    EXPECT_EQ(FaultDisarm(), 1);
     EXPECT_EQ(socket, NetNoSocket);
     EXPECT_EQ(NetClose(&socket) + NetClose(nullptr), FALSE);
-    EXPECT_EQ(trace.CountText("Failed to close socket: Bad file descriptor"), 0);
+    EXPECT_EQ(trace.CountText(bad), 0);
     socket = FD_SETSIZE * 100;
-    EXPECT_EQ(NetClose(&socket), FALSE);
+    EXPECT_EQ(NetClose(&socket) + NetSetNoLinger(socket), FALSE);
     EXPECT_EQ(socket, FD_SETSIZE * 100);
-    EXPECT_EQ(trace.CountText("Failed to close socket: Bad file descriptor"), 1);
-    EXPECT_EQ(NetSetNoLinger(socket), FALSE);
-    EXPECT_EQ(trace.CountText("Failed to set no linger : Bad file descriptor"), 1);
-    EXPECT_EQ(trace.CountText("FALSE = NetSetNoLinger(" + std::to_string(socket) + ")"), 1);
+    for (const Text& line : {bad, Text("Failed to set no linger : Bad file descriptor"),
+                             "FALSE = NetSetNoLinger(" + std::to_string(socket) + ")"})
+        EXPECT_EQ(trace.CountText(line), 1) << line;
 }
 
 // A real program inherits the socket and answers on it; the context goes to it and back as bytes.
-TEST(NetInherit, HandOverToAChild) {
+TEST_F(NetInet, HandOverToAChild) {
     const Leftovers before;
     {
         Pair pair;
         NetInheritContextO context = nullptr, other = nullptr;
         NetSocketT taken = NetNoSocket;
-        const NetSocketT number = pair.server;
+        const NetSocketT number = pair.server.Take();
         ASSERT_EQ(NetInheritPhase1(&context, number), TRUE);
-        pair.server.socket = NetNoSocket;
         int hold[2];
         ASSERT_EQ(pipe2(hold, O_CLOEXEC), 0);
-        const Text descriptor =
-            "exec cat <&" + std::to_string(number) + " >&" + std::to_string(number);
+        const Text cat = "exec cat <&" + std::to_string(number) + " >&" + std::to_string(number);
         const pid_t child = fork();
-        if (child == 0) {
-            execl("/bin/sh", "sh", "-c", descriptor.c_str(), nullptr);
-            _exit(127);
-        }
+        if (child == 0) _exit(execl("/bin/sh", "sh", "-c", cat.c_str(), nullptr));
         EXPECT_EQ(NetInheritPhase2(context, child), TRUE);
         EXPECT_EQ(fcntl(number, F_GETFD), -1);
         EXPECT_EQ(NetInheritPhase2(context, child), FALSE);
-        Text echo(6, '-');
-        int32 moved = 0;
-        NetTcpSend(&moved, pair.client, const_cast<char*>("hello"), 6);
-        EXPECT_EQ(
-            NetTcpReceiveBlocking(&moved, pair.client, echo.data(), 6, nullptr, nullptr, nullptr),
-            NET_ERROR_NONE);
-        EXPECT_STREQ(echo.c_str(), "hello");
+        Text hello = "hello", echo(hello.size(), '-');
+        Transfer transfer;
+        EXPECT_EQ(transfer.Send(pair.client, hello), NET_ERROR_NONE);
+        EXPECT_EQ(transfer.Receive(pair.client, echo), NET_ERROR_NONE);
+        EXPECT_EQ(echo, hello);
 
         // The number is another descriptor of the parent by now: it stays open.
         ASSERT_EQ(dup2(hold[0], number), number);
@@ -769,8 +788,7 @@ TEST(NetInherit, HandOverToAChild) {
 
         // Without a child the socket is still the parent's and goes with the context.
         Socket lone(NET_TYPE_TCP, AF_INET);
-        ASSERT_EQ(NetInheritPhase1(&context, lone), TRUE);
-        lone.socket = NetNoSocket;
+        ASSERT_EQ(NetInheritPhase1(&context, lone.Take()), TRUE);
         EXPECT_EQ(NetInheritMatch(context, nullptr), FALSE);
         EXPECT_EQ(NetInheritDone(&context), TRUE);
         EXPECT_EQ(context, nullptr);
