@@ -100,12 +100,29 @@ BooleanT NetOpenType(NetSocketT* ptSocket, NetOpenTypeE tType, int iFamily) {
 
 // --- options ---
 
+// Those that report trace the result under lTraceId and a failure under the number behind it.
+
 template <class T>
 BooleanT NetSetOption(const char* pstrOperation, NetSocketT tSocket, int iOption, const T& tValue,
-                      int32 lTraceId, const char* pstrFailure) {
+                      int32 lFailureId, const char* pstrFailure) {
     if (NetRefuses(pstrOperation, tSocket)) return FALSE;
     if (setsockopt(tSocket, SOL_SOCKET, iOption, &tValue, sizeof(tValue)) == 0) return TRUE;
-    return NetFailed(lTraceId, pstrFailure);
+    return NetFailed(lFailureId, pstrFailure);
+}
+
+template <class T>
+BooleanT NetSwitchOn(const char* pstrOperation, NetSocketT tSocket, int iOption, const T& tValue,
+                     int32 lTraceId, const char* pstrFailure) {
+    return NetResult(
+        lTraceId, NetSetOption(pstrOperation, tSocket, iOption, tValue, lTraceId + 1, pstrFailure),
+        "%s(%d)", pstrOperation, tSocket);
+}
+
+BooleanT NetSetBufferSize(const char* pstrOperation, NetSocketT tSocket, int iOption, int32 lSize,
+                          int32 lTraceId, const char* pstrFailure) {
+    return NetResult(
+        lTraceId, NetSetOption(pstrOperation, tSocket, iOption, lSize, lTraceId + 1, pstrFailure),
+        "%s(%d, %d)", pstrOperation, tSocket, lSize);
 }
 
 bool NetSetTcpOption(NetSocketT tSocket, int iOption, int iValue) {
@@ -115,22 +132,28 @@ bool NetSetTcpOption(NetSocketT tSocket, int iOption, int iValue) {
 }
 
 BooleanT NetGetOption(const char* pstrOperation, int32* plValue, NetSocketT tSocket, int iOption,
-                      int32 lTraceId, const char* pstrFailure) {
+                      int32 lFailureId, const char* pstrFailure) {
     if (NetRefuses(pstrOperation, tSocket, plValue != nullptr)) return FALSE;
     int iValue = 0;
     socklen_t iLength = sizeof(iValue);
     if (getsockopt(tSocket, SOL_SOCKET, iOption, &iValue, &iLength) != 0)
-        return NetFailed(lTraceId, pstrFailure);
+        return NetFailed(lFailureId, pstrFailure);
     *plValue = iValue;
     return TRUE;
 }
 
-// Sets or clears a flag of the descriptor.
-BooleanT NetChangeFlag(const char* pstrOperation, NetSocketT tSocket, int iFlag, bool bOn) {
+BooleanT NetReadOption(const char* pstrOperation, int32* plValue, NetSocketT tSocket, int iOption,
+                       int32 lTraceId, const char* pstrFailure) {
+    return NetResult(
+        lTraceId, NetGetOption(pstrOperation, plValue, tSocket, iOption, lTraceId + 1, pstrFailure),
+        "%s(%p, %d)", pstrOperation, static_cast<void*>(plValue), tSocket);
+}
+
+BooleanT NetChangeBlocking(const char* pstrOperation, NetSocketT tSocket, bool bBlocking) {
     if (NetRefuses(pstrOperation, tSocket)) return FALSE;
     const int iFlags = SysRepeat([&] { return fcntl(tSocket, F_GETFL); });
     if (iFlags == -1) return NetFailed(14, "Failed to get socket flags");
-    const int iNew = bOn ? iFlags | iFlag : iFlags & ~iFlag;
+    const int iNew = bBlocking ? iFlags & ~O_NONBLOCK : iFlags | O_NONBLOCK;
     if (SysRepeat([&] { return fcntl(tSocket, F_SETFL, iNew); }) != -1) return TRUE;
     return NetFailed(15, "Failed to set socket flags");
 }
@@ -138,15 +161,21 @@ BooleanT NetChangeFlag(const char* pstrOperation, NetSocketT tSocket, int iFlag,
 using NetNameFnT = int (*)(int iSocket, sockaddr* ptAddress, socklen_t* piLength);
 
 // One of the two addresses of a socket.
-BooleanT NetGetEnd(const char* pstrOperation, NetAddressT* ptAddress, NetSocketT tSocket,
-                   NetNameFnT fnName, int32 lTraceId, const char* pstrFailure) {
-    if (NetRefuses(pstrOperation, tSocket, ptAddress != nullptr)) return FALSE;
+BooleanT NetGetEnd(NetAddressT* ptAddress, NetSocketT tSocket, NetNameFnT fnName) {
     NetAddressT tAddress = {};
     socklen_t iLength = sizeof(tAddress);
-    if (fnName(tSocket, NetSystemAddress(&tAddress), &iLength) != 0)
-        return NetFailed(lTraceId, pstrFailure);
+    if (fnName(tSocket, NetSystemAddress(&tAddress), &iLength) != 0) return FALSE;
     *ptAddress = tAddress;
     return TRUE;
+}
+
+BooleanT NetReadEnd(const char* pstrOperation, NetAddressT* ptAddress, NetSocketT tSocket,
+                    NetNameFnT fnName, int32 lTraceId, const char* pstrFailure) {
+    BooleanT bResult = BooleanFrom(!NetRefuses(pstrOperation, tSocket, ptAddress != nullptr));
+    if (bResult == TRUE && NetGetEnd(ptAddress, tSocket, fnName) != TRUE)
+        bResult = NetFailed(lTraceId + 1, pstrFailure);
+    return NetResult(lTraceId, bResult, "%s(%p, %d)", pstrOperation, static_cast<void*>(ptAddress),
+                     tSocket);
 }
 
 BooleanT NetHoldsError(NetSocketT tSocket) {
@@ -247,13 +276,13 @@ BooleanT NetClose(NetSocketT* ptSocket) {
 // --- options ---
 
 BooleanT NetSetNonBlocking(NetSocketT tSocket) {
-    return NetResult(24, NetChangeFlag("NetSetNonBlocking", tSocket, O_NONBLOCK, true),
+    return NetResult(24, NetChangeBlocking("NetSetNonBlocking", tSocket, false),
                      "NetSetNonBlocking(%d)", tSocket);
 }
 
 BooleanT NetSetBlocking(NetSocketT tSocket) {
-    return NetResult(25, NetChangeFlag("NetSetBlocking", tSocket, O_NONBLOCK, false),
-                     "NetSetBlocking(%d)", tSocket);
+    return NetResult(25, NetChangeBlocking("NetSetBlocking", tSocket, true), "NetSetBlocking(%d)",
+                     tSocket);
 }
 
 BooleanT NetListen(NetSocketT tSocket, int32 lQueueLength) {
@@ -264,32 +293,25 @@ BooleanT NetListen(NetSocketT tSocket, int32 lQueueLength) {
 }
 
 BooleanT NetSetReuseAddress(NetSocketT tSocket) {
-    return NetResult(28,
-                     NetSetOption("NetSetReuseAddress", tSocket, SO_REUSEADDR, int{1}, 29,
-                                  "Failed to set reuse address on "),
-                     "NetSetReuseAddress(%d)", tSocket);
+    return NetSwitchOn("NetSetReuseAddress", tSocket, SO_REUSEADDR, int{1}, 28,
+                       "Failed to set reuse address on ");
 }
 
 BooleanT NetGetReuseAddress(BooleanT* pbOn, NetSocketT tSocket) {
-    const BooleanT bResult = NetGetOption("NetGetReuseAddress", pbOn, tSocket, SO_REUSEADDR, 30,
-                                          "Failed to get reuse address on ");
+    const BooleanT bResult = NetReadOption("NetGetReuseAddress", pbOn, tSocket, SO_REUSEADDR, 30,
+                                           "Failed to get reuse address on ");
     if (bResult == TRUE) *pbOn = BooleanFrom(*pbOn != 0);
-    return NetResult(31, bResult, "NetGetReuseAddress(%p, %d)", static_cast<void*>(pbOn), tSocket);
+    return bResult;
 }
 
 BooleanT NetSetKeepAlive(NetSocketT tSocket) {
-    return NetResult(32,
-                     NetSetOption("NetSetKeepAlive", tSocket, SO_KEEPALIVE, int{1}, 33,
-                                  "Failed to set keepalive on "),
-                     "NetSetKeepAlive(%d)", tSocket);
+    return NetSwitchOn("NetSetKeepAlive", tSocket, SO_KEEPALIVE, int{1}, 32,
+                       "Failed to set keepalive on ");
 }
 
 BooleanT NetSetNoLinger(NetSocketT tSocket) {
-    const linger tLinger = {.l_onoff = 1, .l_linger = 0};
-    return NetResult(
-        34,
-        NetSetOption("NetSetNoLinger", tSocket, SO_LINGER, tLinger, 35, "Failed to set no linger "),
-        "NetSetNoLinger(%d)", tSocket);
+    return NetSwitchOn("NetSetNoLinger", tSocket, SO_LINGER, linger{.l_onoff = 1, .l_linger = 0},
+                       34, "Failed to set no linger ");
 }
 
 BooleanT NetPrepareStream(NetSocketT tSocket, int32 lPeerSeconds) {
@@ -309,45 +331,33 @@ BooleanT NetPrepareStream(NetSocketT tSocket, int32 lPeerSeconds) {
 }
 
 BooleanT NetSetSendBufferSize(NetSocketT tSocket, int32 lBufferSize) {
-    return NetResult(36,
-                     NetSetOption("NetSetSendBufferSize", tSocket, SO_SNDBUF, lBufferSize, 37,
-                                  "Failed to set send buffer size"),
-                     "NetSetSendBufferSize(%d, %d)", tSocket, lBufferSize);
+    return NetSetBufferSize("NetSetSendBufferSize", tSocket, SO_SNDBUF, lBufferSize, 36,
+                            "Failed to set send buffer size");
 }
 
 BooleanT NetGetSendBufferSize(int32* plBufferSize, NetSocketT tSocket) {
-    return NetResult(38,
-                     NetGetOption("NetGetSendBufferSize", plBufferSize, tSocket, SO_SNDBUF, 39,
-                                  "Failed to get send buffer size"),
-                     "NetGetSendBufferSize(%p, %d)", static_cast<void*>(plBufferSize), tSocket);
+    return NetReadOption("NetGetSendBufferSize", plBufferSize, tSocket, SO_SNDBUF, 38,
+                         "Failed to get send buffer size");
 }
 
 BooleanT NetSetReceiveBufferSize(NetSocketT tSocket, int32 lBufferSize) {
-    return NetResult(40,
-                     NetSetOption("NetSetReceiveBufferSize", tSocket, SO_RCVBUF, lBufferSize, 41,
-                                  "Failed to set receive buffer size"),
-                     "NetSetReceiveBufferSize(%d, %d)", tSocket, lBufferSize);
+    return NetSetBufferSize("NetSetReceiveBufferSize", tSocket, SO_RCVBUF, lBufferSize, 40,
+                            "Failed to set receive buffer size");
 }
 
 BooleanT NetGetReceiveBufferSize(int32* plBufferSize, NetSocketT tSocket) {
-    return NetResult(42,
-                     NetGetOption("NetGetReceiveBufferSize", plBufferSize, tSocket, SO_RCVBUF, 43,
-                                  "Failed to get receive buffer size"),
-                     "NetGetReceiveBufferSize(%p, %d)", static_cast<void*>(plBufferSize), tSocket);
+    return NetReadOption("NetGetReceiveBufferSize", plBufferSize, tSocket, SO_RCVBUF, 42,
+                         "Failed to get receive buffer size");
 }
 
 BooleanT NetGetLocalAddress(NetAddressT* ptAddress, NetSocketT tSocket) {
-    return NetResult(44,
-                     NetGetEnd("NetGetLocalAddress", ptAddress, tSocket, getsockname, 45,
-                               "Failed to get local address of socket"),
-                     "NetGetLocalAddress(%p, %d)", static_cast<void*>(ptAddress), tSocket);
+    return NetReadEnd("NetGetLocalAddress", ptAddress, tSocket, getsockname, 44,
+                      "Failed to get local address of socket");
 }
 
 BooleanT NetGetRemoteAddress(NetAddressT* ptAddress, NetSocketT tSocket) {
-    return NetResult(46,
-                     NetGetEnd("NetGetRemoteAddress", ptAddress, tSocket, getpeername, 47,
-                               "Failed to get remote address of socket"),
-                     "NetGetRemoteAddress(%p, %d)", static_cast<void*>(ptAddress), tSocket);
+    return NetReadEnd("NetGetRemoteAddress", ptAddress, tSocket, getpeername, 46,
+                      "Failed to get remote address of socket");
 }
 
 BooleanT NetSocketError(NetSocketT tSocket) {

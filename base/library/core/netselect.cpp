@@ -150,41 +150,20 @@ BooleanT NetReleaseSelectMask(NetSelectMaskT* ptMask) {
 
 // --- bits ---
 
-BooleanT NetAddReadSelect(NetSelectMaskT tMask, NetSocketT tSocket) {
-    return NetAddSelect("NetAddReadSelect", tMask, &NetSelectMaskS::tRecvFds, tSocket);
-}
-
-BooleanT NetAddWriteSelect(NetSelectMaskT tMask, NetSocketT tSocket) {
-    return NetAddSelect("NetAddWriteSelect", tMask, &NetSelectMaskS::tSendFds, tSocket);
-}
-
-BooleanT NetAddExceptionSelect(NetSelectMaskT tMask, NetSocketT tSocket) {
-    return NetAddSelect("NetAddExceptionSelect", tMask, &NetSelectMaskS::tExcpFds, tSocket);
-}
-
-BooleanT NetRemoveReadSelect(NetSelectMaskT tMask, NetSocketT tSocket) {
-    return NetRemoveSelect("NetRemoveReadSelect", tMask, &NetSelectMaskS::tRecvFds, tSocket);
-}
-
-BooleanT NetRemoveWriteSelect(NetSelectMaskT tMask, NetSocketT tSocket) {
-    return NetRemoveSelect("NetRemoveWriteSelect", tMask, &NetSelectMaskS::tSendFds, tSocket);
-}
-
-BooleanT NetRemoveExceptionSelect(NetSelectMaskT tMask, NetSocketT tSocket) {
-    return NetRemoveSelect("NetRemoveExceptionSelect", tMask, &NetSelectMaskS::tExcpFds, tSocket);
-}
-
-BooleanT NetIsReadSelectSet(NetSelectMaskT tMask, NetSocketT tSocket) {
-    return NetIsSelectSet("NetIsReadSelectSet", tMask, &NetSelectMaskS::tRecvFds, tSocket);
-}
-
-BooleanT NetIsWriteSelectSet(NetSelectMaskT tMask, NetSocketT tSocket) {
-    return NetIsSelectSet("NetIsWriteSelectSet", tMask, &NetSelectMaskS::tSendFds, tSocket);
-}
-
-BooleanT NetIsExceptionSelectSet(NetSelectMaskT tMask, NetSocketT tSocket) {
-    return NetIsSelectSet("NetIsExceptionSelectSet", tMask, &NetSelectMaskS::tExcpFds, tSocket);
-}
+// The three operations of each set.
+#define NET_SELECT_SET(Name, tSet)                                                                 \
+    BooleanT NetAdd##Name##Select(NetSelectMaskT tMask, NetSocketT tSocket) {                      \
+        return NetAddSelect("NetAdd" #Name "Select", tMask, &NetSelectMaskS::tSet, tSocket);       \
+    }                                                                                              \
+    BooleanT NetRemove##Name##Select(NetSelectMaskT tMask, NetSocketT tSocket) {                   \
+        return NetRemoveSelect("NetRemove" #Name "Select", tMask, &NetSelectMaskS::tSet, tSocket); \
+    }                                                                                              \
+    BooleanT NetIs##Name##SelectSet(NetSelectMaskT tMask, NetSocketT tSocket) {                    \
+        return NetIsSelectSet("NetIs" #Name "SelectSet", tMask, &NetSelectMaskS::tSet, tSocket);   \
+    }
+NET_SELECT_SET(Read, tRecvFds)
+NET_SELECT_SET(Write, tSendFds)
+NET_SELECT_SET(Exception, tExcpFds)
 
 // --- waiting ---
 
