@@ -127,7 +127,7 @@ BooleanT NetSetBufferSize(const char* pstrOperation, NetSocketT tSocket, int iOp
 
 bool NetSetTcpOption(NetSocketT tSocket, int iOption, int iValue) {
     if (setsockopt(tSocket, IPPROTO_TCP, iOption, &iValue, sizeof(iValue)) == 0) return true;
-    NetFailed(132, "Failed to prepare stream");
+    NetFailed(138, "Failed to prepare stream");
     return false;
 }
 
