@@ -5,7 +5,7 @@
 // program is executed, and never raises SIGPIPE. Nothing here locks, and nothing stops the process:
 // an operation that fails traces a line at the error level and gives FALSE or a NetErrorE. Its
 // out-parameters are then as they were, except where it is said otherwise. Ports are in host order,
-// addresses in network order.
+// 0 to 65535, addresses in network order.
 #pragma once
 
 #include <sys/select.h>

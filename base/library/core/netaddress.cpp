@@ -119,7 +119,7 @@ BooleanT NetSetIpPort(NetAddressT* ptAddress, int32 lPort) {
     }
     const in_port_t tPort = htons(static_cast<in_port_t>(lPort));
     std::memcpy(ptAddress->aAddress, &tPort, sizeof(tPort));
-    return TRUE;
+    return NetResult(142, TRUE, "NetSetIpPort(%p, %d)", static_cast<void*>(ptAddress), lPort);
 }
 
 int32 NetGetIpPort(NetAddressT* ptAddress) {

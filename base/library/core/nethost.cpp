@@ -181,15 +181,20 @@ BooleanT NetGetHostAddress(ListO oAddressList, const char* pstrHostName, std::in
 }
 
 BooleanT NetGetLocalHostName(char* acBuffer, int32 lBufSize) {
-    if (lBufSize < NetSmallestHostName) {
-        TraceMessageInline(1, 0, -1, "Buffer too small for hostname");
-        return FALSE;
-    }
     utsname tSystem;
-    if (acBuffer == nullptr || uname(&tSystem) == -1) return FALSE;
     static_assert(sizeof(tSystem.nodename) <= NetSmallestHostName);
-    std::memcpy(acBuffer, tSystem.nodename, sizeof(tSystem.nodename));
-    return TRUE;
+    BooleanT bResult = FALSE;
+    if (acBuffer == nullptr || lBufSize < NetSmallestHostName) {
+        TraceMessageInline(1, 0, -1, "Buffer too small for hostname");
+    } else if (uname(&tSystem) == -1) {
+        const ErrnoKeeper tErrno;
+        TraceMessageInline(139, tErrno.Code(), -1, "Failed to get node name: %s", tErrno.Text());
+    } else {
+        std::memcpy(acBuffer, tSystem.nodename, sizeof(tSystem.nodename));
+        bResult = TRUE;
+    }
+    return NetResult(140, bResult, "NetGetLocalHostName(%p, %d)", static_cast<void*>(acBuffer),
+                     lBufSize);
 }
 
 BooleanT NetGetLocalHostAddress(ListO oAddressList, std::int16_t sFamily) {

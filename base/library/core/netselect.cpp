@@ -197,5 +197,5 @@ BooleanT NetCheckSelect(NetSelectMaskT tMask) {
     for (NetSocketT tSocket = 0; tSocket < lBits; tSocket++)
         for (const NetCheckT& tCheck : atNetChecks)
             if (FD_ISSET(tSocket, &(tMask->*tCheck.tSet))) NetCheckSocket(tSocket, tCheck);
-    return TRUE;
+    return NetResult(141, TRUE, "NetCheckSelect(%p)", static_cast<void*>(tMask));
 }
