@@ -61,6 +61,8 @@ NetErrorE NetCheckTransfer(NetSocketT tSocket, int32 lLength) {
 // --- the two directions of a stream ---
 
 struct NetDirectionT {
+    const char* pstrName;
+    const char* pstrOperation;
     ssize_t (*fnMove)(NetSocketT tSocket, ByteT* pBuffer, int32 lLength, int iFlags);
     std::span<const NetOutcomeT> atOutcomes;
     short sReady;  // what to wait for
@@ -79,16 +81,24 @@ void NetTraceFatalReceive() {
 }
 
 const NetDirectionT tNetSending = {
+    "send",
+    "NetTcpSend",
     [](NetSocketT tSocket, ByteT* pBuffer, int32 lLength, int iFlags) {
         return send(tSocket, pBuffer, static_cast<std::size_t>(lLength), iFlags | MSG_NOSIGNAL);
     },
-    atTcpSendOutcomes, POLLOUT, NetTraceFatalSend};
+    atTcpSendOutcomes,
+    POLLOUT,
+    NetTraceFatalSend};
 
 const NetDirectionT tNetReceiving = {
+    "receive",
+    "NetTcpReceive",
     [](NetSocketT tSocket, ByteT* pBuffer, int32 lLength, int iFlags) {
         return recv(tSocket, pBuffer, static_cast<std::size_t>(lLength), iFlags);
     },
-    atTcpReceiveOutcomes, POLLIN, NetTraceFatalReceive};
+    atTcpReceiveOutcomes,
+    POLLIN,
+    NetTraceFatalReceive};
 
 // What a system call's return means. *plMoved is the number of bytes, 0 on failure.
 NetErrorE NetMoved(int32* plMoved, const NetDirectionT& tDirection, ssize_t iMoved) {
@@ -107,6 +117,18 @@ NetErrorE NetMoved(int32* plMoved, const NetDirectionT& tDirection, ssize_t iMov
 NetErrorE NetMove(int32* plMoved, const NetDirectionT& tDirection, NetSocketT tSocket,
                   ByteT* pBuffer, int32 lLength, int iFlags) {
     return NetMoved(plMoved, tDirection, tDirection.fnMove(tSocket, pBuffer, lLength, iFlags));
+}
+
+// The same as an operation of its own. *plMoved (may be null) stays as it is on failure.
+NetErrorE NetMoveOnce(int32* plMoved, const NetDirectionT& tDirection, NetSocketT tSocket,
+                      void* pBuffer, int32 lLength) {
+    int32 lMoved = 0;
+    NetErrorE eResult = NetCheckTransfer(tSocket, lLength);
+    if (eResult == NET_ERROR_NONE)
+        eResult = NetMove(&lMoved, tDirection, tSocket, static_cast<ByteT*>(pBuffer), lLength, 0);
+    if (eResult == NET_ERROR_NONE && plMoved != nullptr) *plMoved = lMoved;
+    return NetResult(65, eResult, "%s(%p, %d, %p, %d)", tDirection.pstrOperation,
+                     static_cast<void*>(plMoved), tSocket, pBuffer, lLength);
 }
 
 // --- blocking transfers ---
@@ -130,7 +152,8 @@ NetErrorE NetAwait(const NetDirectionT& tDirection, NetSocketT tSocket, TimeTime
     if (iReady > 0) return NET_ERROR_NONE;
     if (iReady == 0) return NET_ERROR_TIMEOUT;
     if (tErrno.Code() == EINTR) return NET_ERROR_INTERRUPTED;
-    tDirection.fnTraceFatal();
+    TraceMessageInline(143, tErrno.Code(), -1, "Fatal error during TCP %s: %s", tDirection.pstrName,
+                       tErrno.Text());
     return NET_ERROR_FATAL;
 }
 
@@ -170,12 +193,18 @@ NetErrorE NetMoveAll(NetTransferT* ptTransfer, const NetDirectionT& tDirection, 
 NetErrorE NetMoveBlocking(int32* plMoved, const NetDirectionT& tDirection, NetSocketT tSocket,
                           void* pBuffer, int32 lLength, TimeTimeoutO oTimeout, int32* plElapse,
                           BooleanT* pbBlocked) {
-    NetTransferT tTransfer;
-    const NetErrorE eResult = NetMoveAll(&tTransfer, tDirection, tSocket,
-                                         static_cast<ByteT*>(pBuffer), lLength, oTimeout, plElapse);
-    if (plMoved != nullptr) *plMoved = tTransfer.lMoved;
-    if (pbBlocked != nullptr && tTransfer.bBlocked) *pbBlocked = TRUE;
-    return eResult;
+    NetErrorE eResult = NetCheckTransfer(tSocket, lLength);
+    if (eResult == NET_ERROR_NONE) {
+        NetTransferT tTransfer;
+        eResult = NetMoveAll(&tTransfer, tDirection, tSocket, static_cast<ByteT*>(pBuffer), lLength,
+                             oTimeout, plElapse);
+        if (plMoved != nullptr) *plMoved = tTransfer.lMoved;
+        if (pbBlocked != nullptr && tTransfer.bBlocked) *pbBlocked = TRUE;
+    }
+    return NetResult(67, eResult, "%sBlocking(%p, %d, %p, %d, %p, %p, %p)",
+                     tDirection.pstrOperation, static_cast<void*>(plMoved), tSocket, pBuffer,
+                     lLength, static_cast<void*>(oTimeout), static_cast<void*>(plElapse),
+                     static_cast<void*>(pbBlocked));
 }
 
 // --- datagrams ---
@@ -243,25 +272,11 @@ NetErrorE NetUdpReceive(int32* plPacketLength, NetSocketT tSocket, void* pBuffer
 }
 
 NetErrorE NetTcpSend(int32* plSent, NetSocketT tSocket, void* pBuffer, int32 lBufferLength) {
-    int32 lSent = 0;
-    NetErrorE eResult = NetCheckTransfer(tSocket, lBufferLength);
-    if (eResult == NET_ERROR_NONE)
-        eResult =
-            NetMove(&lSent, tNetSending, tSocket, static_cast<ByteT*>(pBuffer), lBufferLength, 0);
-    if (eResult == NET_ERROR_NONE && plSent != nullptr) *plSent = lSent;
-    return NetResult(65, eResult, "NetTcpSend(%p, %d, %p, %d)", static_cast<void*>(plSent), tSocket,
-                     pBuffer, lBufferLength);
+    return NetMoveOnce(plSent, tNetSending, tSocket, pBuffer, lBufferLength);
 }
 
 NetErrorE NetTcpReceive(int32* plReceived, NetSocketT tSocket, void* pBuffer, int32 lBufferLength) {
-    int32 lReceived = 0;
-    NetErrorE eResult = NetCheckTransfer(tSocket, lBufferLength);
-    if (eResult == NET_ERROR_NONE)
-        eResult = NetMove(&lReceived, tNetReceiving, tSocket, static_cast<ByteT*>(pBuffer),
-                          lBufferLength, 0);
-    if (eResult == NET_ERROR_NONE && plReceived != nullptr) *plReceived = lReceived;
-    return NetResult(66, eResult, "NetTcpReceive(%p, %d, %p, %d)", static_cast<void*>(plReceived),
-                     tSocket, pBuffer, lBufferLength);
+    return NetMoveOnce(plReceived, tNetReceiving, tSocket, pBuffer, lBufferLength);
 }
 
 NetErrorE NetTcpSendNow(int32* plSent, NetSocketT tSocket, const void* pBuffer,
@@ -290,25 +305,13 @@ NetErrorE NetTcpSendBlocking(int32* plBytesSent, NetSocketT tSocket, void* pBuff
                              int32 lBufferLength, TimeTimeoutO oTimeout, int32* plElapse,
                              BooleanT* pbBlocked) {
     if (plBytesSent != nullptr) *plBytesSent = 0;
-    NetErrorE eResult = NetCheckTransfer(tSocket, lBufferLength);
-    if (eResult == NET_ERROR_NONE)
-        eResult = NetMoveBlocking(plBytesSent, tNetSending, tSocket, pBuffer, lBufferLength,
-                                  oTimeout, plElapse, pbBlocked);
-    return NetResult(67, eResult, "NetTcpSendBlocking(%p, %d, %p, %d, %p, %p, %p)",
-                     static_cast<void*>(plBytesSent), tSocket, pBuffer, lBufferLength,
-                     static_cast<void*>(oTimeout), static_cast<void*>(plElapse),
-                     static_cast<void*>(pbBlocked));
+    return NetMoveBlocking(plBytesSent, tNetSending, tSocket, pBuffer, lBufferLength, oTimeout,
+                           plElapse, pbBlocked);
 }
 
 NetErrorE NetTcpReceiveBlocking(int32* plBytesReceived, NetSocketT tSocket, void* pBuffer,
                                 int32 lBufferLength, TimeTimeoutO oTimeout, int32* plElapse,
                                 BooleanT* pbBlocked) {
-    NetErrorE eResult = NetCheckTransfer(tSocket, lBufferLength);
-    if (eResult == NET_ERROR_NONE)
-        eResult = NetMoveBlocking(plBytesReceived, tNetReceiving, tSocket, pBuffer, lBufferLength,
-                                  oTimeout, plElapse, pbBlocked);
-    return NetResult(68, eResult, "NetTcpReceiveBlocking(%p, %d, %p, %d, %p, %p, %p)",
-                     static_cast<void*>(plBytesReceived), tSocket, pBuffer, lBufferLength,
-                     static_cast<void*>(oTimeout), static_cast<void*>(plElapse),
-                     static_cast<void*>(pbBlocked));
+    return NetMoveBlocking(plBytesReceived, tNetReceiving, tSocket, pBuffer, lBufferLength,
+                           oTimeout, plElapse, pbBlocked);
 }
