@@ -84,6 +84,15 @@ BooleanT ProcSendAddress(MsgAddressO oManager, MsgTypeT tMsgType, T* oBody, MsgA
     return MsgSendObject(oManager, tMsgType, oBody);
 }
 
+template <class T>
+BooleanT ProcAskAboutDeath(MsgAddressO oAddress, MsgTypeT tMsgType, int32 lMagic,
+                           const char* pstrDescriptor) {
+    ObjHolder<MsgAddressS> oProcess;
+    if (ProcProcessAt(oProcess.Address(), oAddress) != TRUE) return FALSE;
+    const ObjHolder<T> oBody(ObjNew<T>(lMagic, pstrDescriptor));
+    return ProcSendAddress(MsgProcMgrAddress(), tMsgType, oBody.Get(), oProcess.Get());
+}
+
 }  // namespace
 
 BooleanT ProcApiInitialize() { return TRUE; }
@@ -151,21 +160,14 @@ BooleanT ProcKillProcess(MsgAddressO oAddress, int32 lKillType) {
 }
 
 BooleanT ProcInformOnDeath(MsgAddressO oAddress) {
-    ObjHolder<MsgAddressS> oProcess;
-    if (ProcProcessAt(oProcess.Address(), oAddress) != TRUE) return FALSE;
-    const ObjHolder<PmgrNotifyOnDeathS> oBody(
-        ObjNew<PmgrNotifyOnDeathS>(PmgrNotifyOnDeathMagic, PmgrNotifyOnDeathDescriptor));
-    return ProcSendAddress(MsgProcMgrAddress(), PMGR_NOTIFY_ON_DEATH_MSG, oBody.Get(),
-                           oProcess.Get());
+    return ProcAskAboutDeath<PmgrNotifyOnDeathS>(
+        oAddress, PMGR_NOTIFY_ON_DEATH_MSG, PmgrNotifyOnDeathMagic, PmgrNotifyOnDeathDescriptor);
 }
 
 BooleanT ProcCancelInformOnDeath(MsgAddressO oAddress) {
-    ObjHolder<MsgAddressS> oProcess;
-    if (ProcProcessAt(oProcess.Address(), oAddress) != TRUE) return FALSE;
-    const ObjHolder<PmgrCancelNotifyOnDeathS> oBody(ObjNew<PmgrCancelNotifyOnDeathS>(
-        PmgrCancelNotifyOnDeathMagic, PmgrCancelNotifyOnDeathDescriptor));
-    return ProcSendAddress(MsgProcMgrAddress(), PMGR_CANCEL_NOTIFY_ON_DEATH_MSG, oBody.Get(),
-                           oProcess.Get());
+    return ProcAskAboutDeath<PmgrCancelNotifyOnDeathS>(oAddress, PMGR_CANCEL_NOTIFY_ON_DEATH_MSG,
+                                                       PmgrCancelNotifyOnDeathMagic,
+                                                       PmgrCancelNotifyOnDeathDescriptor);
 }
 
 BooleanT ProcIsProcessRunning(int32 lProcId, const char* pstrMachine) {
