@@ -41,22 +41,21 @@ BooleanT Called(const Text& word) {
     return BooleanFrom(word != failing);
 }
 
-#define AT(kind, length, name) asm("__" #kind "__Z" #length name)
+#define WRAPPED(result, name, symbol, parameters)         \
+    result Real##name parameters asm("__real__Z" symbol); \
+    result Wrap##name parameters asm("__wrap__Z" symbol)
 #define CONTEXT "P14TesselContextT"
-#define WRAP(name, i, t, r)                                                                   \
-    BooleanT Real##name() AT(real, i, #name "Initializev");                                   \
-    BooleanT Wrap##name() AT(wrap, i, #name "Initializev");                                   \
-    BooleanT RealThread##name(TesselContextT*) AT(real, t, #name "InitializeThread" CONTEXT); \
-    BooleanT WrapThread##name(TesselContextT*) AT(wrap, t, #name "InitializeThread" CONTEXT); \
-    void RealRelease##name(TesselContextT*) AT(real, r, #name "ReleaseThread" CONTEXT);       \
-    void WrapRelease##name(TesselContextT*) AT(wrap, r, #name "ReleaseThread" CONTEXT);       \
-    BooleanT Wrap##name() { return Called("+" #name " ") == TRUE ? Real##name() : FALSE; }    \
-    BooleanT WrapThread##name(TesselContextT* context) {                                      \
-        return Called(#name " ") == TRUE ? RealThread##name(context) : FALSE;                 \
-    }                                                                                         \
-    void WrapRelease##name(TesselContextT* context) {                                         \
-        Called("-" #name " ");                                                                \
-        RealRelease##name(context);                                                           \
+#define WRAP(name, i, t, r)                                                                  \
+    WRAPPED(BooleanT, name, #i #name "Initializev", ());                                     \
+    WRAPPED(BooleanT, Thread##name, #t #name "InitializeThread" CONTEXT, (TesselContextT*)); \
+    WRAPPED(void, Release##name, #r #name "ReleaseThread" CONTEXT, (TesselContextT*));       \
+    BooleanT Wrap##name() { return Called("+" #name " ") == TRUE ? Real##name() : FALSE; }   \
+    BooleanT WrapThread##name(TesselContextT* context) {                                     \
+        return Called(#name " ") == TRUE ? RealThread##name(context) : FALSE;                \
+    }                                                                                        \
+    void WrapRelease##name(TesselContextT* context) {                                        \
+        Called("-" #name " ");                                                               \
+        RealRelease##name(context);                                                          \
     }
 SUBSYSTEMS(WRAP)
 
@@ -78,22 +77,19 @@ Text Calls(const char* prefix, std::vector<Text> names, std::size_t count = 26) 
 
 Text Released() { return Calls("-", {ThreadNames.rbegin(), ThreadNames.rend()}); }
 
-// What this program prints when it starts with an entry point that fails.
-Text StartFailing(const Text& call) {
-    const Text self = std::filesystem::read_symlink("/proc/self/exe");
-    const RunResult result = Run({self}, {"TEST_FAILING=" + call});
-    EXPECT_EQ(result.exitCode, 1);
-    return result.output;
-}
-
 TEST(Context, FailuresAtStart) {
-    const Text end = "the library did not start\n";
+    // What this program prints when it starts with an entry point that fails.
+    const auto failing = [self = Text(std::filesystem::read_symlink("/proc/self/exe"))](auto call) {
+        const RunResult result = ::Run({self}, {"TEST_FAILING=" + call});
+        return result.output + std::to_string(result.exitCode);
+    };
+    const Text end = "the library did not start\n1";
     for (std::size_t i = 0; i < 26; i++) {
         // The code is printed and the rest not called.
-        EXPECT_EQ(StartFailing("+" + Names[i]),
+        EXPECT_EQ(failing("+" + Names[i]),
                   Calls("+", Names, i + 1) + std::to_string(397 + 5 * i) + "\n" + end);
         // All are released, also those not yet filled.
-        EXPECT_EQ(StartFailing(ThreadNames[i]),
+        EXPECT_EQ(failing(ThreadNames[i]),
                   Calls("+", Names) + Calls("", ThreadNames, i + 1) + Released() + end);
     }
 }

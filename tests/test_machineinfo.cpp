@@ -1,9 +1,6 @@
 // Facts about machines, from a hand-written machines.dat and the local configuration.
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <limits>
-
 #include "core/machineinfo.h"
 #include "core/sys.h"
 #include "support/files.h"
@@ -35,10 +32,8 @@ Text Facts(const char* machine) {
 }  // namespace
 
 TEST(MachineInfo, FactsOfMachines) {
-    for (const char* directory : {"/etc", "/config"})
-        std::filesystem::create_directories(TestHome() + directory);
-    WriteFile(
-        TestHome() + "/etc/machines.dat",
+    WriteInHome(
+        "etc/machines.dat",
         "[bare]\n"
         "[full]\nType=WinNT\nServer=True\nDescription=a box\nTLVersion=7012\nTLBuildLevel=34\n"
         "Preferred Address=10.0.0.1\nContact Address=10.0.0.2\n"
@@ -50,46 +45,35 @@ TEST(MachineInfo, FactsOfMachines) {
         "[other:hidden]\nType=unix\n");
     ASSERT_EQ(SysSetLocalMachineName("local"), TRUE);
     const Text bare = "0 6003 6 3 6003000 0 '' ";
-    const struct {
-        const char* machine;
-        Text facts;
-    } machines[] = {
+    const std::pair<const char*, Text> machines[] = {
         {"bare", "0 " + bare + "'bare' 'bare' 6.03"},
         {"full", "1 1 7012 7 12 7012034 34 'a box' '10.0.0.1' '10.0.0.2' 7.12"},
         {"odd", "- " + bare + "'odd' 'odd' 6.03"},
         {"huge", "0 0 2147483647 2147483 647 2147482647 2147483647 '' 'huge' 'huge' 2147483.647"},
         {"zero", "0 0 7000 7 0 7000000 0 '' 'zero' 'zero' 7.00"},
         {"LOCAL", "7 " + bare + "'LOCAL' 'LOCAL' 6.03"},
-        {"hidden", "- - - - - - - - - - -"},
-        {"none", "- - - - - - - - - - -"},
-        {"", "- - - - - - - - - - -"},
-        {nullptr, "- - - - - - - - - - -"},
     };
     const Leftovers before;
-    for (const auto& m : machines) EXPECT_EQ(Facts(m.machine), m.facts);
+    for (const auto& [machine, facts] : machines) EXPECT_EQ(Facts(machine), facts);
+    for (const char* unknown : {"hidden", "none", "", static_cast<const char*>(nullptr)})
+        EXPECT_EQ(Facts(unknown), "- - - - - - - - - - -");
     EXPECT_EQ(before.Text(), "");
 
-    WriteFile(TestHome() + "/config/configure.cfg",
-              "[Details]\nServer=true\nDescription=mine\nTLBuildLevel=5\nTLVersion=1\n"
-              "Preferred Address=10.0.0.3\nContact Address=10.0.0.4\n");
-    WriteFile(TestHome() + "/config/version.cfg", "[Details]\nTLVersion=7001\nTLBuildLevel=9\n");
+    WriteInHome("config/configure.cfg",
+                "[Details]\nServer=true\nDescription=mine\nTLBuildLevel=5\nTLVersion=1\n"
+                "Preferred Address=10.0.0.3\nContact Address=10.0.0.4\n");
+    WriteInHome("config/version.cfg", "[Details]\nTLVersion=7001\nTLBuildLevel=9\n");
     EXPECT_EQ(Facts("local"), "7 1 7001 7 1 7001009 5 'mine' '10.0.0.3' '10.0.0.4' 7.01");
-    WriteFile(TestHome() + "/config/configure.cfg", "[Details]\nServer=no\nTLBuildLevel=no\n");
-    WriteFile(TestHome() + "/config/version.cfg", "[Details]\nTLVersion=no\nTLBuildLevel=no\n");
+    WriteInHome("config/configure.cfg", "[Details]\nServer=no\nTLBuildLevel=no\n");
+    WriteInHome("config/version.cfg", "[Details]\nTLVersion=no\nTLBuildLevel=no\n");
     EXPECT_EQ(Facts("local"), "7 " + bare + "'local' 'local' 6.03");
     EXPECT_EQ(MachInfoFind("Local"), TRUE);
     for (const char* machine : {"full", "none", static_cast<const char*>(nullptr)})
         EXPECT_EQ(MachInfoFind(machine), FALSE);
-}
-
-TEST(MachineInfo, VersionTexts) {
-    const std::pair<int32, Text> versions[] = {
-        {6010, "6.10"},
-        {6009, "6.09"},
-        {0, "0.00"},
-        {std::numeric_limits<int32>::max(), "2147483.647"},
-        {std::numeric_limits<int32>::min(), "-2147483.0-648"},
-    };
-    for (const auto& [lVersion, text] : versions)
-        EXPECT_EQ(MachInfoTLVersionStringFromTLVersion(lVersion), text);
+    for (const auto& [lVersion, text] : {std::pair{6010, "6.10"},
+                                         {6009, "6.09"},
+                                         {0, "0.00"},
+                                         {INT32_MAX, "2147483.647"},
+                                         {INT32_MIN, "-2147483.0-648"}})
+        EXPECT_STREQ(MachInfoTLVersionStringFromTLVersion(lVersion), text);
 }

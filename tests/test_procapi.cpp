@@ -5,7 +5,6 @@
 #include <sys/wait.h>
 
 #include <cstring>
-#include <filesystem>
 #include <utility>
 
 #include "core/context.h"
@@ -24,9 +23,6 @@ using Text = std::string;
 using std::to_string;
 
 namespace {
-
-using Address = ObjHolder<MsgAddressS>;
-using Service = ObjHolder<ProcAddressS>;
 
 bool g_refuse = false;  // sending fails
 int32 g_state = -2;     // what managers answer; -2: something else
@@ -64,17 +60,14 @@ Text Shown(void* oObject) {
     return Text(ObjNameFromObject(oObject)) + "(" + all.substr(1) + ")";
 }
 
-MsgAddressO At(const char* machine, ProcIdT tId) {
-    MsgAddressO oAddress = nullptr;
-    MsgMakeAddress(&oAddress, machine, tId);
-    return oAddress;
-}
-
-ProcAddressO ServiceOf(const char* machine, const char* process, int32 type = 4) {
-    ProcAddressO oService = nullptr;
-    EXPECT_EQ(ProcCreateAddress(&oService, machine, process, type), TRUE);
-    return oService;
-}
+struct Peer : ObjHolder<MsgAddressS> {
+    Peer(const char* machine, ProcIdT tId) { MsgMakeAddress(Address(), machine, tId); }
+};
+struct Service : ObjHolder<ProcAddressS> {
+    Service(const char* machine, const char* process, int32 type = 4) {
+        EXPECT_EQ(ProcCreateAddress(Address(), machine, process, type), TRUE);
+    }
+};
 
 // What was sent since the last call.
 Text Sent() { return std::exchange(g_sent, ""); }
@@ -90,13 +83,11 @@ Text Received() {
 class Requests : public testing::Test {
  protected:
     void SetUp() override {
-        for (const char* directory : {"/etc", "/config"})
-            std::filesystem::create_directories(TestHome() + directory);
-        WriteFile(TestHome() + "/etc/machines.dat",
-                  "[old]\nId=5\nTLVersion=6999\n[new]\nId=6\nTLVersion=7000\n");
-        WriteFile(TestHome() + "/config/version.cfg", "[Details]\nTLVersion=7002\n");
-        WriteFile(TestHome() + "/config/configure.cfg", "[Details]\nServer=TRUE\nTLBuildLevel=8\n");
-        WriteFile(TestHome() + "/config/security.cfg", "[Client Out Cookies]\nnew=77\n");
+        WriteInHome("etc/machines.dat",
+                    "[old]\nId=5\nTLVersion=6999\n[new]\nId=6\nTLVersion=7000\n");
+        WriteInHome("config/version.cfg", "[Details]\nTLVersion=7002\n");
+        WriteInHome("config/configure.cfg", "[Details]\nServer=TRUE\nTLBuildLevel=8\n");
+        WriteInHome("config/security.cfg", "[Client Out Cookies]\nnew=77\n");
     }
     void TearDown() override {
         TaskSetTaskContext(nullptr);
@@ -182,7 +173,7 @@ TEST_F(Requests, Tasks) {
     for (const auto& c : cases) {
         SCOPED_TRACE(Text(c.machine ? c.machine : "-") + to_string(c.task) + to_string(c.context));
         TaskSetTaskContext(c.task == 1 ? task.Get() : nullptr);
-        const Service service(ServiceOf(c.machine, c.process));
+        const Service service(c.machine, c.process);
         void* context = c.context == 2 ? static_cast<void*>(noObject + 8) : extra.Get();
         EXPECT_EQ(ProcGiveServiceATaskExt(service.Get(), "French", "secret", TRUE, data.Get(), 9,
                                           c.context == 0 ? nullptr : context),
@@ -196,13 +187,13 @@ TEST_F(Requests, Tasks) {
     EXPECT_EQ(ProcGiveServiceATask(notAnAddress, nullptr, nullptr, FALSE, nullptr, 9), FALSE);
     EXPECT_EQ(Received(), failed(7, "OBJ_INTEGER(5)"));
     g_refuse = true;
-    const Service service(ServiceOf("new", "srv"));
+    const Service service("new", "srv");
     EXPECT_EQ(ProcGiveServiceATask(service.Get(), nullptr, nullptr, FALSE, nullptr, 9), FALSE);
     EXPECT_EQ(Received(), failed(19, "ProcAddress(new,srv,4)"));
 }
 
 TEST_F(Requests, TasksByIdAndByTags) {
-    const Service service(ServiceOf("old", "srv", 0));
+    const Service service("old", "srv", 0);
     const Text head = "old:1 1002 PmgrGiveServiceATask(ProcAddress(old,srv,0),";
     for (int32 expected = 0; expected < 2; expected++) {
         int32 lId = -1;
@@ -218,9 +209,8 @@ TEST_F(Requests, TasksByIdAndByTags) {
 }
 
 TEST_F(Requests, Processes) {
-    const Address there(At("new", 40));
-    const Address here(At(SysLocalMachineName(), 41));
-    const Address channel(At(nullptr, 7));
+    const Peer there("new", 40), old("old", 42), here(SysLocalMachineName(), 41),
+        channel(nullptr, 7);
     EXPECT_EQ(ProcKillProcess(there.Get(), 3) + ProcInformOnDeath(there.Get()) +
                   ProcCancelInformOnDeath(here.Get()) + ProcSendSODReady(ePSODROKButWantToDie) +
                   ProcChangeFromReady(),
@@ -237,7 +227,6 @@ TEST_F(Requests, Processes) {
                   FALSE);
     }
     const ObjHolder<ObjIntegerS> object(ObjIntegerNew(5));
-    const Address old(At("old", 42));
     EXPECT_EQ(ProcSetProcessContextObject(old.Get(), object.Get()), FALSE);
     EXPECT_EQ(ProcSetProcessContextObject(there.Get(), nullptr), FALSE);
     EXPECT_EQ(ProcSetProcessContextObject(there.Get(), object.Get()), TRUE);
@@ -254,9 +243,9 @@ TEST_F(Requests, Processes) {
 }
 
 TEST(ProcApi, ServicesErrorsStates) {
-    const Service a(ServiceOf("Mach", "Proc"));
+    const Service a("Mach", "Proc");
     const auto equal = [&a](const char* machine, const char* process, int32 type) {
-        return ProcAddressEqual(a.Get(), Service(ServiceOf(machine, process, type)).Get());
+        return ProcAddressEqual(a.Get(), Service(machine, process, type).Get());
     };
     EXPECT_EQ(equal("mACH", "pROC", 4), TRUE);
     EXPECT_EQ(equal("mach", "proc", 5) + equal("mach", "pro", 4) + equal("mac", "proc", 4), FALSE);
@@ -267,11 +256,10 @@ TEST(ProcApi, ServicesErrorsStates) {
               "Unknown Error|No Error|The remote machine is unavailable|"
               "A plugin died unexpectedly|Unknown Error - 22|Unknown Error - -2|"
               "Unknown Error - -2147483648|");
-    std::filesystem::create_directories(TestHome() + "/locale/Test");
     Text catalogue;
     for (int32 number = 568; number <= 591; number++)
         catalogue += to_string(number) + " \"T" + to_string(number) + "\"\n";
-    WriteFile(TestHome() + "/locale/Test/locale.ctl", catalogue);
+    WriteInHome("locale/Test/locale.ctl", catalogue);
     ASSERT_EQ(LocaleSetLocale("Test"), TRUE);
     EXPECT_EQ(texts(-1, 0, 21, 22), "T568|T569|T590|T591 - 22|");
     LocaleSetLocale(nullptr);
@@ -280,7 +268,7 @@ TEST(ProcApi, ServicesErrorsStates) {
 }
 
 TEST(Tasks, BadArgumentsAndNoServer) {
-    WriteFile(TestHome() + "/config/configure.cfg", "[Details]\nServer=FALSE\nTLBuildLevel=8\n");
+    WriteInHome("config/configure.cfg", "[Details]\nServer=FALSE\nTLBuildLevel=8\n");
     ObjHolder<TaskContextS> own;
     ASSERT_EQ(TaskCreateContext(own.Address()), TRUE);
     EXPECT_EQ(Shown(own.Get()), "TaskContext(-,0,0,-,-)");  // this is no server
@@ -307,8 +295,8 @@ TEST(Process, TraceLevelAndCrash) {
     int32 level = -1;  // of the name; the last three are none
     for (const char* text : {"always", "NORMAL", "Verbose", "hiverbose", "LibNormal", "LIBVERBOSE",
                              "LIBVERBOSE1", "2", ""}) {
-        WriteFile(TestHome() + "/config/programs.cfg",
-                  "[other]\nTrace Level=ALWAYS\n[Prog]\nTrace Level=" + Text(text) + "\n");
+        WriteInHome("config/programs.cfg",
+                    "[other]\nTrace Level=ALWAYS\n[Prog]\nTrace Level=" + Text(text) + "\n");
         for (const int32 before : {0, 3}) {
             TraceSetLevel(static_cast<TraceLevelE>(before));
             ProcSetDefaultTraceLevel();
@@ -318,7 +306,7 @@ TEST(Process, TraceLevelAndCrash) {
     }
     ProcSetName(nullptr);
     for (const char* value : {"TRUE", "maybe", "false"}) {
-        WriteFile(TestHome() + "/config/configure.cfg", "[Trace]\nDo Crash=" + Text(value) + "\n");
+        WriteInHome("config/configure.cfg", "[Trace]\nDo Crash=" + Text(value) + "\n");
         ProcSetCrash();
         EXPECT_EQ(gbDoCrash, BooleanFrom(Text(value) == "TRUE")) << value;
     }
@@ -327,18 +315,18 @@ TEST(Process, TraceLevelAndCrash) {
 TEST(Process, TraceFile) {
     const auto made = [](ProcIdT id, const Text& configured, const Text& enabled, Text traceName) {
         const TempDir directory;
-        WriteFile(TestHome() + "/config/programs.cfg", "[prog]\nTrace to File=" + configured);
-        WriteFile(TestHome() + "/config/configure.cfg",
-                  "[Trace]\nTrace To File=" + enabled +
-                      "\n[Directories]\nTrace=" + directory.Path() + "\n");
-        gtTlContext.sProcess.tId = id;
-        gtTlContext.sProcess.pstrTraceName = traceName.data();
+        WriteInHome("config/programs.cfg", "[prog]\nTrace to File=" + configured);
+        WriteInHome("config/configure.cfg", "[Trace]\nTrace To File=" + enabled +
+                                                "\n[Directories]\nTrace=" + directory.Path());
+        TesselContextProcessS& process = gtTlContext.sProcess;
+        process.tId = id;
+        process.pstrTraceName = traceName.data();
         ProcSetName("prog");
         ProcSetTraceFile();
         TraceToFileNoConfig(nullptr);
+        process.pstrTraceName = nullptr;
         ProcSetName(nullptr);
-        gtTlContext.sProcess.pstrTraceName = nullptr;
-        gtTlContext.sProcess.tId = 0;
+        process.tId = 0;
         Text all;
         for (const Text& name : ListDir(directory.Path())) all += name;
         return all;
@@ -358,7 +346,7 @@ TEST(Process, StartsAndSignals) {
     EXPECT_EQ(ProcStartProcess(&started, dir("program"), 1234), FALSE);  // not executable
     chmod(dir("program"), 0700);
     for (const bool kills : {false, true}) {
-        std::filesystem::remove(dir("out"));
+        unlink(dir("out"));
         ASSERT_EQ(ProcStartProcess(&started, dir("program"), 1234), TRUE);
         ProcRealIdT id = started.tRealProcessId;
         EXPECT_EQ(ProcAlive(&id, nullptr), TRUE);
@@ -382,11 +370,10 @@ TEST(Process, StartsAndSignals) {
 }
 
 TEST(Process, OneProcessManager) {
-    std::filesystem::create_directories(TestHome() + "/etc");
     const Text file = TestHome() + "/etc/krpmgr.pid";
     EXPECT_EQ(ProcPmgrIsRunning(FALSE), FALSE);
     EXPECT_FALSE(Exists(file));
-    WriteFile(file, "what an earlier manager has left behind\n");
+    WriteInHome("etc/krpmgr.pid", "what an earlier manager has left behind\n");
     // Another process reads the file: closing it here would end the lock.
     const auto asked = [&file](BooleanT bLock) {
         const RunResult result = InChild([&file, bLock] {

@@ -1,8 +1,6 @@
 // Programs of the start and the end of the day. Files before and after are written down.
 #include <gtest/gtest.h>
 
-#include <filesystem>
-
 #include "core/context.h"
 #include "core/procsod.h"
 #include "support/files.h"
@@ -12,10 +10,7 @@ using Text = std::string;
 
 namespace {
 
-Text File() {
-    std::filesystem::create_directories(TestHome() + "/config");
-    return TestHome() + "/config/procmgr.cfg";
-}
+Text File() { return TestHome() + "/config/procmgr.cfg"; }
 
 // A file of "NAME=ORDER" words; names of the other category begin with "e", order "-" is missing,
 // and "#" is a stanza of no category.
@@ -37,10 +32,9 @@ Text Words() {
     Text all;
     std::istringstream in(ReadFile(File()));
     for (Text line; std::getline(in, line);) {
+        const auto start = std::max(line.rfind(':') + 1, Text::size_type{1});  // behind the bracket
         if (line.starts_with("["))
-            all += (all.empty() ? "" : " ") +
-                   line.substr(line.rfind(':') == Text::npos ? 1 : line.rfind(':') + 1);
-        if (line.starts_with("[")) all.back() = '=';
+            all += (all.empty() ? "" : " ") + line.substr(start, line.size() - 1 - start) + "=";
         if (line.starts_with("Run order=")) all += line.substr(10);
     }
     return all;
@@ -75,22 +69,19 @@ TEST(ProcSod, WhereAProgramGoes) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(Text(c.before) + (c.ahead ? " <" : " >") + (c.point ? c.point : ""));
-        WriteFile(File(), Stanzas(c.before));
-        const Text old = ReadFile(File());
+        const Text old = Stanzas(c.before);
+        WriteInHome("config/procmgr.cfg", old);
         const Leftovers leftovers;
-        EXPECT_EQ(
-            ProcInsertSODProcess("n", TRUE, FALSE, TRUE, FALSE, BooleanFrom(c.ahead), c.point),
-            BooleanFrom(c.after != nullptr));
+        EXPECT_EQ(ProcInsertSODProcess("n", TRUE, FALSE, TRUE, FALSE, c.ahead, c.point),
+                  BooleanFrom(c.after != nullptr));
         EXPECT_EQ(leftovers.Text(), "");
-        if (c.after != nullptr)
-            EXPECT_EQ(Words(), c.after);
-        else
-            EXPECT_EQ(ReadFile(File()), old);
+        EXPECT_EQ(c.after == nullptr ? ReadFile(File()) : Words(),
+                  c.after == nullptr ? old : c.after);
     }
 }
 
 TEST(ProcSod, WhatIsWritten) {
-    std::filesystem::remove(File());
+    unlink(File().c_str());
     EXPECT_EQ(ProcAddSODProcessToEnd("late", TRUE, FALSE, TRUE, FALSE), TRUE);
     EXPECT_EQ(ProcAddSODProcessToBegining("early", FALSE, TRUE, FALSE, TRUE), TRUE);
     EXPECT_EQ(ProcAddEODProcessToEnd("late", TRUE, FALSE, 30), TRUE);

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <functional>
 #include <string>
 
@@ -21,6 +22,13 @@ struct Name : std::string {
 struct Dir : TempDir {
     Name operator()(const std::string& name) const { return Name(Path() + "/" + name); }
 };
+
+// A file below the home directory; the directories on the way to it are made.
+inline void WriteInHome(const std::string& name, const std::string& bytes) {
+    const std::filesystem::path path = TestHome() + "/" + name;
+    std::filesystem::create_directories(path.parent_path());
+    WriteFile(path, bytes);
+}
 
 // The text of a block that the caller owns; "<null>" for none.
 inline std::string Owned(char* block) {
