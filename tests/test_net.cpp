@@ -11,7 +11,6 @@
 #include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -95,6 +94,10 @@ NetAddressT Address(const char* text, int32 port = 0) {
     return address;
 }
 
+bool Same(NetAddressT first, NetAddressT second) {
+    return NetAddressEqual(&first, &second, NetAddressCompareTypeAll) == TRUE;
+}
+
 // A socket that is closed at the end of the scope.
 struct Socket {
     NetSocketT socket = NetNoSocket;
@@ -115,27 +118,22 @@ struct Socket {
 struct Listener : Socket {
     explicit Listener(Family family) : Socket(NET_TYPE_TCP, family) {
         NetAddressT address = Address(Loopback(family));
-        EXPECT_EQ(NetBind(socket, &address), TRUE);
-        EXPECT_EQ(NetListen(socket, 5), TRUE);
+        EXPECT_EQ(NetBind(socket, &address) + NetListen(socket, 5), 2 * TRUE);
     }
 };
 
 // Two connected streams with buffers as small as they go.
 struct Pair {
     Listener listener;
-    Socket client;
-    Socket server;
+    Socket client, server;
     explicit Pair(Family family = AF_INET) : listener(family), client(NET_TYPE_TCP, family) {
-        NetAddressT address = listener.Local(), peer = {}, mine;
-        EXPECT_EQ(NetSetReceiveBufferSize(listener, 1), TRUE);
-        EXPECT_EQ(NetSetSendBufferSize(client, 1), TRUE);
+        NetAddressT address = listener.Local(), peer = {};
+        EXPECT_EQ(NetSetReceiveBufferSize(listener, 1) + NetSetSendBufferSize(client, 1), 2 * TRUE);
         EXPECT_EQ(NetConnect(client, &address), NET_ERROR_NONE);
         EXPECT_EQ(NetAccept(&server.socket, listener, &peer), NET_ERROR_NONE);
-        mine = client.Local();
-        EXPECT_EQ(NetAddressEqual(&peer, &mine, NetAddressCompareTypeAll), TRUE);
-        EXPECT_EQ(NetGetRemoteAddress(&mine, client), TRUE);
-        EXPECT_EQ(NetAddressEqual(&mine, &address, NetAddressCompareTypeAll), TRUE);
-        EXPECT_EQ(NetSetNonBlocking(client), TRUE);
+        EXPECT_TRUE(Same(peer, client.Local()));
+        EXPECT_EQ(NetGetRemoteAddress(&peer, client) + NetSetNonBlocking(client), 2 * TRUE);
+        EXPECT_TRUE(Same(peer, address));
     }
 };
 
@@ -180,11 +178,6 @@ using List = ObjHolder<ListS>;
 Text Joined(const List& list) {
     char* text = nullptr;
     return StrFromAddressList(&text, list.Get()) == TRUE ? Owned(text) : "";
-}
-
-void Configure(const char* file, const Text& text) {
-    mkdir((TestHome() + "/config").c_str(), 0700);
-    WriteFile(TestHome() + "/config/" + file, text);
 }
 
 // The families whose loopback address can be bound.
@@ -365,7 +358,7 @@ TEST_P(Net, PeersThatEnd) {
 }
 
 TEST_P(Net, Datagrams) {
-    Configure("tlnmgr.cfg", "[Network]\nTTL=9\n");
+    WriteInHome("config/tlnmgr.cfg", "[Network]\nTTL=9\n");
     Socket first(NET_TYPE_UDP, GetParam()), second(NET_TYPE_UDP, GetParam());
     int hops = 0;
     socklen_t length = sizeof(hops);
@@ -375,16 +368,15 @@ TEST_P(Net, Datagrams) {
     EXPECT_EQ(hops, 9);
     EXPECT_EQ(fcntl(first, F_GETFD), FD_CLOEXEC);
     NetAddressT address = Address(Loopback(GetParam())), source = {};
-    ASSERT_EQ(NetBind(first, &address), TRUE);
-    ASSERT_EQ(NetBind(second, &address), TRUE);
-    NetAddressT to = second.Local(), from = first.Local();
+    ASSERT_EQ(NetBind(first, &address) + NetBind(second, &address), 2 * TRUE);
+    NetAddressT to = second.Local();
     Text packet(70000, 'p');
     char data[4];
     int32 moved = 0;
     EXPECT_EQ(NetUdpSend(first, packet.data(), 60000, &to), NET_ERROR_NONE);
     EXPECT_EQ(NetUdpReceive(&moved, second, data, 4, &source), NET_ERROR_NONE);
     EXPECT_EQ(moved, 4);  // the rest is lost
-    EXPECT_EQ(NetAddressEqual(&source, &from, NetAddressCompareTypeAll), TRUE);
+    EXPECT_TRUE(Same(source, first.Local()));
     EXPECT_EQ(NetUdpSend(first, packet.data(), 1, &to), NET_ERROR_NONE);
     EXPECT_EQ(NetUdpReceive(&moved, second, data, 4, nullptr), NET_ERROR_NONE);
     EXPECT_EQ(moved, 1);
@@ -393,7 +385,7 @@ TEST_P(Net, Datagrams) {
     EXPECT_EQ(NetUdpSend(first, packet.data(), 70000, &to), NET_ERROR_FATAL);  // too long
     EXPECT_EQ(NetUdpSend(first, packet.data(), 1, nullptr), NET_ERROR_FATAL);
     // A hop limit that the system refuses: no socket, and none left open.
-    Configure("tlnmgr.cfg", "[Network]\nTTL=999\n");
+    WriteInHome("config/tlnmgr.cfg", "[Network]\nTTL=999\n");
     const Leftovers before;
     NetSocketT none = 42;
     EXPECT_EQ(NetOpen(&none, NET_TYPE_UDP, GetParam()), FALSE);
@@ -421,12 +413,10 @@ TEST_P(Net, Connecting) {
         Socket client(NET_TYPE_TCP, GetParam()), server;
         NetSetNonBlocking(client);
         EXPECT_EQ(NetConnect(client, &address), NET_ERROR_WOULD_BLOCK);
-        NetSelectMaskT mask = nullptr;
-        NetInitializeSelectMask(&mask);
-        NetAddWriteSelect(mask, client);
-        EXPECT_EQ(NetSelectRelative(nullptr, mask, 5000), NET_ERROR_NONE);
-        EXPECT_EQ(NetIsWriteSelectSet(mask, client), TRUE);
-        NetReleaseSelectMask(&mask);
+        NetSelectMaskS mask = {};
+        NetAddWriteSelect(&mask, client);
+        EXPECT_EQ(NetSelectRelative(nullptr, &mask, 5000), NET_ERROR_NONE);
+        EXPECT_EQ(NetIsWriteSelectSet(&mask, client), TRUE);
         EXPECT_EQ(NetSocketError(client), FALSE);
         EXPECT_EQ(NetAccept(&server.socket, listener, nullptr), NET_ERROR_NONE);
         EXPECT_EQ(fcntl(server, F_GETFD), FD_CLOEXEC);
@@ -455,19 +445,18 @@ TEST_P(Net, Connecting) {
 
 TEST_P(Net, FirewallPorts) {
     const char* const host = Loopback(GetParam());
-    // A free port with a free one above it; the lower one is busy below.
-    Socket busy(NET_TYPE_TCP, GetParam());
+    // A busy port with a free one above it.
+    Socket busy;
     int32 port = 0;
     for (int tries = 0; tries < 100 && port == 0; tries++) {
-        Socket low(NET_TYPE_TCP, GetParam()), high(NET_TYPE_TCP, GetParam());
-        NetAddressT any = Address(host);
-        ASSERT_EQ(NetBind(low, &any), TRUE);
-        any = low.Local();
-        const int32 found = NetGetIpPort(&any);
-        NetAddressT next = Address(host, std::min(found + 1, 65535));
-        if (found == 65535 || NetBind(high, &next) != TRUE) continue;
-        NetClose(&low.socket);
-        if (NetBind(busy, &any) == TRUE) port = found;
+        NetClose(&busy.socket);
+        ASSERT_EQ(NetOpen(&busy.socket, NET_TYPE_TCP, GetParam()), TRUE);
+        NetAddressT low = Address(host), high = low;
+        ASSERT_EQ(NetBind(busy, &low), TRUE);
+        low = busy.Local();
+        port = NetGetIpPort(&low);
+        const Socket above(NET_TYPE_TCP, GetParam());
+        if (NetSetIpPort(&high, port + 1) != TRUE || NetBind(above, &high) != TRUE) port = 0;
     }
     ASSERT_NE(port, 0);
     const Text taken = std::to_string(port), open = std::to_string(port + 1);
@@ -485,8 +474,8 @@ TEST_P(Net, FirewallPorts) {
     for (const auto& [ports, expected] : cases) {
         for (const BooleanT in : {TRUE, FALSE}) {
             SCOPED_TRACE(ports);
-            Configure("firewall.cfg",
-                      "[Test]\n" + Text(in ? "" : "Out ") + "Ports=" + ports + "\n");
+            WriteInHome("config/firewall.cfg",
+                        "[Test]\n" + Text(in ? "" : "Out ") + "Ports=" + ports + "\n");
             const Leftovers before;
             {
                 const Socket socket(NET_TYPE_TCP, GetParam());
@@ -626,7 +615,7 @@ TEST_F(NetInet, WaitsForSocketsBeyondAnyMask) {
 
 TEST_F(NetInet, Names) {
     char name[257], system[257];
-    EXPECT_EQ(NetGetLocalHostName(name, 256), FALSE);
+    EXPECT_EQ(NetGetLocalHostName(name, 256) + NetGetLocalHostName(nullptr, 257), FALSE);
     EXPECT_EQ(NetGetLocalHostName(name, 257), TRUE);
     ASSERT_EQ(gethostname(system, sizeof(system)), 0);
     EXPECT_STREQ(name, system);
@@ -670,30 +659,22 @@ TEST_F(NetInet, TheNetworkDirectory) {
     WriteFile(table, hosts + last + "comer\n10.0.0.8 beta\n");
     MachineNetSetHostTable(table);
     g_known = "";
-    struct {
-        const char* name;
-        Family family;
-        Text expected;
-    } const cases[] = {
-        {"ALPHA", AF_UNSPEC, "10.0.0.1,\n10.0.0.2,\n[::ffff:10.0.0.3],\n[fe80::12:0:1]"},
-        {"alpha", AF_INET, "10.0.0.1,\n10.0.0.2"},
-        {"alpha", AF_INET6, "[::ffff:10.0.0.3],\n[fe80::12:0:1]"},
-        {"beta", AF_UNSPEC, "10.0.0.1"},
-        {"gamma", AF_UNSPEC, ""},
-        {"late", AF_UNSPEC, ""},
-        {"q", AF_UNSPEC, ""},
-        {"10.0.0.5", AF_UNSPEC, ""},
-        {"10.0.0.1", AF_INET6, ""},
-        {"fe80::1", AF_INET, ""},
-        {"alpha", AF_UNIX, ""},
-        {"", AF_UNSPEC, ""}};
-    const Leftovers before;
-    for (const auto& c : cases) {
+    const auto found = [](const char* name, Family family) {
         const List list(ListNew(NetAddressMagic));
-        EXPECT_EQ(NetGetHostAddress(list.Get(), c.name, c.family), BooleanFrom(!c.expected.empty()))
-            << c.name;
-        EXPECT_EQ(Joined(list), c.expected) << c.name;
-    }
+        const bool known = NetGetHostAddress(list.Get(), name, family) == TRUE;
+        EXPECT_EQ(known, list.Get()->lItemCount > 0) << name;
+        return Joined(list);
+    };
+    const Leftovers before;
+    const Text inet = "10.0.0.1,\n10.0.0.2", inet6 = "[::ffff:10.0.0.3],\n[fe80::12:0:1]";
+    EXPECT_EQ(found("ALPHA", AF_UNSPEC), inet + ",\n" + inet6);
+    EXPECT_EQ(found("alpha", AF_INET), inet);
+    EXPECT_EQ(found("alpha", AF_INET6), inet6);
+    EXPECT_EQ(found("beta", AF_UNSPEC), "10.0.0.1");
+    for (const char* name : {"gamma", "late", "q", "10.0.0.5", ""})
+        EXPECT_EQ(found(name, AF_UNSPEC), "") << name;
+    EXPECT_EQ(found("10.0.0.1", AF_INET6) + found("fe80::1", AF_INET) + found("alpha", AF_UNIX),
+              "");
     {
         List aliases, list(ListNew(NetAddressMagic));
         EXPECT_EQ(NetGetHostAddress(list.Get(), "many", 0), TRUE);
@@ -703,16 +684,13 @@ TEST_F(NetInet, TheNetworkDirectory) {
         EXPECT_EQ(NetGetLocalHostAddress(list.Get(), AF_INET), TRUE);
         ifaddrs* interfaces = nullptr;
         ASSERT_EQ(getifaddrs(&interfaces), 0);
-        int found = 0;
-        for (ifaddrs* at = interfaces; at != nullptr; at = at->ifa_next) {
-            NetAddressT own = {};
-            if (at->ifa_addr == nullptr || at->ifa_addr->sa_family != AF_INET) continue;
-            memcpy(&own, at->ifa_addr, 16);
-            found += NetAddressEqual(&static_cast<NetAddressO>(list.Get()->oFirst->oData)->tAddress,
-                                     &own, NetAddressCompareTypeNoPort);
-        }
+        bool own = false;
+        const auto* first = static_cast<NetAddressO>(list.Get()->oFirst->oData);
+        for (const ifaddrs* at = interfaces; at != nullptr; at = at->ifa_next)
+            if (at->ifa_addr != nullptr && at->ifa_addr->sa_family == AF_INET)
+                own |= memcmp(first, at->ifa_addr, sizeof(sockaddr_in)) == 0;
         freeifaddrs(interfaces);
-        EXPECT_GE(found, 1);
+        EXPECT_TRUE(own);
         ObjRelease(list.Address());
         EXPECT_EQ(NetGetHostDetails("alpha", aliases.Address(), list.Address()), TRUE);
         EXPECT_EQ(list.Get()->lItemCount, 4);
