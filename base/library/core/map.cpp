@@ -4,10 +4,10 @@
 #include "core/map.h"
 
 #include <cstring>
-#include <limits>
 
 #include "core/memory.h"
 #include "core/trace.h"
+#include "sortedblock.h"
 
 TRACE_MODULE("MAP")
 MEM_DEFAULT_POOL_CACHE
@@ -33,36 +33,14 @@ std::size_t MapBytes(MapO oMap, int32 lEntries) {
     return static_cast<std::size_t>(lEntries) * static_cast<std::size_t>(oMap->lEntrySize);
 }
 
-// -1, a size that no pool supplies, when the block would be too large to be counted.
-int32 MapBlockSize(int32 lEntrySize, int64 llEntries) {
-    const int64 llSize = lEntrySize * llEntries;
-    return llSize > std::numeric_limits<int32>::max() ? -1 : static_cast<int32>(llSize);
+SortedPlaceT MapFindMatch(MapO oMap, void* pKey) {
+    return SortedFind(oMap->lEntryCount,
+                      [&](int32 lIndex) { return oMap->fnFind(pKey, MapEntry(oMap, lIndex)); });
 }
 
-struct MapPlaceT {
-    bool bFound;
-    int32 lIndex;  // of the match, else where the key belongs
-};
-
-MapPlaceT MapBinarySearch(MapO oMap, MapFindFnT fnCompare, void* pKey) {
-    int32 lLower = 0;
-    int32 lUpper = oMap->lEntryCount - 1;
-    while (lLower <= lUpper) {
-        const int32 lIndex = lLower + (lUpper - lLower) / 2;
-        const int32 lStatus = fnCompare(pKey, MapEntry(oMap, lIndex));
-        if (lStatus == 0) return {true, lIndex};
-        if (lStatus < 0)
-            lUpper = lIndex - 1;
-        else
-            lLower = lIndex + 1;
-    }
-    return {false, lLower};
-}
-
-MapPlaceT MapFindMatch(MapO oMap, void* pKey) { return MapBinarySearch(oMap, oMap->fnFind, pKey); }
-
-MapPlaceT MapLocateMatch(MapO oMap, void* pEntry) {
-    return MapBinarySearch(oMap, oMap->fnLocate, pEntry);
+SortedPlaceT MapLocateMatch(MapO oMap, void* pEntry) {
+    return SortedFind(oMap->lEntryCount,
+                      [&](int32 lIndex) { return oMap->fnLocate(pEntry, MapEntry(oMap, lIndex)); });
 }
 
 void MapReleaseEntry(MapO oMap, int32 lIndex) {
@@ -74,7 +52,7 @@ void MapDestructor(void* oObject) { MapReleaseEntries(static_cast<MapO>(oObject)
 
 BooleanT MapGrow(MapO oMap) {
     const int64 llRoom = int64{oMap->lMaximumEntries} + oMap->lGrowSize;
-    const int32 lSize = MapBlockSize(oMap->lEntrySize, llRoom);
+    const int32 lSize = SortedBlockSize(oMap->lEntrySize, llRoom);
     void* pBlock = MemAllocateFromPool(lSize, MemPool());
     if (pBlock == nullptr) return FALSE;
     std::memcpy(pBlock, oMap->tMapInfo.pData, MapBytes(oMap, oMap->lEntryCount));
@@ -93,7 +71,7 @@ BooleanT MapInsertAt(MapO oMap, int32 lIndex, const void* pEntry) {
     return TRUE;
 }
 
-BooleanT MapRemoveAt(MapO oMap, MapPlaceT tPlace) {
+BooleanT MapRemoveAt(MapO oMap, SortedPlaceT tPlace) {
     if (!tPlace.bFound) return FALSE;
     MapReleaseEntry(oMap, tPlace.lIndex);
     oMap->lEntryCount -= 1;
@@ -107,7 +85,7 @@ BooleanT MapCreateChecked(MapO* poMap, int32 lEntrySize, int32 lGrowSize, MapLoc
                           MapFindFnT fnFind, MapReleaseFnT fnRelease) {
     if (poMap == nullptr || lEntrySize <= 0 || lGrowSize < 0 || fnLocate == nullptr) return FALSE;
     const int32 lRoom = lGrowSize == 0 ? MapDefaultGrowSize : lGrowSize;
-    const int32 lSize = MapBlockSize(lEntrySize, lRoom);
+    const int32 lSize = SortedBlockSize(lEntrySize, lRoom);
     if (lSize < 0) return FALSE;
 
     ObjHolder<MapS> oMap(
@@ -158,7 +136,7 @@ int32 MapSize(MapO oMap) { return MapIsMap(oMap) ? oMap->lEntryCount : -1; }
 BooleanT MapInsertEntry(MapO oMap, void* pEntry) {
     if (!MapIsMap(oMap) || pEntry == nullptr) return FALSE;
     TraceMessageInline(4, 0, 4, "MapInsertEntry(%p, %p)", static_cast<void*>(oMap), pEntry);
-    const MapPlaceT tPlace = MapLocateMatch(oMap, pEntry);
+    const SortedPlaceT tPlace = MapLocateMatch(oMap, pEntry);
     BooleanT bResult = FALSE;
     if (tPlace.bFound)
         TraceMessageInline(5, 0, 4, "Entry is already in map");
@@ -171,7 +149,7 @@ BooleanT MapInsertEntry(MapO oMap, void* pEntry) {
 
 BooleanT MapUpdateEntry(MapO oMap, void* pEntry) {
     if (!MapIsMap(oMap) || pEntry == nullptr) return FALSE;
-    const MapPlaceT tPlace = MapLocateMatch(oMap, pEntry);
+    const SortedPlaceT tPlace = MapLocateMatch(oMap, pEntry);
     if (!tPlace.bFound) return MapInsertAt(oMap, tPlace.lIndex, pEntry);
     MapReleaseEntry(oMap, tPlace.lIndex);
     std::memmove(MapEntry(oMap, tPlace.lIndex), pEntry, MapBytes(oMap, 1));
@@ -190,7 +168,7 @@ BooleanT MapDeleteEntry(MapO oMap, void* pData) {
 
 BooleanT MapFindEntry(void** ppResult, MapO oMap, void* pUserData) {
     if (!MapIsMap(oMap) || pUserData == nullptr) return FALSE;
-    const MapPlaceT tPlace = MapFindMatch(oMap, pUserData);
+    const SortedPlaceT tPlace = MapFindMatch(oMap, pUserData);
     if (tPlace.bFound && ppResult != nullptr) *ppResult = MapEntry(oMap, tPlace.lIndex);
     return BooleanFrom(tPlace.bFound);
 }

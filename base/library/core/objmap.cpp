@@ -5,10 +5,10 @@
 #include "core/objmap.h"
 
 #include <algorithm>
-#include <limits>
 
 #include "core/memory.h"
 #include "core/trace.h"
+#include "sortedblock.h"
 
 TRACE_MODULE("OBJMAP")
 MEM_DEFAULT_POOL_CACHE
@@ -28,38 +28,18 @@ bool ObjMapTakes(ObjMapO oObjMap, void* oObject) {
 
 void** ObjMapEntries(ObjMapO oObjMap) { return static_cast<void**>(oObjMap->tMapInfo.pData); }
 
-// -1, a size that no pool supplies, when the block would be too large to be counted.
-int32 ObjMapBlockSize(int64 llEntries) {
-    const auto llSize = static_cast<int64>(sizeof(void*)) * llEntries;
-    return llSize > std::numeric_limits<int32>::max() ? -1 : static_cast<int32>(llSize);
+int32 ObjMapBlockSize(int64 llEntries) { return SortedBlockSize(sizeof(void*), llEntries); }
+
+SortedPlaceT ObjMapFindMatch(ObjMapO oObjMap, const void* pKey) {
+    return SortedFind(oObjMap->lEntryCount, [&](int32 lIndex) {
+        return oObjMap->fnFind(const_cast<void*>(pKey), ObjMapEntries(oObjMap)[lIndex]);
+    });
 }
 
-struct ObjMapPlaceT {
-    bool bFound;
-    int32 lIndex;  // of the match, else where the key belongs
-};
-
-ObjMapPlaceT ObjMapBinarySearch(ObjMapO oObjMap, ObjMapFindFnT fnCompare, void* pKey) {
-    int32 lLower = 0;
-    int32 lUpper = oObjMap->lEntryCount - 1;
-    while (lLower <= lUpper) {
-        const int32 lIndex = lLower + (lUpper - lLower) / 2;
-        const int32 lStatus = fnCompare(pKey, ObjMapEntries(oObjMap)[lIndex]);
-        if (lStatus == 0) return {true, lIndex};
-        if (lStatus < 0)
-            lUpper = lIndex - 1;
-        else
-            lLower = lIndex + 1;
-    }
-    return {false, lLower};
-}
-
-ObjMapPlaceT ObjMapFindMatch(ObjMapO oObjMap, const void* pKey) {
-    return ObjMapBinarySearch(oObjMap, oObjMap->fnFind, const_cast<void*>(pKey));
-}
-
-ObjMapPlaceT ObjMapLocateMatch(ObjMapO oObjMap, void* oObject) {
-    return ObjMapBinarySearch(oObjMap, oObjMap->fnLocate, oObject);
+SortedPlaceT ObjMapLocateMatch(ObjMapO oObjMap, void* oObject) {
+    return SortedFind(oObjMap->lEntryCount, [&](int32 lIndex) {
+        return oObjMap->fnLocate(oObject, ObjMapEntries(oObjMap)[lIndex]);
+    });
 }
 
 void ObjMapReleaseEntry(ObjMapO oObjMap, void* oEntry) {
@@ -97,7 +77,7 @@ BooleanT ObjMapInsertAt(ObjMapO oObjMap, int32 lIndex, void* oObject) {
     return ObjIncRefCount(oObject);
 }
 
-BooleanT ObjMapRemoveAt(ObjMapO oObjMap, ObjMapPlaceT tPlace) {
+BooleanT ObjMapRemoveAt(ObjMapO oObjMap, SortedPlaceT tPlace) {
     if (!tPlace.bFound) return FALSE;
     void** poPlace = ObjMapEntries(oObjMap) + tPlace.lIndex;
     void* oEntry = *poPlace;
@@ -175,7 +155,7 @@ BooleanT ObjMapInsert(ObjMapO oObjMap, void* oObject) {
     TraceMessageInline(4, 0, 4, "ObjMapInsert(%p, %p)", static_cast<void*>(oObjMap), oObject);
     BooleanT bResult = FALSE;
     if (ObjMapTakes(oObjMap, oObject)) {
-        const ObjMapPlaceT tPlace = ObjMapLocateMatch(oObjMap, oObject);
+        const SortedPlaceT tPlace = ObjMapLocateMatch(oObjMap, oObject);
         if (tPlace.bFound)
             TraceMessageInline(5, 0, -1, "Object is already in map");
         else
@@ -188,7 +168,7 @@ BooleanT ObjMapInsert(ObjMapO oObjMap, void* oObject) {
 
 BooleanT ObjMapUpdate(ObjMapO oObjMap, void* oObject) {
     if (!ObjMapTakes(oObjMap, oObject)) return FALSE;
-    const ObjMapPlaceT tPlace = ObjMapLocateMatch(oObjMap, oObject);
+    const SortedPlaceT tPlace = ObjMapLocateMatch(oObjMap, oObject);
     if (!tPlace.bFound) return ObjMapInsertAt(oObjMap, tPlace.lIndex, oObject);
     // Held first: it may be the entry itself.
     ObjIncRefCount(oObject);
@@ -211,7 +191,7 @@ BooleanT ObjMapDelete(ObjMapO oObjMap, void* pData) {
 BooleanT ObjMapFind(void** poObject, ObjMapO oObjMap, const void* pData) {
     BooleanT bResult = FALSE;
     if (ObjMapIsMap(oObjMap)) {
-        const ObjMapPlaceT tPlace = ObjMapFindMatch(oObjMap, pData);
+        const SortedPlaceT tPlace = ObjMapFindMatch(oObjMap, pData);
         if (tPlace.bFound) bResult = ObjMapHandOut(poObject, ObjMapEntries(oObjMap)[tPlace.lIndex]);
     }
     TraceMessageInline(8, 0, 4, "%s = ObjMapFind(%p, %p, %p) %p", BooleanText(bResult),
