@@ -104,7 +104,7 @@ class LogWriter {
     ByteT* At() const { return m_ptAt; }
     void Byte(int32 lByte) { *m_ptAt++ = static_cast<ByteT>(lByte); }
     void Number(int32 lNumber) {
-        LogPutNumber(m_ptAt, static_cast<uint32>(lNumber));
+        ObjStoreLong(m_ptAt, lNumber);
         m_ptAt += sizeof(uint32);
     }
     void Bytes(const void* pBytes, std::size_t lSize) {

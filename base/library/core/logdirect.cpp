@@ -53,8 +53,8 @@ BooleanT LogCutAt(FileHandleT tFile, int64 llOffset) {
 BooleanT LogWriteHeader(FileHandleT tFile, int64 llEnd) {
     ByteT acHeader[LogHeaderSize] = {};
     std::memcpy(acHeader, LogHeaderMark, sizeof(LogHeaderMark));
-    LogPutNumber(acHeader + LogEndOffset, static_cast<uint32>(llEnd));
-    LogPutNumber(acHeader + LogFirstOffset, LogHeaderSize);
+    ObjStoreLong(acHeader + LogEndOffset, static_cast<int32>(llEnd));
+    ObjStoreLong(acHeader + LogFirstOffset, LogHeaderSize);
     return LogWriteAt(tFile, 0, acHeader, LogHeaderSize);
 }
 
@@ -64,7 +64,7 @@ int64 LogEndOfHeader(FileHandleT tFile, int64 llFileSize) {
     if (LogReadAt(tFile, 0, acHeader, LogHeaderSize) != TRUE ||
         std::memcmp(acHeader, LogHeaderMark, sizeof(LogHeaderMark)) != 0)
         return LogHeaderSize;
-    const int64 llEnd = LogGetNumber(acHeader + LogEndOffset);
+    const int64 llEnd = ObjLoadLong(acHeader + LogEndOffset);
     return llEnd < LogHeaderSize || llEnd > llFileSize ? LogHeaderSize : llEnd;
 }
 

@@ -37,18 +37,6 @@ char* LogCopyText(std::string_view tText) {
 
 }  // namespace
 
-uint32 LogGetNumber(const ByteT* ptBytes) {
-    uint32 lNumber = 0;
-    for (int32 lByte = 3; lByte >= 0; lByte--) lNumber = lNumber << 8 | ptBytes[lByte];
-    return lNumber;
-}
-
-void LogPutNumber(ByteT* ptBytes, uint32 lNumber) {
-    for (int32 lByte = 0; lByte < 4; lByte++) {
-        ptBytes[lByte] = static_cast<ByteT>(lNumber >> (8 * lByte));
-    }
-}
-
 bool LogTakeField(std::string_view* ptField, std::span<const ByteT>& tBytes) {
     if (tBytes.empty() || tBytes[0] < LogFieldEmpty || tBytes[0] > tBytes.size()) return false;
     *ptField = {reinterpret_cast<const char*>(tBytes.data()) + 1, tBytes[0] - std::size_t{1}};
@@ -59,18 +47,14 @@ bool LogTakeField(std::string_view* ptField, std::span<const ByteT>& tBytes) {
 bool LogParseImage(LogImageT* ptImage, std::span<const ByteT> tBytes) {
     *ptImage = {};
     if (tBytes.size() < LogImageHeadSize) return false;
-    ptImage->lSize = LogGetRecordSize(tBytes.data());
-    if (ptImage->lSize < LogImageHeadSize ||
-        static_cast<std::size_t>(ptImage->lSize) > tBytes.size())
-        return false;
-    std::span<const ByteT> tRest =
-        tBytes.first(static_cast<std::size_t>(ptImage->lSize)).subspan(LogImageHeadSize);
+    const auto lSize = static_cast<std::size_t>(LogGetRecordSize(tBytes.data()));
+    if (lSize < LogImageHeadSize || lSize > tBytes.size()) return false;
+    std::span<const ByteT> tRest = tBytes.first(lSize).subspan(LogImageHeadSize);
     ByteT tCount = 0;
     if (!LogTakeSession(&ptImage->ptSession, tRest) || !LogTakeField(&ptImage->tClient, tRest) ||
         !LogTakeField(&ptImage->tClass, tRest) || !LogTakeField(&ptImage->tFormat, tRest) ||
         ptImage->tFormat.empty() || !LogTakeByte(&tCount, tRest))
         return false;
-    ptImage->lArguments = tCount;
     ptImage->tArguments = tRest;
     std::string_view tArgument;
     for (int32 lArgument = 0; lArgument < tCount; lArgument++) {
@@ -106,16 +90,15 @@ int32 LogGetRecordSize(const ByteT* ptLogImage) {
 }
 
 TimeT LogGetTimeStamp(const ByteT* ptLogImage) {
-    return ptLogImage == nullptr ? 0 : static_cast<TimeT>(LogGetNumber(ptLogImage + LogTimeOffset));
+    return ptLogImage == nullptr ? 0 : ObjLoadLong(ptLogImage + LogTimeOffset);
 }
 
 void LogSetTimeStamp(ByteT* ptLogImage, TimeT tTime) {
-    if (ptLogImage != nullptr) LogPutNumber(ptLogImage + LogTimeOffset, static_cast<uint32>(tTime));
+    if (ptLogImage != nullptr) ObjStoreLong(ptLogImage + LogTimeOffset, tTime);
 }
 
 int32 LogGetLogId(const ByteT* ptLogImage) {
-    return ptLogImage == nullptr ? 0
-                                 : static_cast<int32>(LogGetNumber(ptLogImage + LogNumberOffset));
+    return ptLogImage == nullptr ? 0 : ObjLoadLong(ptLogImage + LogNumberOffset);
 }
 
 int32 LogGetWarnLevel(const ByteT* ptLogImage) {

@@ -6,6 +6,7 @@
 
 #include "core/context.h"
 #include "core/log.h"
+#include "longbytes.h"
 
 constexpr int32 LogImageMaximum = 65535;  // bytes of an image
 constexpr int32 LogFieldMaximum = 254;  // content of a counted field: the length byte counts itself
@@ -27,12 +28,10 @@ inline TesselContextLogS& LogState() { return gtTlContext.sLog; }
 
 // An image taken apart; everything points into it.
 struct LogImageT {
-    int32 lSize;
     const ByteT* ptSession;  // null without a session
     std::string_view tClient;
     std::string_view tClass;
     std::string_view tFormat;
-    int32 lArguments;
     std::span<const ByteT> tArguments;  // counted fields
     std::span<const ByteT> tObject;     // empty without an object
 };
@@ -42,9 +41,6 @@ bool LogParseImage(LogImageT* ptImage, std::span<const ByteT> tBytes);
 bool LogParseOwn(LogImageT* ptImage, const ByteT* ptLogImage);  // by the image's own size
 // The next counted field; false, with tBytes as it was, when there is no whole one.
 bool LogTakeField(std::string_view* ptField, std::span<const ByteT>& tBytes);
-
-uint32 LogGetNumber(const ByteT* ptBytes);
-void LogPutNumber(ByteT* ptBytes, uint32 lNumber);
 
 // Bytes of the place holder at the "%" that the text begins with: 3 for "%l" and a letter, else 2,
 // or 1 at the end of the text. Writing and showing a message must agree on it.
