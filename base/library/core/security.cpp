@@ -4,6 +4,7 @@
 #include "core/security.h"
 
 #include <array>
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -86,12 +87,6 @@ SecurityValuesT SecurityValues(const char* pstrKey) {
     return alValues;
 }
 
-int32 SecurityHexDigit(char cDigit) {
-    if (cDigit >= '0' && cDigit <= '9') return cDigit - '0';
-    const int32 lFolded = cDigit | 0x20;
-    return lFolded >= 'a' && lFolded <= 'f' ? lFolded - 'a' + 10 : -1;
-}
-
 char* SecurityNewText(std::size_t iLength) {
     if (iLength > 0x3fffffff) return nullptr;
     return static_cast<char*>(MemAllocateFromPool(static_cast<int32>(iLength) + 1, MemPool()));
@@ -145,11 +140,10 @@ char* SecurityUnscrambleHex(const char* pstrDigits, const SecurityValuesT& alVal
     PoolPtr<char> pstrResult(SecurityNewText(iDigits / 2));
     if (pstrResult.Get() == nullptr) return nullptr;
     for (std::size_t i = 0; i < iDigits / 2; i++) {
-        const int32 lHigh = SecurityHexDigit(pstrDigits[2 * i]);
-        const int32 lLow = SecurityHexDigit(pstrDigits[2 * i + 1]);
-        if (lHigh < 0 || lLow < 0) return nullptr;
-        pstrResult.Get()[i] =
-            static_cast<char>((lHigh << 4 | lLow) ^ alValues[i % SecurityValueCount]);
+        const char* pstrEnd = pstrDigits + 2 * i + 2;
+        ByteT tByte = 0;
+        if (std::from_chars(pstrEnd - 2, pstrEnd, tByte, 16).ptr != pstrEnd) return nullptr;
+        pstrResult.Get()[i] = static_cast<char>(tByte ^ alValues[i % SecurityValueCount]);
     }
     return pstrResult.Take();
 }

@@ -5,6 +5,8 @@
 #include "core/unique.h"
 
 #include <algorithm>
+#include <cctype>
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -15,6 +17,7 @@
 #include "core/net.h"
 #include "core/process.h"
 #include "core/trace.h"
+#include "longbytes.h"
 
 TRACE_MODULE("UNIQUE")
 
@@ -50,15 +53,17 @@ UniqueBaseT UniqueBaseOf(const UniqueT* ptValue) {
     return tBase;
 }
 
-void UniqueStore(UniqueT* ptValue, int32 lOffset, int32 lBytes, int32 lNumber) {
-    for (int32 l = 0; l < lBytes; l++)
-        ptValue->tUnique[lOffset + l] = static_cast<ByteT>(static_cast<uint32>(lNumber) >> 8 * l);
+void UniqueStoreShort(UniqueT* ptValue, int32 lOffset, int32 lNumber) {
+    ptValue->tUnique[lOffset] = static_cast<ByteT>(lNumber);
+    ptValue->tUnique[lOffset + 1] = static_cast<ByteT>(lNumber >> 8);
+}
+
+void UniqueStoreLong(UniqueT* ptValue, int32 lOffset, int32 lNumber) {
+    ObjStoreLong(ptValue->tUnique + lOffset, lNumber);
 }
 
 int32 UniqueLoadLong(const UniqueT* ptValue, int32 lOffset) {
-    uint32 lNumber = 0;
-    for (int32 l = 3; l >= 0; l--) lNumber = lNumber << 8 | ptValue->tUnique[lOffset + l];
-    return static_cast<int32>(lNumber);
+    return ObjLoadLong(ptValue->tUnique + lOffset);
 }
 
 int32 UniqueLoadShort(const UniqueT* ptValue, int32 lOffset) {
@@ -98,29 +103,22 @@ BooleanT UniqueIsEqual(const UniqueT* ptUnique1, const UniqueT* ptUnique2, int32
 
 // --- text ---
 
-// The value of a hexadecimal digit, -1 for any other character.
-int32 UniqueDigit(char cDigit) {
-    if (cDigit >= '0' && cDigit <= '9') return cDigit - '0';
-    const int32 lFolded = cDigit | 0x20;
-    return lFolded >= 'a' && lFolded <= 'f' ? lFolded - 'a' + 10 : -1;
-}
-
 bool UniqueIsText(const char* pstrString) {
     const std::size_t iLength = strnlen(pstrString, UniqueLongText + 1);
     if (iLength != UniqueShortText && iLength != UniqueLongText) return false;
     for (int32 l = 0; l < static_cast<int32>(iLength); l++) {
         const bool bBlank = std::find(std::begin(alUniqueBlanks), std::end(alUniqueBlanks), l) !=
                             std::end(alUniqueBlanks);
-        if (bBlank ? pstrString[l] != ' ' : UniqueDigit(pstrString[l]) < 0) return false;
+        const auto tChar = static_cast<ByteT>(pstrString[l]);
+        if (bBlank ? tChar != ' ' : std::isxdigit(tChar) == 0) return false;
     }
     return true;
 }
 
-// The number written in lDigits digits.
+// The number written in lDigits hexadecimal digits.
 int32 UniqueNumber(const char* pstrDigits, int32 lDigits) {
     uint32 lNumber = 0;
-    for (int32 l = 0; l < lDigits; l++)
-        lNumber = lNumber << 4 | static_cast<uint32>(UniqueDigit(pstrDigits[l]));
+    std::from_chars(pstrDigits, pstrDigits + lDigits, lNumber, 16);
     return static_cast<int32>(lNumber);
 }
 
@@ -162,9 +160,9 @@ BooleanT UniqueCreate(UniqueT* ptNew) {
 
 BooleanT UniqueCreateSessionId(UniqueT* ptNewUnique, int32 lJobId, int32 lInstance, int32 lPhase) {
     if (UniqueCreate(ptNewUnique) != TRUE) return FALSE;
-    UniqueStore(ptNewUnique, UniqueJobId, 4, lJobId);
-    UniqueStore(ptNewUnique, UniqueInstance, 4, lInstance);
-    UniqueStore(ptNewUnique, UniquePhase, 2, lPhase);
+    UniqueStoreLong(ptNewUnique, UniqueJobId, lJobId);
+    UniqueStoreLong(ptNewUnique, UniqueInstance, lInstance);
+    UniqueStoreShort(ptNewUnique, UniquePhase, lPhase);
     return TRUE;
 }
 
@@ -178,26 +176,26 @@ BooleanT UniqueIsInvalid(const UniqueT* ptValue) {
 
 BooleanT UniqueSetJobId(UniqueT* ptUnique, int32 lJobId) {
     if (UniqueIsInvalid(ptUnique) == TRUE) return FALSE;
-    UniqueStore(ptUnique, UniqueJobId, 4, lJobId);
+    UniqueStoreLong(ptUnique, UniqueJobId, lJobId);
     return TRUE;
 }
 
 BooleanT UniqueSetSessionInstance(UniqueT* ptUnique, int32 lInstance) {
     if (UniqueIsInvalid(ptUnique) == TRUE) return FALSE;
-    UniqueStore(ptUnique, UniqueInstance, 4, lInstance);
+    UniqueStoreLong(ptUnique, UniqueInstance, lInstance);
     return TRUE;
 }
 
 BooleanT UniqueSetSessionPhase(UniqueT* ptUnique, int32 lPhase) {
     if (UniqueIsInvalid(ptUnique) == TRUE) return FALSE;
-    UniqueStore(ptUnique, UniquePhase, 2, lPhase);
-    UniqueStore(ptUnique, UniqueSubPhase, 2, 0);
+    UniqueStoreShort(ptUnique, UniquePhase, lPhase);
+    UniqueStoreShort(ptUnique, UniqueSubPhase, 0);
     return TRUE;
 }
 
 BooleanT UniqueIncrementSessionSubPhase(UniqueT* ptUnique) {
     if (UniqueIsInvalid(ptUnique) == TRUE) return FALSE;
-    UniqueStore(ptUnique, UniqueSubPhase, 2, UniqueLoadShort(ptUnique, UniqueSubPhase) + 1);
+    UniqueStoreShort(ptUnique, UniqueSubPhase, UniqueLoadShort(ptUnique, UniqueSubPhase) + 1);
     return TRUE;
 }
 
@@ -286,7 +284,7 @@ BooleanT UniqueDecode(const UniqueT* ptValue, UniqueDecodeT* ptDecode) {
 const char* UniqueToString(const UniqueT* ptValue) {
     char* pstrText = gtTlContext.sUnique.strString;
     constexpr std::size_t iSize = sizeof(gtTlContext.sUnique.strString);
-    if (ptValue == nullptr || UniqueIsInvalid(ptValue) == TRUE) {
+    if (UniqueIsInvalid(ptValue) == TRUE) {
         std::snprintf(pstrText, iSize, "%s", ptValue == nullptr ? "(null)" : "(invalid)");
         return pstrText;
     }
@@ -308,9 +306,9 @@ BooleanT UniqueFromString(UniqueT* ptOut, const char* pstrString) {
     for (int32 l = 0; l < UniqueBaseSize; l++)
         tValue.tUnique[l] = static_cast<ByteT>(UniqueNumber(pstrString + 2 * l, 2));
     if (pstrString[UniqueShortText] != '\0') {
-        UniqueStore(&tValue, UniqueJobId, 4, UniqueNumber(pstrString + 41, 8));
-        UniqueStore(&tValue, UniqueInstance, 4, UniqueNumber(pstrString + 50, 8));
-        UniqueStore(&tValue, UniquePhase, 2, UniqueNumber(pstrString + 59, 4));
+        UniqueStoreLong(&tValue, UniqueJobId, UniqueNumber(pstrString + 41, 8));
+        UniqueStoreLong(&tValue, UniqueInstance, UniqueNumber(pstrString + 50, 8));
+        UniqueStoreShort(&tValue, UniquePhase, UniqueNumber(pstrString + 59, 4));
     }
     *ptOut = tValue;
     return TRUE;
