@@ -188,9 +188,10 @@ void ShmReleaseThread(TesselContextT* ptTlContext) {
 
 BooleanT ShmAllocate(ShmIdT* pShmId, int32 lSize) {
     TraceMessageInline(6, 0, 4, "ShmAllocate(%p, %d)", static_cast<void*>(pShmId), lSize);
-    if (pShmId == nullptr || lSize < 1 || gtNextIpcId >= IpcIdCount) return FALSE;
+    if (pShmId == nullptr || lSize < 1) return FALSE;
     IpcKeyT tKey = 0;
-    if (IpcGetKey(&tKey, gtNextIpcId++) != TRUE) return FALSE;
+    if (IpcGetKey(&tKey, gtNextIpcId) != TRUE) return FALSE;
+    gtNextIpcId++;
     ObjHolder<ShmMemS> oMemory(ObjNew<ShmMemS>(ShmMemMagic, "i;"));
     if (oMemory.Get() == nullptr) return FALSE;
     const ShmIdT tShmId =
