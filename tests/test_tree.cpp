@@ -39,9 +39,8 @@ class Rows : public std::vector<Row> {
     // The rows among [begin, end) that are of a depth.
     std::vector<std::size_t> Level(std::size_t begin, std::size_t end, int32 depth) const {
         std::vector<std::size_t> found;
-        for (std::size_t i = begin; i < end; ++i) {
+        for (std::size_t i = begin; i < end; ++i)
             if ((*this)[i].depth == depth) found.push_back(i);
-        }
         return found;
     }
     std::vector<std::size_t> Children(std::size_t at) const {
@@ -94,14 +93,10 @@ void ExpectSiblings(TreeO oTree, TreeNodeO oParent, TreeNodeO oNode, TreeNodeO o
         ASSERT_LT(at, rows.size());
         Row& row = rows[at++];
         if (row.node == nullptr) row.node = oNode;
-        ASSERT_EQ(oNode, row.node);
-        ASSERT_EQ(depth, row.depth);
-        ASSERT_EQ(oNode->oData, row.item);
-        ASSERT_EQ(oNode->bOpen, BooleanFrom(row.open));
-        ASSERT_EQ(oNode->oTree, oTree);
-        ASSERT_EQ(oNode->oParent, oParent);
-        ASSERT_EQ(oNode->oPrevious, oPrevious);
-        ASSERT_EQ(Holders(oNode), 1);
+        ASSERT_EQ(std::tuple(oNode, depth, oNode->oData, oNode->bOpen, Holders(oNode)),
+                  std::tuple(row.node, row.depth, row.item, BooleanFrom(row.open), 1));
+        ASSERT_EQ(std::tuple(oNode->oTree, oNode->oParent, oNode->oPrevious),
+                  std::tuple(oTree, oParent, oPrevious));
         ASSERT_NO_FATAL_FAILURE(
             ExpectSiblings(oTree, oNode, oNode->oChild, oNode->oLastChild, depth + 1, rows, at));
         oPrevious = oNode;
@@ -180,15 +175,11 @@ class Trees {
             const std::size_t source = m_rows[1 - which].empty() ? which : Below(2);
             Change(operation, which, at, source, Below(m_rows[source].size()), tPosition);
         }
-        for (std::size_t i = 0; i < 2; ++i) {
+        for (std::size_t i = 0; i < 2; ++i)
             ASSERT_NO_FATAL_FAILURE(ExpectTree(m_trees[i], m_rows[i]));
-        }
         for (void* oItem : m_items) {
             std::ptrdiff_t uses = 1;
-            for (const Rows& all : m_rows) {
-                uses += std::count_if(all.begin(), all.end(),
-                                      [&](const Row& row) { return row.item == oItem; });
-            }
+            for (const Rows& all : m_rows) uses += std::ranges::count(all, oItem, &Row::item);
             ASSERT_EQ(Holders(oItem), uses);
         }
         if (rows.empty()) return;
@@ -209,13 +200,13 @@ class Trees {
         TreeNodeO oNode = rows[at].node;
         TreeNodeO oFrom = source[from].node;
         const bool same = sourceTree == which;
-        const Rows copy = source.Copy(from, source.End(from));
+        const std::size_t end = source.End(from);
+        const Rows copy = source.Copy(from, end);
         switch (operation) {
             case 5:
             case 6:
             case 7: {  // the source is what moves
                 Place place = rows.Find(at, tPosition);
-                const std::size_t end = source.End(from);
                 const bool moves = place.depth >= 0 && !(same && at >= from && at < end);
                 ASSERT_EQ(TreeMoveBranch(oFrom, oNode, tPosition), BooleanFrom(moves));
                 if (!moves) break;
@@ -260,13 +251,13 @@ class Trees {
                 ASSERT_EQ(TreeReplaceTreeWithTree(oTree, m_trees[sourceTree]), TRUE);
                 if (!same) rows = source.Copy(0, source.size());
                 break;
+            case 14:
+                ASSERT_EQ(TreeAddOnlyBranchToRoot(oTree, oFrom), TRUE);
+                rows.Insert({rows.End(0), 0}, copy);
+                break;
             default: {
-                const bool only = operation == 14;
-                const std::size_t end = source.End(only ? from : source.Siblings(from).back());
-                const Rows copies = source.Copy(from, end);
-                ASSERT_EQ(only ? TreeAddOnlyBranchToRoot(oTree, oFrom)
-                               : TreeAddBranchToRoot(oTree, oFrom),
-                          TRUE);
+                const Rows copies = source.Copy(from, source.End(source.Siblings(from).back()));
+                ASSERT_EQ(TreeAddBranchToRoot(oTree, oFrom), TRUE);
                 rows.Insert({rows.End(0), 0}, copies);
                 break;
             }
@@ -276,7 +267,6 @@ class Trees {
     // The neighbours of one row.
     static void CheckSteps(const Rows& rows, std::size_t at) {
         TreeNodeO oNode = rows[at].node;
-        const std::vector<std::size_t> children = rows.Children(at);
         const std::vector<std::size_t> siblings = rows.Siblings(at);
         const auto nodeAt = [&](std::size_t row) {
             return row < rows.size() ? rows[row].node : nullptr;
@@ -298,7 +288,7 @@ class Trees {
                       BooleanFrom(previous < rows.size()));
             ASSERT_EQ(oPrevious, nodeAt(previous));
         }
-        const auto count = static_cast<int32>(children.size());
+        const auto count = static_cast<int32>(rows.Children(at).size());
         TreeNodeO oChild = oNode;
         ASSERT_EQ(TreeRelativeNode(oNode, TREE_SIBLING_LAST), rows[siblings.back()].node);
         ASSERT_EQ(TreeDepthOfNode(oNode), rows[at].depth + 1);
@@ -364,9 +354,8 @@ class Trees {
             ASSERT_TRUE(kind != 2 || seen.depths == expected.depths);
             if (kind == 0) rows.clear();
             std::sort(doomed.begin(), doomed.end());
-            for (; !doomed.empty(); doomed.pop_back()) {
+            for (; !doomed.empty(); doomed.pop_back())
                 rows.Cut(doomed.back(), rows.End(doomed.back()));
-            }
             ASSERT_NO_FATAL_FAILURE(ExpectTree(oTree, rows));
         }
     }
@@ -441,8 +430,8 @@ TEST_F(TreeTest, SearchesWhereItIsTold) {
     TreeO oTree = t.oTree.Get();
     void *oX = t.x->oData, *oB1 = t.b1->oData;
     TreeNodeO oFound = nullptr;
-    TreeNodeOpen(t.A);
-    EXPECT_EQ(TreeSearch(&oFound, oTree, IsCookie, oX, TRUE), FALSE);  // a2 is closed
+    TreeNodeOpen(t.A);  // a2 is closed
+    EXPECT_EQ(TreeSearch(&oFound, oTree, IsCookie, oX, TRUE), FALSE);
     EXPECT_EQ(TreeSearchBranch(&oFound, t.A, IsCookie, oX, TRUE), FALSE);
     EXPECT_EQ(TreeSearchBranch(&oFound, t.A, IsCookie, oB1, FALSE), FALSE);
     EXPECT_EQ(TreeFindNodeInBranch(&oFound, t.A, oB1), FALSE);
@@ -568,9 +557,8 @@ TEST_F(TreeTest, DeepAndLongTreesNeedNoStack) {
         ObjHolder<TreeS> oTree(TreeNew());
         ObjHolder<ObjIntegerS> oItem(ObjIntegerNew(1));
         TreeNodeO oNode = TreeAddRootItem(oItem.Get(), oTree.Get());
-        for (int32 lDone = 2; lDone < count; ++lDone) {
+        for (int32 lDone = 2; lDone < count; ++lDone)
             oNode = TreeAddItem(oItem.Get(), oNode, position);
-        }
         ObjIntegerO oLast = ObjIntegerNew(2);
         oNode = TreePushItem(&oLast, oNode, position);
         ObjHolder<void> oKept;
