@@ -2,65 +2,25 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "core/context.h"
 #include "core/list.h"
-#include "core/map.h"
-#include "core/object.h"
 #include "core/objserial.h"
-#include "core/objwrappers.h"
 #include "core/procinternal.h"
-#include "core/strbase.h"
 #include "core/tree.h"
 #include "support/leftovers.h"
+#include "support/objects.h"
 #include "support/support.h"
 
 namespace {
-
-// A record with every kind of component.
-struct AllS {
-    BooleanT bValue;
-    int32 lValue;
-    char* pstrValue;
-    void* oLink;
-    void* oPrivate;
-    StnzT* ptStanza;
-    ObjDataFieldT tData;
-    char acInline[8];  // declared as 5
-    ObjViewInfoT tView;
-    int64 llValue;
-    UniqueT tUnique;
-    void* pPointer;
-};
-constexpr int32 AllMagic = ObjMagic(0xc9a00001);
-constexpr char AllDescriptor[] = "b;i;s;o;ol;z;d;n5;v;I;u;p;";
 
 struct LinkS {
     void* oNext;
 };
 constexpr int32 LinkMagic = ObjMagic(0xc9a00002);
-
-AllS* NewAll() {
-    auto* o = ObjNew<AllS>(AllMagic, AllDescriptor);
-    o->bValue = TRUE;
-    o->lValue = -7;
-    o->pstrValue = StrDuplicate("text");
-    o->oLink = ObjIntegerNew(1);
-    o->oPrivate = ObjIntegerNew(2);
-    StnzCreate(&o->ptStanza, "category", "title", 3);
-    o->tData = {3, StrDuplicate("xyz")};
-    std::memcpy(o->acInline, "inlin", 5);
-    o->tView = {4, StrDuplicate("view"), nullptr};
-    StnzCreate(&o->tView.pStanza, nullptr, "of the view", 1);
-    o->llValue = int64{-5} << 40;
-    std::memset(o->tUnique.tUnique, 0xab, sizeof(UniqueT));
-    o->pPointer = o;
-    return o;
-}
 
 std::vector<ByteT> LocalStream(void* o) {
     std::vector<ByteT> bytes(static_cast<std::size_t>(ObjSerializedSizeLocal(o)));
@@ -92,12 +52,13 @@ TEST(Templates, LayTheFieldsOutAsTheCompilerDoes) {
         offsetof(AllS, bValue),  offsetof(AllS, lValue),   offsetof(AllS, pstrValue),
         offsetof(AllS, oLink),   offsetof(AllS, oPrivate), offsetof(AllS, ptStanza),
         offsetof(AllS, tData),   offsetof(AllS, acInline), offsetof(AllS, tView),
-        offsetof(AllS, llValue), offsetof(AllS, tUnique),  offsetof(AllS, pPointer)};
+        offsetof(AllS, llValue), offsetof(AllS, tUnique),  offsetof(AllS, pPointer),
+        offsetof(AllS, acChars)};
     ASSERT_EQ(static_cast<std::size_t>(all->tDbData.lFieldCount), offsets.size());
     for (std::size_t i = 0; i < offsets.size(); i++) {
         EXPECT_EQ(static_cast<std::size_t>(fields[i].lObjOffset), offsets[i]) << i;
         EXPECT_EQ(fields[i].bPrivate, BooleanFrom(i == 4)) << i;
-        EXPECT_EQ(fields[i].lSize, i == 7 ? 5 : 0) << i;
+        EXPECT_EQ(fields[i].lSize, i == 7 ? 5 : i == 12 ? 3 : 0) << i;
     }
     EXPECT_EQ(all->tDbData.bInvalidDbObject, TRUE);
     EXPECT_EQ(all->bSimpleFormat, FALSE);

@@ -1,35 +1,24 @@
 // Object streams, against bytes written down here.
-#include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "core/list.h"
 #include "core/objserial.h"
-#include "core/objwrappers.h"
 #include "core/tree.h"
 #include "support/archivebytes.h"
 #include "support/files.h"
 #include "support/leftovers.h"
+#include "support/objects.h"
 #include "support/support.h"
 
 using bytes::Integer, bytes::List, bytes::Long, bytes::Object, bytes::String;
 using bytes::SharedAgain, bytes::SharedFirst;
+using std::string_literals::operator""s;
 
 namespace {
-
-std::string Hex(const std::string& bytes) {
-    std::string text;
-    for (const char c : bytes) {
-        char digits[4];
-        std::snprintf(digits, sizeof(digits), "%02X ", static_cast<unsigned char>(c));
-        text += digits;
-    }
-    return text;
-}
 
 const std::string kZero(1, '\0');
 const std::string kList = Long(0xc8a2f9b9);
@@ -52,70 +41,37 @@ BooleanT Read(void** po, const std::string& bytes) {
     return ObjReconstructFromMemorySized(po, block.data(), static_cast<int32>(block.size()));
 }
 
-struct MixedS {
-    void* oLink;
-    void* oPrivate;
-    StnzT* ptStanza;
-    ObjDataFieldT tData;
-    char acInline[4];
-    ObjViewInfoT tView;
-    int64 llValue;
-    UniqueT tUnique;
-    void* pPointer;
-};
-constexpr uint32 MixedMagic = 0xc9c00001;
-constexpr char MixedDescriptor[] = "o;ol;z;d;c3;v;I;u;p;";
-
-StnzT* NewStanza(const char* category, const char* title) {
-    StnzT* stanza = nullptr;
-    StnzCreate(&stanza, category, title, 3);
-    StnzKeyT* key = nullptr;
-    StnzCreateKey(&key, "k", 2);
-    StnzAddValueToKey(&key, "v");
-    StnzAddValueToKey(&key, nullptr);
-    StnzAddKeyToStanza(&stanza, &key);
-    return stanza;
-}
-
 const std::string kStanza = "\1" + String("cat:title") + Long(1) + Long(3) + String("k") + Long(2) +
                             Long(2) + String("v") + Long(0);
 
 TEST(Stream, EveryElementHasItsBytes) {
-    EXPECT_EQ(Hex(Write(nullptr)), "00 ");
+    EXPECT_EQ(Write(nullptr), kZero);
     ObjHolder<ObjIntegerS> five(ObjIntegerNew(5));
-    EXPECT_EQ(Hex(Write(five.Get())), "01 2A F2 6C C9 03 00 00 00 69 3B 00 05 00 00 00 ");
+    EXPECT_EQ(Write(five.Get()), "\1\x2A\xF2\x6C\xC9\3\0\0\0i;\0\5\0\0\0"s);
     ObjHolder<ListS> empty(ListNew());
-    EXPECT_EQ(Hex(Write(empty.Get())), "01 B9 F9 A2 C8 00 00 00 00 00 00 00 00 00 B9 F9 A2 C8 ");
+    EXPECT_EQ(Write(empty.Get()), "\1\xB9\xF9\xA2\xC8\0\0\0\0\0\0\0\0\0\xB9\xF9\xA2\xC8"s);
 
-    ObjHolder<MixedS> o(ObjNew<MixedS>(ObjMagic(MixedMagic), MixedDescriptor));
-    o.Get()->oLink = ObjBooleanNew(TRUE);
-    o.Get()->oPrivate = ObjIntegerNew(-2);
-    o.Get()->ptStanza = NewStanza("cat", "title");
-    o.Get()->tData = {2, MemAllocateFromPool(2, nullptr)};
-    std::memcpy(o.Get()->tData.pData, "\xff\x01", 2);
-    std::memcpy(o.Get()->acInline, "abc", 3);
-    o.Get()->tView = {-1, nullptr, NewStanza(nullptr, "cat:title")};
-    o.Get()->llValue = 0x0102030405060708;
-    std::memset(o.Get()->tUnique.tUnique, 'u', 32);
+    ObjHolder<AllS> o(NewAll());
     o.Get()->pPointer = reinterpret_cast<void*>(std::uintptr_t{0x89abcdef});
     const auto expected = [&](const std::string& hidden, const std::string& pointer) {
-        return Object(MixedMagic, MixedDescriptor,
-                      Object(0xc96cec79, "b;", "\1") + hidden + kStanza + Long(2) + "\xff\x01" +
-                          Long(3) + "abc" + Long(-1) + Long(0) + kStanza + Long(0x05060708) +
-                          Long(0x01020304) + std::string(32, 'u') + pointer);
+        return Object(AllMagic, AllDescriptor,
+                      "\1" + Long(-7) + String("text") + Integer(1) + hidden + kStanza + Long(3) +
+                          "xyz" + Long(5) + "inlin" + Long(4) + String("view") + kStanza +
+                          Long(0x05060708) + Long(0x01020304) + std::string(32, '\xab') + pointer +
+                          Long(3) + "abc");
     };
-    EXPECT_EQ(Hex(Write(o.Get())), Hex(expected(kZero, Long(0x89abcdef))));
+    EXPECT_EQ(Write(o.Get()), expected(kZero, Long(0x89abcdef)));
     std::string local(static_cast<std::size_t>(ObjSerializedSizeLocal(o.Get())), '?');
     ASSERT_EQ(ObjSerializeLocal(o.Get(), local.data(), nullptr), TRUE);
     const std::string pointer(reinterpret_cast<const char*>(&o.Get()->pPointer), sizeof(void*));
-    EXPECT_EQ(Hex(local), Hex(expected(Integer(-2), pointer)));
+    EXPECT_EQ(local, expected(Integer(2), pointer));
 
     void* again = nullptr;
     ASSERT_EQ(Read(&again, expected(kZero, Long(0x89abcdef))), TRUE);
-    const auto* read = static_cast<const MixedS*>(again);
+    const auto* read = static_cast<const AllS*>(again);
     EXPECT_STREQ(read->ptStanza->pstrCatagory, "cat");
     EXPECT_STREQ(read->tView.pStanza->pstrTitle, "title");
-    EXPECT_EQ(Hex(Write(again)), Hex(expected(kZero, Long(0x89abcdef))));
+    EXPECT_EQ(Write(again), expected(kZero, Long(0x89abcdef)));
     ObjReleaseInternal(&again);
 }
 
@@ -128,7 +84,7 @@ TEST(Stream, SharedObjectsAreWrittenOnce) {
     ListAddLastItem(list.Get(), elsewhere.Get());
     const std::string bytes = List({SharedFirst(1, Integer(7)), SharedAgain(1),
                                     SharedFirst(2, Object(0xc96cec6f, "s;", String("")))});
-    EXPECT_EQ(Hex(Write(list.Get())), Hex(bytes));
+    EXPECT_EQ(Write(list.Get()), bytes);
     void* o = nullptr;
     ASSERT_EQ(Read(&o, bytes), TRUE);
     auto* read = static_cast<ListO>(o);
@@ -145,7 +101,7 @@ TEST(Stream, TreesAreWrittenRowByRow) {
         return at == nullptr ? TreePushRootItem(reinterpret_cast<void**>(&item), tree)
                              : TreePushItem(reinterpret_cast<void**>(&item), at, position);
     };
-    EXPECT_EQ(Hex(Write(tree)), Hex("\1" + kTree + kZero + kZero + kTree));
+    EXPECT_EQ(Write(tree), "\1" + kTree + kZero + kZero + kTree);
     TreeNodeO one = add(1, nullptr, TREE_FIRST_CHILD);
     one->bOpen = TRUE;
     TreeNodeO two = add(2, one, TREE_LAST_CHILD);
@@ -160,10 +116,10 @@ TEST(Stream, TreesAreWrittenRowByRow) {
                               Integer(2) + closed + Integer(3) + kZero + kZero + closed +
                               Integer(4) + kZero + kZero + closed + Integer(5) + kZero + kZero +
                               kTree;
-    EXPECT_EQ(Hex(Write(tree)), Hex(bytes));
+    EXPECT_EQ(Write(tree), bytes);
     void* o = nullptr;
     ASSERT_EQ(Read(&o, bytes), TRUE);
-    EXPECT_EQ(Hex(Write(o)), Hex(bytes));
+    EXPECT_EQ(Write(o), bytes);
     ObjReleaseInternal(&o);
     ASSERT_EQ(Read(&o, bytes.substr(0, bytes.size() - 4) + kList), FALSE);
     ObjRelease(&tree);
@@ -250,9 +206,10 @@ TEST(Stream, CirclesAreRefusedWhereAskedFor) {
         read(bytes);  // the first time makes templates
         const Leftovers before;
         TraceCapture trace(0);
-        EXPECT_EQ(read(bytes), taken) << Hex(bytes);
-        EXPECT_EQ(trace.Has("OBJECT", 189), !taken) << Hex(bytes);  // not for another reason
-        EXPECT_EQ(before.Text(), "") << Hex(bytes);
+        EXPECT_EQ(read(bytes), taken) << testing::PrintToString(bytes);
+        EXPECT_EQ(trace.Has("OBJECT", 189), !taken)
+            << testing::PrintToString(bytes);  // not for another reason
+        EXPECT_EQ(before.Text(), "") << testing::PrintToString(bytes);
     }
 }
 
@@ -309,10 +266,9 @@ class GraphMaker {
             case 4:
                 return ObjStanzaNew(NewStanza(Draw(2) == 0 ? nullptr : "c", "t"));
             case 5: {
-                auto* o = ObjNew<MixedS>(ObjMagic(MixedMagic), MixedDescriptor);
+                AllS* o = NewAll();
+                ObjReleaseInternal(&o->oLink);
                 o->oLink = Make(depth - 1);
-                o->oPrivate = ObjIntegerNew(static_cast<int32>(m_random()));
-                o->pPointer = o->oLink;
                 return o;
             }
             case 6: {
