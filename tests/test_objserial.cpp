@@ -33,12 +33,14 @@ std::string Write(void* o) {
     return bytes;
 }
 
-BooleanT Read(void** po, const std::string& bytes) {
+template <class T>
+BooleanT Read(T** po, const std::string& bytes) {
     // In a block of exactly this size, so that a read past the end shows.
     std::vector<char> block;
     block.reserve(1);
     block.assign(bytes.begin(), bytes.end());
-    return ObjReconstructFromMemorySized(po, block.data(), static_cast<int32>(block.size()));
+    return ObjReconstructFromMemorySized(reinterpret_cast<void**>(po), block.data(),
+                                         static_cast<int32>(block.size()));
 }
 
 const std::string kStanza = "\1" + String("cat:title") + Long(1) + Long(3) + String("k") + Long(2) +
@@ -66,13 +68,11 @@ TEST(Stream, EveryElementHasItsBytes) {
     const std::string pointer(reinterpret_cast<const char*>(&o.Get()->pPointer), sizeof(void*));
     EXPECT_EQ(local, expected(Integer(2), pointer));
 
-    void* again = nullptr;
-    ASSERT_EQ(Read(&again, expected(kZero, Long(0x89abcdef))), TRUE);
-    const auto* read = static_cast<const AllS*>(again);
-    EXPECT_STREQ(read->ptStanza->pstrCatagory, "cat");
-    EXPECT_STREQ(read->tView.pStanza->pstrTitle, "title");
-    EXPECT_EQ(Write(again), expected(kZero, Long(0x89abcdef)));
-    ObjReleaseInternal(&again);
+    ObjHolder<AllS> again;
+    ASSERT_EQ(Read(again.Address(), expected(kZero, Long(0x89abcdef))), TRUE);
+    EXPECT_STREQ(again.Get()->ptStanza->pstrCatagory, "cat");
+    EXPECT_STREQ(again.Get()->tView.pStanza->pstrTitle, "title");
+    EXPECT_EQ(Write(again.Get()), expected(kZero, Long(0x89abcdef)));
 }
 
 TEST(Stream, SharedObjectsAreWrittenOnce) {
@@ -85,44 +85,39 @@ TEST(Stream, SharedObjectsAreWrittenOnce) {
     const std::string bytes = List({SharedFirst(1, Integer(7)), SharedAgain(1),
                                     SharedFirst(2, Object(0xc96cec6f, "s;", String("")))});
     EXPECT_EQ(Write(list.Get()), bytes);
-    void* o = nullptr;
-    ASSERT_EQ(Read(&o, bytes), TRUE);
-    auto* read = static_cast<ListO>(o);
-    EXPECT_EQ(read->oFirst->oData, read->oFirst->oNext->oData);
-    EXPECT_EQ((static_cast<ObjHeaderT*>(read->oFirst->oData) - 1)->lRefCount, 2);
-    EXPECT_EQ((static_cast<ObjHeaderT*>(read->oLast->oData) - 1)->lRefCount, 1);
-    ObjReleaseInternal(&o);
+    ObjHolder<ListS> read;
+    ASSERT_EQ(Read(read.Address(), bytes), TRUE);
+    EXPECT_EQ(read.Get()->oFirst->oData, read.Get()->oFirst->oNext->oData);
+    EXPECT_EQ(Holders(read.Get()->oFirst->oData), 2);
+    EXPECT_EQ(Holders(read.Get()->oLast->oData), 1);
 }
 
 TEST(Stream, TreesAreWrittenRowByRow) {
-    TreeO tree = TreeNewFromPool(MemGetDefaultPoolId());
-    const auto add = [&](int32 value, TreeNodeO at, TreePositionE position) {
+    ObjHolder<TreeS> tree(TreeNew());
+    const auto add = [](int32 value, TreeNodeO at, TreePositionE position) {
         ObjIntegerO item = ObjIntegerNew(value);
-        return at == nullptr ? TreePushRootItem(reinterpret_cast<void**>(&item), tree)
-                             : TreePushItem(reinterpret_cast<void**>(&item), at, position);
+        return TreePushItem(&item, at, position);
     };
-    EXPECT_EQ(Write(tree), "\1" + kTree + kZero + kZero + kTree);
-    TreeNodeO one = add(1, nullptr, TREE_FIRST_CHILD);
-    one->bOpen = TRUE;
-    TreeNodeO two = add(2, one, TREE_LAST_CHILD);
-    add(3, two, TREE_LAST_CHILD);
+    EXPECT_EQ(Write(tree.Get()), "\1" + kTree + kZero + kZero + kTree);
+    ObjHolder<ObjIntegerS> item(ObjIntegerNew(1)), cookie(ObjIntegerNew(9));
+    TreeNodeO one = TreeAddRootItem(item.Get(), tree.Get());
+    ObjRelease(item.Address());
+    TreeNodeOpen(one);
+    add(3, add(2, one, TREE_LAST_CHILD), TREE_LAST_CHILD);
     add(4, one, TREE_LAST_CHILD);
     add(5, one, TREE_SIBLING_AFTER);
-    ObjIntegerO cookie = ObjIntegerNew(9);
-    TreeSetCookie(tree, cookie);
-    ObjRelease(&cookie);
+    TreeSetCookie(tree.Get(), cookie.Get());
+    ObjRelease(cookie.Address());
     const std::string closed = "\1" + kZero;
     const std::string bytes = "\1" + kTree + Integer(9) + "\1\1" + Integer(1) + closed +
                               Integer(2) + closed + Integer(3) + kZero + kZero + closed +
                               Integer(4) + kZero + kZero + closed + Integer(5) + kZero + kZero +
                               kTree;
-    EXPECT_EQ(Write(tree), bytes);
-    void* o = nullptr;
-    ASSERT_EQ(Read(&o, bytes), TRUE);
-    EXPECT_EQ(Write(o), bytes);
-    ObjReleaseInternal(&o);
-    ASSERT_EQ(Read(&o, bytes.substr(0, bytes.size() - 4) + kList), FALSE);
-    ObjRelease(&tree);
+    EXPECT_EQ(Write(tree.Get()), bytes);
+    ObjHolder<TreeS> again, broken;
+    ASSERT_EQ(Read(again.Address(), bytes), TRUE);
+    EXPECT_EQ(Write(again.Get()), bytes);
+    ASSERT_EQ(Read(broken.Address(), bytes.substr(0, bytes.size() - 4) + kList), FALSE);
 }
 
 TEST(Stream, BadStreamsAreRefusedAndLeaveNothing) {
@@ -196,12 +191,10 @@ TEST(Stream, CirclesAreRefusedWhereAskedFor) {
         {List({SharedFirst(1, List({SharedFirst(2, Integer(5)), SharedAgain(2)})), again}), true},
     };
     for (const auto& [bytes, taken] : streams) {
-        void* o = nullptr;
-        const auto read = [&o](const std::string& stream) {
+        const auto read = [](const std::string& stream) {
             const auto size = static_cast<int32>(stream.size());
-            const BooleanT bResult = ObjReconstructWithoutCircles(&o, stream.data(), size);
-            if (o != nullptr) ObjReleaseInternal(&o);
-            return bResult == TRUE;
+            ObjHolder<void> o;
+            return ObjReconstructWithoutCircles(o.Address(), stream.data(), size) == TRUE;
         };
         read(bytes);  // the first time makes templates
         const Leftovers before;
@@ -214,20 +207,19 @@ TEST(Stream, CirclesAreRefusedWhereAskedFor) {
 }
 
 TEST(Stream, NestingIsBounded) {
-    void* o = nullptr;
     for (const int depth : {999, 1000}) {
         std::string bytes;
         for (int i = 0; i < depth; i++) bytes += Object(0xc9c00005, "o;", "");
         // The innermost null is a reference of its own.
-        EXPECT_EQ(Read(&o, bytes + kZero), BooleanFrom(depth < ObjMaximumDepth)) << depth;
-        ObjReleaseInternal(&o);
+        ObjHolder<void> o;
+        EXPECT_EQ(Read(o.Address(), bytes + kZero), BooleanFrom(depth < ObjMaximumDepth)) << depth;
     }
     std::string tree = "\1" + kTree + kZero;
     for (int i = 0; i < 100000; i++) tree += "\1\1" + Integer(i);
     tree += std::string(100001, '\0') + kTree;
-    ASSERT_EQ(Read(&o, tree), TRUE);
-    EXPECT_TRUE(Write(o) == tree);
-    ObjReleaseInternal(&o);
+    ObjHolder<void> o;
+    ASSERT_EQ(Read(o.Address(), tree), TRUE);
+    EXPECT_TRUE(Write(o.Get()) == tree);
 }
 
 // A random graph in which every object made so far may be held again.
@@ -256,15 +248,15 @@ class GraphMaker {
     void* MakeNew(int depth) {
         switch (Draw(depth > 0 ? 8 : 5)) {
             case 0:
-                return ObjIntegerNew(static_cast<int32>(m_random()));
-            case 1:
                 return ObjStringNew(Draw(2) == 0 ? nullptr : std::string(Draw(50), 's').c_str());
-            case 2:
+            case 1:
                 return ObjInt64New(static_cast<int64>(m_random()) << 31);
-            case 3:
+            case 2:
                 return ObjDataFieldNew(std::string(40, 'd').data(), static_cast<int32>(Draw(40)));
-            case 4:
+            case 3:
                 return ObjStanzaNew(NewStanza(Draw(2) == 0 ? nullptr : "c", "t"));
+            case 4:
+                return ObjIntegerNew(static_cast<int32>(m_random()));
             case 5: {
                 AllS* o = NewAll();
                 ObjReleaseInternal(&o->oLink);
@@ -281,7 +273,7 @@ class GraphMaker {
                 return list;
             }
             default: {
-                TreeO tree = TreeNewFromPool(MemGetDefaultPoolId());
+                TreeO tree = TreeNew();
                 TreeNodeO node = nullptr;
                 for (std::size_t i = Draw(6); i > 0; i--) {
                     void* item = Make(depth - 1);
@@ -302,32 +294,23 @@ class GraphMaker {
 TEST(Stream, RandomGraphsComeBackAsTheyWere) {
     const int32 objects = ObjCount();
     for (unsigned seed = 0; seed < 400; seed++) {
-        void* graph = nullptr;
-        {
-            GraphMaker maker(seed);
-            graph = maker.Make(6);
-        }
-        const std::string bytes = Write(graph);
-        void* again = nullptr;
-        ASSERT_EQ(Read(&again, bytes), TRUE) << seed;
-        EXPECT_TRUE(Write(again) == bytes) << seed;
-        ObjReleaseInternal(&again);
-        for (const bool direct : {true, false}) {
-            void* copy = nullptr;
-            ASSERT_EQ(
-                direct ? ObjDuplicateInternal(&copy, graph, TRUE) : ObjDuplicate(&copy, graph),
-                TRUE)
-                << seed;
-            EXPECT_EQ(ObjCompare(copy, graph), TRUE) << seed;
-            ObjReleaseInternal(&copy);
-        }
+        SCOPED_TRACE(seed);
+        ObjHolder<void> graph(GraphMaker(seed).Make(6)), again;
+        const std::string bytes = Write(graph.Get());
+        ASSERT_EQ(Read(again.Address(), bytes), TRUE);
+        EXPECT_TRUE(Write(again.Get()) == bytes);
+        ObjHolder<void> direct, streamed;
+        ASSERT_EQ(ObjDuplicateInternal(direct.Address(), graph.Get(), TRUE), TRUE);
+        ASSERT_EQ(ObjDuplicate(streamed.Address(), graph.Get()), TRUE);
+        for (void* copy : {direct.Get(), streamed.Get()})
+            EXPECT_EQ(ObjCompare(copy, graph.Get()), TRUE);
         // Cut anywhere, it is refused and leaves nothing.
         const int32 before = ObjCount();
         for (std::size_t cut = 0; cut < bytes.size() && seed < 40; cut += 1 + bytes.size() / 50) {
-            EXPECT_EQ(Read(&again, bytes.substr(0, cut)), FALSE);
+            void* part = nullptr;
+            EXPECT_EQ(Read(&part, bytes.substr(0, cut)), FALSE);
             EXPECT_EQ(ObjCount(), before);
         }
-        ObjReleaseInternal(&graph);
     }
     EXPECT_EQ(ObjCount(), objects);
 }
@@ -365,21 +348,19 @@ TEST(Translators, ReplaceAnOlderShapeEverywhere) {
     const std::string old =
         SharedFirst(1, Object(TranslatedMagic, "i;o;", Long(5) + SharedAgain(1)));
     const Leftovers before;
-    void* o = nullptr;
-    ASSERT_EQ(Read(&o, List({old, SharedAgain(1)})), TRUE);
-    auto* list = static_cast<ListO>(o);
+    ListO list = nullptr;
+    ASSERT_EQ(Read(&list, List({old, SharedAgain(1)})), TRUE);
     auto* item = static_cast<NewShapeS*>(list->oFirst->oData);
-    EXPECT_EQ(item->lFirst, 5);
-    EXPECT_EQ(item->lAdded, 77);
+    EXPECT_EQ(std::pair(item->lFirst, item->lAdded), std::pair(5, 77));
     EXPECT_EQ(item->oSelf, item);
     EXPECT_EQ(list->oLast->oData, item);
     ObjReleaseContents(item);
-    ObjReleaseInternal(&o);
+    ObjRelease(&list);
     TraceCapture trace;
     for (const auto& [result, message] :
          {std::pair{eObjTranslateResultInvalid, 168}, {eObjTranslateResultError, 169}}) {
         g_translation = result;
-        EXPECT_EQ(Read(&o, old), FALSE);
+        EXPECT_EQ(Read(&list, old), FALSE);
         EXPECT_TRUE(trace.Has("OBJECT", message));
     }
     EXPECT_EQ(before.Text(), "");
@@ -427,8 +408,7 @@ TEST(Buffers, FramesCountThemselves) {
     const std::string stream = Object(0xc999120d, "d;", Long(4) + "abcd");
     ASSERT_EQ(ObjSerializeToBuffer(item.Get(), 4701, buffer), TRUE);
     EXPECT_EQ(std::string(own + 4, 28), Long(28) + Long(4701) + stream);
-    int32 size = 0;
-    int32 type = 0;
+    int32 size = 0, type = 0, used = 0;
     ObjBufferAnalyze(own + 4, &size, &type);
     EXPECT_EQ(std::pair(size, type), std::pair(20, 4701));
     EXPECT_EQ(ObjBufferSerializedObjectSize(own + 4), 20);
@@ -441,7 +421,6 @@ TEST(Buffers, FramesCountThemselves) {
     ASSERT_EQ(ObjSerializeToBufferNoHead(&size, item.Get(), buffer), TRUE);
     EXPECT_EQ(size, 20);
     void* bytes = nullptr;
-    int32 used = 0;
     ASSERT_EQ(ObjBufferDescriptorGetBuffer(&bytes, &used, buffer), TRUE);
     EXPECT_NE(bytes, own);
     EXPECT_EQ(buffer->lSize, 4 + 2 * 64 + 4 + 1024);  // grown for the second length field
@@ -458,11 +437,12 @@ TEST(Buffers, FramesCountThemselves) {
 
 TEST(Buffers, OnlyTheAskedClassIsRead) {
     const std::string bytes = Integer(3);
-    void* o = nullptr;
-    EXPECT_EQ(ObjReconstructObjectFromMemory(&o, bytes.data(), 0, ObjStringMagic), FALSE);
-    ASSERT_EQ(ObjReconstructObjectFromMemory(&o, bytes.data(), 0, ObjIntegerMagic), TRUE);
-    EXPECT_EQ(ObjGetInteger(static_cast<ObjIntegerO>(o)), 3);
-    ObjReleaseInternal(&o);
+    ObjHolder<void> o;
+    for (const int32 magic : {ObjStringMagic, ObjIntegerMagic}) {
+        EXPECT_EQ(ObjReconstructObjectFromMemory(o.Address(), bytes.data(), 0, magic),
+                  BooleanFrom(magic == ObjIntegerMagic));
+    }
+    EXPECT_EQ(ObjGetInteger(static_cast<ObjIntegerO>(o.Get())), 3);
 }
 
 TEST(Files, HoldTheStreamAndNothingElse) {
@@ -471,23 +451,20 @@ TEST(Files, HoldTheStreamAndNothingElse) {
     const std::string bytes = Object(0xc96cec6f, "s;", String(std::string(200000, 'x')));
     ASSERT_EQ(ObjSerializeToFile(item.Get(), (dir / "o").c_str()), TRUE);
     EXPECT_TRUE(ReadFile(dir / "o") == bytes);
-    void* o = nullptr;
-    ASSERT_EQ(ObjReconstructFromFile(&o, (dir / "o").c_str()), TRUE);
-    EXPECT_EQ(ObjCompare(o, item.Get()), TRUE);
-    ObjReleaseInternal(&o);
-    char* path = nullptr;
-    ASSERT_EQ(ObjSerializeToTempFile(&path, 42, item.Get()), TRUE);
-    EXPECT_TRUE(ReadFile(path) == bytes);
-    ASSERT_EQ(ObjReconstructFromTempFile(&o, path), TRUE);
-    EXPECT_FALSE(Exists(path));
-    ObjReleaseInternal(&o);
-    WriteFile(path, "\5");
-    EXPECT_EQ(ObjReconstructFromTempFile(&o, path), FALSE);
-    EXPECT_FALSE(Exists(path));
-    MemFree(&path);
+    ObjHolder<void> o, again, none;
+    ASSERT_EQ(ObjReconstructFromFile(o.Address(), (dir / "o").c_str()), TRUE);
+    EXPECT_EQ(ObjCompare(o.Get(), item.Get()), TRUE);
+    PoolPtr<char> path;
+    ASSERT_EQ(ObjSerializeToTempFile(path.Address(), 42, item.Get()), TRUE);
+    EXPECT_TRUE(ReadFile(path.Get()) == bytes);
+    for (const BooleanT good : {TRUE, FALSE}) {
+        EXPECT_EQ(ObjReconstructFromTempFile(again.Address(), path.Get()), good);
+        EXPECT_FALSE(Exists(path.Get()));
+        if (good == TRUE) WriteFile(path.Get(), "\5");
+    }
     for (const std::string& unwritable : {dir / "no/o", std::string("/dev/full")})
         EXPECT_EQ(ObjSerializeToFile(item.Get(), unwritable.c_str()), FALSE);
-    EXPECT_EQ(ObjReconstructFromFile(&o, (dir / "no").c_str()), FALSE);
+    EXPECT_EQ(ObjReconstructFromFile(none.Address(), (dir / "no").c_str()), FALSE);
     // From a pipe the size is not known in advance: a lying length ends with the bytes.
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
@@ -495,7 +472,7 @@ TEST(Files, HoldTheStreamAndNothingElse) {
     ASSERT_EQ(write(ends[1], lying.data(), lying.size()), static_cast<ssize_t>(lying.size()));
     close(ends[1]);
     FILE* reader = fdopen(ends[0], "rb");
-    EXPECT_EQ(ObjReconstructFromFP(&o, reader), FALSE);
+    EXPECT_EQ(ObjReconstructFromFP(none.Address(), reader), FALSE);
     fclose(reader);
 }
 
