@@ -18,21 +18,13 @@ void ExpectList(ListO oList, const Items& items) {
     ListNodeO oNode = oList->oFirst;
     for (void* item : items) {
         ASSERT_NE(oNode, nullptr);
-        ASSERT_EQ(oNode->oData, item);
-        ASSERT_EQ(oNode->oHeader, oList);
-        ASSERT_EQ(oNode->oPrevious, oPrevious);
-        ASSERT_EQ(Holders(oNode), 1);
+        ASSERT_EQ(std::tuple(oNode->oData, oNode->oHeader, oNode->oPrevious, Holders(oNode)),
+                  std::tuple(item, oList, oPrevious, 1));
         oPrevious = oNode;
         oNode = oNode->oNext;
     }
     ASSERT_EQ(oNode, nullptr);
     ASSERT_EQ(oList->oLast, oPrevious);
-}
-
-int32 Value(void* oInteger) { return ObjGetInteger(static_cast<ObjIntegerO>(oInteger)); }
-
-int32 CompareValues(void* oA, void* oB) {
-    return Value(oA) < Value(oB) ? -1 : static_cast<int32>(Value(oA) > Value(oB));
 }
 
 BooleanT SameValue(void* oA, void* oB) { return BooleanFrom(Value(oA) == Value(oB)); }
@@ -55,13 +47,8 @@ using ListTest = ObjectTest;
 class Lists {
  public:
     explicit Lists(unsigned seed) : m_random(seed) {
-        for (int32 lValue = 0; lValue < 12; ++lValue) {
+        for (int32 lValue = 0; lValue < 12; ++lValue)
             m_objects.push_back(ObjIntegerNew(lValue / 2));  // every value twice
-        }
-        for (int i = 0; i < 3; ++i) {
-            m_lists.push_back(ListNew(i == 0 ? 0 : ObjIntegerMagic));
-            m_models.emplace_back();
-        }
     }
     ~Lists() {
         for (ListO& oList : m_lists) ObjRelease(&oList);
@@ -72,8 +59,8 @@ class Lists {
     }
 
     void Step() {
-        const std::size_t which = Below(m_lists.size());
-        const std::size_t other = Below(m_lists.size());
+        const std::size_t which = Below(3);
+        const std::size_t other = Below(3);
         ListO oList = m_lists[which];
         Items& model = m_models[which];
         void* oItem = m_objects[Below(m_objects.size())];
@@ -97,19 +84,17 @@ class Lists {
                 break;
             case 1: {
                 ObjIncRefCount(oItem);
-                ObjHolder<void> oHeld(oItem);
-                ASSERT_EQ((first ? ListPushFirstItemInternal : ListPushLastItemInternal)(
-                              oList, oHeld.Address()),
-                          TRUE);
-                ASSERT_EQ(oHeld.Get(), nullptr);
+                void* oHeld = oItem;
+                const auto fnPush = first ? ListPushFirstItemInternal : ListPushLastItemInternal;
+                ASSERT_EQ(fnPush(oList, &oHeld), TRUE);
+                ASSERT_EQ(oHeld, nullptr);
                 model.insert(end, oItem);
                 break;
             }
             case 2: {
                 ObjHolder<void> oHeld;
-                ASSERT_EQ((first ? ListPopFirstItemInternal : ListPopLastItemInternal)(
-                              oList, oHeld.Address()),
-                          BooleanFrom(!model.empty()));
+                const auto fnPop = first ? ListPopFirstItemInternal : ListPopLastItemInternal;
+                ASSERT_EQ(fnPop(oList, oHeld.Address()), BooleanFrom(!model.empty()));
                 if (model.empty()) break;
                 ASSERT_EQ(oHeld.Get(), first ? model.front() : model.back());
                 model.erase(first ? end : end - 1);
@@ -153,23 +138,16 @@ class Lists {
                 ASSERT_EQ(ListSort(oList, CompareValues), TRUE);
                 // Equal items may come in any order.
                 Items sorted;
-                for (oNode = oList->oFirst; oNode != nullptr; oNode = oNode->oNext) {
+                for (oNode = oList->oFirst; oNode != nullptr; oNode = oNode->oNext)
                     sorted.push_back(oNode->oData);
-                }
-                ASSERT_TRUE(
-                    std::is_permutation(sorted.begin(), sorted.end(), model.begin(), model.end()));
-                ASSERT_TRUE(std::is_sorted(sorted.begin(), sorted.end(), [](void* oA, void* oB) {
-                    return Value(oA) < Value(oB);
-                }));
+                ASSERT_TRUE(std::ranges::is_permutation(sorted, model));
+                ASSERT_TRUE(std::ranges::is_sorted(sorted, {}, Value));
                 model = sorted;
                 break;
             }
             case 8:
                 ASSERT_EQ(ListAddUniqueItem(oList, SameValue, oItem), TRUE);
-                if (std::none_of(model.begin(), model.end(),
-                                 [&](void* oOther) { return Value(oOther) == Value(oItem); })) {
-                    model.push_back(oItem);
-                }
+                if (std::ranges::count(model, Value(oItem), Value) == 0) model.push_back(oItem);
                 break;
             case 9:
                 ASSERT_EQ((first ? ListInsertBefore : ListInsertAfter)(oNode, oItem), TRUE);
@@ -190,13 +168,13 @@ class Lists {
                 model = which == 0 ? Items{oItem} : Items{};  // all items are of one class
                 break;
         }
-        for (std::size_t i = 0; i < m_lists.size(); ++i) {
+        for (std::size_t i = 0; i < 3; ++i) {
             ASSERT_NO_FATAL_FAILURE(ExpectList(m_lists[i], m_models[i]));
             ASSERT_EQ(ListVerify(m_lists[i]), TRUE);
         }
         for (void* oObject : m_objects) {
             std::ptrdiff_t uses = 1;
-            for (const Items& all : m_models) uses += std::count(all.begin(), all.end(), oObject);
+            for (const Items& all : m_models) uses += std::ranges::count(all, oObject);
             ASSERT_EQ(Holders(oObject), uses);
         }
     }
@@ -206,8 +184,8 @@ class Lists {
 
     std::mt19937 m_random;
     Items m_objects;
-    std::vector<ListO> m_lists;
-    std::vector<Items> m_models;
+    ListO m_lists[3] = {ListNew(), ListNew(ObjIntegerMagic), ListNew(ObjIntegerMagic)};
+    Items m_models[3];
 };
 
 TEST_F(ListTest, RandomOperationsAgreeWithAModel) {

@@ -72,6 +72,7 @@ TEST(Templates, SizesOfDescriptors) {
         int32 size32;  // data size with 4-byte pointers
         int32 fixed;
         BooleanT invalid;
+        const char* message = "";
     } shapes[] = {
         {"o;i;n65536;o;", 4, 65548, 44, FALSE},
         {"s;s;i;i;i;o;o;o;", 8, 32, 68, FALSE},
@@ -79,44 +80,38 @@ TEST(Templates, SizesOfDescriptors) {
         {"i;i;L;l;o;", 5, 20, 40, TRUE},
         {"o;l;l;o;l;o;b;l;", 8, 32, 44, TRUE},
         {"n5;i;", 2, 12, 28, FALSE},
-        {"i;q;i;", 1, 4, 20, FALSE},
+        {"i;q;i;", 1, 4, 20, FALSE, "Invalid component q"},
+        {"ix;", 1, 4, 20, FALSE, "Unknown component modifier 'x'"},
         {"i", 1, 4, 20, FALSE},
         {"", 0, 0, 16, FALSE},
         {"n;", 1, 0, 24, FALSE},
         {"v;d;I;", 3, 28, 32, FALSE},
         {"u;", 1, 32, 48, FALSE},
         {"n3;n3;b;", 3, 12, 36, FALSE},
-        {"i;;i;", 1, 4, 20, FALSE},
+        {"i;;i;", 1, 4, 20, FALSE, "Invalid component ;"},
     };
     for (const auto& shape : shapes) {
+        SCOPED_TRACE(shape.descriptor);
+        TraceCapture trace;
         ObjTemplateT built = Template(shape.descriptor);
-        ASSERT_NE(built, nullptr) << shape.descriptor;
+        ASSERT_NE(built, nullptr);
+        EXPECT_EQ(trace.Text("OBJECT", 30) + trace.Text("OBJECT", 29), shape.message);
         const ObjDbDataT& data = built->tDbData;
-        EXPECT_EQ(data.lFieldCount, shape.fields) << shape.descriptor;
-        EXPECT_EQ(data.lDbFixedSize, shape.fixed) << shape.descriptor;
-        EXPECT_EQ(data.bInvalidDbObject, shape.invalid) << shape.descriptor;
+        EXPECT_EQ(std::tuple(data.lFieldCount, data.lDbFixedSize, data.bInvalidDbObject),
+                  std::tuple(shape.fields, shape.fixed, shape.invalid));
         if (sizeof(void*) == 4) {
-            EXPECT_EQ(data.lObjSize, shape.size32 + 20) << shape.descriptor;
+            EXPECT_EQ(data.lObjSize, shape.size32 + 20);
         }
     }
     const ObjDbFieldT* pending = Template("o;i;n65536;o;")->tDbData.atFields;
     EXPECT_EQ(pending[2].lObjOffset, static_cast<int32>(sizeof(void*)) + 4);
-    EXPECT_EQ(pending[1].lDbOffset, 24);
-    EXPECT_EQ(pending[2].lDbOffset, 28);
-    EXPECT_EQ(pending[3].lDbOffset, 36);
+    EXPECT_EQ(std::tuple(pending[1].lDbOffset, pending[2].lDbOffset, pending[3].lDbOffset),
+              std::tuple(24, 28, 36));
     if (sizeof(void*) == 4) {
         EXPECT_EQ(std::vector({sizeof(ListS), sizeof(ListNodeS), sizeof(TreeS), sizeof(TreeNodeS),
                                sizeof(ObjHeaderT)}),
                   (std::vector<std::size_t>{20, 16, 12, 32, 16}));
     }
-}
-
-TEST(Templates, UnknownLettersAndModifiersAreTraced) {
-    TraceCapture trace;
-    ASSERT_NE(Template("i;q;i;"), nullptr);
-    EXPECT_EQ(trace.Text("OBJECT", 30), "Invalid component q");
-    ASSERT_NE(Template("ix;"), nullptr);
-    EXPECT_EQ(trace.Text("OBJECT", 29), "Unknown component modifier 'x'");
 }
 
 TEST(Templates, WhatCannotBeBuiltIsAForcedStop) {
@@ -169,13 +164,14 @@ TEST(Names, OfMagicsAndObjects) {
     const int32 magic = ObjMagic(0xc9a00020);
     auto* o = ObjNew<LinkS>(magic, "o;");
     EXPECT_STREQ(ObjNameFromObject(o), "Unknown object magic 0xc9a00020");
-    EXPECT_EQ(ObjSetObjName(magic, ""), FALSE);
-    EXPECT_EQ(ObjSetObjName(ListMagic, "OTHER"), FALSE);
-    EXPECT_EQ(ObjSetObjName(7, "OTHER"), FALSE);
-    EXPECT_EQ(ObjSetObjName(magic, "NAMED"), TRUE);
-    EXPECT_EQ(ObjSetObjName(magic, "AGAIN"), FALSE);
+    for (const auto& [named, name, result] : {std::tuple{magic, "", FALSE},
+                                              {ListMagic, "OTHER", FALSE},
+                                              {7, "OTHER", FALSE},
+                                              {magic, "NAMED", TRUE},
+                                              {magic, "AGAIN", FALSE},
+                                              {ObjMagic(0xc9a00021), "BEFORE", TRUE}})
+        EXPECT_EQ(ObjSetObjName(named, name), result) << name;
     EXPECT_STREQ(ObjNameFromObject(o), "NAMED");
-    EXPECT_EQ(ObjSetObjName(ObjMagic(0xc9a00021), "BEFORE"), TRUE);
     ObjHolder<LinkS> later(ObjNew<LinkS>(ObjMagic(0xc9a00021), "o;"));
     EXPECT_STREQ(ObjNameFromObject(later.Get()), "BEFORE");
     EXPECT_EQ(ObjGetInstanceCount(magic), 1);
@@ -262,24 +258,22 @@ TEST(Holders, LongChainsAndCirclesGo) {
 
 TEST(Copies, AreEqualAndIndependent) {
     ObjHolder<AllS> o(NewAll());
-    void* copy = nullptr;
-    ASSERT_EQ(ObjDuplicateInternal(&copy, o.Get(), TRUE), TRUE);
-    EXPECT_EQ(LocalStream(copy), LocalStream(o.Get()));
-    EXPECT_EQ(ObjCompare(copy, o.Get()), TRUE);
-    static_cast<AllS*>(copy)->pstrValue[0] = 'T';
-    EXPECT_EQ(ObjCompare(copy, o.Get()), FALSE);
+    ObjHolder<void> oCopy, oPublic, oStreamed, oNone;
+    ASSERT_EQ(ObjDuplicateInternal(oCopy.Address(), o.Get(), TRUE), TRUE);
+    EXPECT_EQ(LocalStream(oCopy.Get()), LocalStream(o.Get()));
+    EXPECT_EQ(ObjCompare(oCopy.Get(), o.Get()), TRUE);
+    static_cast<AllS*>(oCopy.Get())->pstrValue[0] = 'T';
+    EXPECT_EQ(ObjCompare(oCopy.Get(), o.Get()), FALSE);
     EXPECT_STREQ(o.Get()->pstrValue, "text");
-    ObjReleaseInternal(&copy);
     // Without local data the private link stays behind.
-    ASSERT_EQ(ObjDuplicateInternal(&copy, o.Get(), FALSE), TRUE);
-    EXPECT_EQ(static_cast<AllS*>(copy)->oPrivate, nullptr);
-    EXPECT_EQ(ObjGetInteger(static_cast<ObjIntegerO>(static_cast<AllS*>(copy)->oLink)), 1);
-    ObjReleaseInternal(&copy);
-    ASSERT_EQ(ObjDuplicate(&copy, o.Get()), TRUE);
-    EXPECT_EQ(static_cast<AllS*>(copy)->pPointer, o.Get());
-    ObjReleaseInternal(&copy);
+    ASSERT_EQ(ObjDuplicateInternal(oPublic.Address(), o.Get(), FALSE), TRUE);
+    const auto* ptPublic = static_cast<AllS*>(oPublic.Get());
+    EXPECT_EQ(ptPublic->oPrivate, nullptr);
+    EXPECT_EQ(Value(ptPublic->oLink), 1);
+    ASSERT_EQ(ObjDuplicate(oStreamed.Address(), o.Get()), TRUE);
+    EXPECT_EQ(static_cast<AllS*>(oStreamed.Get())->pPointer, o.Get());
     EXPECT_EQ(ObjCompare(o.Get(), nullptr), FALSE);
-    EXPECT_EQ(ObjDuplicateInternal(&copy, nullptr, TRUE), FALSE);
+    EXPECT_EQ(ObjDuplicateInternal(oNone.Address(), nullptr, TRUE), FALSE);
 }
 
 TEST(Copies, KeepSharingCirclesListsAndTrees) {
@@ -287,7 +281,7 @@ TEST(Copies, KeepSharingCirclesListsAndTrees) {
     ObjHolder<ObjIntegerS> shared(ObjIntegerNew(3));
     ListAddLastItem(list.Get(), shared.Get());
     ListAddLastItem(list.Get(), shared.Get());
-    TreeO tree = TreeNewFromPool(MemGetDefaultPoolId());
+    TreeO tree = TreeNew();
     TreeNodeO root = TreeAddRootItem(shared.Get(), tree);
     root->bOpen = TRUE;
     TreeAddItem(shared.Get(), TreeAddItem(shared.Get(), root, TREE_LAST_CHILD), TREE_FIRST_CHILD);
@@ -316,30 +310,21 @@ TEST(Copies, KeepSharingCirclesListsAndTrees) {
 }
 
 TEST(Copies, DeepGraphsAreRefused) {
-    const int32 objects = ObjCount();
-    LinkS* fits = NewChain(ObjMaximumDepth);
-    LinkS* deep = NewChain(ObjMaximumDepth + 1);
-    void* copy = nullptr;
-    EXPECT_EQ(ObjDuplicateInternal(&copy, fits, TRUE), TRUE);
-    EXPECT_EQ(ObjCompare(copy, fits), TRUE);
-    ObjReleaseInternal(&copy);
-    EXPECT_EQ(ObjDuplicateInternal(&copy, deep, TRUE), FALSE);
-    EXPECT_EQ(copy, nullptr);
-    EXPECT_EQ(ObjSerializedSize(deep), -1);
-    ObjRelease(&fits);
-    ObjRelease(&deep);
-
-    EXPECT_EQ(ObjCount(), objects);
-}
-
-int32 ByValue(void* oA, void* oB) {
-    const int32 a = ObjGetInteger(static_cast<ObjIntegerO>(oA));
-    const int32 b = ObjGetInteger(static_cast<ObjIntegerO>(oB));
-    return a < b ? -1 : static_cast<int32>(a > b);
+    const Leftovers before;
+    {
+        ObjHolder<LinkS> fits(NewChain(ObjMaximumDepth)), deep(NewChain(ObjMaximumDepth + 1));
+        ObjHolder<void> copy, none;
+        EXPECT_EQ(ObjDuplicateInternal(copy.Address(), fits.Get(), TRUE), TRUE);
+        EXPECT_EQ(ObjCompare(copy.Get(), fits.Get()), TRUE);
+        EXPECT_EQ(ObjDuplicateInternal(none.Address(), deep.Get(), TRUE), FALSE);
+        EXPECT_EQ(none.Get(), nullptr);
+        EXPECT_EQ(ObjSerializedSize(deep.Get()), -1);
+    }
+    EXPECT_EQ(before.Text(), "");
 }
 
 int32 Limited(void* oA, void* oB, void* pvLeft) {
-    return --*static_cast<int*>(pvLeft) < 0 ? 2 : ByValue(oA, oB);
+    return --*static_cast<int*>(pvLeft) < 0 ? 2 : CompareValues(oA, oB);
 }
 
 TEST(Sorting, MatchesTheStandardSort) {
@@ -354,11 +339,11 @@ TEST(Sorting, MatchesTheStandardSort) {
                 objects.push_back(ObjIntegerNew(values.back()));
             }
             objects.push_back(nullptr);
-            EXPECT_EQ(ObjQuickSort(objects.data(), count - 1, ByValue), TRUE);
+            EXPECT_EQ(ObjQuickSort(objects.data(), count - 1, CompareValues), TRUE);
             objects.pop_back();
             std::sort(values.begin(), values.end());
             for (int i = 0; i < count; i++) {
-                ASSERT_EQ(ObjGetInteger(static_cast<ObjIntegerO>(objects[i])), values[i]);
+                ASSERT_EQ(Value(objects[i]), values[i]);
                 ObjReleaseInternal(&objects[i]);
             }
         }
@@ -403,19 +388,15 @@ TEST(Counts, FollowTheObjectsAndAreMirrored) {
     ProcDetailsT details = {};
     gtTlContext.sProcess.ptDetails = &details;
     ObjIntegerO o = ObjIntegerNew(1);
-    EXPECT_EQ(details.lObjCount, ObjCount());
-    EXPECT_EQ(details.lObjMax, ObjMax());
-    EXPECT_EQ(details.lObjAllocations, ObjAllocations());
+    EXPECT_EQ(std::tuple(details.lObjCount, details.lObjMax, details.lObjAllocations),
+              std::tuple(ObjCount(), ObjMax(), ObjAllocations()));
     ObjRelease(&o);
     EXPECT_EQ(details.lObjCount, ObjCount());
     gtTlContext.sProcess.ptDetails = nullptr;
 }
 
 TEST(Counts, TablesAreMergedByClass) {
-    ObjCountEntryT* before = nullptr;
-    ObjCountEntryT* after = nullptr;
-    ObjCountEntryT* copy = nullptr;
-    ObjCountEntryT* zero = nullptr;
+    ObjCountEntryT *before = nullptr, *after = nullptr, *copy = nullptr, *zero = nullptr;
     ObjHolder<ObjStringS> gone(ObjStringNew("x"));
     ObjGetObjectCounts(&before);
     ObjHolder<ObjInt64S> one(ObjInt64New(1));

@@ -13,6 +13,12 @@
 
 inline int32 Holders(void* oObject) { return (static_cast<ObjHeaderT*>(oObject) - 1)->lRefCount; }
 
+// Of integer objects.
+inline int32 Value(void* oInteger) { return ObjGetInteger(static_cast<ObjIntegerO>(oInteger)); }
+inline int32 CompareValues(void* oA, void* oB) {
+    return Value(oA) < Value(oB) ? -1 : static_cast<int32>(Value(oA) > Value(oB));
+}
+
 // A stanza with a key of a value and a null.
 inline StnzT* NewStanza(const char* category, const char* title) {
     StnzT* stanza = nullptr;
