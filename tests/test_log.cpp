@@ -82,6 +82,10 @@ Text Build(int32 level, const UniqueT* session, void* object, const char* format
     return built == TRUE ? Built(message.Get()) : Text();
 }
 
+Text Plain(const char* format, auto... values) {
+    return Build(1, nullptr, nullptr, format, values...);
+}
+
 Text g_called;
 BooleanT Callback(MsgAddressO oAddress, MsgTypeT tMsgType, logdMessageO oMessage) {
     EXPECT_EQ(tMsgType, 2600);
@@ -143,69 +147,43 @@ TEST_F(LogTest, BytesOfAnImage) {
               0);
 }
 
+// What becomes of the values: the arguments of the image, and the text that is shown.
+void Expect(const std::vector<Text>& arguments, const Text& shown, const char* format,
+            auto... values) {
+    const Text built = Plain(format, values...);
+    EXPECT_EQ(built, Image(7, 1, format, arguments)) << format;
+    EXPECT_EQ(Shown(built), shown);
+}
+
 TEST_F(LogTest, Arguments) {
-    const Text no = "??????";
-    const Text half = Text(253, 'a') + "\x81";  // with half a character at the end
+    const Text no = "??????", all = Text(254, 'a');
+    const Text half = Text(253, 'a') + "\201bc";  // half a character at the end of what fits
     const char* none = nullptr;
-    const struct {
-        Text built;
-        const char* format;
-        std::vector<Text> arguments;
-        Text shown;
-    } cases[] = {
-        {Build(1, nullptr, nullptr, "%d|%d", 2147483647, -2147483647 - 1),
-         "%d|%d",
-         {"2147483647", "-2147483648"},
-         "2147483647|-2147483648"},
-        {Build(1, nullptr, nullptr, "%ld%lu%lx", -5L, 7L, 255L),
-         "%ld%lu%lx",
-         {"-5", "7", "255"},
-         "-57255"},
-        {Build(1, nullptr, nullptr, "%lf%lld%s%l", 1.5, 1LL << 40, "k"),
-         "%lf%lld%s%l",
-         {no, "1099511627776", "k", no},
-         no + "1099511627776dk" + no},
-        {Build(1, nullptr, nullptr, "%s,%s,%s", none, "", "%d"),
-         "%s,%s,%s",
-         {"(null)", "", "%d"},
-         "(null),,%d"},
-        {Build(1, nullptr, nullptr, "100%% %d", 3), "100%% %d", {"%", "3"}, "100% 3"},
-        {Build(1, nullptr, nullptr, "?? %"), "?? %", {"%"}, "?? %"},
-        {Build(1, nullptr, nullptr, "%x %s", 9, "k"), "%x %s", {no, "k"}, no + " k"},
-        {Build(1, nullptr, nullptr, "%f%p%c%s", 1.5, nullptr, 'c', "k"),
-         "%f%p%c%s",
-         {no, no, no, "k"},
-         no + no + no + "k"},
-        // No width is known: nothing behind it is believed to be where it seems.
-        {Build(1, nullptr, nullptr, "%5d %s%ld%%", 9, "k", 3L),
-         "%5d %s%ld%%",
-         {no, no, no, "%"},
-         no + "d " + no + no + "%"},
-        {Build(1, nullptr, nullptr, "%s", (Text(254, 'a') + "bc").c_str()),
-         "%s",
-         {Text(254, 'a')},
-         Text(254, 'a')},
-        {Build(1, nullptr, nullptr, "%s", (half + "bc").c_str()),
-         "%s",
-         {Text(253, 'a')},
-         Text(253, 'a')},
-    };
-    for (const auto& [built, format, arguments, shown] : cases) {
-        EXPECT_EQ(built, Image(7, 1, format, arguments)) << format;
-        EXPECT_EQ(Shown(built), shown);
-    }
+    Expect({"2147483647", "-2147483648"}, "2147483647|-2147483648", "%d|%d", 2147483647,
+           -2147483647 - 1);
+    Expect({"-5", "7", "255"}, "-57255", "%ld%lu%lx", -5L, 7L, 255L);
+    Expect({no, "1099511627776", "k", no}, no + "1099511627776dk" + no, "%lf%lld%s%l", 1.5,
+           1LL << 40, "k");
+    Expect({"(null)", "", "%d"}, "(null),,%d", "%s,%s,%s", none, "", "%d");
+    Expect({"%", "3"}, "100% 3", "100%% %d", 3);
+    Expect({"%"}, "?? %", "?? %");
+    Expect({no, "k"}, no + " k", "%x %s", 9, "k");
+    Expect({no, no, no, "k"}, no + no + no + "k", "%f%p%c%s", 1.5, nullptr, 'c', "k");
+    // No width is known: nothing behind it is believed to be where it seems.
+    Expect({no, no, no, "%"}, no + "d " + no + no + "%", "%5d %s%ld%%", 9, "k", 3L);
+    Expect({all}, all, "%s", (all + "bc").c_str());
+    Expect({Text(253, 'a')}, Text(253, 'a'), "%s", half.c_str());
 }
 
 TEST_F(LogTest, Limits) {
     // Every place holder that a format has room for.
     const Text percent = Text(254, '%');
-    EXPECT_EQ(Build(1, nullptr, nullptr, percent.c_str()),
-              Image(7, 1, percent, std::vector<Text>(127, "%")));
-    EXPECT_EQ(Build(1, nullptr, nullptr, Text(254, 'f').c_str()), Image(7, 1, Text(254, 'f'), {}));
+    EXPECT_EQ(Plain(percent.c_str()), Image(7, 1, percent, std::vector<Text>(127, "%")));
+    EXPECT_EQ(Plain(Text(254, 'f').c_str()), Image(7, 1, Text(254, 'f'), {}));
     TraceCapture trace;
     LogSetSendCallback(Callback);
     for (const Text& format : {Text(), Text(255, 'f')}) {
-        EXPECT_EQ(Build(1, nullptr, nullptr, format.c_str()), "");
+        EXPECT_EQ(Plain(format.c_str()), "");
         const char* refused = format.c_str();
         LogMessage(1, 1, nullptr, refused, 1);
     }
@@ -214,7 +192,7 @@ TEST_F(LogTest, Limits) {
     for (const std::size_t length : {254, 255}) {
         const Text name(length, 'n');
         LogSetClass(name.c_str());
-        EXPECT_EQ(Build(1, nullptr, nullptr, "f").empty(), length == 255);
+        EXPECT_EQ(Plain("f").empty(), length == 255);
         LogSetClass(nullptr);
     }
     // An object that fills the image to its last byte, and one that is a byte longer.
