@@ -1,14 +1,8 @@
-#include <gtest/gtest.h>
-
-#include <map>
-#include <random>
 #include <string>
-#include <utility>
-#include <vector>
 
 #include "core/map.h"
-#include "core/memory.h"
-#include "core/objwrappers.h"
+#include "support/mapmodel.h"
+#include "support/objects.h"
 #include "support/support.h"
 
 namespace {
@@ -17,8 +11,6 @@ struct Entry {
     int32 key;
     int32 value;
 };
-using Entries = std::vector<std::pair<int32, int32>>;
-
 Entries gReleased;  // entries that the release callback was given
 
 int32 FindKey(void* key, void* entry) {
@@ -37,26 +29,51 @@ BooleanT Collect(void* entry, void* entries) {
     return TRUE;
 }
 
-Entries Contents(MapO map) {
-    Entries entries;
-    EXPECT_EQ(MapWalk(map, Collect, &entries), TRUE);
-    return entries;
-}
-
-class Map : public testing::Test {
- protected:
-    void SetUp() override { gReleased.clear(); }
-    MapO Make(int32 growSize, MapReleaseFnT release = ReleaseEntry) {
+class Map : public ObjectTest {
+ public:
+    MapO Make(int32 growSize) {
         EXPECT_EQ(
-            MapCreate(m_map.Address(), sizeof(Entry), growSize, LocateEntry, FindKey, release),
+            MapCreate(m_map.Address(), sizeof(Entry), growSize, LocateEntry, FindKey, ReleaseEntry),
             TRUE);
         return m_map.Get();
     }
-    BooleanT Insert(int32 key, int32 value) {
-        Entry entry = {key, value};
-        return MapInsertEntry(m_map.Get(), &entry);
+    BooleanT Insert(int32 key, int32 value) { return With(MapInsertEntry, key, value); }
+    BooleanT Update(int32 key, int32 value) { return With(MapUpdateEntry, key, value); }
+    BooleanT Remove(int32 key) { return With(MapRemoveEntry, key, 0); }
+    BooleanT Delete(int32 key) { return MapDeleteEntry(m_map.Get(), &key); }
+    void Find(int32 key, const int32* value) {
+        void* found = nullptr;
+        Entry copy = {0, -1};
+        const BooleanT present = BooleanFrom(value != nullptr);
+        ASSERT_EQ(MapFindEntry(&found, m_map.Get(), &key), present);
+        ASSERT_EQ(MapFindEntry(nullptr, m_map.Get(), &key), present);
+        ASSERT_EQ(MapFindAndCopyEntry(&copy, m_map.Get(), &key), present);
+        ASSERT_EQ(copy.value, value != nullptr ? *value : -1);
+        ASSERT_EQ(found != nullptr, value != nullptr);
+    }
+    BooleanT ReleaseAll() { return MapReleaseEntries(m_map.Get()); }
+    void ReleaseMap() { EXPECT_EQ(ObjRelease(m_map.Address()), TRUE); }
+    Entries Contents() {
+        Entries entries;
+        EXPECT_EQ(MapWalk(m_map.Get(), Collect, &entries), TRUE);
+        EXPECT_EQ(MapSize(m_map.Get()), static_cast<int32>(entries.size()));
+        return entries;
+    }
+    static Entries Released() { return std::exchange(gReleased, {}); }
+
+ protected:
+    void TearDown() override {
+        if (m_map.Get() != nullptr) ReleaseMap();
+        Released();
+        ObjectTest::TearDown();
     }
     ObjHolder<MapS> m_map;
+
+ private:
+    BooleanT With(BooleanT (*function)(MapO, void*), int32 key, int32 value) {
+        Entry entry = {key, value};
+        return function(m_map.Get(), &entry);
+    }
 };
 
 }  // namespace
@@ -83,28 +100,26 @@ TEST_F(Map, RoomGrowsByTheGrowSize) {
         room.push_back(map->lMaximumEntries);
     }
     EXPECT_EQ(room, (std::vector<int32>{2, 2, 4, 4, 6}));
+    EXPECT_EQ(ReleaseAll(), TRUE);
+    EXPECT_EQ(map->lMaximumEntries, 6);
 
-    ObjHolder<MapS> standard;
+    ObjHolder<MapS> standard;  // the function that gives the order also finds
     ASSERT_EQ(MapCreate(standard.Address(), sizeof(Entry), 0, LocateEntry, nullptr, nullptr), TRUE);
-    for (int32 key = 0; key < 65; ++key) {
+    for (Entry entry = {0, 0}; entry.key < 65; ++entry.key) {
         EXPECT_EQ(standard.Get()->lMaximumEntries, 64);
-        Entry entry = {key, 0};
         EXPECT_EQ(MapInsertEntry(standard.Get(), &entry), TRUE);
+        EXPECT_EQ(MapFindEntry(nullptr, standard.Get(), &entry), TRUE);
     }
     EXPECT_EQ(standard.Get()->lMaximumEntries, 128);
-    Entry entry = {64, 0};
-    EXPECT_EQ(MapFindEntry(nullptr, standard.Get(), &entry),
-              TRUE);  // found with the other function
 }
 
 TEST_F(Map, DuplicatesAndUpdates) {
-    MapO map = Make(4);
+    Make(4);
     Insert(1, 10);
     TraceCapture trace;
     EXPECT_EQ(Insert(1, 11), FALSE);
     EXPECT_EQ(trace.Text("MAP", 5), "Entry is already in map");
-    Entry entry = {1, 12};
-    EXPECT_EQ(MapUpdateEntry(map, &entry), TRUE);
+    EXPECT_EQ(Update(1, 12), TRUE);
     EXPECT_EQ(trace.Count("MAP", 4), 1);  // updating is silent
 }
 
@@ -152,77 +167,7 @@ TEST_F(Map, RefusesWhatIsNoMap) {
     }
 }
 
-// Releasing the object releases the entries while they are still there, and frees all memory.
-TEST_F(Map, ReleaseGivesEveryEntryToTheCallback) {
-    const int32 blocks = MemUsedCount();
-    MapO map = Make(2);
-    for (int32 key : {2, 3, 1}) Insert(key, key + 100);
-    const Entries all = {{1, 101}, {2, 102}, {3, 103}};
-    EXPECT_EQ(MapReleaseEntries(map), TRUE);
-    EXPECT_EQ(std::exchange(gReleased, {}), all);
-    EXPECT_EQ(MapSize(map), 0);
-    EXPECT_EQ(map->lMaximumEntries, 4);
-
-    for (int32 key : {3, 1, 2}) Insert(key, key + 100);
-    EXPECT_EQ(ObjRelease(m_map.Address()), TRUE);
-    EXPECT_EQ(gReleased, all);
-    EXPECT_EQ(MemUsedCount(), blocks);
-}
-
-// Random operations beside a model; small room and few keys, so that every case comes up.
 TEST_F(Map, AgreesWithModel) {
-    std::mt19937 engine(7);
-    MapO map = Make(3);
-    std::map<int32, int32> model;
-    Entries released;
-    const auto erase = [&](int32 key) {
-        const auto found = model.find(key);
-        if (found == model.end()) return FALSE;
-        released.push_back(*found);
-        model.erase(found);
-        return TRUE;
-    };
-    for (int step = 0; step < 20000; ++step) {
-        int32 key = static_cast<int32>(engine() % 40) - 20;
-        Entry entry = {key, step};
-        switch (engine() % 6) {
-            case 0:
-                ASSERT_EQ(MapInsertEntry(map, &entry),
-                          BooleanFrom(model.emplace(key, step).second));
-                break;
-            case 1:
-                if (const auto found = model.find(key); found != model.end())
-                    released.push_back(*found);
-                model[key] = step;
-                ASSERT_EQ(MapUpdateEntry(map, &entry), TRUE);
-                break;
-            case 2:
-                ASSERT_EQ(MapRemoveEntry(map, &entry), erase(key));
-                break;
-            case 3:
-                ASSERT_EQ(MapDeleteEntry(map, &key), erase(key));
-                break;
-            case 4: {
-                void* found = nullptr;
-                Entry copy = {0, -1};
-                const auto expected = model.find(key);
-                const BooleanT present = BooleanFrom(expected != model.end());
-                ASSERT_EQ(MapFindEntry(&found, map, &key), present);
-                ASSERT_EQ(MapFindEntry(nullptr, map, &key), present);
-                ASSERT_EQ(MapFindAndCopyEntry(&copy, map, &key), present);
-                ASSERT_EQ(copy.value, present == TRUE ? expected->second : -1);
-                ASSERT_EQ(found != nullptr, present == TRUE);
-                break;
-            }
-            default:
-                if (engine() % 200 == 0) {
-                    released.insert(released.end(), model.begin(), model.end());
-                    model.clear();
-                    ASSERT_EQ(MapReleaseEntries(map), TRUE);
-                }
-        }
-        ASSERT_EQ(MapSize(map), static_cast<int32>(model.size()));
-        ASSERT_EQ(Contents(map), Entries(model.begin(), model.end()));
-        ASSERT_EQ(std::exchange(gReleased, {}), std::exchange(released, {}));
-    }
+    Make(3);
+    ExpectLikeModel(*this, 7);
 }
