@@ -3,7 +3,6 @@
 
 #include "core/list.h"
 #include "core/objwalk.h"
-#include "core/objwrappers.h"
 #include "core/tree.h"
 #include "support/objects.h"
 #include "support/support.h"
@@ -12,12 +11,6 @@ namespace {
 
 using WrapperTest = ObjectTest;
 
-char* Text(const char* pstrText) {
-    auto* pstrCopy = static_cast<char*>(
-        MemAllocateFromPool(static_cast<int32>(std::strlen(pstrText) + 1), MemGetDefaultPoolId()));
-    return std::strcpy(pstrCopy, pstrText);
-}
-
 // --- wrappers ---
 
 TEST_F(WrapperTest, StringOwnsItsText) {
@@ -25,7 +18,7 @@ TEST_F(WrapperTest, StringOwnsItsText) {
     EXPECT_EQ(ObjGetString(oEmpty.Get()), nullptr);
     EXPECT_EQ(ObjSetString(oString.Get(), ObjGetString(oString.Get()) + 2), TRUE);
     EXPECT_STREQ(ObjGetString(oString.Get()), "chive");
-    char* pstrTaken = Text("taken");
+    char* pstrTaken = StrDuplicate("taken");
     EXPECT_EQ(ObjSetStringNoCopy(oString.Get(), pstrTaken), TRUE);
     EXPECT_EQ(ObjSetStringNoCopy(oString.Get(), pstrTaken), TRUE);
     EXPECT_EQ(ObjGetString(oString.Get()), pstrTaken);
@@ -50,7 +43,7 @@ TEST_F(WrapperTest, DataFieldCopiesOrTakesItsBlock) {
     ObjHolder<ObjDataFieldS> oCopy(ObjDataFieldNew(strBytes, 5)), oTaken, oNothing;
     strBytes[0] = 'x';
     EXPECT_EQ(std::memcmp(ObjGetDataFieldData(oCopy.Get()), "bytes", 5), 0);
-    char* pstrBlock = Text("block");
+    char* pstrBlock = StrDuplicate("block");
     ASSERT_EQ(ObjDataFieldCreateNoCopy(oTaken.Address(), pstrBlock, 6), TRUE);
     EXPECT_EQ(ObjGetDataField(oTaken.Get())->pData, pstrBlock);
     ASSERT_EQ(ObjDataFieldCreate(oNothing.Address(), nullptr, 12), TRUE);
@@ -58,9 +51,7 @@ TEST_F(WrapperTest, DataFieldCopiesOrTakesItsBlock) {
 }
 
 TEST_F(WrapperTest, StanzaIsTakenAndViewInfoIsCopied) {
-    StnzT *pFirst = nullptr, *pSecond = nullptr;
-    ASSERT_EQ(StnzCreate(&pFirst, nullptr, "first", 0), TRUE);
-    ASSERT_EQ(StnzCreate(&pSecond, nullptr, "second", 0), TRUE);
+    StnzT *pFirst = NewStanza(nullptr, "first"), *pSecond = NewStanza(nullptr, "second");
     ObjHolder<ObjStanzaS> oStanza(ObjStanzaNew(pFirst));
     EXPECT_EQ(ObjGetStanza(oStanza.Get()), pFirst);
     EXPECT_EQ(ObjSetStanza(oStanza.Get(), nullptr), FALSE);
@@ -72,14 +63,12 @@ TEST_F(WrapperTest, StanzaIsTakenAndViewInfoIsCopied) {
     StnzRelease(&pFirst);
     ObjViewInfoT tView = {};
     ASSERT_EQ(ObjGetViewInfo(&tView, oView.Get()), TRUE);
-    EXPECT_EQ(tView.lType, 4);
-    EXPECT_STREQ(tView.pstrName, "name");
-    EXPECT_STREQ(tView.pStanza->pstrTitle, "first");
+    EXPECT_EQ(std::tuple(tView.lType, std::string(tView.pstrName), tView.pStanza->pstrTitle),
+              std::tuple(4, "name", std::string("first")));
 }
 
 TEST_F(WrapperTest, ValuesAreCopiedByTheirWidth) {
-    StnzT* pStanza = nullptr;
-    ASSERT_EQ(StnzCreate(&pStanza, nullptr, "title", 0), TRUE);
+    StnzT* pStanza = NewStanza(nullptr, "title");
     auto* oUnique = ObjNew<ObjUniqueS>(ObjUniqueMagic, "u;");
     std::memset(&oUnique->tValue, 0x5a, sizeof(UniqueT));
     ObjStringO oString = ObjStringNew("text");
@@ -138,6 +127,14 @@ void* NewPair(void* oFirst, void* oSecond) {
     return oPair;
 }
 
+// Answers for objects of one class; all others are walked through.
+auto AtClass(int32 lMagic, ObjWalkResultE eAnswer) {
+    return [=](void** poObject) {
+        const bool bClass = ObjCheckTypeInternal(*poObject, lMagic) == TRUE;
+        return bClass ? eAnswer : eObjWalkResultContinue;
+    };
+}
+
 constexpr int32 BackwardMagic = ObjMagic(0xcf000002);
 
 class WalkTest : public ObjectTest {
@@ -186,11 +183,10 @@ TEST_F(WalkTest, VisitsSharedObjectsOnceAndInOrder) {
     EXPECT_EQ(ObjMonitorObject(oList, ptUsage, nullptr), TRUE);
     int32 lAll = 0;
     for (int32 lEntry = 1; lEntry <= ptUsage->lCount; ++lEntry) {
-        const ObjCountEntryT& tEntry = ptUsage[lEntry];
-        lAll += tEntry.lCount;
-        const int32 lMagic = tEntry.tTemplate->lMagic;
-        EXPECT_TRUE(lMagic != ListNodeMagic || tEntry.lCount == 2);
-        EXPECT_TRUE(lMagic != ObjIntegerMagic || tEntry.lCount == 1);
+        const int32 lMagic = ptUsage[lEntry].tTemplate->lMagic, lCount = ptUsage[lEntry].lCount;
+        lAll += lCount;
+        EXPECT_TRUE(lMagic != ListNodeMagic || lCount == 2);
+        EXPECT_TRUE(lMagic != ObjIntegerMagic || lCount == 1);
     }
     EXPECT_EQ(lAll, 10);
     MemFree(&ptUsage);
@@ -213,10 +209,7 @@ TEST_F(WalkTest, PrunesItemsWithTheirPlaces) {
     ObjReleaseInternal(&oList->oLast->oData);
     ListSetCookie(oList, oText.Get());
     void* oSource = oList;
-    WalkLog log = {[](void** poObject) {
-        const bool bString = ObjCheckTypeInternal(*poObject, ObjStringMagic) == TRUE;
-        return bString ? eObjWalkResultPrune : eObjWalkResultContinue;
-    }};
+    WalkLog log = {AtClass(ObjStringMagic, eObjWalkResultPrune)};
     EXPECT_EQ(log.Walk(&oSource), TRUE);
     EXPECT_EQ(Holders(oText.Get()), 1);
     EXPECT_EQ(oList->oCookie, nullptr);
@@ -268,8 +261,8 @@ TEST_F(WalkTest, FollowsAReplacementInsteadOfTheOldObject) {
     }};
     void* oSource = oList.Get();
     EXPECT_EQ(log.Walk(&oSource), TRUE);
-    EXPECT_EQ(oList.Get()->oFirst->oData, oNew.Get());
-    EXPECT_EQ(oList.Get()->oLast->oData, oNew.Get());
+    for (const ListNodeO oNode : {oList.Get()->oFirst, oList.Get()->oLast})
+        EXPECT_EQ(oNode->oData, oNew.Get());
     // The second replacement is the first one's object, which was visited.
     const std::string pair = "Unknown object magic 0xcf000001 ";
     EXPECT_EQ(log.Classes(), "LIST LISTNODE " + pair + "OBJ_INTEGER LISTNODE " + pair);
@@ -287,10 +280,7 @@ TEST_F(WalkTest, AbortsWithAReason) {
             return eObjWalkResultContinue;
         };
     };
-    const auto abortAtInteger = [](void** poObject) {
-        const bool bItem = ObjCheckTypeInternal(*poObject, ObjIntegerMagic) == TRUE;
-        return bItem ? eObjWalkResultAbort : eObjWalkResultContinue;
-    };
+    const auto abortAtInteger = AtClass(ObjIntegerMagic, eObjWalkResultAbort);
     const struct {
         void* source;
         std::function<ObjWalkResultE(void**)> answer;
@@ -318,9 +308,8 @@ TEST_F(WalkTest, AbortsWithAReason) {
 TEST_F(WalkTest, DepthIsBoundedForLinksButNotForTrees) {
     for (const int32 lExtra : {0, 1}) {
         void* oSource = nullptr;
-        for (int32 lDepth = 0; lDepth < ObjMaximumDepth + lExtra; ++lDepth) {
+        for (int32 lDepth = 0; lDepth < ObjMaximumDepth + lExtra; ++lDepth)
             oSource = NewPair(nullptr, oSource);
-        }
         WalkLog log;
         TraceCapture trace(-1);
         EXPECT_EQ(log.Walk(&oSource), BooleanFrom(lExtra == 0));
