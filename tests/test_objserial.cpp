@@ -451,13 +451,14 @@ TEST(Files, HoldTheStreamAndNothingElse) {
     const std::string bytes = Object(0xc96cec6f, "s;", String(std::string(200000, 'x')));
     ASSERT_EQ(ObjSerializeToFile(item.Get(), (dir / "o").c_str()), TRUE);
     EXPECT_TRUE(ReadFile(dir / "o") == bytes);
-    ObjHolder<void> o, again, none;
+    ObjHolder<void> o, none;
     ASSERT_EQ(ObjReconstructFromFile(o.Address(), (dir / "o").c_str()), TRUE);
     EXPECT_EQ(ObjCompare(o.Get(), item.Get()), TRUE);
     PoolPtr<char> path;
     ASSERT_EQ(ObjSerializeToTempFile(path.Address(), 42, item.Get()), TRUE);
     EXPECT_TRUE(ReadFile(path.Get()) == bytes);
     for (const BooleanT good : {TRUE, FALSE}) {
+        ObjHolder<void> again;
         EXPECT_EQ(ObjReconstructFromTempFile(again.Address(), path.Get()), good);
         EXPECT_FALSE(Exists(path.Get()));
         if (good == TRUE) WriteFile(path.Get(), "\5");
