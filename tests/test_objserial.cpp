@@ -55,18 +55,19 @@ TEST(Stream, EveryElementHasItsBytes) {
 
     ObjHolder<AllS> o(NewAll());
     o.Get()->pPointer = reinterpret_cast<void*>(std::uintptr_t{0x89abcdef});
-    const auto expected = [&](const std::string& hidden, const std::string& pointer) {
+    const auto expected = [](const std::string& hidden, const std::string& pointer,
+                             const std::string& name = String("view")) {
         return Object(AllMagic, AllDescriptor,
                       "\1" + Long(-7) + String("text") + Integer(1) + hidden + kStanza + Long(3) +
-                          "xyz" + Long(5) + "inlin" + Long(4) + String("view") + kStanza +
-                          Long(0x05060708) + Long(0x01020304) + std::string(32, '\xab') + pointer +
-                          Long(3) + "abc");
+                          "xyz" + Long(5) + "inlin" + Long(4) + name + kStanza + Long(0x05060708) +
+                          Long(0x01020304) + std::string(32, '\xab') + pointer + Long(3) + "abc");
     };
     EXPECT_EQ(Write(o.Get()), expected(kZero, Long(0x89abcdef)));
+    MemFree(&o.Get()->tView.pstrName);
     std::string local(static_cast<std::size_t>(ObjSerializedSizeLocal(o.Get())), '?');
     ASSERT_EQ(ObjSerializeLocal(o.Get(), local.data(), nullptr), TRUE);
     const std::string pointer(reinterpret_cast<const char*>(&o.Get()->pPointer), sizeof(void*));
-    EXPECT_EQ(local, expected(Integer(2), pointer));
+    EXPECT_EQ(local, expected(Integer(2), pointer, Long(0)));
 
     ObjHolder<AllS> again;
     ASSERT_EQ(Read(again.Address(), expected(kZero, Long(0x89abcdef))), TRUE);
