@@ -5,13 +5,10 @@
 //
 //   commsmanager      KRHOME names the home directory; port 0 in its configuration asks for a free
 //                     port, which is written there
-#include <sys/socket.h>
-
 #include <map>
 #include <set>
 #include <string>
 
-#include "core/cfg.h"
 #include "core/trace.h"
 #include "manager.h"
 
@@ -19,12 +16,6 @@ namespace {
 
 std::map<ProcIdT, int32> gtProcesses;                                     // channel of each process
 std::map<ProcIdT, std::set<std::pair<std::string, ProcIdT>>> gtWatchers;  // of each process here
-
-MsgAddressO AddressOf(const char* pstrMachine, ProcIdT tId) {
-    MsgAddressO oAddress = nullptr;
-    MsgMakeAddress(&oAddress, pstrMachine, tId);
-    return oAddress;
-}
 
 const char* ThisMachine() { return MsgGetMachineName(MsgLocalAddress()); }
 
@@ -155,38 +146,13 @@ bool Handle(MsgPacketO* poPacket) {
     return true;
 }
 
-// --- connections ---
-
-NetSocketT gatListening[2] = {-1, -1};
-
-void AcceptCalls(NetSelectMaskT tMask, void* /*oCookie*/) {
-    for (const NetSocketT tListening : gatListening) {
-        NetSocketT tSocket = -1;
-        if (tMask == nullptr || tListening == -1 || NetIsReadSelectSet(tMask, tListening) != TRUE ||
-            NetAccept(&tSocket, tListening, nullptr) != NET_ERROR_NONE)
-            continue;
-        if (MsgChannelCreateIpc(tSocket) != TRUE) NetClose(&tSocket);
-    }
-}
-
-BooleanT Listen() {
-    const int32 lPort = MsgGetCommsPort();
-    gatListening[0] = ManagerListen("127.0.0.1", lPort, AF_INET);
-    if (gatListening[0] == -1) return FALSE;
-    const int32 lBound = ManagerPort(gatListening[0]);
-    gatListening[1] = ManagerListen("::1", lBound, AF_INET6);  // not everywhere
-    for (const NetSocketT tListening : gatListening)
-        if (tListening != -1) MsgAddReadSelect(tListening);
-    if (lPort == 0 && CfgSetInteger("configure.cfg", "Machine", "Comms TcpPort", lBound) != TRUE)
-        return FALSE;
-    ManagerReady(lBound);
-    return MsgHandlerAdd(AcceptCalls, nullptr);
-}
+constexpr ManagerPlaceT Place = {{"127.0.0.1", "::1"}, "configure.cfg", "Machine", "Comms TcpPort"};
 
 }  // namespace
 
 int main() {
-    if (ManagerStart("commsmanager", MsgCommunicationsManagerId) != TRUE || Listen() != TRUE)
+    if (ManagerStart("commsmanager", MsgCommunicationsManagerId) != TRUE ||
+        ManagerTakeCalls<MsgChannelCreateIpc>(Place, MsgGetCommsPort()) != TRUE)
         return 1;
     for (bool bServe = true; bServe;) {
         MsgPacketO oPacket = nullptr;

@@ -1,9 +1,14 @@
-// What the small managers of the tests share: starting under a fixed process id, sending what has
-// been made by hand, and the loop.
+// What the small managers of the tests share: starting under a fixed process id, addresses, and the
+// sockets on which they are called.
 #pragma once
 
-#include <cstdio>
+#include <sys/socket.h>
 
+#include <cstdio>
+#include <cstring>
+#include <iterator>
+
+#include "core/cfg.h"
 #include "core/context.h"
 #include "core/list.h"
 #include "core/msgchannel.h"
@@ -18,14 +23,19 @@ inline BooleanT ManagerStart(const char* pstrName, ProcIdT tId) {
     return FALSE;
 }
 
-// Tells whoever has started the manager that it serves.
-inline void ManagerReady(int32 lPort) {
-    std::printf("ready %d\n", lPort);
-    std::fflush(stdout);
+inline MsgAddressO AddressOf(const char* pstrMachine, ProcIdT tId) {
+    MsgAddressO oAddress = nullptr;
+    MsgMakeAddress(&oAddress, pstrMachine, tId);
+    return oAddress;
 }
 
-// A listening socket of one family on a port, which is the system's choice for 0; -1 without one.
-inline NetSocketT ManagerListen(const char* pstrAddress, int32 lPort, std::int16_t sFamily) {
+// --- calls to the manager ---
+
+inline NetSocketT gatListening[2] = {-1, -1};
+
+// A listening socket on a port, which is the system's choice for 0; -1 without one.
+inline NetSocketT ManagerListen(const char* pstrAddress, int32 lPort) {
+    const std::int16_t sFamily = std::strchr(pstrAddress, ':') == nullptr ? AF_INET : AF_INET6;
     NetSocketT tSocket = -1;
     NetAddressT tAddress;
     if (NetOpen(&tSocket, NET_TYPE_TCP, sFamily) != TRUE) return -1;
@@ -38,7 +48,41 @@ inline NetSocketT ManagerListen(const char* pstrAddress, int32 lPort, std::int16
     return -1;
 }
 
-inline int32 ManagerPort(NetSocketT tSocket) {
-    NetAddressT tAddress;
-    return NetGetLocalAddress(&tAddress, tSocket) == TRUE ? NetGetIpPort(&tAddress) : -1;
+// Gives the socket of every call to fnTake, which takes it over unless it says FALSE.
+template <BooleanT (*fnTake)(NetSocketT tSocket)>
+void ManagerAccept(NetSelectMaskT tMask, void* /*oCookie*/) {
+    for (const NetSocketT tListening : gatListening) {
+        NetSocketT tSocket = -1;
+        if (tMask != nullptr && tListening != -1 && NetIsReadSelectSet(tMask, tListening) == TRUE &&
+            NetAccept(&tSocket, tListening, nullptr) == NET_ERROR_NONE && fnTake(tSocket) != TRUE)
+            NetClose(&tSocket);
+    }
+}
+
+// Where a manager is called: at one of the addresses at least.
+struct ManagerPlaceT {
+    const char* apstrAddresses[2];
+    const char* pstrFile;  // of the configuration, where a port is written that the system gave
+    const char* pstrSection;
+    const char* pstrKey;
+};
+
+// Takes calls from now on, on a port of the system's choice for 0, and tells so.
+template <BooleanT (*fnTake)(NetSocketT tSocket)>
+BooleanT ManagerTakeCalls(const ManagerPlaceT& tPlace, int32 lPort) {
+    int32 lBound = -1;
+    for (std::size_t n = 0; n < std::size(gatListening); n++) {
+        NetAddressT tAddress;
+        gatListening[n] = ManagerListen(tPlace.apstrAddresses[n], lBound == -1 ? lPort : lBound);
+        if (gatListening[n] == -1) continue;
+        MsgAddReadSelect(gatListening[n]);
+        if (NetGetLocalAddress(&tAddress, gatListening[n]) == TRUE)
+            lBound = NetGetIpPort(&tAddress);
+    }
+    if (lBound == -1 || (lPort == 0 && CfgSetInteger(tPlace.pstrFile, tPlace.pstrSection,
+                                                     tPlace.pstrKey, lBound) != TRUE))
+        return FALSE;
+    std::printf("ready %d\n", lBound);
+    std::fflush(stdout);
+    return MsgHandlerAdd(ManagerAccept<fnTake>, nullptr);
 }

@@ -2,7 +2,7 @@
 // through the communications manager; it carries that over one link per machine, which it makes
 // when there is something to carry, and gives what comes over links to the communications manager.
 //
-// A packet travels as one object that names machines, because their numbers differ from machine to
+// A packet travels as a message, which names machines, because their numbers differ from machine to
 // machine; the first message on a link names the one that has called. Two managers that call each
 // other at the same moment have two links then: each sends on the one that it had first and reads
 // both. When the link that it sends on goes down, the other machine counts as down.
@@ -10,67 +10,38 @@
 //   netmanager      KRHOME names the home directory; "Manager Port" of "Network" in "tlnmgr.cfg" is
 //                   the port to listen on (0: a free one, which is written there), "Manager Port"
 //                   of a stanza in "etc/machines.dat" that of the machine
-#include <sys/socket.h>
 
 #include <algorithm>
 #include <chrono>
-#include <cstring>
-#include <deque>
 #include <map>
-#include <memory>
 #include <string>
 
-#include "core/cfg.h"
 #include "core/memory.h"
-#include "core/objserial.h"
 #include "core/objwrappers.h"
 #include "core/path.h"
 #include "core/stnzfile.h"
 #include "core/stnzwrappers.h"
 #include "manager.h"
 
-MEM_DEFAULT_POOL_CACHE
-
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr MsgTypeT LinkNameType = 7101, LinkPacketType = 7102;
+constexpr MsgTypeT LinkNameType = 7101, LinkMessageType = 7102;
 constexpr auto AddressTime = std::chrono::seconds(2);  // that an address has to answer
 
-constexpr int32 LinkPacketMagic = ObjMagic(0xc9a000f1);
-constexpr char LinkPacketDescriptor[] = "s;i;i;i;d;";
-struct LinkPacketS {
-    char* pstrSourceMachine;
-    ProcIdT tSource;
-    ProcIdT tDestination;
-    MsgTypeT tMsgType;
-    ObjDataFieldT tBody;  // the packet's bytes behind its prefix
-};
-
-struct Release {
-    void operator()(LinkPacketS* oPacket) const { ObjRelease(&oPacket); }
-};
-using LinkPacket = std::unique_ptr<LinkPacketS, Release>;
-
 struct OtherMachine {
-    std::deque<LinkPacket> tWaiting;  // for a link, in order
-    int32 lLink = 0;                  // the channel that is sent on; 0 without one
-    int32 lAttempt = 0;               // the call that is being made; 0: none
-    Clock::time_point tUntil;         // then the next address is called
-    ObjHolder<ListS> oAddresses;      // that have not been called yet
+    ObjHolder<ListS> oWaiting{ListNew(MsgMessageMagic)};  // for a link, in order
+    int32 lLink = 0;              // the channel that is sent on; 0 without one
+    int32 lAttempt = 0;           // the call that is being made; 0: none
+    Clock::time_point tUntil;     // then the next address is called
+    ObjHolder<ListS> oAddresses;  // that have not been called yet
 };
 
 std::map<std::string, OtherMachine> gtMachines;  // by name, as the machine file writes it
 std::map<int32, std::string> gtLinks;            // machine of each link; "" before it is known
 std::map<int32, std::string> gtAttempts;         // machine that is called, by number of the call
 int32 glAttempts = 0;
-
-MsgAddressO AddressOf(const char* pstrMachine, ProcIdT tId) {
-    MsgAddressO oAddress = nullptr;
-    MsgMakeAddress(&oAddress, pstrMachine, tId);
-    return oAddress;
-}
 
 std::string NameOf(MsgMachineIdT tId) {
     PoolPtr<char> pstrName;
@@ -79,65 +50,28 @@ std::string NameOf(MsgMachineIdT tId) {
                : "";
 }
 
-// --- packets and what they are on a link ---
-
-LinkPacket ToLink(MsgPacketO oPacket) {
-    const MsgHeaderT tHeader = *MsgPacketHeader(oPacket);
-    const std::string source = NameOf(tHeader.tSource.tMachineId);
-    LinkPacket ptLink(ObjNew<LinkPacketS>(LinkPacketMagic, LinkPacketDescriptor));
-    const int32 lBody = oPacket->tMessage.lSize - MsgPacketPrefixSize;
-    ptLink->pstrSourceMachine = StrDuplicate(source.c_str());
-    ptLink->tSource = tHeader.tSource.tProcessId;
-    ptLink->tDestination = tHeader.tDestination.tProcessId;
-    ptLink->tMsgType = tHeader.tMsgType;
-    ptLink->tBody = {lBody, MemAllocateFromPool(lBody, MemPool())};
-    std::memcpy(ptLink->tBody.pData,
-                static_cast<const ByteT*>(oPacket->tMessage.pData) + MsgPacketPrefixSize,
-                static_cast<std::size_t>(lBody));
-    return ptLink;
-}
-
-void StoreWord(ByteT* pTo, int32 lValue) {
-    for (int n = 0; n < 4; n++) pTo[n] = static_cast<ByteT>(static_cast<uint32>(lValue) >> (8 * n));
-}
-
-// A packet for a process of this machine; null for one that says what it may not.
-MsgPacketO FromLink(const LinkPacketS& tLink, const std::string& machine) {
-    MsgMachineIdT tSource = MsgMachineIdNone;
-    const std::string source = tLink.pstrSourceMachine == nullptr ? "" : tLink.pstrSourceMachine;
-    if (MsgMachineNameToId(&tSource, source.c_str()) != TRUE || NameOf(tSource) != machine ||
-        tLink.tDestination < 1 || tLink.tBody.lSize < 1)
-        return nullptr;
-    const int32 lSize = MsgPacketPrefixSize + tLink.tBody.lSize;
-    auto* pBytes = static_cast<ByteT*>(MemAllocateFromPool(lSize, MemPool()));
-    MsgPacketO oPacket = ObjNew<MsgPacketS>(MsgPacketMagic, "d;");
-    const MsgHeaderT tHeader = {tLink.tDestination,       lSize,
-                                {tSource, tLink.tSource}, {MsgMachineIdLocal, tLink.tDestination},
-                                tLink.tMsgType,           0};
-    std::memset(pBytes, 0, MsgHeaderAreaSize);
-    std::memcpy(pBytes, &tHeader, sizeof(tHeader));
-    StoreWord(pBytes + MsgHeaderAreaSize, lSize - MsgHeaderAreaSize);
-    StoreWord(pBytes + MsgHeaderAreaSize + 4, tLink.tMsgType);
-    std::memcpy(pBytes + MsgPacketPrefixSize, tLink.tBody.pData,
-                static_cast<std::size_t>(tLink.tBody.lSize));
-    oPacket->tMessage = {lSize, pBytes};
-    return oPacket;
+// A packet for a process of this machine; null for a message that says what it may not.
+MsgPacketO FromLink(MsgMessageO oMessage, const std::string& machine) {
+    ObjHolder<MsgPacketS> oPacket;
+    if (MsgMessageToPacket(oPacket.Address(), oMessage) != TRUE) return nullptr;
+    const MsgHeaderT& tHeader = *MsgPacketHeader(oPacket.Get());
+    const bool bMay = NameOf(tHeader.tSource.tMachineId) == machine &&
+                      tHeader.tDestination.tMachineId == MsgMachineIdLocal &&
+                      tHeader.tDestination.tProcessId > 0;
+    return bMay ? oPacket.Take() : nullptr;
 }
 
 // --- notices ---
 
-// To the sender of a packet that cannot be carried, with what was in it.
-void TellUnreachable(const std::string& machine, const LinkPacketS& tLink) {
+// To the sender of a message that cannot be carried, with what was in it.
+void TellUnreachable(const std::string& machine, MsgMessageO oMessage) {
     const ObjHolder<NmgrMachineUnreachableS> oBody(
         ObjNew<NmgrMachineUnreachableS>(NmgrMachineUnreachableMagic, "s;i;o;"));
-    const ObjHolder<MsgAddressS> oSender(AddressOf(tLink.pstrSourceMachine, tLink.tSource));
     const ObjHolder<MsgAddressS> oManager(AddressOf(machine.c_str(), MsgNetworkManagerId));
     MsgPacketO oPacket = nullptr;
-    oBody.Get()->pstrMachineName = StrDuplicate(machine.c_str());
-    oBody.Get()->tMsgType = tLink.tMsgType;
-    ObjReconstructFromMemorySized(&oBody.Get()->oUndelivered,
-                                  static_cast<ByteT*>(tLink.tBody.pData), tLink.tBody.lSize);
-    if (MsgCreatePacket(&oPacket, oSender.Get(), oManager.Get(), NMGR_MACHINE_UNREACHABLE_MSG,
+    *oBody.Get() = {StrDuplicate(machine.c_str()), oMessage->tMsgType, nullptr};
+    MsgGetObject(&oBody.Get()->oUndelivered, oMessage, 0);
+    if (MsgCreatePacket(&oPacket, oMessage->oSource, oManager.Get(), NMGR_MACHINE_UNREACHABLE_MSG,
                         oBody.Get()) == TRUE)
         MsgDispatch(&oPacket);
 }
@@ -158,6 +92,16 @@ int32 PortOf(const std::string& machine) {
         StnzGetInteger(pStanza, "Manager Port", 0, &lPort);
     StnzRelease(&pStanza);
     return lPort;
+}
+
+// Gives everything that waits to a function, in order.
+template <class GiveT>
+void EmptyWaiting(OtherMachine* ptMachine, GiveT fnGive) {
+    ObjHolder<MsgMessageS> oMessage;
+    while (ListPopFirstItem(ptMachine->oWaiting.Get(), oMessage.Address()) == TRUE) {
+        fnGive(oMessage.Get());
+        ObjRelease(oMessage.Address());
+    }
 }
 
 // Calls the next address that can be called; when there is none, nothing that waits will leave.
@@ -183,8 +127,7 @@ void CallNext(const std::string& machine, OtherMachine* ptMachine) {
         ptMachine->tUntil = Clock::now() + AddressTime;
         return;
     }
-    for (; !ptMachine->tWaiting.empty(); ptMachine->tWaiting.pop_front())
-        TellUnreachable(machine, *ptMachine->tWaiting.front());
+    EmptyWaiting(ptMachine, [&](MsgMessageO oMessage) { TellUnreachable(machine, oMessage); });
 }
 
 void Call(const std::string& machine, OtherMachine* ptMachine) {
@@ -198,10 +141,10 @@ void Call(const std::string& machine, OtherMachine* ptMachine) {
 // --- links ---
 
 // What cannot be sent goes back to its sender; that the link is down is told later.
-void SendOver(const std::string& machine, OtherMachine* ptMachine, const LinkPacket& oLink) {
-    const ObjHolder<MsgAddressS> oChannel(AddressOf(nullptr, ptMachine->lLink));
-    if (MsgSendObject(oChannel.Get(), LinkPacketType, oLink.get()) != TRUE)
-        TellUnreachable(machine, *oLink);
+void SendOver(const std::string& machine, int32 lLink, MsgMessageO oMessage) {
+    const ObjHolder<MsgAddressS> oChannel(AddressOf(nullptr, lLink));
+    if (MsgSendObject(oChannel.Get(), LinkMessageType, oMessage) != TRUE)
+        TellUnreachable(machine, oMessage);
 }
 
 void TakeLink(const std::string& machine, int32 lChannel) {
@@ -209,8 +152,7 @@ void TakeLink(const std::string& machine, int32 lChannel) {
     gtLinks[lChannel] = machine;
     if (tMachine.lLink != 0) return;
     tMachine.lLink = lChannel;
-    for (; !tMachine.tWaiting.empty(); tMachine.tWaiting.pop_front())
-        SendOver(machine, &tMachine, tMachine.tWaiting.front());
+    EmptyWaiting(&tMachine, [&](MsgMessageO oMessage) { SendOver(machine, lChannel, oMessage); });
 }
 
 // A call has ended. One that took too long may still succeed after others have been made.
@@ -262,21 +204,21 @@ void Named(MsgPacketO oPacket, int32 lChannel) {
 }
 
 void Arrived(MsgPacketO oPacket, int32 lChannel) {
-    ObjHolder<LinkPacketS> oLink;
+    ObjHolder<MsgMessageS> oMessage;
     if (gtLinks[lChannel].empty() ||
-        MsgObjectFromPacket(oLink.Address(), oPacket, LinkPacketMagic) != TRUE)
+        MsgObjectFromPacket(oMessage.Address(), oPacket, MsgMessageMagic) != TRUE)
         return;
-    MsgPacketO oArrived = FromLink(*oLink.Get(), gtLinks[lChannel]);
+    MsgPacketO oArrived = FromLink(oMessage.Get(), gtLinks[lChannel]);
     if (oArrived != nullptr) MsgDispatch(&oArrived);
 }
 
 void Leave(MsgPacketO oPacket) {
+    ObjHolder<MsgMessageS> oMessage;
     const std::string machine = NameOf(MsgPacketHeader(oPacket)->tDestination.tMachineId);
-    if (machine.empty()) return;
+    if (machine.empty() || MsgMessageFromPacket(oMessage.Address(), oPacket) != TRUE) return;
     OtherMachine& tMachine = gtMachines[machine];
-    LinkPacket oLink = ToLink(oPacket);
-    if (tMachine.lLink != 0) return SendOver(machine, &tMachine, oLink);
-    tMachine.tWaiting.push_back(std::move(oLink));
+    if (tMachine.lLink != 0) return SendOver(machine, tMachine.lLink, oMessage.Get());
+    ListPushLastItem(tMachine.oWaiting.Get(), oMessage.Address());
     Call(machine, &tMachine);
 }
 
@@ -302,7 +244,7 @@ bool Handle(MsgPacketO oPacket) {
     }
     if (bFromLink && tHeader.tMsgType == LinkNameType)
         Named(oPacket, tHeader.tSource.tProcessId);
-    else if (bFromLink && tHeader.tMsgType == LinkPacketType)
+    else if (bFromLink && tHeader.tMsgType == LinkMessageType)
         Arrived(oPacket, tHeader.tSource.tProcessId);
     else if (!bFromLink && tHeader.tDestination.tMachineId > MsgMachineIdLocal)
         Leave(oPacket);
@@ -326,48 +268,29 @@ TimeTimeoutO CheckCalls() {
     return oTimeout;
 }
 
-NetSocketT gatListening[2] = {-1, -1};
-
-void AcceptCalls(NetSelectMaskT tMask, void* /*oCookie*/) {
-    for (const NetSocketT tListening : gatListening) {
-        NetSocketT tSocket = -1;
-        MsgChannelO oChannel = nullptr;
-        if (tMask == nullptr || tListening == -1 || NetIsReadSelectSet(tMask, tListening) != TRUE ||
-            NetAccept(&tSocket, tListening, nullptr) != NET_ERROR_NONE)
-            continue;
-        if (MsgChannelCreate(&oChannel, tSocket) != TRUE) {
-            NetClose(&tSocket);
-            continue;
-        }
-        gtLinks[MsgChannelId(oChannel)] = "";
-        ObjRelease(&oChannel);
-    }
+// A call is a link whose machine is not known yet.
+BooleanT TakeCall(NetSocketT tSocket) {
+    ObjHolder<MsgChannelS> oChannel;
+    if (MsgChannelCreate(oChannel.Address(), tSocket) != TRUE) return FALSE;
+    gtLinks[MsgChannelId(oChannel.Get())] = "";
+    return TRUE;
 }
 
-BooleanT Listen() {
+// The second address where the first does not take such calls as well.
+constexpr ManagerPlaceT Place = {{"::", "0.0.0.0"}, "tlnmgr.cfg", "Network", "Manager Port"};
+
+int32 OwnPort() {
     int32 lPort = 0;
-    CfgGetInteger(&lPort, "tlnmgr.cfg", "Network", "Manager Port", 0);
-    gatListening[0] = ManagerListen("::", lPort, AF_INET6);
-    const int32 lBound = gatListening[0] == -1 ? lPort : ManagerPort(gatListening[0]);
-    // Where the socket above does not take such calls as well.
-    gatListening[1] = ManagerListen("0.0.0.0", lBound, AF_INET);
-    int32 lReady = -1;
-    for (const NetSocketT tListening : gatListening) {
-        if (tListening == -1) continue;
-        MsgAddReadSelect(tListening);
-        lReady = ManagerPort(tListening);
-    }
-    if (lReady == -1 ||
-        (lPort == 0 && CfgSetInteger("tlnmgr.cfg", "Network", "Manager Port", lReady) != TRUE))
-        return FALSE;
-    ManagerReady(lReady);
-    return MsgHandlerAdd(AcceptCalls, nullptr);
+    CfgGetInteger(&lPort, Place.pstrFile, Place.pstrSection, Place.pstrKey, 0);
+    return lPort;
 }
 
 }  // namespace
 
 int main() {
-    if (ManagerStart("netmanager", MsgNetworkManagerId) != TRUE || Listen() != TRUE) return 1;
+    if (ManagerStart("netmanager", MsgNetworkManagerId) != TRUE ||
+        ManagerTakeCalls<TakeCall>(Place, OwnPort()) != TRUE)
+        return 1;
     for (bool bServe = true; bServe;) {
         MsgPacketO oPacket = nullptr;
         const ObjHolder<TimeTimeoutS> oTimeout(CheckCalls());
