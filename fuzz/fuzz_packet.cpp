@@ -1,12 +1,8 @@
 // Interprocess links from outside: whole packets, as the communications manager of a process may
 // send them, and as processes may send them to it.
 //
-//   byte 0      bit 0: the rest is the link's bytes; otherwise records, of which packets with
-//               lengths that agree are made. Bits 1, 2: the id of the process. Bit 3: it knows
-//               tasks of the new form. Bit 4: it traces everything
-//   byte 1      length of the pieces in which the bytes arrive; 0: all at once
-//   a record    message type and source (a byte each, out of a table), length of the body (two
-//               bytes), body
+// An input is that of fuzzchannel.h. Bit 3 of its first byte: the process knows tasks of the new
+// form. A record has a source, a byte out of a table, behind its type.
 #include <cstring>
 
 #include "fuzzchannel.h"
@@ -96,34 +92,22 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    FuzzInput input(data, size);
-    const unsigned flags = input.Byte();
-    const unsigned piece = input.Byte();
-    const ProcIdT tId = atIds[flags >> 1 & 3];
-    ProcSetId(tId);
-    gtTlContext.sProcess.bNewStyleTasks = BooleanFrom((flags & 8) != 0);
-    TraceSetLevel((flags & 16) != 0 ? eTraceLevelLibVerbose : eTraceLevelAlways);
-    const int32 lObjects = ObjCount();
-    {
-        const ObjHolder<MsgAddressS> oBeta(FuzzAddress("beta", 50));
-        FuzzLink link(MsgCommMgrAddress(), eMsgChannelIpcChannel, eMsgChannelDoNotWaitForOk);
-        FuzzLink other(oBeta.Get(), eMsgChannelNotIpcChannel, eMsgChannelDoNotWaitForOk);
-        if (tId != MsgCommunicationsManagerId) {
-            ObjIncRefCount(link.Channel());
-            gtTlContext.sMsg.oIpcChannel = link.Channel();
-            Prepare(oBeta.Get());
-        }
-        std::string bytes;
-        if ((flags & 1) != 0) bytes = input.Rest();
-        while (!input.IsEmpty()) bytes += PacketOf(input);
-        link.Send(bytes, piece);
-        if (tId == MsgCommunicationsManagerId) ForwardAll(link.Channel());
-        FuzzTakeAll(oBeta.Get());
-        link.Close();
-        other.Close();
-        FuzzTakeAll(nullptr);
+    FuzzRun run(data, size, atIds);
+    gtTlContext.sProcess.bNewStyleTasks = BooleanFrom(run.Flag(8));
+    const ObjHolder<MsgAddressS> oBeta(FuzzAddress("beta", 50));
+    FuzzLink link(MsgCommMgrAddress(), eMsgChannelIpcChannel, eMsgChannelDoNotWaitForOk);
+    FuzzLink other(oBeta.Get(), eMsgChannelNotIpcChannel, eMsgChannelDoNotWaitForOk);
+    const bool isManager = run.Id() == MsgCommunicationsManagerId;
+    if (!isManager) {
+        ObjIncRefCount(link.Channel());
+        gtTlContext.sMsg.oIpcChannel = link.Channel();
+        Prepare(oBeta.Get());
     }
-    FuzzForget();
-    Expect(ObjCount() == lObjects);
+    run.SendOver(&link, PacketOf);
+    if (isManager) ForwardAll(link.Channel());
+    FuzzTakeAll(oBeta.Get());
+    link.Close();
+    other.Close();
+    FuzzTakeAll(nullptr);
     return 0;
 }

@@ -223,12 +223,50 @@ inline void FuzzTakeAll(MsgAddressO oPeer) {
     Expect(MsgReceiveCount() == 0);
 }
 
-// The process as it was before the input.
-inline void FuzzForget() {
-    TesselContextProcessS& tProcess = gtTlContext.sProcess;
-    ObjRelease(&tProcess.oExtendibleContext);
-    if (tProcess.oTaskContext != nullptr) ObjReleaseInternal(&tProcess.oTaskContext);
-    ListReleaseAll(gtTlContext.sMsg.oNotifyOnDeathList);
-    ListReleaseAll(gtTlContext.sMsg.oTaskList);
-    TraceSetLevel(eTraceLevelNormal);
-}
+// One input, and the process in which its bytes arrive, which is afterwards as it was before.
+//
+//   byte 0      bit 0: the rest is the link's bytes; otherwise records, of which whole messages
+//   with
+//               lengths that agree are made. Bits 1, 2: the id of the process. Bit 4: it traces
+//               everything. What the others say is the fuzzer's own
+//   byte 1      length of the pieces in which the bytes arrive; 0: all at once
+//   a record    message type (a byte, out of a table), what else the fuzzer wants, length of the
+//               body (two bytes), body
+class FuzzRun {
+ public:
+    FuzzRun(const uint8_t* data, size_t size, const ProcIdT (&atIds)[4])
+        : m_input(data, size),
+          m_flags(m_input.Byte()),
+          m_piece(m_input.Byte()),
+          m_id(atIds[m_flags >> 1 & 3]) {
+        ProcSetId(m_id);
+        TraceSetLevel(Flag(16) ? eTraceLevelLibVerbose : eTraceLevelAlways);
+    }
+    ~FuzzRun() {
+        TesselContextProcessS& tProcess = gtTlContext.sProcess;
+        ObjRelease(&tProcess.oExtendibleContext);
+        if (tProcess.oTaskContext != nullptr) ObjReleaseInternal(&tProcess.oTaskContext);
+        ListReleaseAll(gtTlContext.sMsg.oNotifyOnDeathList);
+        ListReleaseAll(gtTlContext.sMsg.oTaskList);
+        TraceSetLevel(eTraceLevelNormal);
+        Expect(ObjCount() == m_objects);
+    }
+    FuzzRun(const FuzzRun&) = delete;
+    FuzzRun& operator=(const FuzzRun&) = delete;
+    bool Flag(unsigned bit) const { return (m_flags & bit) != 0; }
+    unsigned Flags() const { return m_flags; }
+    ProcIdT Id() const { return m_id; }
+    void SendOver(FuzzLink* link, std::string (*fnRecord)(FuzzInput& input)) {
+        std::string bytes;
+        if (Flag(1)) bytes = m_input.Rest();
+        while (!m_input.IsEmpty()) bytes += fnRecord(m_input);
+        link->Send(bytes, m_piece);
+    }
+
+ private:
+    const int32 m_objects = ObjCount();
+    FuzzInput m_input;
+    const unsigned m_flags;
+    const unsigned m_piece;
+    const ProcIdT m_id;
+};
