@@ -1,6 +1,5 @@
 // Addresses, messages, packets and names of types. Packets are compared with bytes written by hand;
-// what is sent is caught in the place of the function that sends it. Addresses are written
-// "machine:id", with "." for this machine and "-" for none.
+// what is sent is caught in the place of the function that sends it.
 #include <gtest/gtest.h>
 #include <zlib.h>
 
@@ -11,13 +10,11 @@
 #include "core/context.h"
 #include "core/list.h"
 #include "core/map.h"
-#include "core/msg.h"
 #include "core/objwrappers.h"
-#include "core/sys.h"
 #include "core/timeconv.h"
-#include "support/archivebytes.h"
 #include "support/files.h"
 #include "support/leftovers.h"
+#include "support/messages.h"
 
 using Text = std::string;
 using bytes::Long;
@@ -25,28 +22,8 @@ using std::to_string;
 
 namespace {
 
-using Address = ObjHolder<MsgAddressS>;
-using Message = ObjHolder<MsgMessageS>;
-using Packet = ObjHolder<MsgPacketS>;
-
 Text Local() { return SysLocalMachineName(); }
 const Text empty(1, '\0');  // the stream of no object
-
-MsgAddressO At(const Text& text) {
-    if (text.empty()) return nullptr;
-    const Text name = text.substr(0, text.find(':'));
-    MsgAddressO oAddress = nullptr;
-    MsgMakeAddress(&oAddress, name == "-" ? nullptr : (name == "." ? Local() : name).c_str(),
-                   std::stoi(text.substr(name.size() + 1)));
-    return oAddress;
-}
-
-Text Shown(MsgAddressO oAddress) {
-    if (oAddress == nullptr) return "nobody";
-    const char* pstrName = MsgGetMachineName(oAddress);
-    const Text name = pstrName == nullptr ? "-" : pstrName;
-    return (name == Local() ? "." : name) + ":" + to_string(MsgGetProcessId(oAddress));
-}
 
 // What a body says.
 Text Shown(void* oObject) {
@@ -76,16 +53,7 @@ MsgMessageO From(const Text& source, MsgTypeT tMsgType, void* oObject = nullptr)
     return oMessage;
 }
 
-// Next hop, machine and process of the source, machine and process of the destination.
-using Ends = std::array<int32, 5>;
 constexpr Ends ChannelToOwn = {57, -1, 4, 1, 57};
-
-// Every word stands least significant byte first here: the host's order is that of this machine.
-Text PacketBytes(const Ends& e, MsgTypeT tMsgType, const Text& body) {
-    const auto size = static_cast<int64>(body.size());
-    return Long(e[0]) + Long(200 + size) + Long(e[1]) + Long(e[2]) + Long(e[3]) + Long(e[4]) +
-           Long(tMsgType) + Long(0) + Text(160, '\0') + Long(8 + size) + Long(tMsgType) + body;
-}
 
 Text BytesOf(MsgPacketO oPacket) {
     return {static_cast<char*>(oPacket->tMessage.pData),
@@ -362,8 +330,7 @@ TEST(MsgMessages, WhereTheyCameFrom) {
 }
 
 TEST(MsgMessages, Answers) {
-    const ObjHolder<MsgPingS> ping(ObjNew<MsgPingS>(MsgPingMagic, "i;i;"));
-    ping.Get()->tSendTime = 6;
+    const New<MsgPingS> ping(MsgPingMagic, "i;i;", {6, 0});
     ObjIncRefCount(ping.Get());  // From takes one
     const Message asked(From("beta:9", 1010, ObjIntegerNew(5))), bare(From("-:3", 1010)),
         unknown(From("beta:9", MSG_UNKNOWN_MSG)), own(From(".:0", 1010)),
@@ -379,14 +346,13 @@ TEST(MsgMessages, Answers) {
               FALSE);
     EXPECT_EQ(g_sent, (std::vector<Text>{"beta:9 7 5", "-:3 11 broken-85", "beta:9 10 what?10105",
                                          "-:3 10 null1010none", "beta:9 2702 ping"}));
-    EXPECT_EQ(ping.Get()->tSendTime, 6);
-    EXPECT_TRUE(ping.Get()->tReturnTime >= tBefore && ping.Get()->tReturnTime <= TimeNow());
+    EXPECT_EQ(ping->tSendTime, 6);
+    EXPECT_TRUE(ping->tReturnTime >= tBefore && ping->tReturnTime <= TimeNow());
 }
 
 TEST(MsgMessages, ToOneself) {
     WriteFile(MachineFile(), "[beta]\nId=7\n");
-    const ObjHolder<MsgHandlerEntryS> entry(ObjNew<MsgHandlerEntryS>(MsgHandlerEntryMagic, "p;o;"));
-    entry.Get()->fnCallback = &g_sent;
+    const New<MsgHandlerEntryS> entry(MsgHandlerEntryMagic, "p;o;", {&g_sent, nullptr});
     const Message message(From("beta:9", 22)), requeued(From("-:4", 33));
     const Address beta(At("beta:9"));
     ListO oList = gtTlContext.sMsg.oReceiveList;

@@ -14,7 +14,7 @@
 #include "core/objwrappers.h"
 #include "support/leftovers.h"
 #include "support/machine.h"
-#include "support/messages.h"
+#include "support/peer.h"
 
 namespace {
 

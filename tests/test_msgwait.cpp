@@ -10,18 +10,14 @@
 #include "core/msgchannel.h"
 #include "core/objwrappers.h"
 #include "core/process.h"
-#include "core/sys.h"
 #include "core/timer.h"
-#include "support/archivebytes.h"
 #include "support/faults.h"
 #include "support/files.h"
 #include "support/leftovers.h"
+#include "support/messages.h"
 #include "support/objects.h"
 
 using Text = std::string;
-using Address = ObjHolder<MsgAddressS>;
-using Message = ObjHolder<MsgMessageS>;
-using Object = ObjHolder<void>;
 using Action = std::function<MsgWaitResultE(MsgMessageO)>;
 
 namespace {
@@ -50,11 +46,6 @@ void Remove(char name, char type) {
     EXPECT_EQ(MsgWaitRemoveHandler(T(type), Handler, Cookie(name)), TRUE);
 }
 int32 Handlers() { return gtTlContext.sMsgWait.oHandlers->lItemCount; }
-MsgAddressO At(const char* machine, ProcIdT tId) {
-    MsgAddressO oAddress = nullptr;
-    EXPECT_EQ(MsgMakeAddress(&oAddress, machine, tId), TRUE);
-    return oAddress;
-}
 ListO Received() { return gtTlContext.sMsg.oReceiveList; }
 
 void Push(MsgTypeT tType, MsgAddressO oFrom = MsgLocalAddress(), void* oBody = nullptr) {
@@ -82,27 +73,10 @@ Text Seen() {
     return text;
 }
 
-struct Within : ObjHolder<TimeTimeoutS> {
-    explicit Within(int milliseconds) {
-        TimeCreateAndSetTimeout(Address(), milliseconds / 1000, milliseconds % 1000);
-    }
-};
 constexpr int Long = 20000;  // enough for all that should come
 
 BooleanT WaitFor(char letter, MsgAddressO oFrom = nullptr, int milliseconds = Long) {
-    return MsgWaitMessageWithTimeout(nullptr, oFrom, T(letter), Within(milliseconds).Get());
-}
-
-template <class T>
-struct New : ObjHolder<T> {
-    New(int32 lMagic, const char* descriptor) : ObjHolder<T>(ObjNew<T>(lMagic, descriptor)) {}
-    T* operator->() const { return this->Get(); }
-};
-
-void* Number(int32 lValue) {
-    New<ObjIntegerS> number(ObjIntegerMagic, "i;");
-    number->lValue = lValue;
-    return number.Take();
+    return MsgWaitMessageWithTimeout(nullptr, oFrom, T(letter), TimeoutIn(milliseconds).Get());
 }
 
 // A channel of this process on one end of a pair of sockets; the other is spoken byte by byte.
@@ -116,18 +90,18 @@ struct Peer {
     }
     ~Peer() {
         close(fd);
-        while (MsgChannelIsDown(m_channel.Get()) != TRUE) MsgWaitPollWithTimeout(Within(20).Get());
+        while (MsgChannelIsDown(m_channel.Get()) != TRUE)
+            MsgWaitPollWithTimeout(TimeoutIn(20).Get());
         Close();
     }
     void Close() const {
-        MsgAddressO oAddress = At(nullptr, MsgChannelId(m_channel.Get()));
+        MsgAddressO oAddress = At("-:" + std::to_string(MsgChannelId(m_channel.Get())));
         MsgChannelClose(&oAddress);
     }
     MsgAddressO operator()() const { return MsgChannelAddress(m_channel.Get()); }
     void Send(const Text& text) const { EXPECT_GT(send(fd, text.data(), text.size(), 0), 0); }
     void Send(MsgTypeT tType, const Text& body = Text(1, '\0')) const {
-        const auto size = static_cast<int64>(body.size());
-        Send(bytes::Long(8 + size) + bytes::Long(tType) + body);
+        Send(FrameBytes(tType, body));
     }
     Text Receive() const {
         char buffer[4096];
@@ -161,17 +135,15 @@ class MsgWaits : public testing::Test {
     }
     // That a process has died, its machine is down, or the channel is, or that the end is near.
     void Notice(MsgTypeT tType, MsgAddressO oAbout) const {
-        const New<PmgrProcessDiedS> died(PmgrProcessDiedMagic, "o;");
-        const New<CmgrMachineDownS> down(CmgrMachineDownMagic, "s;");
-        ObjIncRefCount(died->oAddress = oAbout);
-        down->pstrMachineName = StrDuplicate(MsgGetMachineName(oAbout));
+        ObjIncRefCount(oAbout);
+        const New<PmgrProcessDiedS> died(PmgrProcessDiedMagic, "o;", {oAbout});
+        const New<CmgrMachineDownS> down(CmgrMachineDownMagic, "s;",
+                                         {StrDuplicate(MsgGetMachineName(oAbout))});
         const bool isDown = tType == CMGR_MACHINE_DOWN_MSG;
         Push(tType, MsgIsAChannel(oAbout) == TRUE ? oAbout : other,
              isDown ? static_cast<void*>(down.Get()) : died.Get());
     }
-    const Text m_local = SysLocalMachineName();
-    const Address m_beta{At("beta", 9)}, m_peer{At(m_local.c_str(), 9)};
-    const Address m_other{At(m_local.c_str(), 8)};
+    const Address m_beta{At("beta:9")}, m_peer{At(".:9")}, m_other{At(".:8")};
     const MsgAddressO beta = m_beta.Get(), peer = m_peer.Get(), other = m_other.Get();
     const Leftovers m_before;
 };
@@ -255,7 +227,7 @@ TEST_F(MsgWaits, KeptPacketsComeBackAsTheyCame) {
     const auto call = [](void* pCalled) { *static_cast<bool*>(pCalled) = true; };
     bool called = false;
     TimrSetAlarmRelative(call, &called, New<TimeOffsetS>(TimeOffsetMagic, "i;i;").Get());
-    MsgWait(Within(1000).Get());  // the alarm's packet, which holds pointers
+    MsgWait(TimeoutIn(1000).Get());  // the alarm's packet, which holds pointers
     Push("A");
     auto* oNameless =
         static_cast<MsgPacketO>(Received()->oLast->oData);  // from a machine that has no name here
@@ -274,7 +246,7 @@ TEST_F(MsgWaits, KeptPacketsComeBackAsTheyCame) {
         int failures = 0;
         for (int n = 0; n < 32; n++) {
             Push("ABC");
-            const Within timeout(10);
+            const TimeoutIn timeout(10);
             const int32 objects = ObjCount();
             FaultArm({.call = Call::Malloc, .nth = n / 2 + 1, .times = n % 2 ? 1 : FaultForEver});
             const int eResult = MsgWaitExclusiveWithTimeout(nullptr, peer, T('X'), timeout.Get());
@@ -290,7 +262,7 @@ TEST_F(MsgWaits, KeptPacketsComeBackAsTheyCame) {
 
 TEST_F(MsgWaits, TypesSourcesAndTheirEnds) {
     const Peer first(beta), second(peer);
-    const Address loud(At("BETA", 1));
+    const Address loud(At("BETA:1"));
     const MsgAddressO aoSources[] = {beta, first(), second(), peer, nullptr};
     const struct {
         MsgTypeT tNotice;
@@ -319,7 +291,7 @@ TEST_F(MsgWaits, TypesSourcesAndTheirEnds) {
                 for (const char c : {'X', 'Y'}) Push(T(c), oFrom);
             };
             Message message, exclusive;
-            const Within timeout(Long);
+            const TimeoutIn timeout(Long);
             if (*row.ends != '\0') {
                 const MsgTypeT atTypes[] = {T('Y'), T('X'), -1};
                 const bool ends = row.ends[i] == '1';
@@ -348,7 +320,7 @@ TEST_F(MsgWaits, TypesSourcesAndTheirEnds) {
         (MsgIsFrom(oMessage, beta) == TRUE ? first : second).Close();
         return eMsgWaitResultHandled;
     });
-    const Within never(60000);
+    const TimeoutIn never(60000);
     for (const MsgAddressO oSource : {beta, second()}) {
         const Peer& closing = oSource == beta ? first : second;
         closing.Send(T('A'));
@@ -368,12 +340,11 @@ TEST_F(MsgWaits, CallbacksFiltersTimersAndTheTimeout) {
     EXPECT_EQ(MsgWaitOnCallbackWithTimeout(never, nullptr, nullptr), eMsgWaitResultChannelError);
     EXPECT_EQ(Seen(), "m B");
     // Alarms that bring messages do not lengthen a wait.
-    const New<TimeOffsetS> soon(TimeOffsetMagic, "i;i;");
-    soon->lMilliSeconds = 30;
-    const Within limit(60000);
+    const New<TimeOffsetS> soon(TimeOffsetMagic, "i;i;", {0, 30});
+    const TimeoutIn limit(60000);
     TimrSetAlarmRelative([](void*) { Push("A"); }, nullptr, soon.Get());
     EXPECT_EQ(WaitFor('X', nullptr, 200), FALSE);
-    EXPECT_EQ(MsgWaitOnCallbackWithTimeout(never, nullptr, Within(200).Get()),
+    EXPECT_EQ(MsgWaitOnCallbackWithTimeout(never, nullptr, TimeoutIn(200).Get()),
               eMsgWaitResultTimeout);
     EXPECT_LT(TimeTimeoutLeft(limit.Get()), 59620);
     EXPECT_GT(TimeTimeoutLeft(limit.Get()), 45000);
@@ -412,21 +383,17 @@ TEST_F(MsgWaits, PingsAreAnswered) {
     }
 }
 
-// The peer sends back the request for a data channel, so that this process is at both its ends.
 // What the others do: the result, and a line that they trace.
 TEST_F(MsgWaits, TheOtherDefaultHandlers) {
-    const ObjHolder<void> number(Number(1));
-    const New<CmgrMachineDownS> down(CmgrMachineDownMagic, "s;");
-    down->pstrMachineName = StrDuplicate("beta");
-    const New<MsgUnknownS> unknown(MsgUnknownMagic, "s;i;o;");
-    unknown->pstrMessage = StrDuplicate("why");
-    unknown->tUnexpectedType = 77;
-    const New<PmgrGiveServiceATaskReturnS> good(PmgrGiveServiceATaskReturnMagic, "b;i;o;i;b;i;o;"),
-        bad(PmgrGiveServiceATaskReturnMagic, "b;i;o;i;b;i;o;");
+    const New<ObjIntegerS> number(ObjIntegerMagic, "i;", {1});
+    const New<CmgrMachineDownS> down(CmgrMachineDownMagic, "s;", {StrDuplicate("beta")});
+    const New<MsgUnknownS> unknown(MsgUnknownMagic, "s;i;o;", {StrDuplicate("why"), 77, nullptr});
+    const char* reply = "b;i;o;i;b;i;o;";
+    const New<PmgrGiveServiceATaskReturnS> good(PmgrGiveServiceATaskReturnMagic, reply),
+        bad(PmgrGiveServiceATaskReturnMagic, reply);
     good->bSuccess = TRUE;
     bad->lErrorCode = 9;
-    const New<PmgrTaskS> task(PmgrTaskMagic, "o;i;o;i;");
-    task->lInterfaceType = 2;
+    const New<PmgrTaskS> task(PmgrTaskMagic, "o;i;o;i;", {nullptr, 2, nullptr, 0});
     const MsgWaitResultE yes = eMsgWaitResultHandled, no = eMsgWaitResultNotHandled;
     const struct {
         MsgTypeT type;
@@ -468,13 +435,13 @@ TEST_F(MsgWaits, TraceToAFile) {
               0);
 }
 
+// The peer sends back the request for a data channel, so that this process is at both its ends.
 TEST_F(MsgWaits, TaskAndConnectOpenADataChannel) {
     static std::vector<MsgAddressO> channels;
     const Peer echo(peer);
-    const New<PmgrTaskExtS> task(PmgrTaskExtMagic, "o;i;o;i;o;o;");
-    ObjIncRefCount(task->oSource = echo());
-    task->lInterfaceType = 1;
-    task->oUserArguments = Number(55);
+    ObjIncRefCount(echo());
+    const New<PmgrTaskExtS> task(PmgrTaskExtMagic, "o;i;o;i;o;o;",
+                                 {echo(), 1, ObjIntegerNew(55), 0, nullptr, nullptr});
     Add('c', MSG_CONNECTED_MSG, [](MsgMessageO oMessage) {
         auto* oConnected = static_cast<MsgConnectedO>(oMessage->oObject);
         if (auto* oCookie = static_cast<ObjIntegerO>(oConnected->oCookie))
@@ -488,8 +455,9 @@ TEST_F(MsgWaits, TaskAndConnectOpenADataChannel) {
         if (const Text request = self.Receive(); !request.empty()) self.Send(request);
         return BooleanFrom(channels.size() == 2);
     };
-    EXPECT_EQ(MsgWaitOnCallbackWithTimeout(callback, const_cast<Peer*>(&echo), Within(Long).Get()),
-              eMsgWaitResultSuccess);
+    EXPECT_EQ(
+        MsgWaitOnCallbackWithTimeout(callback, const_cast<Peer*>(&echo), TimeoutIn(Long).Get()),
+        eMsgWaitResultSuccess);
     ASSERT_EQ(channels.size(), 2U);
     EXPECT_NE(Seen().find("55"), Text::npos);  // the task's arguments
     EXPECT_EQ(MsgSendObject(channels[0], T('X'), nullptr), TRUE);
@@ -497,7 +465,8 @@ TEST_F(MsgWaits, TaskAndConnectOpenADataChannel) {
     MsgChannelClose(&channels[0]);
     EXPECT_EQ(WaitFor('Y', channels[1]), FALSE);  // ended by the closing
     MsgChannelClose(&channels[1]);
-    while (gtTlContext.sMsg.oLingerList->lItemCount > 0) MsgWaitPollWithTimeout(Within(20).Get());
+    while (gtTlContext.sMsg.oLingerList->lItemCount > 0)
+        MsgWaitPollWithTimeout(TimeoutIn(20).Get());
 }
 
 TEST_F(MsgWaits, RequestAndReply) {
@@ -506,7 +475,7 @@ TEST_F(MsgWaits, RequestAndReply) {
     const std::tuple<Text, int32, BooleanT, int32> rows[] = {
         {five, ObjIntegerMagic, TRUE, 5},  {five, 0, TRUE, 5}, {five, ObjStringMagic, FALSE, 0},
         {none, ObjIntegerMagic, FALSE, 0}, {none, 0, TRUE, 0}, {silence, 0, FALSE, 0}};
-    const Object number(Number(7)), wrong(Number(8));
+    const New<ObjIntegerS> number(ObjIntegerMagic, "i;", {7}), wrong(ObjIntegerMagic, "i;", {8});
     for (const auto& [sent, lMagic, bResult, lReply] : rows) {
         Push(T('R'), beta, wrong.Get());  // not from whom it is expected
         if (sent != silence) answers.Send(T('R'), sent);

@@ -1,43 +1,66 @@
-// What processes of the tests that send messages share.
+// What the tests of messages share: holders, addresses as texts, and packets written by hand.
+// Addresses are written "machine:id", with "." for this machine and "-" for none, as of a channel.
 #pragma once
 
-#include <chrono>
-#include <cstdio>
+#include <array>
 #include <string>
 
-#include "core/msgchannel.h"
-#include "core/process.h"
+#include "core/msg.h"
+#include "core/strbase.h"
 #include "core/sys.h"
+#include "support/archivebytes.h"
 
-using Clock = std::chrono::steady_clock;
+using Address = ObjHolder<MsgAddressS>;
+using Message = ObjHolder<MsgMessageS>;
+using Packet = ObjHolder<MsgPacketS>;
 
-inline int SecondsSince(Clock::time_point start) {
-    return static_cast<int>(
-        std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - start).count());
-}
-
-// A process of another machine, or of this one; the caller's.
-inline MsgAddressO AddressOf(const std::string& machine, ProcIdT id) {
+inline MsgAddressO At(const std::string& text) {
+    if (text.empty()) return nullptr;
+    const std::string name = text.substr(0, text.find(':'));
+    const char* machine = name == "." ? SysLocalMachineName() : name.c_str();
     MsgAddressO address = nullptr;
-    MsgCreateAddress(&address, machine.c_str(), id);
+    MsgMakeAddress(&address, name == "-" ? nullptr : machine,
+                   std::stoi(text.substr(name.size() + 1)));
     return address;
 }
-inline MsgAddressO AddressOf(ProcIdT id) { return AddressOf(SysLocalMachineName(), id); }
 
-// A time from now; the caller's.
-inline TimeTimeoutO In(int32 seconds, int32 milliseconds = 0) {
-    TimeTimeoutO timeout = nullptr;
-    TimeCreateAndSetTimeout(&timeout, seconds, milliseconds);
-    return timeout;
+inline std::string Shown(MsgAddressO address) {
+    if (address == nullptr) return "nobody";
+    const char* name = MsgGetMachineName(address);
+    const char* shown = name == nullptr                              ? "-"
+                        : std::string(name) == SysLocalMachineName() ? "."
+                                                                     : name;
+    return shown + (":" + std::to_string(MsgGetProcessId(address)));
 }
 
-// Joins the processes of the machine that its communications manager serves.
-inline bool Connect(ProcIdT id) {
-    return ProcSetId(id) == TRUE && MsgIpcConnect(eMsgProcTypeProcess) == TRUE;
+struct TimeoutIn : ObjHolder<TimeTimeoutS> {
+    explicit TimeoutIn(int milliseconds) {
+        TimeCreateAndSetTimeout(Address(), milliseconds / 1000, milliseconds % 1000);
+    }
+};
+
+// An object with these fields; what they own becomes the object's.
+template <class T>
+struct New : ObjHolder<T> {
+    New(int32 magic, const char* descriptor, T fields = {})
+        : ObjHolder<T>(ObjNew<T>(magic, descriptor)) {
+        *this->Get() = fields;
+    }
+    T* operator->() const { return this->Get(); }
+};
+
+// What a network link carries of a packet: its body alone.
+inline std::string FrameBytes(MsgTypeT type, const std::string& object) {
+    return bytes::Long(8 + static_cast<std::int64_t>(object.size())) + bytes::Long(type) + object;
 }
 
-// A line for the test that has started this process.
-inline void Say(const std::string& line) {
-    std::puts(line.c_str());
-    std::fflush(stdout);
+// Next hop, machine and process of the source, machine and process of the destination.
+using Ends = std::array<int32, 5>;
+
+// Every word stands least significant byte first here: the host's order is that of this machine.
+inline std::string PacketBytes(const Ends& e, MsgTypeT type, const std::string& object) {
+    using bytes::Long;
+    return Long(e[0]) + Long(200 + static_cast<std::int64_t>(object.size())) + Long(e[1]) +
+           Long(e[2]) + Long(e[3]) + Long(e[4]) + Long(type) + Long(0) + std::string(160, '\0') +
+           FrameBytes(type, object);
 }
