@@ -361,9 +361,8 @@ void Work(Ledger* ledger, int process, std::chrono::steady_clock::time_point end
 
 TEST_F(Cfg, NoUpdateOfManyProcessesIsLost) {
     Text content;
-    for (int process = 0; process < Processes; process++) {
+    for (int process = 0; process < Processes; process++)
         content += "[P" + std::to_string(process) + "]\nfiller=" + Filler + "\ncounter=0\n\n";
-    }
     WriteFile(ConfigDir + "/shared.cfg", content);
     auto* ledger = static_cast<Ledger*>(
         mmap(nullptr, sizeof(Ledger), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));

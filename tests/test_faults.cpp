@@ -131,9 +131,8 @@ char Try(bool pack, const Files& files, const std::function<void()>& arm) {
     for (const File& file : files) WriteFile(attempt.Path(file.name), file.content);
     if (!pack) WriteFile(attempt.Path("archive"), attempt.expected);
     const RunResult result = RunForked(RunAttempt, &attempt);
-    for (const auto& entry : std::filesystem::directory_iterator(TmpDir)) {
+    for (const auto& entry : std::filesystem::directory_iterator(TmpDir))
         std::filesystem::remove(entry.path());
-    }
     EXPECT_EQ(result.output, "");
     if (result.signal == SIGSEGV) return Stopped;
     EXPECT_EQ(result.signal, 0);
@@ -306,9 +305,7 @@ TEST_F(Faults, FailuresAreNamed) {
                       FALSE);
         }
         FaultDisarm();
-        for (const int32 number : row.numbers) {
-            EXPECT_TRUE(trace.Has("PAKZLIB", number)) << number;
-        }
+        for (const int32 number : row.numbers) EXPECT_TRUE(trace.Has("PAKZLIB", number)) << number;
         if (oContext != nullptr) PakZlibCleanupContext(&oContext);
     }
     EXPECT_EQ(ListDir(TmpDir), std::vector<std::string>());

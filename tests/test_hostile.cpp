@@ -164,9 +164,8 @@ TEST_F(Hostile, CutAnywhere) {
     const std::string archive = bytes::Archive(TwoFiles);
     ASSERT_EQ(Restore(archive), TRUE);
     const Leftovers before;
-    for (std::size_t size = 0; size < archive.size(); size++) {
+    for (std::size_t size = 0; size < archive.size(); size++)
         EXPECT_EQ(Restore(archive.substr(0, size)), FALSE) << size;
-    }
     EXPECT_EQ(before.Text(), "");
 }
 

@@ -24,9 +24,8 @@ const std::string TmpDir = TestHome() + "/tmp";
 
 std::string FromHex(const std::string& text) {
     std::string out;
-    for (std::size_t at = 0; at < text.size(); at += 3) {
+    for (std::size_t at = 0; at < text.size(); at += 3)
         out += static_cast<char>(std::stoi(text.substr(at, 2), nullptr, 16));
-    }
     return out;
 }
 
@@ -152,9 +151,8 @@ TEST_F(PakZlib, ChunkMayTake131072CompressedBytes) {
     const auto stream = [](std::size_t size) {
         const std::size_t last = (size - 11) % 5;
         std::string out = FromHex("78 01 ");
-        for (std::size_t block = 0; block < (size - 11) / 5; block++) {
+        for (std::size_t block = 0; block < (size - 11) / 5; block++)
             out += FromHex("00 00 00 ff ff ");
-        }
         const std::string text(last, 'x');
         out += Byte(1) + Byte(static_cast<int>(last)) + Byte(0) +
                Byte(static_cast<int>(~last & 0xff)) + Byte(0xff) + text;

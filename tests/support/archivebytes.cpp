@@ -55,9 +55,8 @@ std::string FileHeader::Encode() const {
 
 File Chunked(const std::string& name, const std::string& content) {
     File file = {name, {content.substr(0, ChunkBytes)}};
-    for (std::size_t at = ChunkBytes; at < content.size(); at += ChunkBytes) {
+    for (std::size_t at = ChunkBytes; at < content.size(); at += ChunkBytes)
         file.pieces.push_back(content.substr(at, ChunkBytes));
-    }
     return file;
 }
 

@@ -43,9 +43,8 @@ RunResult Finish(pid_t child, int fd) {
     RunResult result;
     char buffer[65536];
     ssize_t count = 0;
-    while ((count = read(fd, buffer, sizeof(buffer))) > 0 || (count < 0 && errno == EINTR)) {
+    while ((count = read(fd, buffer, sizeof(buffer))) > 0 || (count < 0 && errno == EINTR))
         if (count > 0) result.output.append(buffer, static_cast<std::size_t>(count));
-    }
     close(fd);
     int status = 0;
     while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
@@ -112,9 +111,8 @@ bool Exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 std::vector<std::string> ListDir(const std::string& path) {
     std::vector<std::string> names;
     std::error_code error;
-    for (const auto& entry : fs::directory_iterator(path, error)) {
+    for (const auto& entry : fs::directory_iterator(path, error))
         names.push_back(entry.path().filename().string());
-    }
     std::sort(names.begin(), names.end());
     return names;
 }
@@ -140,16 +138,14 @@ int TraceCapture::Count(const std::string& module, int32 number) const {
 }
 
 std::string TraceCapture::Text(const std::string& module, int32 number) const {
-    for (const Record& record : g_records) {
+    for (const Record& record : g_records)
         if (record.module == module && record.number == number) return record.text;
-    }
     return {};
 }
 
 int32 TraceCapture::Level(const std::string& module, int32 number) const {
-    for (const Record& record : g_records) {
+    for (const Record& record : g_records)
         if (record.module == module && record.number == number) return record.level;
-    }
     return -99;
 }
 
@@ -163,9 +159,8 @@ void TraceCapture::Clear() { g_records.clear(); }
 RunResult Run(const std::vector<std::string>& arguments,
               const std::vector<std::string>& environment) {
     std::vector<std::string> words = arguments;
-    if (const std::string emulator = TEST_EMULATOR; !emulator.empty()) {
+    if (const std::string emulator = TEST_EMULATOR; !emulator.empty())
         words.insert(words.begin(), emulator);
-    }
     return Fork([&] {
         std::vector<char*> argv;
         for (std::string& word : words) argv.push_back(word.data());
