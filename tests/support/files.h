@@ -2,11 +2,13 @@
 #pragma once
 
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "core/memory.h"
 #include "support/support.h"
@@ -40,6 +42,28 @@ inline std::string Owned(char* block) {
 
 inline RunResult InChild(std::function<int()> function) {
     return RunForked([](void* f) { return (*static_cast<std::function<int()>*>(f))(); }, &function);
+}
+
+// Whether a function, called with the numbers from 0 on in so many child processes at once, returns
+// 0 in each of them.
+inline bool InChildren(int count, const std::function<int(int number)>& function) {
+    std::vector<pid_t> children;
+    for (int number = 0; number < count; ++number) {
+        children.push_back(fork());
+        if (children.back() == 0) _exit(function(number));
+    }
+    int failed = 0;
+    for (const pid_t child : children) {
+        int status = -1;
+        failed += child < 0 || waitpid(child, &status, 0) != child || status != 0 ? 1 : 0;
+    }
+    return failed == 0;
+}
+
+// Type and permissions of a file; 0 when it is not there.
+inline unsigned ModeOf(const std::string& path) {
+    struct stat status = {};
+    return stat(path.c_str(), &status) == 0 ? status.st_mode : 0;
 }
 
 // Makes directories of one name inside each other until their path is longer than the system takes.

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <dirent.h>
+#include <gtest/gtest.h>
 
 #include <string>
 
@@ -35,4 +36,16 @@ class Leftovers {
     int32 m_objects;
     int32 m_blocks;
     int m_descriptors;
+};
+
+// Expects at the end of its life that nothing was left since its beginning.
+class NothingLeft {
+ public:
+    NothingLeft() = default;
+    ~NothingLeft() { EXPECT_EQ(m_before.Text(), ""); }
+    NothingLeft(const NothingLeft&) = delete;
+    NothingLeft& operator=(const NothingLeft&) = delete;
+
+ private:
+    const Leftovers m_before;
 };

@@ -28,6 +28,7 @@ BooleanT Collect(const char* pBuffer, int32 lSize, void* /*pArgument*/) {
     const char* text = pBuffer + sizeof(head);
     g_records.push_back({module, head.lTraceId, head.lStatusCode, head.lLevel,
                          std::string(text, strnlen(text, lSize - sizeof(head)))});
+    errno = 0;
     return TRUE;
 }
 
@@ -115,6 +116,13 @@ std::vector<std::string> ListDir(const std::string& path) {
         names.push_back(entry.path().filename().string());
     std::sort(names.begin(), names.end());
     return names;
+}
+
+std::vector<std::string> Split(const std::string& text, char end) {
+    std::istringstream in(text);
+    std::vector<std::string> parts;
+    for (std::string part; std::getline(in, part, end);) parts.push_back(part);
+    return parts;
 }
 
 TraceCapture::TraceCapture(int32 level)

@@ -1,8 +1,20 @@
-// What the test programs share. The main function (testmain.cpp) makes a home directory with a
-// "tmp" in it, initialises the library and runs the tests.
+// What the test programs share, with the headers that most of them need. The main function
+// (testmain.cpp) makes a home directory with a "tmp" in it, initialises the library and runs the
+// tests.
 #pragma once
 
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstring>
+#include <functional>
+#include <random>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "core/trace.h"
@@ -31,7 +43,10 @@ void WriteFile(const std::string& path, const std::string& bytes);
 bool Exists(const std::string& path);
 std::vector<std::string> ListDir(const std::string& path);  // sorted names without "." and ".."
 
-// Collects every trace record up to a level while it lives.
+// The parts of a text that an end character closes; the last one may do without.
+std::vector<std::string> Split(const std::string& text, char end = '\n');
+
+// Collects every trace record up to a level while it lives. Its sink spoils errno.
 class TraceCapture {
  public:
     struct Record {
