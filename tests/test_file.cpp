@@ -3,16 +3,9 @@
 #include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
 #include <sys/time.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <csignal>
-#include <cstring>
 #include <filesystem>
 #include <set>
 
@@ -22,14 +15,9 @@
 #include "core/filesys.h"
 #include "core/filetmp.h"
 #include "core/path.h"
-#include "core/trace.h"
 #include "support/files.h"
 
-namespace {
-
-std::function<void()> g_atEnd;  // called when a directory was read to its end
-
-}  // namespace
+static std::function<void()> g_atEnd;  // called when a directory was read to its end
 
 extern "C" struct dirent64* readdir64(DIR* directory) {
     static auto* const real =
@@ -40,6 +28,8 @@ extern "C" struct dirent64* readdir64(DIR* directory) {
 }
 
 namespace {
+
+namespace fs = std::filesystem;
 
 // A file that is open while this lives.
 struct Handle {
@@ -126,8 +116,6 @@ struct LockHolder {
     pid_t child;
 };
 
-}  // namespace
-
 TEST(FileSys, OpenModes) {
     // Modes, flags, whether a file is created and truncated.
     const std::tuple<std::vector<FileModeT>, int, bool, bool> cases[] = {
@@ -145,9 +133,7 @@ TEST(FileSys, OpenModes) {
             EXPECT_EQ(ReadFile(dir("old")), truncates ? "" : "content") << mode;
             umask(077);
             Handle created(dir("new"), mode);
-            struct stat status = {};
-            stat(dir("new"), &status);
-            EXPECT_EQ(status.st_mode, creates ? S_IFREG | 0644U : 0U) << mode;
+            EXPECT_EQ(ModeOf(dir("new")), creates ? S_IFREG | 0644U : 0U) << mode;
         }
     }
 }
@@ -169,8 +155,7 @@ TEST(FileSys, FailuresAreReportedAndLeaveErrno) {
     const Name missing = dir("missing");
     const Name full = dir("full");
     WriteFile(dir("file"), "content");
-    ASSERT_EQ(mkdir(full, 0700), 0);
-    WriteFile(dir("full/entry"), "");
+    fs::create_directories(full + "/entry");
     Handle reader(dir("file"), 1);
     Handle device("/dev/full", 4);
     FileHandleT handle = 4711;
@@ -187,25 +172,15 @@ TEST(FileSys, FailuresAreReportedAndLeaveErrno) {
         {532, 3, ENOTEMPTY, [&] { return FileDirDelete(full); }},
         {531, -1, EISDIR, [&] { return FileCopy(full, dir("x")); }},
         {5, 3, EEXIST, [&] { return PathCreateDirectory(full); }}};
-    // The sink spoils errno and notes number, level and status of the messages.
-    static std::set<std::tuple<int32, int32, int32>> messages;
-    const TraceLevelE previous = TraceSetLevel(eTraceLevelLibVerbose);
-    TraceSetCallback([](const char* buffer, int32, void*) -> BooleanT {
-        TraceMessageHeaderT head;
-        std::memcpy(&head, buffer, sizeof(head));
-        messages.insert({head.lTraceId, head.lLevel, head.lStatusCode});
-        errno = 0;
-        return TRUE;
-    });
     for (const auto& [message, level, error, call] : cases) {
-        messages.clear();
+        const TraceCapture trace;
         errno = 0;
         EXPECT_EQ(call(), FALSE) << message;
         EXPECT_EQ(errno, error) << message;
+        std::set<std::tuple<int32, int32, int32>> messages;
+        for (const auto& m : trace.Records()) messages.insert({m.number, m.level, m.status});
         EXPECT_EQ(messages.count({message, level, error}), 1U) << message;
     }
-    TraceSetCallback(nullptr);
-    TraceSetLevel(previous);
     EXPECT_EQ(handle, 4711);
     EXPECT_EQ(ReadFile(dir("file")), "content");
     EXPECT_FALSE(Exists(dir("x")));
@@ -485,8 +460,6 @@ TEST(FileTmp, DeletesWhatOneOwnerHas) {
     EXPECT_EQ(ListDir(tmp).size(), 0U);
 }
 
-namespace {
-
 struct Visits {
     std::multiset<std::string> names;
     std::function<BooleanT(const std::string& directory, const std::string& name)> also;
@@ -499,8 +472,6 @@ BooleanT Visit(const char* directory, const char* name, void* cookie) {
     visits->names.insert(where.ends_with("/") ? where + name : name);
     return visits->also ? visits->also(where, name) : TRUE;
 }
-
-}  // namespace
 
 TEST(DirScans, SnapshotSeesEveryEntryOnce) {
     Dir dir;
@@ -539,7 +510,6 @@ TEST(DirScans, SnapshotSeesEveryEntryOnce) {
 TEST(DirScans, TreesAreWalkedWhole) {
     Dir dir;
     const Name root = dir("root");
-    namespace fs = std::filesystem;
     std::multiset<std::string> expected;
     for (const char* name : {"a/b/c", "a/b2", "d/e/f/g/h", "empty", "z"})
         fs::create_directories(root + "/" + name);
@@ -554,27 +524,27 @@ TEST(DirScans, TreesAreWalkedWhole) {
     fs::create_directory_symlink(root.c_str(), root + "/d/e/top");
     expected.insert({"d/self", "d/e/top"});
 
-    Visits relative;
-    EXPECT_EQ(DirScanDirectRecursive(root, Visit, &relative, TRUE), eDSROK);
-    EXPECT_EQ(relative.names, expected);
-    Visits full;
-    EXPECT_EQ(DirScanDirectRecursive(root, Visit, &full, FALSE), eDSROK);
-    std::multiset<std::string> paths;
-    for (const std::string& name : expected) paths.insert(root + "/" + name);
-    EXPECT_EQ(full.names, paths);
+    for (const BooleanT relative : {TRUE, FALSE}) {
+        Visits visits;
+        EXPECT_EQ(DirScanDirectRecursive(root, Visit, &visits, relative), eDSROK);
+        std::multiset<std::string> paths;
+        for (const std::string& name : expected)
+            paths.insert(relative == TRUE ? name : root + "/" + name);
+        EXPECT_EQ(visits.names, paths);
+    }
 }
 
 TEST(DirScans, WalksThatEndEarly) {
     Dir dir;
     const Name root = dir("root");
-    std::filesystem::create_directories(root + "/gone/below");
+    fs::create_directories(root + "/gone/below");
     Visits visits;
     visits.also = [](auto&, auto& name) { return BooleanFrom(name != "below"); };
     EXPECT_EQ(DirScanDirectRecursive(root, Visit, &visits, TRUE), eDSRCallbackHalt);
     EXPECT_EQ(visits.names, (std::multiset<std::string>{"gone", "gone/below"}));
 
     visits.also = [](auto& directory, auto& name) {
-        return BooleanFrom(std::filesystem::remove_all(directory + name) > 0);
+        return BooleanFrom(fs::remove_all(directory + name) > 0);
     };
     EXPECT_EQ(DirScanDirectRecursive(root, Visit, &visits, FALSE), eDSRFailed);
 
@@ -584,3 +554,5 @@ TEST(DirScans, WalksThatEndEarly) {
     EXPECT_EQ(DirScanDirectRecursive(root, Visit, &visits, TRUE), eDSRFailed);
     EXPECT_GT(visits.names.size(), 15U);
 }
+
+}  // namespace
