@@ -1,15 +1,9 @@
 // Stanza files: what is read from hand-written lines, what is written byte for byte, cursors, and
 // files that processes change, are killed in, or find no room for.
-#include <gtest/gtest.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
 
 #include <chrono>
-#include <csignal>
-#include <random>
 
-#include "core/list.h"
-#include "core/objwrappers.h"
 #include "core/stnzbase.h"
 #include "core/stnzfile.h"
 #include "core/stnzlist.h"
@@ -17,6 +11,7 @@
 #include "support/faults.h"
 #include "support/files.h"
 #include "support/leftovers.h"
+#include "support/lists.h"
 
 namespace {
 
@@ -43,8 +38,7 @@ Text ShowFile(const Name& path) {
     ListO list = nullptr;
     if (StnzLoadStanzaListFromFile(&list, path) != TRUE) return "failed";
     Text text;
-    for (ListNodeO node = list->oFirst; node != nullptr; node = node->oNext)
-        text += Show(static_cast<ObjStanzaO>(node->oData)->pValue);
+    for (const auto* stanza : ItemsOf<ObjStanzaO>(list)) text += Show(stanza->pValue);
     ObjRelease(&list);
     return text;
 }
@@ -59,6 +53,44 @@ StnzT* Stanza(const char* category, const char* title, const std::vector<Text>& 
         EXPECT_EQ(StnzAddKeyToStanza(&stanza, &key), TRUE);
     }
     return stanza;
+}
+
+// Changes of a file.
+using Change = BooleanT (*)(const char* category, const char* title, const std::vector<Text>& lines,
+                            const char* path);
+template <BooleanT (*Write)(StnzT*, const char*)>
+BooleanT WithStanza(const char* category, const char* title, const std::vector<Text>& lines,
+                    const char* path) {
+    StnzT* stanza = Stanza(category, title, lines);
+    const BooleanT result = Write(stanza, path);
+    StnzRelease(&stanza);
+    return result;
+}
+constexpr Change Replace = WithStanza<StnzReplaceStanzaInFile>;
+constexpr Change Append = WithStanza<StnzAddStanzaToFile>;
+template <BooleanT Replaces>
+BooleanT WithKey(const char* category, const char* title, const std::vector<Text>& lines,
+                 const char* path) {
+    StnzKeyT* key = nullptr;
+    StnzLineToKey(&key, lines[0].c_str());
+    const BooleanT result = StnzAddKeyToFile(path, category, title, &key, Replaces);
+    EXPECT_TRUE(result == FALSE || key == nullptr);
+    StnzReleaseKey(&key);
+    return result;
+}
+BooleanT Remove(const char* category, const char* title, const std::vector<Text>&,
+                const char* path) {
+    return StnzRemoveStanzaFromFile(category, title, path);
+}
+// All stanzas are read and written, with an integer of the first one set.
+BooleanT Save(const char* category, const char* title, const std::vector<Text>& lines,
+              const char* path) {
+    ObjHolder<ListS> list;
+    const auto value = static_cast<int32>(lines.size());
+    return BooleanFrom(
+        StnzLoadStanzaListFromFile(list.Address(), path) == TRUE &&
+        StnzListSetKeywordFromInteger(list.Get(), category, title, "k", value, TRUE) == TRUE &&
+        StnzSaveStanzaListToFile(list.Get(), path) == TRUE);
 }
 
 TEST(StnzFile, Reading) {
@@ -92,13 +124,12 @@ TEST(StnzFile, Reading) {
         {"[t]\na=1\n[T]\na=2\n[u]", "t{a=1}T{a=2}u{}"},
     };
     const Dir dir;
-    const Leftovers before;
+    const NothingLeft nothing;
     for (const auto& row : table) {
         WriteFile(dir("f"), row.content);
         EXPECT_EQ(ShowFile(dir("f")), row.expected) << row.content;
         EXPECT_EQ(ReadFile(dir("f")), row.content);
     }
-    EXPECT_EQ(before.Text(), "");
 }
 
 // What is written is read back as it was: random stanzas of all that names and values can hold.
@@ -117,7 +148,7 @@ TEST(StnzFile, RoundTrip) {
         return made;
     };
     const Dir dir;
-    const Leftovers before;
+    const NothingLeft nothing;
     for (int round = 0; round < 300; round++) {
         ListO list = ListNew(ObjStanzaMagic);
         Text expected;
@@ -151,12 +182,11 @@ TEST(StnzFile, RoundTrip) {
         ASSERT_EQ(ShowFile(dir("f")), expected) << ReadFile(dir("f"));
         ObjRelease(&list);
     }
-    EXPECT_EQ(before.Text(), "");
 }
 
 // Files after a change, to the byte.
 TEST(StnzFile, Rewriting) {
-    enum Change { Replace, Remove, AppendWhole, AddKey, ReplaceKey };
+    const Change AddKey = WithKey<FALSE>, ReplaceKey = WithKey<TRUE>;
     const struct {
         Change change;
         Text content;
@@ -184,41 +214,26 @@ TEST(StnzFile, Rewriting) {
          "[a!b:c,d]\nk,l!= x!q\n[e]\n"},
         {Remove, "#=1\n[a]\n\nx\n\n[c:t]\nb=1\n", "c", "u", {}, "#=1\n[a]\n[c:t]\nb=1\n"},
         {Remove, "[\x82!]\n\x82,!=\x82!\n", nullptr, "u", {}, "[\x82!]\n\x82,!=\x82!\n"},
-        {AppendWhole, "[t]\n a=1", nullptr, "t", {"b=1"}, "[t]\n a=1[t]\nb=1\n\n"},
+        {Append, "[t]\n a=1", nullptr, "t", {"b=1"}, "[t]\n a=1[t]\nb=1\n\n"},
         {AddKey, "[t]\na=1\nA=2\n[u]", nullptr, "T", {"a=3"}, "[T]\na=1\nA=2\na=3\n\n[u]\n"},
         {ReplaceKey, "[c:t]\na=1\nb=!x\nA=2\n", "c", "t", {"a=3"}, "[c:t]\nb=x\na=3\n\n"},
         {ReplaceKey, "[u]\n", "", "t", {"a=3"}, "[u]\n\n[t]\na=3\n\n"},
     };
     const Dir dir;
-    const Leftovers before;
+    const NothingLeft nothing;
     for (const auto& row : table) {
         WriteFile(dir("f"), row.content);
-        StnzT* stanza = Stanza(row.category, row.title, row.lines);
-        BooleanT result = FALSE;
-        if (row.change == Replace) result = StnzReplaceStanzaInFile(stanza, dir("f"));
-        if (row.change == Remove)
-            result = StnzRemoveStanzaFromFile(row.category, row.title, dir("f"));
-        if (row.change == AppendWhole) result = StnzAddStanzaToFile(stanza, dir("f"));
-        if (row.change == AddKey || row.change == ReplaceKey) {
-            StnzKeyT* key = nullptr;
-            StnzLineToKey(&key, row.lines[0].c_str());
-            result = StnzAddKeyToFile(dir("f"), row.category, row.title, &key,
-                                      BooleanFrom(row.change == ReplaceKey));
-            EXPECT_EQ(key, nullptr);
-        }
-        EXPECT_EQ(result, TRUE);
+        EXPECT_EQ(row.change(row.category, row.title, row.lines, dir("f")), TRUE);
         EXPECT_EQ(ReadFile(dir("f")), row.expected) << row.content;
         EXPECT_EQ(ListDir(dir.Path()), (std::vector<Text>{"f", "f.lck"}));
-        StnzRelease(&stanza);
     }
-    EXPECT_EQ(before.Text(), "");
 }
 
 // Where the handle stands: current title, keyword and argument, and the key that comes next.
 TEST(StnzFile, CursorKeepsItsPlaceWhenAFindFails) {
     const Dir dir;
     WriteFile(dir("f"), "k=0\n[a]\nk=1\nl=2\nK=3\n[c:b]\nm=4\nk=5\n[d]\nn=6");
-    const Leftovers before;
+    const NothingLeft nothing;
     StnzFileO file = nullptr;
     ASSERT_EQ(StnzOpenFile(&file, dir("f"), 257), TRUE);
     const auto where = [&] {
@@ -280,14 +295,13 @@ TEST(StnzFile, CursorKeepsItsPlaceWhenAFindFails) {
     }
     EXPECT_EQ(StnzCloseFile(&file), TRUE);
     EXPECT_EQ(StnzFileOpenMode(file), -1);
-    EXPECT_EQ(before.Text(), "");
 }
 
 TEST(StnzFile, ModesAndMessages) {
     const Dir dir;
     // With which the class is made known.
     const ObjHolder<StnzDynamicListS> known(ObjNew<StnzDynamicListS>(StnzDynamicListMagic, "o;s;"));
-    const Leftovers before;
+    const NothingLeft nothing;
     const TraceCapture trace;
     StnzT* stanza = Stanza("c", "t", {"k=v"});
     StnzFileO file = nullptr;
@@ -360,7 +374,6 @@ TEST(StnzFile, ModesAndMessages) {
     EXPECT_EQ(ListDir(dir.Path()),
               (std::vector<Text>{"f", "f.lck", "link", "link.lck", "none.lck"}));
     remove((dir.Path() + ".lck").c_str());
-    EXPECT_EQ(before.Text(), "");
 }
 
 const Text Old = "[t]\nk=old\n\n[u]\nk=1\n\n";
@@ -368,46 +381,16 @@ const Text Old = "[t]\nk=old\n\n[u]\nk=1\n\n";
 // The changes that a failing disk is tried on; the content after success.
 const struct {
     const char* name;
-    BooleanT (*change)(const char* path);
+    Change change;
+    const char* title;
+    std::vector<Text> lines;
     Text after;
 } Changes[] = {
-    {"replace",
-     [](const char* path) {
-         StnzT* stanza = Stanza(nullptr, "t", {"k=new value", "l=another"});
-         const BooleanT result = StnzReplaceStanzaInFile(stanza, path);
-         StnzRelease(&stanza);
-         return result;
-     },
-     "[t]\nk=new value\nl=another\n\n[u]\nk=1\n"},
-    {"remove", [](const char* path) { return StnzRemoveStanzaFromFile(nullptr, "t", path); },
-     "[u]\nk=1\n"},
-    {"add key",
-     [](const char* path) {
-         StnzKeyT* key = nullptr;
-         StnzLineToKey(&key, "n=1");
-         const BooleanT result = StnzAddKeyToFile(path, nullptr, "u", &key, FALSE);
-         StnzReleaseKey(&key);
-         return result;
-     },
-     "[t]\nk=old\n\n[u]\nk=1\nn=1\n\n"},
-    {"append",
-     [](const char* path) {
-         StnzT* stanza = Stanza(nullptr, "t", {"k=new value"});
-         const BooleanT result = StnzAddStanzaToFile(stanza, path);
-         StnzRelease(&stanza);
-         return result;
-     },
-     Old + "[t]\nk=new value\n\n"},
-    {"save",
-     [](const char* path) {
-         ListO list = nullptr;
-         BooleanT result = StnzLoadStanzaListFromFile(&list, path);
-         if (result == TRUE) result = StnzListSetKeywordFromInteger(list, "", "t", "k", 7, TRUE);
-         if (result == TRUE) result = StnzSaveStanzaListToFile(list, path);
-         if (list != nullptr) ObjRelease(&list);
-         return result;
-     },
-     "[t]\nk=7\n\n[u]\nk=1\n\n"},
+    {"replace", Replace, "t", {"k=new value", "l=b"}, "[t]\nk=new value\nl=b\n\n[u]\nk=1\n"},
+    {"remove", Remove, "t", {}, "[u]\nk=1\n"},
+    {"add key", WithKey<FALSE>, "u", {"n=1"}, "[t]\nk=old\n\n[u]\nk=1\nn=1\n\n"},
+    {"append", Append, "t", {"k=new value"}, Old + "[t]\nk=new value\n\n"},
+    {"save", Save, "t", {"", ""}, "[t]\nk=2\n\n[u]\nk=1\n\n"},
 };
 
 TEST(StnzFile, AFullOrFailingDiskLeavesTheOldFile) {
@@ -417,7 +400,7 @@ TEST(StnzFile, AFullOrFailingDiskLeavesTheOldFile) {
         const Leftovers before;
         int wrong = 0;
         const auto attempt = [&](const auto& change, bool good, const Text& what) {
-            const bool done = change.change(dir("f")) == TRUE;
+            const bool done = change.change(nullptr, change.title, change.lines, dir("f")) == TRUE;
             struct rlimit none = {RLIM_INFINITY, RLIM_INFINITY};
             setrlimit(RLIMIT_FSIZE, &none);
             FaultDisarm();
@@ -502,22 +485,12 @@ TEST(StnzFile, KilledWhileRewriting) {
 
 TEST(StnzFile, UpdatesOfSeveralProcessesAllArrive) {
     const Dir dir;
-    std::vector<pid_t> children;
-    for (int process = 0; process < 4; process++) {
-        children.push_back(fork());
-        if (children.back() != 0) continue;
-        for (int i = 0; i < 25; i++) {
-            StnzKeyT* key = nullptr;
-            StnzCreateKeyFromInteger(&key, ("p" + std::to_string(process)).c_str(), i);
-            if (StnzAddKeyToFile(dir("f"), "c", "t", &key, FALSE) != TRUE) _exit(1);
-        }
-        _exit(0);
-    }
-    for (const pid_t child : children) {
-        int status = 0;
-        waitpid(child, &status, 0);
-        EXPECT_EQ(status, 0);
-    }
+    EXPECT_TRUE(InChildren(4, [&](int process) {
+        int failed = 0;
+        for (int i = 0; i < 25; i++)
+            failed += WithKey<FALSE>("c", "t", {Text(process + 1, 'p') + "=1"}, dir("f")) != TRUE;
+        return failed;
+    }));
     StnzT* stanza = nullptr;
     ASSERT_EQ(StnzLoadStanzaFromFile(&stanza, dir("f"), "c", "t"), TRUE);
     EXPECT_EQ(stanza->lKeyCount, 100);
