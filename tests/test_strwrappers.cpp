@@ -1,59 +1,23 @@
-#include <gtest/gtest.h>
-
 #include <limits>
-#include <random>
-#include <string>
-#include <vector>
 
-#include "core/list.h"
-#include "core/memory.h"
-#include "core/objwrappers.h"
 #include "core/strdynam.h"
 #include "core/strwrappers.h"
-#include "support/support.h"
+#include "support/files.h"
+#include "support/lists.h"
+#include "support/objects.h"
 
 namespace {
-
-template <class T>
-std::string Owned(T* block) {
-    if (block == nullptr) return "<null>";
-    std::string text = block;
-    MemFree(&block);
-    return text;
-}
-
-// The strings of a list; "<null>" for an item without a value, "<other>" for one of another class.
-std::vector<std::string> Strings(ListO list) {
-    std::vector<std::string> texts;
-    for (ListNodeO node = list->oFirst; node != nullptr; node = node->oNext) {
-        const bool string = ObjCheckTypeInternal(node->oData, ObjStringMagic) == TRUE;
-        const char* text = ObjGetString(static_cast<ObjStringO>(node->oData));
-        texts.emplace_back(!string ? "<other>" : text == nullptr ? "<null>" : text);
-    }
-    return texts;
-}
 
 template <class T>
 void Push(ListO list, T* object) {
     ASSERT_EQ(ListPushLastItem(list, &object), TRUE);
 }
 
-// Every test gives back all memory, but for the class template that the first growing string makes.
-class StrWrappers : public testing::Test {
- protected:
-    void SetUp() override {
-        ObjHolder<ObjDStringS> first(ObjDStringNew(""));
-        ObjRelease(first.Address());
-        m_blocks = MemUsedCount();
-    }
-    void TearDown() override { EXPECT_EQ(MemUsedCount(), m_blocks); }
-
- private:
-    int32 m_blocks = 0;
+// The first growing string makes its class template, which stays.
+struct StrWrappers : ObjectTest {
+    static void SetUpTestSuite() { const ObjHolder<ObjDStringS> first(ObjDStringNew("")); }
 };
 using StrDynam = StrWrappers;
-
-}  // namespace
 
 // Every joining function on one mixed list takes its own class and skips the rest.
 TEST_F(StrWrappers, JoinTakesItsOwnClass) {
@@ -64,12 +28,10 @@ TEST_F(StrWrappers, JoinTakesItsOwnClass) {
     Push(list.Get(), ObjStringNew(nullptr));
     EXPECT_EQ(StrFromStrList(&text, list.Get()), FALSE);
     EXPECT_EQ(text, nullptr);
-    Push(list.Get(), ObjIntegerNew(-1062731775));
-    Push(list.Get(), ObjStringNew(""));
-    Push(list.Get(), ObjBooleanNew(TRUE));
-    Push(list.Get(), ObjIntegerNew(7));
-    Push(list.Get(), ObjStringNew("\202,"));
-    Push(list.Get(), ObjStringNew("b"));
+    for (void* item : std::initializer_list<void*>{ObjIntegerNew(-1062731775), ObjStringNew(""),
+                                                   ObjBooleanNew(TRUE), ObjIntegerNew(7),
+                                                   ObjStringNew("\202,"), ObjStringNew("b")})
+        Push(list.Get(), item);
 
     EXPECT_EQ(StrFromValueList(&text, list.Get()), TRUE);
     EXPECT_EQ(Owned(text), "-1062731775, 7");
@@ -97,42 +59,38 @@ TEST_F(StrWrappers, JoinRefusesWhatIsNoList) {
 
 TEST_F(StrWrappers, ValueListFromString) {
     using Values = std::vector<std::string>;
-    struct {
-        const char* text;
-        Values values;
-    } const cases[] = {{"", {}},
-                       {" \t ", {}},
-                       {" a , b ", {"a", "b"}},
-                       {"a,", {"a", ""}},
-                       {",", {"", ""}},
-                       {",,a", {"", "", "a"}},
-                       {" , ", {"", ""}},
-                       {"a b\t,\tc", {"a b", "c"}},
-                       {"a\202,b ,c", {"a\202,b", "c"}},            // "," as a trail byte
-                       {"a\202 , \202\tb", {"a\202 ", "\202\tb"}},  // blanks as trail bytes
-                       {"a,\202", {"a", "\202"}}};
-    for (const auto& c : cases) {
+    const std::pair<const char*, Values> cases[] = {
+        {"", {}},
+        {" \t ", {}},
+        {" a , b ", {"a", "b"}},
+        {"a,", {"a", ""}},
+        {",", {"", ""}},
+        {",,a", {"", "", "a"}},
+        {" , ", {"", ""}},
+        {"a b\t,\tc", {"a b", "c"}},
+        {"a\202,b ,c", {"a\202,b", "c"}},            // "," as a trail byte
+        {"a\202 , \202\tb", {"a\202 ", "\202\tb"}},  // blanks as trail bytes
+        {"a,\202", {"a", "\202"}}};
+    for (const auto& [text, values] : cases) {
         ObjHolder<ListS> list;
-        EXPECT_EQ(StrValueListFromString(list.Address(), c.text), TRUE);
-        EXPECT_EQ(Strings(list.Get()), c.values) << testing::PrintToString(c.text);
+        EXPECT_EQ(StrValueListFromString(list.Address(), text), TRUE);
+        EXPECT_EQ(TextsOf(list.Get()), values) << testing::PrintToString(text);
     }
-    {
-        char* texts[] = {StrDuplicate("x,y"), StrDuplicate(""), nullptr, StrDuplicate("z")};
-        ObjHolder<ListS> list;
-        EXPECT_EQ(StrValueListFromArray(list.Address(), texts), TRUE);
-        EXPECT_EQ(Strings(list.Get()), (Values{"x,y", ""}));
-        for (char* text : texts) MemFree(&text);
-    }
+    char* texts[] = {StrDuplicate("x,y"), StrDuplicate(""), nullptr, StrDuplicate("z")};
+    ObjHolder<ListS> list;
+    EXPECT_EQ(StrValueListFromArray(list.Address(), texts), TRUE);
+    EXPECT_EQ(TextsOf(list.Get()), (Values{"x,y", ""}));
+    for (char* text : texts) MemFree(&text);
 }
 
 TEST_F(StrWrappers, InsertKeepsOrder) {
     ObjHolder<ListS> list(ListNew());
     for (const char* text : {"m", "B", "a", "b", "z", "M", ""})
         EXPECT_EQ(StrInsertInList(list.Get(), text), TRUE);
-    EXPECT_EQ(Strings(list.Get()), (std::vector<std::string>{"", "a", "B", "b", "m", "M", "z"}));
+    EXPECT_EQ(TextsOf(list.Get()), (std::vector<std::string>{"", "a", "B", "b", "m", "M", "z"}));
     Push(list.Get(), ObjIntegerNew(1));
     EXPECT_EQ(StrInsertInList(list.Get(), "zz"), TRUE);
-    EXPECT_EQ(Strings(list.Get()).back(), "zz");
+    EXPECT_EQ(TextsOf(list.Get()).back(), "zz");
 }
 
 TEST_F(StrDynam, CapacityRules) {
@@ -202,3 +160,5 @@ TEST_F(StrDynam, LastCharacter) {
         }
     }
 }
+
+}  // namespace

@@ -33,7 +33,8 @@ inline void WriteInHome(const std::string& name, const std::string& bytes) {
 }
 
 // The text of a block that the caller owns; "<null>" for none.
-inline std::string Owned(char* block) {
+template <class T>
+std::string Owned(T* block) {
     if (block == nullptr) return "<null>";
     std::string text = block;
     MemFree(&block);
