@@ -1,10 +1,6 @@
 // Configuration items in both layouts, byte-exact files after each change, the remote decision, and
 // many processes at one file.
-#include <gtest/gtest.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <chrono>
 
@@ -13,13 +9,11 @@
 #include "core/cfgtools.h"
 #include "core/cfgutil.h"
 #include "core/context.h"
-#include "core/list.h"
-#include "core/objwrappers.h"
 #include "core/stnzlist.h"
 #include "core/strbase.h"
 #include "core/task.h"
 #include "support/files.h"
-#include "support/leftovers.h"
+#include "support/lists.h"
 #include "support/objects.h"
 
 namespace {
@@ -43,14 +37,10 @@ class Cfg : public ObjectTest {
     static Text Read() { return ReadFile(ConfigDir + "/" + File); }
 };
 
-// The strings of a list that the caller holds, each followed by "|"; "-" for a null string.
+// The strings of a list that the caller holds, each followed by "|".
 Text Taken(ListO oList) {
     Text all;
-    for (ListNodeO oNode = oList == nullptr ? nullptr : oList->oFirst; oNode != nullptr;
-         oNode = oNode->oNext) {
-        const char* text = ObjGetString(static_cast<ObjStringO>(oNode->oData));
-        all += Text(text == nullptr ? "-" : text) + "|";
-    }
+    for (const Text& text : TextsOf(oList)) all += text + "|";
     if (oList != nullptr) ObjRelease(&oList);
     return all;
 }
@@ -59,52 +49,33 @@ TEST_F(Cfg, TypedValues) {
     Write(
         "[Item]\nnumber=42\nbig=-9000000000\nyes=TrUe\nno=false\ntext=a!,b\nempty=\n"
         "list=a, b ,,c\ntwice=1\ntwice=2\n[Item:number]\nshown=true\nvalue=43\n");
-    struct Case {
-        const char* keyword;
-        const char* string;  // value 1 as text
-        bool found;
-        int32 integer;  // -7 is the default, -8 stands before the call
-        bool converts;
-        BooleanT boolean;
-        bool isBoolean;
-    };
-    const Case cases[] = {
-        {"NUMBER", "43", true, 43, true, 5, false},
-        {"twice", "1", true, 1, true, 5, false},
-        {"big", "-9000000000", true, -8, false, 5, false},
-        {"yes", "TrUe", true, -8, false, TRUE, true},
-        {"no", "false", true, -8, false, FALSE, true},
-        {"text", "a,b", true, -8, false, 5, false},
-        {"empty", "<null>", true, 0, true, 5, false},
-        {"missing", "dflt", false, -7, false, 6, false},
-    };
-    for (const Case& expected : cases) {
-        SCOPED_TRACE(expected.keyword);
-        const char* keyword = expected.keyword;
+    // Keyword and value 1; the integer (-7 is the default, -8 stands before the call) and whether
+    // it was read; the boolean (6 and 5) and whether it was.
+    const std::tuple<const char*, const char*, int32, BooleanT, BooleanT, BooleanT> cases[] = {
+        {"NUMBER", "43", 43, TRUE, 5, FALSE},        {"twice", "1", 1, TRUE, 5, FALSE},
+        {"big", "-9000000000", -8, FALSE, 5, FALSE}, {"yes", "TrUe", -8, FALSE, TRUE, TRUE},
+        {"no", "false", -8, FALSE, FALSE, TRUE},     {"text", "a,b", -8, FALSE, 5, FALSE},
+        {"empty", "<null>", 0, TRUE, 5, FALSE},      {"missing", "dflt", -7, FALSE, 6, FALSE}};
+    for (const auto& [keyword, value, number, isNumber, truth, isTruth] : cases) {
         char* string = nullptr;
         EXPECT_EQ(CfgGetString(&string, File, "item", keyword, "dflt"),
-                  BooleanFrom(expected.found));
-        EXPECT_EQ(Owned(string), expected.string);
-        int32 integer = -8;
-        EXPECT_EQ(CfgGetInteger(&integer, File, "item", keyword, -7),
-                  BooleanFrom(expected.converts));
-        EXPECT_EQ(integer, expected.integer);
-        BooleanT boolean = 5;
-        EXPECT_EQ(CfgGetBoolean(&boolean, File, "item", keyword, 6),
-                  BooleanFrom(expected.isBoolean));
-        EXPECT_EQ(boolean, expected.boolean);
-
-        // The same from the list in memory.
+                  BooleanFrom(keyword != Text("missing")));
+        EXPECT_EQ(Owned(string), value) << keyword;
         ObjHolder<ListS> oList;
         ASSERT_EQ(CfgGetStanzaList(oList.Address(), File), TRUE);
-        integer = -8;
-        EXPECT_EQ(CfgGetIntegerFromList(oList.Get(), "ITEM", keyword, &integer, -7),
-                  BooleanFrom(expected.converts));
-        EXPECT_EQ(integer, expected.integer);
-        boolean = 5;
-        EXPECT_EQ(CfgGetBooleanFromList(oList.Get(), "ITEM", keyword, &boolean, 6),
-                  BooleanFrom(expected.isBoolean));
-        EXPECT_EQ(boolean, expected.boolean);
+        for (const bool inMemory : {false, true}) {
+            SCOPED_TRACE(Text(keyword) + (inMemory ? " in the list" : " in the file"));
+            int32 integer = -8;
+            EXPECT_EQ(inMemory ? CfgGetIntegerFromList(oList.Get(), "ITEM", keyword, &integer, -7)
+                               : CfgGetInteger(&integer, File, "item", keyword, -7),
+                      isNumber);
+            EXPECT_EQ(integer, number);
+            BooleanT boolean = 5;
+            EXPECT_EQ(inMemory ? CfgGetBooleanFromList(oList.Get(), "ITEM", keyword, &boolean, 6)
+                               : CfgGetBoolean(&boolean, File, "item", keyword, 6),
+                      isTruth);
+            EXPECT_EQ(boolean, truth);
+        }
     }
     int64 wide = 0;
     EXPECT_EQ(CfgGetInt64(&wide, File, "item", "big", 1), TRUE);
@@ -113,7 +84,7 @@ TEST_F(Cfg, TypedValues) {
     EXPECT_EQ(wide, 1);
     ListO oValues = nullptr;
     EXPECT_EQ(CfgGetValueList(&oValues, File, "item", "list"), TRUE);
-    EXPECT_EQ(Taken(oValues), "a|b|-|c|");
+    EXPECT_EQ(Taken(oValues), "a|b|<null>|c|");
     EXPECT_EQ(CfgGetValueList(&oValues, File, "item", "missing"), FALSE);
     StnzKeyT* key = nullptr;
     EXPECT_EQ(CfgGetKey(File, "Item", "TWICE", &key), TRUE);
@@ -142,17 +113,11 @@ TEST_F(Cfg, WritingKeepsTheLayout) {
     EXPECT_EQ(CfgSetInt64(File, "New", "n", 1LL << 40), TRUE);
     EXPECT_EQ(Read(), "[A]\nX=-5\ny=true\n\n" + written + "[New]\nn=1099511627776\n\n");
     // Value lists; and a file that is made.
-    ObjHolder<ListS> oList(ListNew(ObjStringMagic));
-    for (const char* text : {"a,b", "", "c"}) {
-        ObjStringO oText = ObjStringNew(text);
-        ListPushLastItem(oList.Get(), &oText);
-    }
+    ObjHolder<ListS> oList(ListOf({"a,b", "", "c"}));
     unlink((ConfigDir + "/" + File).c_str());
     EXPECT_EQ(CfgSetValueList(File, "T", "k", oList.Get()), TRUE);
     EXPECT_EQ(Read(), "[T]\nk=a!,b,,c\n\n");
-    struct stat status = {};
-    EXPECT_EQ(stat((ConfigDir + "/" + File).c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 0777, 0644U);
+    EXPECT_EQ(ModeOf(ConfigDir + "/" + File) & 0777, 0644U);
     EXPECT_EQ(CfgSetString(nullptr, "T", "k", "v"), FALSE);
     EXPECT_EQ(CfgSetString(File, nullptr, "k", "v"), FALSE);
     EXPECT_EQ(CfgSetString(File, "T", nullptr, "v"), FALSE);
@@ -195,11 +160,9 @@ TEST_F(Cfg, EntriesOfDisplayableLists) {
     EXPECT_EQ(Read(), "[L:list]\nlabel=x\nvalue=two,one\n\n[M:m]\nvalue=first\n\n");
 
     // A text with several values in the first string of a list.
-    ObjHolder<ListS> oTexts(ListNew(ObjStringMagic));
-    ObjStringO oText = ObjStringNew("a, b!,c ,,d");
-    ListPushLastItem(oTexts.Get(), &oText);
+    ObjHolder<ListS> oTexts(ListOf({"a, b!,c ,,d"}));
     EXPECT_EQ(CfgParseValueList(&oList, oTexts.Get()), TRUE);
-    EXPECT_EQ(Taken(oList), "a|b,c|-|d|");
+    EXPECT_EQ(Taken(oList), "a|b,c|<null>|d|");
 }
 
 TEST_F(Cfg, WholeStanzas) {
@@ -232,35 +195,28 @@ TEST_F(Cfg, RemoteDecision) {
     void* oExtra = nullptr;
     ASSERT_EQ(ListSetExtensionItem(&oExtra, oDetails), TRUE);
     oTask->oExtraObjects = static_cast<ListO>(oExtra);
-    struct Case {
-        bool task;
-        const char* server;
-        const char* client;
-        bool mapFile;
-        bool remote;
-    };
-    const Case cases[] = {
-        {true, "server", "client", true, true},   {true, "server", "client", false, false},
-        {false, "server", "client", true, false}, {true, "", "client", true, false},
-        {true, "server", nullptr, true, false},
-    };
-    for (const Case& expected : cases) {
-        gtTlContext.sProcess.oTaskContext = expected.task ? oTask : nullptr;
+    // Whether there is a task, its server and client, whether there is a map file, the decision.
+    const std::tuple<bool, const char*, const char*, bool, bool> cases[] = {
+        {true, "server", "client", true, true},
+        {true, "server", "client", false, false},
+        {false, "server", "client", true, false},
+        {true, "", "client", true, false},
+        {true, "server", nullptr, true, false}};
+    for (const auto& [task, ofServer, ofClient, mapFile, remote] : cases) {
+        gtTlContext.sProcess.oTaskContext = task ? oTask : nullptr;
         MemFree(&oDetails->pstrServer);
         MemFree(&oDetails->pstrClient);
-        oDetails->pstrServer = StrDuplicate(expected.server);
-        oDetails->pstrClient = StrDuplicate(expected.client);
+        oDetails->pstrServer = StrDuplicate(ofServer);
+        oDetails->pstrClient = StrDuplicate(ofClient);
         unlink(map.c_str());
-        if (expected.mapFile) WriteFile(map, "");
-        char* client = nullptr;
-        char* server = nullptr;
-        EXPECT_EQ(CfgUtilDoRemote(&client, &server, File, nullptr), BooleanFrom(expected.remote));
-        EXPECT_EQ(Owned(client), expected.remote ? "client" : "<null>");
-        EXPECT_EQ(Owned(server), expected.remote ? "server" : "<null>");
+        if (mapFile) WriteFile(map, "");
+        char *client = nullptr, *server = nullptr, *value = nullptr;
+        EXPECT_EQ(CfgUtilDoRemote(&client, &server, File, nullptr), BooleanFrom(remote));
+        EXPECT_EQ(Owned(client), remote ? "client" : "<null>");
+        EXPECT_EQ(Owned(server), remote ? "server" : "<null>");
         // Nothing of this machine's is given out for another's.
-        char* value = nullptr;
-        EXPECT_EQ(CfgGetString(&value, File, "S", "k", "default"), BooleanFrom(!expected.remote));
-        EXPECT_EQ(Owned(value), expected.remote ? "default" : "local");
+        EXPECT_EQ(CfgGetString(&value, File, "S", "k", "default"), BooleanFrom(!remote));
+        EXPECT_EQ(Owned(value), remote ? "default" : "local");
     }
     gtTlContext.sProcess.oTaskContext = nullptr;
     unlink(map.c_str());
@@ -271,10 +227,10 @@ TEST_F(Cfg, RemoteDecision) {
 TEST_F(Cfg, Tools) {
     char* text = nullptr;
     EXPECT_EQ(CfgGetTesselVersion(&text), FALSE);
-    for (const auto& [content, version] :
-         std::initializer_list<std::pair<Text, Text>>{{"release 6.3\nnext", "release 6.3"},
-                                                      {"no line end", "no line end"},
-                                                      {Text(2000, 'x'), Text(1023, 'x')}}) {
+    const std::pair<Text, Text> releases[] = {{"release 6.3\nnext", "release 6.3"},
+                                              {"no line end", "no line end"},
+                                              {Text(2000, 'x'), Text(1023, 'x')}};
+    for (const auto& [content, version] : releases) {
         WriteFile(TestHome() + "/RELEASEDEF", content);
         EXPECT_EQ(CfgGetTesselVersion(&text), TRUE);
         EXPECT_EQ(Owned(text), version);
@@ -282,18 +238,19 @@ TEST_F(Cfg, Tools) {
     unlink((TestHome() + "/RELEASEDEF").c_str());
 
     const Text page = "[Configurator]\nPage Name=";
-    WriteFile(ConfigDir + "/configure.cfg", page + "General\nPage Name Id=7\n");
-    WriteFile(ConfigDir + "/brisk.cfg", page + "General\nAdd Scrollbars=true\n");
-    WriteFile(ConfigDir + "/version.cfg", page + "Encryption\nAdd Scrollbars=true\n");
-    WriteFile(ConfigDir + "/programs.cfg", "[Configurator]\n");
-    WriteFile(ConfigDir + "/unknown.cfg", page + "Unknown\n");
+    const std::pair<Text, Text> files[] = {
+        {"configure.cfg", page + "General\nPage Name Id=7\n"},
+        {"brisk.cfg", page + "General\nAdd Scrollbars=true\n"},
+        {"version.cfg", page + "Encryption\nAdd Scrollbars=true\n"},
+        {"programs.cfg", "[Configurator]\n"},
+        {"unknown.cfg", page + "Unknown\n"}};
+    for (const auto& [name, content] : files) WriteFile(ConfigDir + "/" + name, content);
     for (const bool safe : {false, true}) {
         ListO oPages = nullptr;
         ASSERT_EQ(safe ? CfgGetSafeRemotePages(&oPages) : CfgGetPages(&oPages), TRUE);
         EXPECT_EQ(oPages->lItemCount, safe ? 1 : 2);
         int found = 0;
-        for (ListNodeO oNode = oPages->oFirst; oNode != nullptr; oNode = oNode->oNext) {
-            const auto* oPage = static_cast<CfgPageO>(oNode->oData);
+        for (const auto* oPage : ItemsOf<CfgPageO>(oPages)) {
             if (Text(oPage->pstrPageName) != "General") continue;
             found++;
             EXPECT_EQ(oPage->oFileNames->lItemCount, 2);
@@ -301,8 +258,7 @@ TEST_F(Cfg, Tools) {
         EXPECT_EQ(found, 1);
         ObjRelease(&oPages);
     }
-    for (const char* name : {"configure.cfg", "brisk.cfg", "version.cfg", "programs.cfg"})
-        unlink((ConfigDir + "/" + name).c_str());
+    for (const auto& file : files) unlink((ConfigDir + "/" + file.first).c_str());
 }
 
 // --- many processes ---
@@ -310,10 +266,7 @@ TEST_F(Cfg, Tools) {
 constexpr int Processes = 8;
 
 struct Ledger {  // what each process knows that it has done, shared with the test
-    int counter[Processes];
-    int entries[Processes];
-    int wrong[Processes];
-    int reads[Processes];
+    int counter[Processes], entries[Processes], wrong[Processes], reads[Processes];
 };
 
 const Text Filler(600, 'f');
@@ -338,12 +291,11 @@ void Work(Ledger* ledger, int process, std::chrono::steady_clock::time_point end
         int32 counter = -1;
         bool good = CfgGetInteger(&counter, "shared.cfg", title.c_str(), "counter", -1) == TRUE &&
                     counter == ledger->counter[process];
-        if (CfgSetInteger("shared.cfg", title.c_str(), "counter", round) == TRUE)
-            ledger->counter[process] = round;
-        else
-            good = false;
-        good = good && CfgAddEntryToValueList(nullptr, "shared.cfg", "Lists", "all", entry.c_str(),
-                                              TRUE, FALSE) == TRUE;
+        const bool set = CfgSetInteger("shared.cfg", title.c_str(), "counter", round) == TRUE;
+        if (set) ledger->counter[process] = round;
+        good = good && set &&
+               CfgAddEntryToValueList(nullptr, "shared.cfg", "Lists", "all", entry.c_str(), TRUE,
+                                      FALSE) == TRUE;
         // Three entries of each process stay.
         const Text old = title + "-" + std::to_string(round - 3);
         if (round > 3)
@@ -368,21 +320,10 @@ TEST_F(Cfg, NoUpdateOfManyProcessesIsLost) {
         mmap(nullptr, sizeof(Ledger), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     ASSERT_NE(ledger, MAP_FAILED);
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    std::vector<pid_t> children;
-    for (int process = 0; process < Processes; process++) {
-        const pid_t child = fork();
-        ASSERT_GE(child, 0);
-        if (child == 0) {
-            Work(ledger, process, end);
-            _exit(0);
-        }
-        children.push_back(child);
-    }
-    for (const pid_t child : children) {
-        int status = -1;
-        EXPECT_EQ(waitpid(child, &status, 0), child);
-        EXPECT_EQ(status, 0);
-    }
+    EXPECT_TRUE(InChildren(Processes, [&](int process) {
+        Work(ledger, process, end);
+        return 0;
+    }));
     int expectedEntries = 0;
     for (int process = 0; process < Processes; process++) {
         int32 counter = -1;
