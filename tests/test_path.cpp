@@ -1,48 +1,20 @@
 // Paths: what belongs to /etc is tried in a child process whose root is a temporary directory.
-#include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/statvfs.h>
 
-#include <algorithm>
-#include <fstream>
 #include <optional>
-#include <sstream>
 
 #include "core/filelock.h"
 #include "core/filesys.h"
-#include "core/list.h"
-#include "core/objwrappers.h"
 #include "core/path.h"
 #include "core/pathwrappers.h"
 #include "machines/solaris.h"
 #include "support/files.h"
+#include "support/lists.h"
 
 namespace {
 
 using Texts = std::vector<std::string>;
-
-ListO ListOf(const Texts& texts) {
-    ListO list = ListNew(ObjStringMagic);
-    for (const std::string& text : texts) {
-        ObjStringO item = ObjStringNew(text.c_str());
-        ListPushLastItem(list, &item);
-    }
-    return list;
-}
-
-Texts TextsOf(ListO list) {
-    Texts texts;
-    for (ListNodeO node = list->oFirst; node != nullptr; node = node->oNext)
-        texts.emplace_back(ObjGetString(static_cast<ObjStringO>(node->oData)));
-    return texts;
-}
-
-Texts Split(const std::string& text, char end) {
-    std::istringstream in(text);
-    Texts parts;
-    for (std::string part; std::getline(in, part, end);) parts.push_back(part);
-    return parts;
-}
 
 // In a child process that sees the directory as the root of the file system.
 RunResult InRoot(const Dir& root, const std::function<int()>& function) {
@@ -52,8 +24,6 @@ RunResult InRoot(const Dir& root, const std::function<int()>& function) {
         return chdir("/") == 0 ? function() : 98;
     });
 }
-
-}  // namespace
 
 TEST(PathHome, ComesFromTheFirstSourceThatHasOne) {
     using Optional = std::optional<std::string>;
@@ -68,7 +38,7 @@ TEST(PathHome, ComesFromTheFirstSourceThatHasOne) {
         {{}, false, {}, "/usr/brisk"}};
     for (const auto& [krhome, ignored, registration, expected] : cases) {
         Dir root;
-        mkdir(root("etc"), 0755);
+        ASSERT_EQ(mkdir(root("etc"), 0755), 0);
         if (ignored) WriteFile(root("etc/.nokrhome"), "");
         if (registration) WriteFile(root("etc/.brisk"), *registration);
         const RunResult result = InRoot(root, [&variable = krhome] {
@@ -121,8 +91,7 @@ TEST(PathSplitting, Table) {
         // To the file system a byte that may begin a two-byte character is an ordinary one.
         {"a\x93/../b\x93/c", "a\x93/../b\x93", "c", "c", false}};
     for (const auto& [path, directory, last, leaf, descending] : cases) {
-        char* lastFound = nullptr;
-        char* leafFound = nullptr;
+        char *lastFound = nullptr, *leafFound = nullptr;
         EXPECT_EQ(Owned(PathSplit(path)), directory) << path;
         EXPECT_EQ(PathLastComponent(&lastFound, path), BooleanFrom(last != none)) << path;
         EXPECT_EQ(Owned(lastFound), last) << path;
@@ -172,9 +141,7 @@ TEST(PathApplications, Parameters) {
         {"App", FALSE, none, none, none},
         {"Apps:Db", FALSE, none, none, none},
         {"App::inst", FALSE, none, none, none}};
-    char* name = nullptr;
-    char* instance = nullptr;
-    char* restore = nullptr;
+    char *name = nullptr, *instance = nullptr, *restore = nullptr;
     for (const auto& [path, backup, nameWanted, instanceWanted, restoreWanted] : cases) {
         EXPECT_EQ(PathGetAppParams(path.c_str(), backup, &name, &instance, &restore),
                   BooleanFrom(nameWanted != none))
@@ -190,16 +157,14 @@ TEST(PathDirectories, AreMadeForTheOwner) {
     umask(077);
     EXPECT_EQ(PathCreateDirectory(dir("new")), TRUE);
     EXPECT_EQ(umask(0), 0U);
-    struct stat status = {};
-    ASSERT_EQ(stat(dir("new"), &status), 0);
-    EXPECT_EQ(status.st_mode, S_IFDIR | 0700U);
+    EXPECT_EQ(ModeOf(dir("new")), S_IFDIR | 0700U);
 }
 
 TEST(PathDirectories, TreesAreDeletedWithoutLeavingThem) {
     for (const auto remove : {PathRemoveDirectory, PathDestroyDirectory}) {
         Dir dir;
         const Name tree = dir("tree");
-        mkdir(dir("outside"), 0700);
+        ASSERT_EQ(mkdir(dir("outside"), 0700), 0);
         WriteFile(dir("outside/kept"), "kept");
         std::string deep = tree;
         for (int level = 0; level < 200; ++level, deep += "/d") {
@@ -262,64 +227,53 @@ TEST(PathMounts, Classes) {
     Dir root;
     for (const char* name : {"etc", "data", "data/in", "data/inside", "with blank"})
         ASSERT_EQ(mkdir(root(name), 0755), 0);
-    WriteFile(root("etc/mnttab"),
-              "# a comment\n"
-              "/dev/r\t/\tufs\trw,dev=1\t1000\n"
-              "proc\t/proc\tproc\trw\t1000\n"
-              "/dev/z\t/proc/local\tufs\trw\t1000\n"
-              "/dev/a\t/data\tufs\trw\t1001\n"
-              "/dev/b\t/data/in\tzfs\t" +
-                  std::string(40000, 'o') +
-                  "\t1001 no new line\n"
-                  "short line\n"
-                  "\n"
-                  "/dev/c\t/gone\tufs\trw\t1002\n"
-                  "/dev/d\t/net/below\tufs\trw\t1003\n"
-                  "srv:/x\t/net\tnfs\trw\t1004\n"
-                  "/dev/e\t/network\tufs\trw\t1004\n"
-                  "/dev/f\t/floppy\tpcfs\trw\t1005\n"
-                  "/dev/g\t/floppy/sub\tPCFS\trw\t1005\n"
-                  "swap\t/tmp\ttmpfs\trw\t1006\n"
-                  "/dev/h\t/with\\040blank\tufs\trw\t1007");
+    // Lines of the table, and what comes of them.
+    const std::pair<std::string, std::string> lines[] = {
+        {"# a comment", ""},
+        {"/dev/r\t/\tufs\trw,dev=1\t1000", "/|/dev/r||1|\n"},
+        {"proc\t/proc\tproc\trw\t1000", "/proc|proc||3|\n"},
+        {"/dev/z\t/proc/local\tufs\trw\t1000", "/proc/local|/dev/z||5|\n"},
+        {"/dev/a\t/data\tufs\trw\t1001", "/data|/dev/a|ufs|1|sized\n"},
+        {"/dev/b\t/data/in\tzfs\t" + std::string(40000, 'o') + "\t1001 no new line",
+         "/data/in|/dev/b|zfs|1|sized\n"},
+        {"short line\n", ""},
+        {"/dev/c\t/gone\tufs\trw\t1002", "/gone|/dev/c||1|\n"},
+        {"/dev/d\t/net/below\tufs\trw\t1003", "/net/below|/dev/d||5|\n"},
+        {"srv:/x\t/net\tnfs\trw\t1004", "/net|srv:/x||2|\n"},
+        {"/dev/e\t/network\tufs\trw\t1004", "/network|/dev/e||1|\n"},
+        {"/dev/f\t/floppy\tpcfs\trw\t1005", "/floppy|/dev/f||4|\n"},
+        {"/dev/g\t/floppy/sub\tPCFS\trw\t1005", "/floppy/sub|/dev/g||5|\n"},
+        {"swap\t/tmp\ttmpfs\trw\t1006", "/tmp|swap||3|\n"},
+        {"/dev/h\t/with\\040blank\tufs\trw\t1007", "/with blank|/dev/h|ufs|1|sized\n"}};
+    std::string table, expected;
+    for (const auto& [line, mount] : lines) {
+        table += (table.empty() ? "" : "\n") + line;
+        expected += mount;
+    }
+    WriteFile(root("etc/mnttab"), table);
     const RunResult result = InRoot(root, [] {
         ObjHolder<ListS> exclude(ListOf({"hsfs", "pcfs"}));
         ListO mounts = nullptr;
         if (PathUnixMountPoints(&mounts, exclude.Get()) != TRUE) return 1;
-        for (ListNodeO node = mounts->oFirst; node != nullptr; node = node->oNext) {
-            const auto* mount = static_cast<PathKrMountPointO>(node->oData);
-            std::printf(
-                "%s|%s|%s|%d|%s\n", mount->pstrName, mount->pstrSpecial,
-                mount->pstrFsType == nullptr ? "" : mount->pstrFsType, mount->lType,
-                mount->llUsedSize > 0 && mount->llUsedSize < mount->llTotalSize ? "sized" : "");
+        for (const auto* mount : ItemsOf<PathKrMountPointO>(mounts)) {
+            const bool sized = mount->llUsedSize > 0 && mount->llUsedSize < mount->llTotalSize;
+            std::printf("%s|%s|%s|%d|%s\n", mount->pstrName, mount->pstrSpecial,
+                        mount->pstrFsType == nullptr ? "" : mount->pstrFsType, mount->lType,
+                        sized ? "sized" : "");
         }
         MachineStatVfsT statistics;
         if (MachineStatVfs(&statistics, "/data/inside") != TRUE) return 2;
         std::puts(statistics.acBaseType);
         return 0;
     });
-    const Texts expected = {"/|/dev/r||1|",
-                            "/proc|proc||3|",
-                            "/proc/local|/dev/z||5|",
-                            "/data|/dev/a|ufs|1|sized",
-                            "/data/in|/dev/b|zfs|1|sized",
-                            "/gone|/dev/c||1|",
-                            "/net/below|/dev/d||5|",
-                            "/net|srv:/x||2|",
-                            "/network|/dev/e||1|",
-                            "/floppy|/dev/f||4|",
-                            "/floppy/sub|/dev/g||5|",
-                            "/tmp|swap||3|",
-                            "/with blank|/dev/h|ufs|1|sized",
-                            "ufs"};
-    EXPECT_EQ(Split(result.output, '\n'), expected);
+    EXPECT_EQ(result.output, expected + "ufs\n");
 }
 
 TEST(PathMounts, ThisHost) {
     ObjHolder<ListS> mounts;
     ASSERT_EQ(PathUnixMountPoints(mounts.Address(), nullptr), TRUE);
     Texts found;
-    for (ListNodeO node = mounts.Get()->oFirst; node != nullptr; node = node->oNext) {
-        const auto* mount = static_cast<PathKrMountPointO>(node->oData);
+    for (const auto* mount : ItemsOf<PathKrMountPointO>(mounts.Get())) {
         const std::string entry = std::string(mount->pstrSpecial) + " " + mount->pstrName;
         if (std::count(entry.begin(), entry.end(), ' ') == 1) found.push_back(entry);
         struct statvfs system = {};
@@ -332,8 +286,7 @@ TEST(PathMounts, ThisHost) {
     }
     // The other account of the same table: six fields, options up to a lone "-", type and device.
     Texts expected;
-    std::ifstream info("/proc/self/mountinfo");
-    for (std::string line; std::getline(info, line);) {
+    for (const std::string& line : Split(ReadFile("/proc/self/mountinfo"))) {
         const Texts fields = Split(line, ' ');
         const auto end = std::find(fields.begin() + 6, fields.end(), "-");
         const std::string entry = end[2] + " " + fields[4];
@@ -342,3 +295,5 @@ TEST(PathMounts, ThisHost) {
     EXPECT_FALSE(expected.empty());
     EXPECT_EQ(found, expected);
 }
+
+}  // namespace
