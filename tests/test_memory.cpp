@@ -1,19 +1,7 @@
-#include <gtest/gtest.h>
-
-#include <cerrno>
-#include <climits>
-#include <csignal>
-#include <cstring>
-#include <functional>
-#include <random>
-#include <string>
-#include <tuple>
-#include <vector>
-
 #include "core/context.h"
 #include "core/memory.h"
 #include "core/procinternal.h"
-#include "support/support.h"
+#include "support/files.h"
 
 // The linker sends every malloc of this program to the second of these.
 void* RealMalloc(std::size_t size) asm("__real_malloc");
@@ -58,8 +46,8 @@ MemPoolInterfaceT TestPool::Functions = {
 
 // What a function traces in a child, a line "MODULE number status level text" for each message, and
 // the signal that ends the child.
-Text InChild(const std::function<void()>& function) {
-    const auto child = [](void* body) {
+Text TracedInChild(const std::function<void()>& function) {
+    const RunResult result = InChild([&] {
         std::signal(SIGSEGV, SIG_DFL);
         setvbuf(stdout, nullptr, _IONBF, 0);
         TraceSetCallback([](const char* p, int32, void*) {
@@ -68,10 +56,9 @@ Text InChild(const std::function<void()>& function) {
                         head->lLevel, p + 40);
             return TRUE;
         });
-        (*static_cast<const std::function<void()>*>(body))();
+        function();
         return 0;
-    };
-    const RunResult result = RunForked(child, const_cast<std::function<void()>*>(&function));
+    });
     return result.output + (result.signal == SIGSEGV ? "SIGSEGV" : "");
 }
 const char* const Stop = "PRO 209 0 -1 Crash program\nSIGSEGV";
@@ -151,11 +138,11 @@ TEST(Memory, DamagedBlockIsReportedAndStopsTheProcess) {
         std::memcpy(&guard, pool.blocks[0].data(), sizeof(guard));
         const Text checked = report + (" corrupted at " + Address(data)) + "\n";
         const auto check = [&] { MemCheck(data); };
-        EXPECT_EQ(InChild(check), checked);
+        EXPECT_EQ(TracedInChild(check), checked);
         gbDoCrash = TRUE;
-        EXPECT_EQ(InChild(check), checked + Stop);
+        EXPECT_EQ(TracedInChild(check), checked + Stop);
         gbDoCrash = FALSE;
-        EXPECT_EQ(InChild([&] { MemFreeInternal(&data); }),
+        EXPECT_EQ(TracedInChild([&] { MemFreeInternal(&data); }),
                   "MEM 6 1 -1 Guard band corrupted at " + Address(data) + " " + Address(guard) +
                       " (" + std::to_string(MemUsedCount()) + ")\n" + Stop);
         const IgnoreCrash ignore;  // then nothing is released
@@ -164,9 +151,9 @@ TEST(Memory, DamagedBlockIsReportedAndStopsTheProcess) {
         EXPECT_EQ(std::tuple(data, pool.freed), before);
     }
     void* behindNull = reinterpret_cast<void*>(std::uintptr_t{2 * Pointer});
-    EXPECT_EQ(InChild([&] { MemCheck(behindNull); }),
+    EXPECT_EQ(TracedInChild([&] { MemCheck(behindNull); }),
               "MEM 14 1 -1 Invalid Header pointer " + Address(behindNull) + "\n");
-    EXPECT_EQ(InChild([] { MemCheck(nullptr); }), "");
+    EXPECT_EQ(TracedInChild([] { MemCheck(nullptr); }), "");
 }
 
 #ifndef __SANITIZE_ADDRESS__
@@ -174,7 +161,7 @@ TEST(Memory, DamagedBlockIsReportedAndStopsTheProcess) {
 // host they may look like the address of a guard.)
 TEST(Memory, SecondFreeOfASystemBlockStopsTheProcess) {
     for (const int size : {5, 40, 600, 5000}) {
-        const Text trace = InChild([&] {
+        const Text trace = TracedInChild([&] {
             void* block = MemAllocateFromPool(size, MemGetDefaultPoolId());
             void* stale = block;
             MemFree(&block);
@@ -206,9 +193,9 @@ TEST(Memory, ExhaustionStopsTheProcess) {
             g_noMemory = false;
             return block;
         };
-        EXPECT_EQ(InChild(ask), std::get<2>(request) + "MEM 4 1 -1 Unable to allocate " +
-                                    std::to_string(std::get<3>(request)) + " bytes of memory\n" +
-                                    Stop);
+        EXPECT_EQ(TracedInChild(ask), std::get<2>(request) + "MEM 4 1 -1 Unable to allocate " +
+                                          std::to_string(std::get<3>(request)) +
+                                          " bytes of memory\n" + Stop);
         const IgnoreCrash ignore;
         EXPECT_EQ(ask(), nullptr);
     }
