@@ -1,7 +1,3 @@
-#include <gtest/gtest.h>
-
-#include <cerrno>
-
 #include "core/filelock.h"
 #include "core/filestream.h"
 #include "core/strfile.h"
@@ -16,6 +12,11 @@ FileStreamO Open(const Name& path, FileModeT mode) {
     FileStreamO stream = nullptr;
     EXPECT_EQ(FileStreamOpen(&stream, path, mode), TRUE);
     return stream;
+}
+
+BooleanT OpenLocking(FileStreamO* stream, const Name& path, int32 mode) {
+    return FileStreamOpenTags(stream, OBJ_TAG_BEGIN, FileStreamTagPathName, path.c_str(),
+                              FileStreamTagOpenMode, mode, FileStreamTagLocking, TRUE, OBJ_TAG_END);
 }
 
 BooleanT Write(FileStreamO stream, const Text& text) {
@@ -39,7 +40,7 @@ TEST(FileStream, WhatEachModeAllows) {
                  {258, "new", false, false},    {514, "new", false, false},
                  {259, "oldnew", false, false}, {515, "oldnew", false, false},
                  {260, "old", true, true},      {517, "old", true, true}};
-    const Leftovers before;
+    const NothingLeft nothing;
     for (const auto& row : table) {
         const Dir dir;
         WriteFile(dir("f"), "old");
@@ -59,12 +60,11 @@ TEST(FileStream, WhatEachModeAllows) {
         EXPECT_EQ(ReadFile(dir("f")), row.after) << row.mode;
         EXPECT_EQ(ListDir(dir.Path()), std::vector<Text>{"f"});
     }
-    EXPECT_EQ(before.Text(), "");
 }
 
 TEST(FileStream, RewriteReplacesTheFileInOneStep) {
     const Dir dir;
-    const Leftovers before;
+    const NothingLeft nothing;
     WriteFile(dir("f"), "old content");
     WriteFile(dir("f.new"), "left behind by a process that was stopped");
     chmod(dir("f"), 0640);
@@ -103,11 +103,8 @@ TEST(FileStream, RewriteReplacesTheFileInOneStep) {
     EXPECT_EQ(Write(stream, "dropped"), TRUE);
     ObjRelease(&stream);
     EXPECT_EQ(ReadFile(dir("f")), "last");
-    struct stat status = {};
-    stat(dir("f"), &status);
-    EXPECT_EQ(status.st_mode & 07777, 0640U);
+    EXPECT_EQ(ModeOf(dir("f")) & 07777, 0640U);
     EXPECT_EQ(ListDir(dir.Path()), std::vector<Text>{"f"});
-    EXPECT_EQ(before.Text(), "");
 }
 
 TEST(FileStream, Positions) {
@@ -146,19 +143,14 @@ TEST(FileStream, Positions) {
 
 TEST(FileStream, FailuresAreTraced) {
     const Dir dir;
-    const Leftovers before;
+    const NothingLeft nothing;
     FileStreamO stream = nullptr;
-    const auto open = [&](const char* path, int32 mode) {
-        return FileStreamOpenTags(&stream, OBJ_TAG_BEGIN, FileStreamTagPathName, path,
-                                  FileStreamTagOpenMode, mode, FileStreamTagLocking, TRUE,
-                                  OBJ_TAG_END);
-    };
     const TraceCapture trace;
     EXPECT_EQ(FileStreamOpen(&stream, "", 257), FALSE);
     EXPECT_EQ(trace.Level("FILE", 529), -1);
-    EXPECT_EQ(open(dir("none/f"), 516), FALSE);
+    EXPECT_EQ(OpenLocking(&stream, dir("none/f"), 516), FALSE);
     EXPECT_EQ(trace.Text("FILE", 528), "FileStreamOpenTags - Failed to open lock file");
-    EXPECT_EQ(open(dir("f"), 257), FALSE);
+    EXPECT_EQ(OpenLocking(&stream, dir("f"), 257), FALSE);
     EXPECT_EQ(ListDir(dir.Path()), std::vector<Text>{"f.lck"});
     EXPECT_EQ(FileStreamOpen(&stream, dir.Path().c_str(), 257), FALSE);
     EXPECT_EQ(errno, EISDIR);
@@ -166,7 +158,7 @@ TEST(FileStream, FailuresAreTraced) {
     EXPECT_EQ(trace.Count("FILE", 16), 3);
     EXPECT_EQ(stream, nullptr);
 
-    ASSERT_EQ(open(dir("f"), 516), TRUE);
+    ASSERT_EQ(OpenLocking(&stream, dir("f"), 516), TRUE);
     EXPECT_EQ(FileStreamWriteByte(stream, 7), FALSE);
     EXPECT_EQ(trace.Level("FILE", 18), 3);
     EXPECT_EQ(FileStreamPrintF(stream, "x"), FALSE);
@@ -177,7 +169,6 @@ TEST(FileStream, FailuresAreTraced) {
     EXPECT_EQ(trace.Text("FILE", 19).substr(0, 23), "FALSE = FileStreamWrite");
     EXPECT_EQ(FileStreamClose(&stream), TRUE);
     EXPECT_EQ(FileStreamClose(&stream), FALSE);
-    EXPECT_EQ(before.Text(), "");
 }
 
 // Which locks another process could get while a stream is open.
@@ -188,26 +179,22 @@ TEST(FileStream, LocksFollowTheMode) {
         return InChild([&] {
                    FileHandleT handle = FileHandleClosed;
                    FileSysOpen(&handle, dir(name), FileModeReadWrite);
-                   return FileLockSetNoWait(handle, lock) == TRUE ? 1 : 0;
+                   return FileLockSetNoWait(handle, lock);
                })
             .exitCode;
     };
-    const struct {
-        int32 mode;
-        int lockShared, lockExclusive, fileShared;
-    } table[] = {{257, 1, 0, 1}, {515, 1, 0, 0}, {516, 0, 0, 1}, {261, 0, 0, 1}, {258, 1, 0, 0}};
-    for (const auto& row : table) {
+    // The mode; whether the lock file's shared and exclusive and the file's shared lock are free.
+    const std::tuple<int32, int, int, int> table[] = {
+        {257, 1, 0, 1}, {515, 1, 0, 0}, {516, 0, 0, 1}, {261, 0, 0, 1}, {258, 1, 0, 0}};
+    for (const auto& [mode, lockShared, lockExclusive, fileShared] : table) {
         FileStreamO stream = nullptr;
-        ASSERT_EQ(FileStreamOpenTags(&stream, OBJ_TAG_BEGIN, FileStreamTagLocking, TRUE,
-                                     FileStreamTagPathName, dir("f").c_str(), FileStreamTagOpenMode,
-                                     row.mode, OBJ_TAG_END),
-                  TRUE);
+        ASSERT_EQ(OpenLocking(&stream, dir("f"), mode), TRUE);
         if (FileStreamStartRewrite(stream) == TRUE) {
             EXPECT_EQ(FileStreamCloseOutput(stream), TRUE);
         }
-        EXPECT_EQ(free("f.lck", FileLockShared), row.lockShared) << row.mode;
-        EXPECT_EQ(free("f.lck", FileLockExclusive), row.lockExclusive) << row.mode;
-        EXPECT_EQ(free("f", FileLockShared), row.fileShared) << row.mode;
+        EXPECT_EQ(free("f.lck", FileLockShared), lockShared) << mode;
+        EXPECT_EQ(free("f.lck", FileLockExclusive), lockExclusive) << mode;
+        EXPECT_EQ(free("f", FileLockShared), fileShared) << mode;
         EXPECT_EQ(FileStreamClose(&stream), TRUE);
         EXPECT_EQ(free("f.lck", FileLockExclusive), 1);
     }
