@@ -1,23 +1,12 @@
 // Conversions are compared with the C library's, calendar moves with day arithmetic of their own.
 // Zones are given as rules, so that no zone files are needed.
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <climits>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <random>
-#include <string>
-#include <utility>
-
 #include "core/locale.h"
 #include "core/timeconv.h"
-#include "support/support.h"
+#include "support/files.h"
 
 namespace {
+
+using Text = std::string;
 
 const char* const Zones[] = {
     "UTC0",     "CET-1CEST,M3.5.0,M10.5.0/3", "NST3:30NDT,M3.2.0,M11.1.0",
@@ -35,16 +24,16 @@ struct tm Local(std::time_t clock) {
     return fields;
 }
 
-std::string Strftime(const struct tm& fields, const char* format) {
+Text Strftime(const struct tm& fields, const char* format) {
     char text[64];
-    return std::string(text, std::strftime(text, sizeof(text), format, &fields));
+    return Text(text, std::strftime(text, sizeof(text), format, &fields));
 }
 
-std::string Show(const TimeBreakdownT& b) {
-    char text[100];
-    std::snprintf(text, sizeof(text), "%d-%d-%d (%d) %d:%d:%d", b.tDate.lYear, b.tDate.lMonth,
-                  b.tDate.lDay, b.tDate.lDayOfWeek, b.tTime.lHour, b.tTime.lMinute,
-                  b.tTime.lSecond);
+Text Show(const TimeBreakdownT& b) {
+    Text text;
+    for (const int32 number : {b.tDate.lYear, b.tDate.lMonth, b.tDate.lDay, b.tDate.lDayOfWeek,
+                               b.tTime.lHour, b.tTime.lMinute, b.tTime.lSecond})
+        text += std::to_string(number) + " ";
     return text;
 }
 
@@ -83,8 +72,6 @@ const struct Form {
     {"%d %b %Y", 24, Long<TRUE, FALSE>},
     {"%d %b", 24, Long<TRUE, TRUE>},
 };
-
-}  // namespace
 
 TEST(TimeConv, LocalFieldsAndBack) {
     for (const char* zone : Zones) {
@@ -169,22 +156,18 @@ TEST(TimeConv, Buffers) {
     const TimeDateT none = {INT_MIN, INT_MIN, INT_MIN, 7};
     EXPECT_EQ(TimeDateToDateString(text, sizeof(text), &none, FALSE, FALSE), TRUE);
     EXPECT_STREQ(text, "??? -2147483648 ??? -21");
-    const struct {
-        int64 span;
-        int32 size;
-        const char* expected;
-    } spans[] = {{90061999, 20, "25:01:01"},
-                 {90061000, 8, "25:01:0"},
-                 {90061000, 1, ""},
-                 {-3723000, 20, "-01:-02:-03"},
-                 {360000000000, 20, "100000:00:00"},
-                 {INT64_MAX, 30, "2147483647:12:55"}};
-    for (const auto& c : spans) {
+    const std::tuple<int64, int32, const char*> spans[] = {{90061999, 20, "25:01:01"},
+                                                           {90061000, 8, "25:01:0"},
+                                                           {90061000, 1, ""},
+                                                           {-3723000, 20, "-01:-02:-03"},
+                                                           {360000000000, 20, "100000:00:00"},
+                                                           {INT64_MAX, 30, "2147483647:12:55"}};
+    for (const auto& [span, size, expected] : spans) {
         char buffer[32];
         std::memset(buffer, '#', sizeof(buffer));
-        TimeElapsedSince(c.span, buffer, c.size);
-        EXPECT_STREQ(buffer, c.expected);
-        EXPECT_EQ(buffer[c.size], '#') << c.expected;
+        TimeElapsedSince(span, buffer, size);
+        EXPECT_STREQ(buffer, expected);
+        EXPECT_EQ(buffer[size], '#') << expected;
     }
 }
 
@@ -201,32 +184,35 @@ TEST(TimeConv, LocalisedTextsAndReversedOrder) {
               "562 \"%ldh%ldm%lds\"\n548 \"" +
                   wide + "\"\n");
     WriteFile(TestHome() + "/config/language.cfg", "[Display]\nReverse Date Display Order=true\n");
-    const auto child = [](void* language) {
-        SetZone("UTC0");
-        const TimeT may = 1115079010;  // Tuesday 2005-05-03 00:10:10
-        char text[64];
-        const auto put = [&](BooleanT good) { std::printf("%s|", good == TRUE ? text : "failed"); };
-        LocaleSetLocale(static_cast<const char*>(language));
-        for (const BooleanT done : {TRUE, FALSE}) {  // not looked up before the second round
-            gbDoneDateDisplayOrderCheck = done;
-            put(Long<FALSE, FALSE>(text, 64, may));
-            put(Long<FALSE, TRUE>(text, 64, may));
-            put(Long<TRUE, FALSE>(text, 64, may));
-            put(Long<TRUE, TRUE>(text, 24, may - 28 * Day));
-            put(Long<TRUE, TRUE>(text, 25, may - 28 * Day));
-            if (done == FALSE) unlink((TestHome() + "/config/language.cfg").c_str());
-        }
-        put(TimeToNiceDateString(text, 30, may));
-        TimeElapsedSince(90061000, text, sizeof(text));
-        put(TRUE);
-        for (const int32 size : {64, 12, 1}) {
-            put(TimeToBreakdownString(text, size, may));
-            LocaleSetLocale(nullptr);
-        }
-        return static_cast<int>(TimeToBreakdownString(text, 0, may));
+    const auto run = [](const char* language) {
+        return InChild([&]() -> int {
+            SetZone("UTC0");
+            const TimeT may = 1115079010;  // Tuesday 2005-05-03 00:10:10
+            char text[64];
+            const auto put = [&](BooleanT good) {
+                std::printf("%s|", good == TRUE ? text : "failed");
+            };
+            LocaleSetLocale(language);
+            for (const BooleanT done : {TRUE, FALSE}) {  // not looked up before the second round
+                gbDoneDateDisplayOrderCheck = done;
+                put(Long<FALSE, FALSE>(text, 64, may));
+                put(Long<FALSE, TRUE>(text, 64, may));
+                put(Long<TRUE, FALSE>(text, 64, may));
+                put(Long<TRUE, TRUE>(text, 24, may - 28 * Day));
+                put(Long<TRUE, TRUE>(text, 25, may - 28 * Day));
+                if (done == FALSE) unlink((TestHome() + "/config/language.cfg").c_str());
+            }
+            put(TimeToNiceDateString(text, 30, may));
+            TimeElapsedSince(90061000, text, sizeof(text));
+            put(TRUE);
+            for (const int32 size : {64, 12, 1}) {
+                put(TimeToBreakdownString(text, size, may));
+                LocaleSetLocale(nullptr);
+            }
+            return TimeToBreakdownString(text, 0, may);
+        });
     };
-    char language[] = "Test";
-    RunResult result = RunForked(child, language);
+    const RunResult result = run("Test");
     EXPECT_EQ(result.exitCode, FALSE);
     const std::string part = wide.substr(0, 14);
     EXPECT_EQ(result.output, "Dienstag, der 03. Mai 2005|Dienstag 03 Mai|3. Mai 2005|05. " +
@@ -234,18 +220,15 @@ TEST(TimeConv, LocalisedTextsAndReversedOrder) {
                                  "|20 Mai 03. der Dienstag,|Mai 03 Dienstag|" + "2005 Mai 3.|" +
                                  part + " 05.|" + part + " 05.|00:10 2005 Mai 3.|25h1m1s|" +
                                  "2005-5-3 0.10.10|2005-5-3 0.||");
-    result = RunForked(child, nullptr);
-    EXPECT_EQ(result.output,
+    EXPECT_EQ(run(nullptr).output,
               "Tue 03 May 2005|Tue 03 May|03 May 2005|05 Apr|05 Apr|Tue 03 May 2005|Tue 03 May|"
               "03 May 2005|05 Apr|05 Apr|00:10 03 May 2005|25:01:01|2005/05/03 00:10:10|"
               "2005/05/03 ||");
 }
 
 TEST(TimeConv, Parsing) {
-    const struct {
-        const char* text;
-        const char* trace;  // empty: 2005-04-01
-    } dates[] = {
+    const std::pair<const char*, Text> dates[] = {
+        // with the message; empty: 2005-04-01
         {"20050401", ""},
         {"2005 401", ""},  // numbers may have a blank in front of them
         {"2005041", "Wrong numeric date string size. Is 7, should be 8"},
@@ -257,13 +240,13 @@ TEST(TimeConv, Parsing) {
         {"20050230", "Invalid date from date string30.2/2.2/2005.4"},
         {"19700601", "Invalid date from date string1.2/6.2/1970.4"},
     };
-    for (const auto& c : dates) {
+    for (const auto& [text, message] : dates) {
         TraceCapture trace(-1);
-        const bool good = *c.trace == '\0';
+        const bool good = message.empty();
         TimeDateT date = {1, 2, 3, 4};
-        EXPECT_EQ(TimeDateFromNumericDateString(&date, c.text), BooleanFrom(good)) << c.text;
-        EXPECT_TRUE(Same(date, good ? TimeDateT{2005, 4, 1, 4} : TimeDateT{1, 2, 3, 4})) << c.text;
-        EXPECT_EQ(good || trace.CountText(c.trace) == 1, true) << c.text;
+        EXPECT_EQ(TimeDateFromNumericDateString(&date, text), BooleanFrom(good)) << text;
+        EXPECT_TRUE(Same(date, good ? TimeDateT{2005, 4, 1, 4} : TimeDateT{1, 2, 3, 4})) << text;
+        EXPECT_TRUE(good || trace.CountText(message) == 1) << text;
     }
     TimeOfDayT time = {};
     for (const char* text : {"151812", "15:18:12", "15:1812", "1518:12tail", "999999"}) {
@@ -282,8 +265,6 @@ TEST(TimeConv, Parsing) {
 }
 
 // --- the calendar, against day numbers ---
-
-namespace {
 
 using B = const TimeBreakdownT&;
 
@@ -384,8 +365,6 @@ const struct Move {
     {"NextDateInstance", TimeBreakdownToNextDateInstance, 1, 40, NextInstance, 1},
 };
 
-}  // namespace
-
 TEST(TimeCalendar, MovesAgreeWithDayNumbers) {
     std::mt19937 random(2);
     const auto below = [&](int32 n) { return static_cast<int32>(random() % unsigned(n)); };
@@ -438,3 +417,5 @@ TEST(TimeCalendar, Limits) {
     EXPECT_EQ(TimeOfDayCompare(&early, &late), -2);
     EXPECT_EQ(TimeOfDayCompare(&early, nullptr), 0);
 }
+
+}  // namespace
