@@ -1,18 +1,9 @@
 // Deadlines around a fixed point, and the reference time.
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <climits>
-#include <cstring>
-#include <ctime>
-#include <string>
-#include <utility>
-
 #include "core/context.h"
 #include "core/kilntime.h"
 #include "core/time.h"
 #include "core/timeconv.h"
-#include "support/support.h"
+#include "support/files.h"
 
 namespace {
 
@@ -21,10 +12,8 @@ Pair Value(const TimeTimeoutS& t) { return {t.lSeconds, t.lMilliSeconds}; }
 
 constexpr int32 Base = 1000000000;
 
-}  // namespace
-
 TEST(Time, Left) {
-    const struct {
+    struct {
         TimeTimeoutS deadline, when;
         BooleanT expired;
         int32 left;
@@ -45,19 +34,18 @@ TEST(Time, Left) {
         {{-1, -1}, {-1, -1}, FALSE, -1, -1, 0},
         {{1, INT_MAX}, {0, INT_MIN}, FALSE, INT_MAX, 4294968, 295000},  // no milliseconds
     };
-    for (auto c : cases) {
-        SCOPED_TRACE(testing::Message() << c.deadline.lSeconds << " from " << c.when.lSeconds);
+    for (auto& [deadline, when, expired, left, seconds, microseconds] : cases) {
+        const std::string difference =
+            std::to_string(deadline.lSeconds) + " - " + std::to_string(when.lSeconds);
+        SCOPED_TRACE(difference);
         TraceCapture trace(3);
-        EXPECT_EQ(TimeTimeoutHasExpiredRelative(&c.deadline, &c.when), c.expired);
-        EXPECT_EQ(TimeTimeoutLeftRelative(&c.deadline, &c.when), c.left);
-        const std::string seconds =
-            std::to_string(c.deadline.lSeconds) + " - " + std::to_string(c.when.lSeconds);
-        EXPECT_EQ(trace.CountText("Timeout -1 - timeout difference: " + seconds), c.left < 0);
+        EXPECT_EQ(TimeTimeoutHasExpiredRelative(&deadline, &when), expired);
+        EXPECT_EQ(TimeTimeoutLeftRelative(&deadline, &when), left);
+        EXPECT_EQ(trace.CountText("Timeout -1 - timeout difference: " + difference), left < 0);
         struct timeval value = {7, 7};
-        EXPECT_EQ(TimeSetTimevalRelative(&value, &c.deadline, &c.when),
-                  BooleanFrom(c.seconds >= 0));
-        EXPECT_EQ(value.tv_sec, std::max<int64>(c.seconds, 0));
-        EXPECT_EQ(value.tv_usec, c.microseconds);
+        EXPECT_EQ(TimeSetTimevalRelative(&value, &deadline, &when), BooleanFrom(seconds >= 0));
+        EXPECT_EQ(value.tv_sec, std::max<int64>(seconds, 0));
+        EXPECT_EQ(value.tv_usec, microseconds);
     }
     // Against now.
     TimeTimeoutS never = {-1, -1}, past = {0, 0}, soon = {};
@@ -88,22 +76,17 @@ TEST(Time, Setting) {
         EXPECT_EQ(TimeSetTimeoutIfLower(&values[a], nullptr), FALSE);
         EXPECT_EQ(TimeSetTimeoutIfLower(nullptr, &values[a]), FALSE);
     }
-    const struct {
-        TimeTimeoutS when;
-        TimeOffsetS span;
-        Pair expected;
-    } sums[] = {
+    std::tuple<TimeTimeoutS, TimeOffsetS, Pair> sums[] = {
         {{Base, 600}, {1, 400}, {Base + 2, 0}},
         {{Base, 600}, {0, 2399}, {Base + 2, 999}},
         {{Base, 600}, {-1, -601}, {Base - 2, 999}},
         {{INT_MAX, 999}, {INT_MAX, INT_MAX}, {INT_MAX, 999}},
         {{INT_MIN, 0}, {INT_MIN, INT_MIN}, {INT_MIN, 0}},
-        {{-1, -1}, {5, 0}, {-1, -1}},
-    };
-    for (auto c : sums) {
+        {{-1, -1}, {5, 0}, {-1, -1}}};
+    for (auto& [when, span, expected] : sums) {
         TimeTimeoutS sum = {};
-        EXPECT_EQ(TimeSetTimeoutRelative(&sum, &c.span, &c.when), TRUE);
-        EXPECT_EQ(Value(sum), c.expected);
+        EXPECT_EQ(TimeSetTimeoutRelative(&sum, &span, &when), TRUE);
+        EXPECT_EQ(Value(sum), expected);
     }
     TraceCapture trace(3);
     EXPECT_EQ(TimeSetTimeout(nullptr, 1), FALSE);
@@ -154,11 +137,12 @@ TEST(KilnTime, Record) {
         EXPECT_LE(seconds, before - 3540);
     }
     EXPECT_EQ(KilnTimeGetSource(&source), TRUE);
-    EXPECT_EQ(source, std::string(32, 'n'));
-    MemFree(&source);
+    EXPECT_EQ(Owned(source), std::string(32, 'n'));
     EXPECT_EQ(KilnTime(nullptr) + KilnTimeAsInt64(nullptr) + KilnTimeGetSource(nullptr), 3);
     record.llUTCOffset = INT64_MIN;  // wraps
     EXPECT_EQ(KilnTimeAsInt64(&precise), TRUE);
     EXPECT_LT(precise, 0);
     gtTlContext.sProcess.ptKilnTime = nullptr;
 }
+
+}  // namespace
