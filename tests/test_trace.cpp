@@ -1,17 +1,4 @@
-#include <gtest/gtest.h>
 #include <unistd.h>
-
-#include <algorithm>
-#include <cerrno>
-#include <climits>
-#include <cstdlib>
-#include <cstring>
-#include <ctime>
-#include <random>
-#include <string>
-#include <tuple>
-#include <utility>
-#include <vector>
 
 #include "core/context.h"
 #include "core/trace.h"
@@ -25,8 +12,7 @@ using Text = std::string;
 
 // A trace buffer in use while it lives: a block of exactly its size and a red zone that the library
 // does not know of.
-class OwnBuffer {
- public:
+struct OwnBuffer {
     explicit OwnBuffer(int size, std::size_t redZone = 0)
         : m_block(static_cast<char*>(std::malloc(16U + static_cast<unsigned>(size) + redZone))) {
         const int32 head[4] = {size, 0, 0, 0};
@@ -39,13 +25,9 @@ class OwnBuffer {
         TraceSetBuffer(TraceInternalBuffer());
         std::free(m_block);
     }
-    OwnBuffer(const OwnBuffer&) = delete;
-    OwnBuffer& operator=(const OwnBuffer&) = delete;
     TraceBufHeaderT* Header() { return reinterpret_cast<TraceBufHeaderT*>(m_block); }
     char* Area() { return m_block + 16; }
-
- private:
-    char* m_block;
+    char* const m_block;
 };
 
 TracePositionT Message(const char* module, int32 id, int32 status, int level, const char* format,
