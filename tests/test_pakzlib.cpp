@@ -1,26 +1,13 @@
 // The archive writer and reader as a program on the library uses them. Archives are compared with
 // ones made from the format alone.
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cstdio>
-#include <functional>
-
-#include "core/filesys.h"
 #include "core/objserial.h"
-#include "core/objwrappers.h"
-#include "pakzlib.h"
-#include "support/archivebytes.h"
-#include "support/leftovers.h"
-#include "support/support.h"
+#include "support/archives.h"
+#include "support/lists.h"
 
 using bytes::Byte;
 using bytes::Long;
 
 namespace {
-
-const std::string TmpDir = TestHome() + "/tmp";
 
 std::string FromHex(const std::string& text) {
     std::string out;
@@ -29,23 +16,9 @@ std::string FromHex(const std::string& text) {
     return out;
 }
 
-class PakZlib : public testing::Test {
+class PakZlib : public ArchiveTest {
  protected:
-    // Classes and the path of the temporary directory are kept from their first use on.
-    static void SetUpTestSuite() {
-        const TempDir dir;
-        PakZlibContextO oContext = nullptr;
-        PakZlibInitialize(&oContext, (dir / "archive").c_str());
-        ObjHolder<ObjStringS> oText(ObjStringNew("text"));
-        PakZlibCompressObject(oContext, oText.Get(), "name");
-        PakZlibFinalize(&oContext);
-        PakZlibUncompress((dir / "archive").c_str(), (dir / "target").c_str());
-    }
-    void TearDown() override {
-        EXPECT_EQ(m_before.Text(), "");
-        EXPECT_EQ(ListDir(TmpDir), std::vector<std::string>());
-    }
-
+    void TearDown() override { EXPECT_EQ(ListDir(TmpDir), std::vector<std::string>()); }
     std::string Put(const std::string& name, const std::string& content) {
         WriteFile(m_dir / name, content);
         return m_dir / name;
@@ -59,16 +32,8 @@ class PakZlib : public testing::Test {
         ASSERT_EQ(PakZlibFinalize(&oContext), TRUE);
         EXPECT_TRUE(ReadFile(m_archive) == bytes::Archive(files));
     }
-    BooleanT Restore() { return PakZlibUncompress(m_archive.c_str(), m_target.c_str()); }
-    std::string Restored(const std::string& name) { return ReadFile(m_target + "/" + name); }
-
-    const TempDir m_dir;
-    const std::string m_archive = m_dir / "archive";
-    const std::string m_target = m_dir / "target";
-    const Leftovers m_before;
+    const NothingLeft m_nothing;
 };
-
-}  // namespace
 
 // --- the format ---
 
@@ -110,11 +75,8 @@ TEST_F(PakZlib, EverySizeIsPackedByTheFormatAndRestored) {
 TEST_F(PakZlib, FileListIsPackedInOrderUnderLeafNames) {
     const std::string first = bytes::RandomText(70000, 3);
     mkdir((m_dir / "sub").c_str(), 0700);
-    ObjHolder<ListS> oPaths(ListNew());
-    for (const std::string& path : {Put("first", first), Put("sub/second", "2"), Put("3rd", "")}) {
-        ObjStringO oPath = ObjStringNew(path.c_str());
-        ListPushLastItem(oPaths.Get(), &oPath);
-    }
+    const ObjHolder<ListS> oPaths(ListOf(
+        {Put("first", first).c_str(), Put("sub/second", "2").c_str(), Put("3rd", "").c_str()}));
     PakZlibContextO oContext = Open();
     EXPECT_EQ(PakZlibCompressFileList(oContext, oPaths.Get()), TRUE);
     ExpectFinished(oContext, {bytes::Chunked("first", first), {"second", {"2"}}, {"3rd", {""}}});
@@ -123,12 +85,11 @@ TEST_F(PakZlib, FileListIsPackedInOrderUnderLeafNames) {
 // Everything that the format allows is restored, also what this writer would not write.
 TEST_F(PakZlib, ForeignArchivesAreRestored) {
     const std::string big = bytes::RandomBytes(65536, 4);
-    WriteFile(m_archive, bytes::Archive({{"pieces", {"a", "", big, "bc", big}},
-                                         {"empty", {""}},
-                                         {"same", {"first"}},
-                                         {"same", {"2nd"}}}) +
-                             "bytes behind the last chunk");
-    ASSERT_EQ(Restore(), TRUE);
+    const std::vector<bytes::File> files = {{"pieces", {"a", "", big, "bc", big}},
+                                            {"empty", {""}},
+                                            {"same", {"first"}},
+                                            {"same", {"2nd"}}};
+    ASSERT_EQ(Restore(bytes::Archive(files) + "bytes behind the last chunk"), TRUE);
     EXPECT_TRUE(Restored("pieces") == "a" + big + "bc" + big);
     EXPECT_EQ(Restored("empty"), "");
     EXPECT_EQ(Restored("same"), "2nd");
@@ -140,9 +101,9 @@ TEST_F(PakZlib, ForeignArchivesAreRestored) {
     header.uncompressed = 0x7fffffff;
     header.chunkCount = -7;
     header.ext = bytes::List({bytes::Integer(1)});
-    WriteFile(m_archive, bytes::Archive(bytes::List({header.Encode()}, bytes::FileHeaderMagic),
-                                        bytes::Compress("truth")));
-    ASSERT_EQ(Restore(), TRUE);
+    ASSERT_EQ(Restore(bytes::Archive(bytes::List({header.Encode()}, bytes::FileHeaderMagic),
+                                     bytes::Compress("truth"))),
+              TRUE);
     EXPECT_EQ(Restored("lies"), "truth");
 }
 
@@ -164,9 +125,9 @@ TEST_F(PakZlib, ChunkMayTake131072CompressedBytes) {
         ASSERT_EQ(chunk.size(), fits ? 131072U : 131073U);
         bytes::FileHeader header = bytes::HeaderOf({"name", {""}});
         header.chunkLengths = bytes::List({bytes::Integer(static_cast<int32>(chunk.size()))});
-        WriteFile(m_archive, bytes::Archive(bytes::List({header.Encode()}), chunk));
         const TraceCapture trace;
-        EXPECT_EQ(Restore(), BooleanFrom(fits));
+        EXPECT_EQ(Restore(bytes::Archive(bytes::List({header.Encode()}), chunk)),
+                  BooleanFrom(fits));
         EXPECT_EQ(trace.Has("PAKZLIB", 39), !fits);
         EXPECT_EQ(Restored("name"), fits ? "x" : "");
     }
@@ -177,25 +138,26 @@ TEST_F(PakZlib, ChunkMayTake131072CompressedBytes) {
 TEST_F(PakZlib, FeedsOfAnySizeAreCollectedIntoChunks) {
     // A feed that would overfill the chunk being collected ends it first.
     const std::string content = bytes::RandomText(7 + 65536 + 1 + 65535 + 0 + 65536 + 100, 5);
-    bytes::File expected = {"fed", {}};
-    std::size_t at = 0;
-    for (const std::size_t size : {7, 65536, 65536, 65536, 100}) {
-        expected.pieces.push_back(content.substr(at, size));
-        at += size;
-    }
-    const std::vector<std::size_t> feeds = {7, 65536, 1, 65535, 0, 65536, 100};
+    const auto cut = [&](const std::vector<std::size_t>& sizes) {
+        std::vector<std::string> pieces;
+        std::size_t at = 0;
+        for (const std::size_t size : sizes) {
+            pieces.push_back(content.substr(at, size));
+            at += size;
+        }
+        return pieces;
+    };
+    std::vector<std::string> feeds = cut({7, 65536, 1, 65535, 0, 65536, 100});
     PakZlibContextO oContext = Open();
-    at = 0;
-    for (std::size_t i = 0; i < feeds.size(); i++) {
-        std::string piece = content.substr(at, feeds[i]);
-        at += feeds[i];
+    for (std::string& feed : feeds) {
         // Only the leaf of the name counts.
-        ASSERT_EQ(PakZlibCompressInChunks(oContext, i % 2 == 0 ? "fed" : "dir/fed", piece.data(),
-                                          static_cast<int32>(piece.size()),
-                                          BooleanFrom(i + 1 == feeds.size())),
-                  TRUE);
+        const char* name = feed.size() % 2 == 0 ? "fed" : "dir/fed";
+        ASSERT_EQ(
+            PakZlibCompressInChunks(oContext, name, feed.data(), static_cast<int32>(feed.size()),
+                                    BooleanFrom(&feed == &feeds.back())),
+            TRUE);
     }
-    ExpectFinished(oContext, {expected});
+    ExpectFinished(oContext, {{"fed", cut({7, 65536, 65536, 65536, 100})}});
 }
 
 TEST_F(PakZlib, OneFileIsFedAtATime) {
@@ -258,11 +220,7 @@ TEST_F(PakZlib, FailuresAreNamed) {
     ASSERT_EQ(PakZlibInitialize(&oContext, open.c_str()), TRUE);
     ASSERT_EQ(PakZlibInitialize(&oEmpty, (m_dir / "open2").c_str()), TRUE);
     const ObjHolder<ListS> oNoFiles(ListNew());
-    const struct {
-        std::function<BooleanT()> call;
-        int32 number;
-        std::string text;
-    } cases[] = {
+    const std::tuple<std::function<BooleanT()>, int32, std::string> cases[] = {
         {[&] { return PakZlibInitialize(&oNone, existing.c_str()); }, 6,
          "Invalid output file for PakZlibInitialize"},
         {[&] { return PakZlibInitialize(&oNone, directory.c_str()); }, 3,
@@ -281,12 +239,11 @@ TEST_F(PakZlib, FailuresAreNamed) {
         {[&] { return PakZlibUncompress(existing.c_str(), (missing + "/t").c_str()); }, 48,
          "Failed to create target uncompress directory " + missing + "/t"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.text);
+    for (const auto& [call, number, text] : cases) {
         const TraceCapture trace;
-        EXPECT_EQ(c.call(), FALSE);
-        EXPECT_EQ(trace.Text("PAKZLIB", c.number), c.text);
-        EXPECT_EQ(trace.Level("PAKZLIB", c.number), -1);
+        EXPECT_EQ(call(), FALSE) << text;
+        EXPECT_EQ(trace.Text("PAKZLIB", number), text);
+        EXPECT_EQ(trace.Level("PAKZLIB", number), -1) << text;
     }
     EXPECT_EQ(PakZlibCompressInChunks(oContext, "n", acText, -1, TRUE), FALSE);
     EXPECT_EQ(PakZlibCompressFile(nullptr, existing.c_str(), "n"), FALSE);
@@ -308,10 +265,8 @@ TEST_F(PakZlib, DamagedArchivesAreRefused) {
         if (!chunkLengths.empty()) header.chunkLengths = chunkLengths;
         return bytes::Archive(bytes::List({header.Encode()}), bytes::Compress("text"));
     };
-    const struct {
-        std::string archive;
-        int32 number;
-    } cases[] = {
+    const std::pair<std::string, int32> cases[] = {
+        // with the number of the message
         {"abc", 55},
         {Long(0) + "abc", 54},
         {Long(-1) + "abc", 54},
@@ -327,11 +282,11 @@ TEST_F(PakZlib, DamagedArchivesAreRefused) {
         {archive("name", bytes::List({bytes::Integer(-1)})), 39},
         {bytes::Archive({{"name", {std::string(65537, 'x')}}}), 37},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.number);
-        WriteFile(m_archive, c.archive);
+    for (const auto& [damaged, number] : cases) {
         const TraceCapture trace;
-        EXPECT_EQ(Restore(), FALSE);
-        EXPECT_EQ(trace.Level("PAKZLIB", c.number), -1);
+        EXPECT_EQ(Restore(damaged), FALSE) << number;
+        EXPECT_EQ(trace.Level("PAKZLIB", number), -1) << number;
     }
 }
+
+}  // namespace
