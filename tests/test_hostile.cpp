@@ -1,21 +1,11 @@
 // Archives that nobody's writer made. Whatever the bytes are: nothing appears outside the target
 // directory, nothing is allocated for a length that the file does not hold, nothing is left over,
 // and the process ends only where it stops itself on purpose.
-#include <gtest/gtest.h>
 #include <sys/resource.h>
 
-#include <algorithm>
-#include <csignal>
 #include <filesystem>
-#include <limits>
-#include <random>
 
-#include "core/objserial.h"
-#include "core/objwrappers.h"
-#include "pakzlib.h"
-#include "support/archivebytes.h"
-#include "support/leftovers.h"
-#include "support/support.h"
+#include "support/archives.h"
 
 using bytes::Byte;
 using bytes::Long;
@@ -92,27 +82,19 @@ long PeakMemory() {
     return usage.ru_maxrss;
 }
 
-class Hostile : public testing::Test {
+// No test changes anything outside the target directory or leaves objects.
+class Hostile : public ArchiveTest {
  protected:
-    // The classes of an archive have their own shapes before any test gives them another.
-    static void SetUpTestSuite() {
-        if (fs::exists("/dev/shm")) setenv("TMPDIR", "/dev/shm", 0);  // for thousands of files
-        const TempDir dir;
-        PakZlibContextO oContext = nullptr;
-        char acText[] = "text";
-        EXPECT_EQ(PakZlibInitialize(&oContext, (dir / "archive").c_str()), TRUE);
-        EXPECT_EQ(PakZlibCompressInChunks(oContext, "name", acText, 4, TRUE), TRUE);
-        EXPECT_EQ(PakZlibFinalize(&oContext), TRUE);
-        EXPECT_EQ(PakZlibUncompress((dir / "archive").c_str(), (dir / "target").c_str()), TRUE);
-    }
-    Hostile() {
-        for (const char* directory : {"root", "root/a", "root/a/b", "root/target/b"}) {
+    Hostile() : ArchiveTest("root/target") {
+        for (const char* directory : {"root/a/b", "root/target/b"})
             fs::create_directories(m_dir / directory);
-        }
-        for (const char* file : {"root/x", "root/name", "root/a/name", "name"}) {
+        for (const char* file : {"root/x", "root/name", "root/a/name", "name"})
             WriteFile(m_dir / file, "sentinel");
-        }
         m_around = Around();
+    }
+    void TearDown() override {
+        EXPECT_EQ(Around(), m_around);
+        EXPECT_EQ(ObjCount(), m_objects);
     }
     // Everything outside the target directory, with contents.
     std::string Around() {
@@ -124,56 +106,42 @@ class Hostile : public testing::Test {
             if (it->path() != m_archive) paths.push_back(it->path().string());
         }
         std::sort(paths.begin(), paths.end());
-        for (const std::string& path : paths) {
+        for (const std::string& path : paths)
             out += path + (fs::is_regular_file(path) ? "=" + ReadFile(path) : "/") + "\n";
-        }
         return out;
     }
-    BooleanT Restore(const std::string& archive) {
-        WriteFile(m_archive, archive);
-        return PakZlibUncompress(m_archive.c_str(), m_target.c_str());
+    // In a child process, so that a stop of the process would be seen.
+    void RestoreInChild(const char* what, const std::string& archive, BooleanT expected) {
+        const RunResult result = InChild([&]() -> int {
+            std::signal(SIGSEGV, SIG_DFL);
+            const long before = PeakMemory();
+            const BooleanT bResult = Restore(archive);
+            const long more = PeakMemory() - before;
+            if (more > MemoryLimit) std::printf("%ld KiB more", more);
+            if (ObjCount() != m_objects) std::printf("%d objects left", ObjCount() - m_objects);
+            return bResult;
+        });
+        EXPECT_EQ(result.signal, 0) << what;
+        EXPECT_EQ(result.exitCode, expected) << what;
+        EXPECT_EQ(result.output, "") << what;
     }
-    std::string Restored(const std::string& name) { return ReadFile(m_target + "/" + name); }
 
-    const TempDir m_dir;
-    const std::string m_archive = m_dir / "archive";
-    const std::string m_target = m_dir / "root/target";
     std::string m_around;
+    const int32 m_objects = ObjCount();
 };
-
-// What a child process restores; its exit code is the result.
-struct InChild {
-    std::string archive;
-    std::string target;
-};
-
-int RestoreInChild(void* argument) {
-    const auto& job = *static_cast<const InChild*>(argument);
-    std::signal(SIGSEGV, SIG_DFL);
-    const int32 lObjects = ObjCount();
-    const long before = PeakMemory();
-    const BooleanT bResult = PakZlibUncompress(job.archive.c_str(), job.target.c_str());
-    if (PeakMemory() - before > MemoryLimit) std::printf("%ld KiB more", PeakMemory() - before);
-    if (ObjCount() != lObjects) std::printf("%d objects left", ObjCount() - lObjects);
-    return bResult;
-}
-
-}  // namespace
 
 TEST_F(Hostile, CutAnywhere) {
     const std::string archive = bytes::Archive(TwoFiles);
     ASSERT_EQ(Restore(archive), TRUE);
-    const Leftovers before;
+    const NothingLeft nothing;
     for (std::size_t size = 0; size < archive.size(); size++)
         EXPECT_EQ(Restore(archive.substr(0, size)), FALSE) << size;
-    EXPECT_EQ(before.Text(), "");
 }
 
 TEST_F(Hostile, EveryNumberLies) {
     // Over every byte of the header list, so over every length, count, magic and reference.
     const std::string archive = bytes::Archive(TwoFiles);
     const std::size_t headers = 4 + 18 + (67 + 5 + 16) + (67 + 6 + 2 * 16);
-    const int32 lObjects = ObjCount();
     const long before = PeakMemory();
     int restored = 0;
     for (std::size_t at = 0; at + 4 <= headers; at++) {
@@ -184,16 +152,13 @@ TEST_F(Hostile, EveryNumberLies) {
             if (Restore(lying) == TRUE) restored++;
         }
     }
-    EXPECT_EQ(ObjCount(), lObjects);
     EXPECT_LT(PeakMemory() - before, MemoryLimit);
-    EXPECT_EQ(Around(), m_around);
     // The sums and chunk counts are not consulted; names can be others.
     EXPECT_GT(restored, 100);
 }
 
 TEST_F(Hostile, RandomDamage) {
     const std::string archive = bytes::Archive(TwoFiles);
-    const int32 lObjects = ObjCount();
     const long before = PeakMemory();
     std::mt19937 random(20240229);
     for (int flip = 0; flip < Flips; flip++) {
@@ -213,32 +178,38 @@ TEST_F(Hostile, RandomDamage) {
         }
         fs::remove_all(m_target);
     }
-    EXPECT_EQ(ObjCount(), lObjects);
     EXPECT_LT(PeakMemory() - before, MemoryLimit);
-    EXPECT_EQ(Around(), m_around);
 }
 
 TEST_F(Hostile, NamesStayInTheTarget) {
     const std::string nul(1, '\0');
-    for (const std::string& name :
-         {std::string("../x"), std::string("../a/name"), std::string("../../name"),
-          std::string("../new"), m_dir / "root/name", m_dir / "root/new", std::string("/"),
-          std::string("a/b"), std::string("b/c"), std::string("name/"), std::string("./name"),
-          std::string("."), std::string(".."), std::string(""), ".." + nul + "a",
-          "../x" + nul + "a"}) {
+    const std::vector<std::string> refused = {"../x",
+                                              "../a/name",
+                                              "../../name",
+                                              "../new",
+                                              m_dir / "root/name",
+                                              m_dir / "root/new",
+                                              "/",
+                                              "a/b",
+                                              "b/c",
+                                              "name/",
+                                              "./name",
+                                              ".",
+                                              "..",
+                                              "",
+                                              ".." + nul + "a",
+                                              "../x" + nul + "a"};
+    for (const std::string& name : refused)
         EXPECT_EQ(Restore(WithName(bytes::String(name))), FALSE) << name;
-    }
     EXPECT_EQ(Restore(WithName(Long(0))), FALSE);  // null
     EXPECT_EQ(Restore(WithName(Long(4) + "name")), FALSE) << "no terminator";
     EXPECT_EQ(ListDir(m_target), std::vector<std::string>{"b"});
     EXPECT_EQ(Around(), m_around);
     // Names that only look dangerous.
-    for (const std::string& name : {std::string("..."), std::string("..x"), std::string("\\..\\x"),
-                                    std::string(" "), std::string("-d"), std::string("\xff\n")}) {
+    for (const char* name : {"...", "..x", "\\..\\x", " ", "-d", "\xff\n"}) {
         EXPECT_EQ(Restore(WithName(bytes::String(name))), TRUE) << name;
         EXPECT_EQ(Restored(name), "text");
     }
-    EXPECT_EQ(Around(), m_around);
 }
 
 TEST_F(Hostile, GraphsOfEveryShape) {
@@ -255,11 +226,7 @@ TEST_F(Hostile, GraphsOfEveryShape) {
     ownHeader.ext = bytes::SharedAgain(1);
     bytes::FileHeader ownList = Header();
     ownList.ext = bytes::SharedAgain(9);
-    const struct {
-        const char* what;
-        std::string archive;
-        BooleanT restored;
-    } cases[] = {
+    const std::tuple<const char*, std::string, BooleanT> cases[] = {
         {"an object that holds itself", WithExt(self), TRUE},
         {"a list that holds itself", WithExt(selfList), TRUE},
         {"the same twice over", WithExt(inItself), TRUE},
@@ -296,24 +263,19 @@ TEST_F(Hostile, GraphsOfEveryShape) {
         {"a wide list", WithExt(bytes::List(std::vector<std::string>(Deep, bytes::Integer(3)))),
          TRUE},
     };
-    for (const auto& c : cases) {
-        const int32 lObjects = ObjCount();
-        EXPECT_EQ(Restore(c.archive), c.restored) << c.what;
-        EXPECT_EQ(ObjCount(), lObjects) << c.what;
+    for (const auto& [what, archive, restored] : cases) {
+        EXPECT_EQ(Restore(archive), restored) << what;
+        EXPECT_EQ(ObjCount(), m_objects) << what;
     }
 }
 
-// Lengths, counts and shapes that announce more than there is. In a child, so that a stop of the
-// process would be seen.
+// Lengths, counts and shapes that announce more than there is.
 TEST_F(Hostile, NothingIsAllocatedForALie) {
     const auto object = [](const std::string& descriptor, const std::string& fields) {
         return WithExt(bytes::Object(ForeignMagic + 1, descriptor, fields));
     };
     const std::string huge = Long(0x7ffffff0);
-    const struct {
-        const char* what;
-        std::string archive;
-    } cases[] = {
+    const std::pair<const char*, std::string> cases[] = {
         {"header list", huge + bytes::Archive(TwoFiles).substr(4)},
         {"string", object("s;", huge + "text")},
         {"data", object("d;", huge + "text")},
@@ -335,33 +297,16 @@ TEST_F(Hostile, NothingIsAllocatedForALie) {
          object("z;", Byte(1) + bytes::String(std::string(5000, 't')) + Long(0) + Long(0))},
         {"view", object("v;", Long(1) + huge + "name")},
     };
-    for (const auto& c : cases) {
-        WriteFile(m_archive, c.archive);
-        InChild job = {m_archive, m_target};
-        const RunResult result = RunForked(RestoreInChild, &job);
-        EXPECT_EQ(result.signal, 0) << c.what;
-        EXPECT_EQ(result.exitCode, FALSE) << c.what;
-        EXPECT_EQ(result.output, "") << c.what;
-    }
+    for (const auto& [what, archive] : cases) RestoreInChild(what, archive, FALSE);
     // What a stanza only reserves is cut to what it may need.
-    WriteFile(m_archive, object("z;", Byte(1) + bytes::String("title") + Long(0) + huge));
-    InChild job = {m_archive, m_target};
-    const RunResult result = RunForked(RestoreInChild, &job);
-    EXPECT_EQ(result.exitCode, TRUE);
-    EXPECT_EQ(result.output, "");
+    RestoreInChild("room", object("z;", Byte(1) + bytes::String("t") + Long(0) + huge), TRUE);
 }
 
 // Objects of the library's own classes: those that hold pointers are refused, and all in another
 // shape.
 TEST_F(Hostile, ClassesOfTheLibrary) {
     const std::string pointers = Long(0x41414141) + Long(0x41414141) + Long(0x41414141);
-    const struct {
-        const char* what;
-        std::uint32_t magic;
-        const char* descriptor;
-        std::string fields;
-        int exitCode;
-    } cases[] = {
+    const std::tuple<const char*, std::uint32_t, const char*, std::string, BooleanT> cases[] = {
         {"map", 0xc938e027, "i;i;i;i;p;p;p;d;",
          Long(8) + Long(2) + Long(2) + Long(2) + pointers + Long(4) + "data", FALSE},
         {"list node", 0xc8a2f9bb, "L;l;L;l;", std::string(4, '\0'), FALSE},
@@ -375,11 +320,8 @@ TEST_F(Hostile, ClassesOfTheLibrary) {
         {"map of another shape", 0xc938e027, "i;", Long(0), FALSE},
         {"list node of another shape", 0xc8a2f9bb, "o;", Byte(0), FALSE},
     };
-    for (const auto& c : cases) {
-        WriteFile(m_archive, WithExt(bytes::Object(c.magic, c.descriptor, c.fields)));
-        InChild job = {m_archive, m_target};
-        const RunResult result = RunForked(RestoreInChild, &job);
-        EXPECT_EQ(result.exitCode, c.exitCode) << c.what;
-        EXPECT_EQ(result.output, "") << c.what;
-    }
+    for (const auto& [what, magic, descriptor, fields, restored] : cases)
+        RestoreInChild(what, WithExt(bytes::Object(magic, descriptor, fields)), restored);
 }
+
+}  // namespace
