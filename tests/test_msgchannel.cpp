@@ -23,36 +23,21 @@
 #include "core/objwrappers.h"
 #include "core/procapi.h"
 #include "core/process.h"
-#include "core/sys.h"
 #include "core/task.h"
 #include "core/timer.h"
-#include "support/archivebytes.h"
 #include "support/files.h"
 #include "support/leftovers.h"
+#include "support/messages.h"
 
 using Text = std::string;
 using bytes::Byte;
 using bytes::Long;
+constexpr auto Body = FrameBytes;
 
 namespace {
 
-using Address = ObjHolder<MsgAddressS>;
-using Message = ObjHolder<MsgMessageS>;
-using Packet = ObjHolder<MsgPacketS>;
-
 const Text Absent(1, '\0');  // the stream of no object
 constexpr ProcIdT OwnId = 57;
-
-Text Body(MsgTypeT type, const Text& object) {
-    return Long(8 + static_cast<int64>(object.size())) + Long(type) + object;
-}
-
-Text Whole(int32 hop, int32 fromMachine, int32 from, int32 toMachine, int32 to, MsgTypeT type,
-           const Text& object) {
-    return Long(hop) + Long(200 + static_cast<int64>(object.size())) + Long(fromMachine) +
-           Long(from) + Long(toMachine) + Long(to) + Long(type) + Long(0) + Text(160, '\0') +
-           Body(type, object);
-}
 
 Text AddressBytes(const Text& machine, int32 id) {
     return bytes::Object(0xc8cd2676, "s;i;",
@@ -61,7 +46,7 @@ Text AddressBytes(const Text& machine, int32 id) {
 
 // From another process of this machine.
 Text FromProcess(int32 from, MsgTypeT type, const Text& object = Absent) {
-    return Whole(OwnId, 1, from, 1, OwnId, type, object);
+    return PacketBytes({OwnId, 1, from, 1, OwnId}, type, object);
 }
 
 // One end of a connection is the channel's, the other the test's.
@@ -73,14 +58,12 @@ struct Link {
     explicit Link(MsgChannelBlockingE blocking = eMsgChannelNonBlocking,
                   MsgChannelOkE ok = eMsgChannelDoNotWaitForOk, bool ipc = false) {
         const int sockets[2] = {Connected(&raw), raw};
-        MsgAddressO remote = nullptr;
-        MsgCreateAddress(&remote, SysLocalMachineName(), 70);
-        EXPECT_EQ(MsgChannelCreateInternal(channel.Address(), sockets[0], remote, blocking,
+        const Address remote(At(".:70"));
+        EXPECT_EQ(MsgChannelCreateInternal(channel.Address(), sockets[0], remote.Get(), blocking,
                                            eMsgChannelNotifyDown,
                                            ipc ? eMsgChannelIpcChannel : eMsgChannelNotIpcChannel,
                                            ok, eMsgChannelNotGuiChannel),
                   TRUE);
-        ObjRelease(&remote);
         address = MsgChannelAddress(channel.Get());
         ObjIncRefCount(address);
     }
@@ -143,30 +126,20 @@ class Channels : public testing::Test {
     }
     // Serves what is there, and says what came of it: "type source>destination body" of each.
     static Text Received(int turns = 4) {
-        ObjHolder<TimeTimeoutS> soon;
         Text all;
         for (int turn = 0; turn < turns; turn++) {
             Message message;
-            TimeCreateAndSetTimeout(soon.Address(), 0, 100);
+            const TimeoutIn soon(100);
             if (MsgReceive(message.Address(), soon.Get()) == TRUE)
-                all += (all.empty() ? "" : ", ") + Shown(message.Get());
+                all += (all.empty() ? "" : ", ") + ShownMessage(message.Get());
             else if (turn > 0)
                 break;
-            ObjRelease(soon.Address());
         }
         return all;
     }
-    static Text Shown(MsgMessageO message) {
+    static Text ShownMessage(MsgMessageO message) {
         return std::to_string(MsgType(message)) + " " + Shown(message->oSource) + ">" +
                Shown(message->oDestination) + ShownBody(message->oObject);
-    }
-    static Text Shown(MsgAddressO address) {
-        if (address == nullptr) return "nobody";
-        const char* name = MsgGetMachineName(address);
-        return (name == nullptr                       ? "-"
-                : name == Text(SysLocalMachineName()) ? "."
-                                                      : name) +
-               (":" + std::to_string(MsgGetProcessId(address)));
     }
     static Text ShownBody(void* body) {
         if (body == nullptr) return "";
@@ -204,7 +177,7 @@ TEST_F(Channels, BytesOnBothKindsOfLinks) {
     const Text body = Body(7001, bytes::Integer(7));
     EXPECT_EQ(data.Hear(body.size() + 1), body);
     const int32 id = MsgChannelId(ipc.channel.Get());
-    const Text whole = Whole(-id, 1, OwnId, -1, id, 7002, Absent);
+    const Text whole = PacketBytes({-id, 1, OwnId, -1, id}, 7002, Absent);
     EXPECT_EQ(ipc.Hear(whole.size() + 1), whole);
     // And back: several in one piece, then one in bytes; an absent body is one byte.
     data.Say(body + Body(7003, Absent) + body);
@@ -417,8 +390,7 @@ TEST_F(Channels, WhatMayNotComeFromOutside) {
 TEST_F(Channels, WatchesThatAreCancelled) {
     Link ipc(eMsgChannelNonBlocking, eMsgChannelDoNotWaitForOk, true);
     gtTlContext.sMsg.oIpcChannel = ipc.channel.Get();
-    Address watched[2];  // on another machine
-    for (const int id : {0, 1}) MsgCreateAddress(watched[id].Address(), "elsewhere", 40 + id);
+    const Address watched[] = {Address(At("elsewhere:40")), Address(At("elsewhere:41"))};
     const auto* watches = gtTlContext.sMsg.oNotifyOnDeathList;
     for (const Address& address : watched) EXPECT_EQ(ProcInformOnDeath(address.Get()), TRUE);
     EXPECT_EQ(watches->lItemCount, 2);
@@ -537,8 +509,7 @@ TEST_F(Channels, OpenersReadWhileTheyWait) {
         EXPECT_EQ(send(back, ready.data(), ready.size(), MSG_NOSIGNAL), ssize_t(ready.size()));
     });
     MsgAddressO opened = nullptr;
-    Address to;
-    MsgCreateAddress(to.Address(), SysLocalMachineName(), 71);
+    const Address to(At(".:71"));
     EXPECT_EQ(MsgChannelOpenInternal(&opened, to.Get(), nullptr, nullptr, eMsgChannelNonBlocking,
                                      eMsgChannelWaitForAccept, eMsgChannelWaitForOk),
               TRUE);
@@ -600,14 +571,11 @@ TEST_F(Channels, WaitForATypeFromAnAddress) {
     Link link, ipc(eMsgChannelNonBlocking, eMsgChannelDoNotWaitForOk, true);
     gtTlContext.sMsg.oIpcChannel = ipc.channel.Get();  // so that managers are listened to
     ObjIncRefCount(ipc.channel.Get());
-    ObjHolder<TimeTimeoutS> soon;
     Message message;
-    ObjHolder<MsgAddressS> nine, far;
-    MsgCreateAddress(nine.Address(), SysLocalMachineName(), 9);
+    const Address nine(At(".:9"));
     const auto wait = [&](MsgTypeT type, MsgAddressO address) {
-        ObjRelease(soon.Address());
         ObjRelease(message.Address());
-        TimeCreateAndSetTimeout(soon.Address(), 0, 300);
+        const TimeoutIn soon(300);
         return MsgReceiveMsgTypeFromAddress(message.Address(), type, address, soon.Get()) == TRUE;
     };
     link.Say(Body(7002, Absent) + Body(7001, Absent));
@@ -633,8 +601,7 @@ TEST_F(Channels, WaitForATypeFromAnAddress) {
     for (const auto& end : ends) {
         Drain();
         ipc.Say(FromProcess(2, end.type, end.body));
-        ObjHolder<TimeTimeoutS> minute;
-        TimeCreateAndSetTimeout(minute.Address(), 60, 0);
+        const TimeoutIn minute(60000);
         const auto start = std::chrono::steady_clock::now();
         EXPECT_EQ(MsgReceiveMsgTypeFromAddress(message.Address(), 7009, nine.Get(), minute.Get()),
                   FALSE);
