@@ -1,0 +1,177 @@
+// A small log daemon. It keeps the log images that come to it, one behind the other in a file that
+// it reads again when it starts, and answers queries: every entry that the criteria let through as
+// a message like the one that brought it, then the end of the request.
+//
+//   logdaemon [LANGUAGE]    KRHOME names the home directory, whose "logs/log" holds the records. A
+//                           text is searched for in what a reader of the language would see.
+//
+// Criteria: what is null, 0 or an empty list lets everything through. Of the warning levels bit n
+// stands for the n-th one of LogListWarningLevels. A source, when there is one, is the client.
+#include <algorithm>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "core/log.h"
+#include "core/memory.h"
+#include "core/objwrappers.h"
+#include "core/path.h"
+#include "core/strbase.h"
+#include "manager.h"
+
+MEM_DEFAULT_POOL_CACHE
+
+namespace {
+
+using Image = std::string;
+
+std::vector<Image> gtEntries;  // in order of arrival
+std::ofstream gtFile;
+
+const ByteT* Bytes(const Image& image) { return reinterpret_cast<const ByteT*>(image.data()); }
+
+std::string Taken(char* pstrText) {
+    const PoolPtr<char> tText(pstrText);
+    return pstrText == nullptr ? "" : pstrText;
+}
+
+// --- the file ---
+
+// A record that was cut in the middle of its writing, and what may stand behind it, goes.
+BooleanT Load() {
+    const std::string directory = Taken(PathHomeBuild("logs", nullptr));
+    const std::string path = directory + "/log";
+    if (PathIsADirectory(directory.c_str()) != TRUE &&
+        PathCreateDirectory(directory.c_str()) != TRUE)
+        return FALSE;
+    std::ifstream old(path, std::ios::binary);
+    const std::string all{std::istreambuf_iterator<char>(old), {}};
+    for (std::size_t at = 0; at < all.size();) {
+        const auto* ptImage = reinterpret_cast<const ByteT*>(all.data() + at);
+        if (LogIsImage(ptImage, static_cast<int32>(all.size() - at)) != TRUE) break;
+        gtEntries.emplace_back(all, at, static_cast<std::size_t>(LogGetRecordSize(ptImage)));
+        at += gtEntries.back().size();
+    }
+    gtFile.open(path, std::ios::binary | std::ios::trunc);
+    for (const Image& image : gtEntries) gtFile << image;
+    gtFile.flush();
+    return BooleanFrom(gtFile.good());
+}
+
+void Keep(MsgPacketO oPacket) {
+    ObjHolder<logdMessageS> oMessage;
+    if (MsgObjectFromPacket(oMessage.Address(), oPacket, logdMessageMagic) != TRUE) return;
+    const auto* ptImage = reinterpret_cast<const char*>(LogGetRawImage(oMessage.Get()));
+    if (ptImage == nullptr) return;
+    const int32 lSize = LogGetRecordSize(reinterpret_cast<const ByteT*>(ptImage));
+    gtEntries.emplace_back(ptImage, static_cast<std::size_t>(lSize));
+    gtFile << gtEntries.back() << std::flush;
+}
+
+// --- queries ---
+
+// Whether a list of texts, where there is one, holds the text.
+bool Holds(ListO oTexts, const std::string& text) {
+    if (oTexts == nullptr || oTexts->oFirst == nullptr) return true;
+    for (ListNodeO oNode = oTexts->oFirst; oNode != nullptr; oNode = oNode->oNext) {
+        if (ObjCheckTypeInternal(oNode->oData, ObjStringMagic) == TRUE &&
+            text == ObjGetString(static_cast<ObjStringO>(oNode->oData)))
+            return true;
+    }
+    return false;
+}
+
+// The number of the level's name among the eight.
+int32 LevelOf(const ByteT* ptImage) { return std::max((LogGetWarnLevel(ptImage) - 1) / 16, 0); }
+
+bool IsOfSession(const logdCriteriaS& tCriteria, const ByteT* ptImage) {
+    UniqueT tSession;
+    if (tCriteria.bSession != TRUE && tCriteria.bThisSessionOnly != TRUE) return true;
+    return LogGetSessionId(&tSession, ptImage) == TRUE &&
+           std::memcmp(&tSession, &tCriteria.tSessionId, sizeof(tSession)) == 0;
+}
+
+bool Matches(const logdCriteriaS& tCriteria, const ByteT* ptImage) {
+    const TimeT tTime = LogGetTimeStamp(ptImage);
+    if (!IsOfSession(tCriteria, ptImage) ||
+        (tCriteria.lJobId != 0 && tCriteria.lJobId != LogGetJobId(ptImage)) ||
+        (tCriteria.lWarningLevels != 0 &&
+         (tCriteria.lWarningLevels >> LevelOf(ptImage) & 1) == 0) ||
+        (tCriteria.tStart != 0 && tTime < tCriteria.tStart) ||
+        (tCriteria.tStop != 0 && tTime > tCriteria.tStop) ||
+        (tCriteria.bOperatorOnly == TRUE && LogIsOperatorMsg(ptImage) != TRUE) ||
+        !Holds(tCriteria.oClasses, Taken(LogGetClassString(ptImage))) ||
+        !Holds(tCriteria.oClients, Taken(LogGetClientString(ptImage))))
+        return false;
+    const PoolPtr<char> pstrText(LogGetLogString(ptImage, tCriteria.pstrText));
+    return pstrText.Get() != nullptr;
+}
+
+bool Wanted(const logdRequestEntriesS& tRequest, const ByteT* ptImage) {
+    if (tRequest.pstrSource != nullptr && *tRequest.pstrSource != '\0' &&
+        Taken(LogGetClientString(ptImage)) != tRequest.pstrSource)
+        return false;
+    return tRequest.oCriteria == nullptr ||
+           ObjCheckTypeInternal(tRequest.oCriteria, logdCriteriaMagic) != TRUE ||
+           Matches(*tRequest.oCriteria, ptImage);
+}
+
+void SendEntry(MsgAddressO oTo, const Image& image) {
+    const ObjHolder<logdMessageS> oEntry(ObjNew<logdMessageS>(logdMessageMagic, "d;"));
+    const auto lSize = static_cast<int32>(image.size());
+    oEntry.Get()->tLogEntry = {lSize, MemAllocateFromPool(lSize, MemPool())};
+    std::memcpy(oEntry.Get()->tLogEntry.pData, image.data(), image.size());
+    MsgSendObject(oTo, LOGD_LOG_MSG, oEntry.Get());
+}
+
+void Answer(MsgPacketO oPacket) {
+    ObjHolder<logdRequestEntriesS> oRequest;
+    ObjHolder<MsgAddressS> oFrom;
+    const MsgPacketAddressT tSource = MsgPacketHeader(oPacket)->tSource;
+    if (MsgAddressFromPacketAddress(oFrom.Address(), &tSource) != TRUE) return;
+    if (MsgObjectFromPacket(oRequest.Address(), oPacket, logdRequestEntriesMagic) == TRUE) {
+        const logdRequestEntriesS& tRequest = *oRequest.Get();
+        std::vector<const Image*> wanted;
+        for (const Image& image : gtEntries) {
+            if (Wanted(tRequest, Bytes(image))) wanted.push_back(&image);
+        }
+        if (tRequest.bNewFirst == TRUE) std::reverse(wanted.begin(), wanted.end());
+        const auto most = static_cast<std::size_t>(std::max(tRequest.lMaxEntries, 0));
+        if (most != 0 && wanted.size() > most) wanted.resize(most);
+        for (const Image* image : wanted) SendEntry(oFrom.Get(), *image);
+    }
+    MsgSendObject(oFrom.Get(), LOGD_END_OF_REQUEST_MSG, nullptr);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (ManagerStart("logdaemon", MsgLogDaemonId) != TRUE || Load() != TRUE) return 1;
+    LogSetLocale(argc > 1 ? argv[1] : nullptr);
+    std::puts("ready");
+    std::fflush(stdout);
+    for (bool bServe = true; bServe;) {
+        ObjHolder<MsgPacketS> oPacket;
+        if (MsgReceivePacket(oPacket.Address(), nullptr) != TRUE) continue;
+        switch (MsgPacketMsgType(oPacket.Get())) {
+            case LOGD_LOG_MSG:
+                Keep(oPacket.Get());
+                break;
+            case LOGD_REQUEST_ENTRIES_MSG:
+                Answer(oPacket.Get());
+                break;
+            case PMGR_KILL_YOURSELF_MSG:
+            case MSG_LOST_RECEIVE_QUEUE_MSG:
+            case MSG_LOST_SEND_QUEUE_MSG:
+            case MSG_FATAL_SELECT_ERROR_MSG:
+                bServe = false;
+                break;
+            default:
+                break;
+        }
+    }
+    MsgQuickExit(TRUE);
+    ContextReleaseThread();
+    return 0;
+}
