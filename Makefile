@@ -10,6 +10,7 @@
 #   make lint             clang-format, warnings of g++ and clang++, clang-tidy
 #   make sanitize         all tests under AddressSanitizer and UndefinedBehaviorSanitizer
 #   make test-ilp32       all tests as 32-bit programs
+#   make check-install    programs outside the tree, built on what an installation holds
 #   make install          tool, library, headers and the skeleton of a home directory below PREFIX
 #
 # Missing Debian packages are installed first; TESSEL_SETUP=no prevents that.
@@ -18,7 +19,7 @@ FUZZ_SECONDS ?= 60
 export CMAKE_GENERATOR ?= Ninja
 CTEST = ctest --output-on-failure --no-tests=error -j $$(nproc) --test-dir
 
-.PHONY: all run test bench fuzz lint sanitize test-ilp32 install clean
+.PHONY: all run test bench fuzz lint sanitize test-ilp32 check-install install clean
 all:
 	@scripts/setup.sh build test && scripts/build.sh release
 
@@ -43,6 +44,9 @@ sanitize:
 
 test-ilp32:
 	@scripts/setup.sh build ilp32 && scripts/build.sh ilp32 && $(CTEST) build/ilp32
+
+check-install: all
+	@scripts/run-install.sh
 
 install: all
 	@cmake --install build --prefix $(PREFIX)

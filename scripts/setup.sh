@@ -10,7 +10,7 @@ set -euo pipefail
 packages_of() {
     case $1 in
         build) echo cmake ninja-build g++ zlib1g-dev libcrypt-dev ;;
-        test) echo libgtest-dev iproute2 ;;
+        test) echo libgtest-dev iproute2 pkg-config ;;
         lint) echo clang clang-format clang-tidy ;;
         ilp32) echo g++-multilib lib32z1-dev googletest qemu-user-static ;;
         fuzz) echo clang libclang-rt-dev llvm ;;
