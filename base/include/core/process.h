@@ -63,7 +63,7 @@ const char* ProcName();
 void ProcSetDetails(ProcDetailsT* ptDetails);
 // In shared memory; null when there is none, or no progress is kept.
 ProgressBufHeaderT* ProcGetProgressBuffer();
-void* ProcShmAddress(int32 lOffset);  // null also for an offset below 0
+void* ProcShmAddress(int32 lOffset);  // null also for an offset that is not inside it
 
 // "tlid" and the eight hexadecimal digits of the id: a new text, the caller's.
 char* ProcIdFileName(ProcRealIdT tId);
@@ -141,7 +141,8 @@ BooleanT ProcAddCleanupRoutine(ProcCleanupFnT fnRoutine, void* pArgument);
 BooleanT ProcRemoveCleanupRoutine(ProcCleanupFnT fnRoutine, void* pArgument);
 
 // Reports the end to the process manager, calls the cleanup routines and releases the thread's
-// context. Exit code -1 asks for the service to be started again.
+// context; the shared memory is detached before. Exit code -1 asks for the service to be started
+// again.
 void ProcRelease(int32 lExitCode);
 // ProcRelease, then the end of the process with status 0 or, for a code other than 0, 1; -2 does
 // not wait for channels and counts as 0. Only the first call acts, also when a signal makes another

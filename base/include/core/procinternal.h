@@ -25,3 +25,21 @@ struct ProgressBufHeaderT {
     int32 lCurrentBufPosition;  // in them
 };
 static_assert(sizeof(ProgressBufHeaderT) == 8);
+
+// One managed process, in the table that viewers read.
+struct ProcHandleT {
+    ProcIdT tProcessId;
+    int32 eState;          // a ProcStateE
+    int32 lDetailsOffset;  // of its record in the shared memory
+};
+static_assert(sizeof(ProcHandleT) == 12);
+
+// Followed by the slots.
+struct ProcProcessTableT {
+    int32 lSlotCount;
+};
+static_assert(sizeof(ProcProcessTableT) == 4);
+
+inline const ProcHandleT* ProcTableSlots(const ProcProcessTableT* ptTable) {
+    return reinterpret_cast<const ProcHandleT*>(ptTable + 1);
+}

@@ -46,6 +46,9 @@ BooleanT ShmAttach(void** ppShmAddress, ShmIdT tShmId);
 BooleanT ShmAttachReadOnly(void** ppShmAddress, ShmIdT tShmId);
 BooleanT ShmDetach(void** ppShmAddress);  // the pointer becomes ShmDetached()
 
+// The size in bytes of a segment that is there, also of one that goes with its last attachment.
+BooleanT ShmSize(int64* pllSize, ShmIdT tShmId);
+
 BooleanT ShmSetId(ShmIdT* ptShmId, ShmIdT tShmId);
 
 // Copies between areas that do not overlap, either of which may not be there: FALSE, with part of

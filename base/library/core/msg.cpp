@@ -9,6 +9,7 @@
 #include "core/net.h"
 #include "core/procapi.h"
 #include "core/process.h"
+#include "core/procinit.h"
 #include "core/strdynam.h"
 #include "core/task.h"
 #include "core/trace.h"

@@ -34,6 +34,11 @@
     X(PmgrCancelNotifyOnDeath, "o;o;")                         \
     X(PmgrProcessStatus, "i;i;i;b;b;i;")                       \
     X(PmgrStartOfDayReady, "i;o;")                             \
+    X(ProcInitializeArgs, "i;b;b;b;b;b;s;s;i;s;s;b;b;")        \
+    X(PmgrProcessInitialStatus, "o;i;o;")                      \
+    X(PmgrAttachToUnixShm, "i;i;i;i;i;")                       \
+    X(PmgrSetLocale, "s;o;")                                   \
+    X(MsgChildInitialized, "i;i;")                             \
     X(PmgrKillProcess, "o;i;")                                 \
     X(PmgrGetProcessState, "o;")                               \
     X(PmgrGetProcessStateReturn, "o;i;")                       \

@@ -58,8 +58,13 @@ BooleanT ProcessInitializeThread(TesselContextT* ptTlContext) {
 
 void ProcessReleaseThread(TesselContextT* ptTlContext) {
     TraceMessageInline(213, 0, 4, "ProcessReleaseThread()");
-    ObjRelease(&ptTlContext->sProcess.oCleanupList);
-    MemFree(&ptTlContext->sProcess.pstrName);
+    TesselContextProcessS& tProcess = ptTlContext->sProcess;
+    ObjRelease(&tProcess.oCleanupList);
+    ObjRelease(&tProcess.oTaskContext);
+    ObjRelease(&tProcess.oExtendibleContext);
+    MemFree(&tProcess.pstrName);
+    MemFree(&tProcess.pstrTraceName);
+    MemFree(&tProcess.ptObjCountBase);
     TraceMessageInline(214, 0, 4, "exiting ProcessReleaseThread()");
 }
 
@@ -119,11 +124,6 @@ ProgressBufHeaderT* ProcGetProgressBuffer() {
                            static_cast<void*>(ptBuffer), ptBuffer->lCurrentBufPosition,
                            ptBuffer->lBufferSize);
     return ptBuffer;
-}
-
-void* ProcShmAddress(int32 lOffset) {
-    auto* pBase = static_cast<ByteT*>(gtTlContext.sProcess.ptSharedMemoryBase);
-    return pBase == nullptr || lOffset < 0 ? nullptr : pBase + lOffset;
 }
 
 char* ProcIdFileName(ProcRealIdT tId) {

@@ -5,6 +5,7 @@
 #include "core/context.h"
 #include "core/list.h"
 #include "core/process.h"
+#include "core/procinit.h"
 #include "core/trace.h"
 #include "msginternal.h"
 
@@ -83,6 +84,7 @@ void ProcRelease(int32 lExitCode) {
     ProcReportEnd(lExitCode);
     ProcCallCleanupRoutines(lExitCode);
     TraceSetBuffer(TraceInternalBuffer());
+    ProcDetachSharedMemory();
     ContextReleaseThread();
 }
 

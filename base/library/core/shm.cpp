@@ -236,6 +236,13 @@ BooleanT ShmDetach(void** ppShmAddress) {
     return TRUE;
 }
 
+BooleanT ShmSize(int64* pllSize, ShmIdT tShmId) {
+    shmid_ds tStatus = {};
+    if (pllSize == nullptr || shmctl(tShmId, IPC_STAT, &tStatus) != 0) return FALSE;
+    *pllSize = static_cast<int64>(tStatus.shm_segsz);
+    return TRUE;
+}
+
 BooleanT ShmSetId(ShmIdT* ptShmId, ShmIdT tShmId) {
     if (ptShmId == nullptr) return FALSE;
     *ptShmId = tShmId;
