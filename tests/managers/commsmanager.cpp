@@ -1,7 +1,10 @@
 // A small communications manager. It accepts interprocess channels, learns from the first message
 // of each whose it is, and delivers packets by their next hop. It tells a sender when there is no
 // such process, watchers when a process has died, and everybody when a machine is down. Without a
-// process manager on the machine it takes the requests to watch that are addressed to one.
+// process manager on the machine it takes the requests to watch that are addressed to one; a
+// process manager learns of each channel that goes down (CMGR_DROPPED_CHANNEL_MSG), and gives the
+// processes that have connected without an id theirs (PMGR_REGISTER_PROCESS_MSG). The bodies of
+// both are those by which processes connect.
 //
 //   commsmanager      KRHOME names the home directory; port 0 in its configuration asks for a free
 //                     port, which is written there
@@ -14,7 +17,12 @@
 
 namespace {
 
-std::map<ProcIdT, int32> gtProcesses;                                     // channel of each process
+struct Link {
+    int32 lChannel;
+    ProcRealIdT tRealId;
+};
+std::map<ProcIdT, Link> gtProcesses;
+std::map<ProcRealIdT, int32> gtNameless;                                  // their channels
 std::map<ProcIdT, std::set<std::pair<std::string, ProcIdT>>> gtWatchers;  // of each process here
 
 const char* ThisMachine() { return MsgGetMachineName(MsgLocalAddress()); }
@@ -23,7 +31,7 @@ const char* ThisMachine() { return MsgGetMachineName(MsgLocalAddress()); }
 BooleanT Deliver(ProcIdT tId, MsgPacketO* poPacket) {
     const auto tFound = gtProcesses.find(tId);
     if (tFound == gtProcesses.end()) return FALSE;
-    const ObjHolder<MsgAddressS> oAddress(AddressOf(nullptr, tFound->second));
+    const ObjHolder<MsgAddressS> oAddress(AddressOf(nullptr, tFound->second.lChannel));
     ObjHolder<MsgChannelS> oChannel;
     if (MsgGetChannel(oChannel.Address(), oAddress.Get()) != TRUE) return FALSE;
     return MsgChannelDispatch(oChannel.Get(), poPacket);
@@ -42,7 +50,33 @@ void Send(MsgAddressO oDestination, MsgTypeT tMsgType, void* oBody) {
 void Connected(MsgPacketO oPacket) {
     ObjHolder<MsgIpcConnectS> oBody;
     if (MsgObjectFromPacket(oBody.Address(), oPacket, MsgIpcConnectMagic) != TRUE) return;
-    gtProcesses[oBody.Get()->tProcessId] = MsgPacketHeader(oPacket)->tDestination.tProcessId;
+    const int32 lChannel = MsgPacketHeader(oPacket)->tDestination.tProcessId;
+    const ProcRealIdT tRealId = oBody.Get()->tRealProcessId;
+    if (oBody.Get()->tProcessId == 0)
+        gtNameless[tRealId] = lChannel;
+    else
+        gtProcesses[oBody.Get()->tProcessId] = {lChannel, tRealId};
+}
+
+void TellDropped(ProcIdT tId, ProcRealIdT tRealId) {
+    const ObjHolder<MsgIpcConnectS> oBody(ObjNew<MsgIpcConnectS>(MsgIpcConnectMagic, "i;i;i;"));
+    const ObjHolder<MsgAddressS> oManager(AddressOf(ThisMachine(), MsgProcessManagerId));
+    *oBody.Get() = {eMsgProcTypeProcess, tId, tRealId};
+    Send(oManager.Get(), CMGR_DROPPED_CHANNEL_MSG, oBody.Get());
+}
+
+void Registered(MsgPacketO oPacket) {
+    ObjHolder<MsgIpcConnectS> oBody;
+    if (MsgPacketHeader(oPacket)->tSource.tProcessId != MsgProcessManagerId ||
+        MsgObjectFromPacket(oBody.Address(), oPacket, MsgIpcConnectMagic) != TRUE)
+        return;
+    const auto tNameless = gtNameless.find(oBody.Get()->tRealProcessId);
+    if (tNameless == gtNameless.end()) {  // it has gone meanwhile
+        TellDropped(oBody.Get()->tProcessId, oBody.Get()->tRealProcessId);
+        return;
+    }
+    gtProcesses[oBody.Get()->tProcessId] = {tNameless->second, tNameless->first};
+    gtNameless.erase(tNameless);
 }
 
 void TellWatchers(ProcIdT tDead) {
@@ -61,11 +95,14 @@ void Disconnected(MsgPacketO oPacket) {
     const int32 lChannel = MsgPacketHeader(oPacket)->tSource.tProcessId;
     MsgAddressO oAddress = AddressOf(nullptr, lChannel);
     MsgChannelClose(&oAddress);
-    for (const auto& [tId, lOf] : gtProcesses) {
-        if (lOf != lChannel) continue;
+    std::erase_if(gtNameless, [lChannel](const auto& t) { return t.second == lChannel; });
+    for (const auto& [tId, tLink] : gtProcesses) {
+        if (tLink.lChannel != lChannel) continue;
         const ProcIdT tDead = tId;
+        const ProcRealIdT tRealId = tLink.tRealId;
         gtProcesses.erase(tDead);
         TellWatchers(tDead);
+        TellDropped(tDead, tRealId);
         return;
     }
 }
@@ -101,8 +138,8 @@ void Watch(MsgPacketO oPacket) {
 void Broadcast(MsgPacketO oPacket) {
     ObjHolder<CmgrMachineDownS> oBody;
     if (MsgObjectFromPacket(oBody.Address(), oPacket, CmgrMachineDownMagic) != TRUE) return;
-    const std::map<ProcIdT, int32> tProcesses = gtProcesses;
-    for (const auto& [tId, lChannel] : tProcesses) {
+    const std::map<ProcIdT, Link> tProcesses = gtProcesses;
+    for (const auto& [tId, tLink] : tProcesses) {
         if (tId == MsgPacketHeader(oPacket)->tSource.tProcessId) continue;
         const ObjHolder<MsgAddressS> oProcess(AddressOf(ThisMachine(), tId));
         Send(oProcess.Get(), CMGR_MACHINE_DOWN_MSG, oBody.Get());
@@ -114,6 +151,9 @@ void ForThisManager(MsgPacketO oPacket) {
     switch (MsgPacketMsgType(oPacket)) {
         case CMGR_MACHINE_DOWN_MSG:
             Broadcast(oPacket);
+            break;
+        case PMGR_REGISTER_PROCESS_MSG:
+            Registered(oPacket);
             break;
         case MSG_PING_MSG:
             if (MsgMessageFromPacket(oMessage.Address(), oPacket) == TRUE)
