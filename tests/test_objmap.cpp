@@ -115,14 +115,16 @@ TEST_F(ObjMap, HandsOutHoldersAndStopsWhereTheCallbackSays) {
     EXPECT_EQ(KeyOf(oFound.Get()), 2);
     EXPECT_EQ(ObjMapFind(oSame.Address(), oMap, oFound.Get()), TRUE);
     EXPECT_EQ(Holders(oSame.Get()), 3);
-    // Put in its own place, an entry is not lost on the way.
-    EXPECT_EQ(ObjMapUpdate(oMap, oSame.Get()), TRUE);
-    EXPECT_EQ(Holders(oSame.Get()), 3);
     // The map is of another class than its entries.
     for (const auto fnOperation : {ObjMapInsert, ObjMapUpdate, ObjMapRemove}) {
         EXPECT_EQ(fnOperation(oMap, oMap), FALSE);
         EXPECT_EQ(fnOperation(static_cast<ObjMapO>(oFound.Get()), oSame.Get()), FALSE);
     }
+    // Put in its own place, an entry that only the map holds is not lost on the way.
+    void* oOnly = oFound.Get();
+    for (ObjHolder<void>* oHolder : {&oFound, &oSame}) ObjRelease(oHolder->Address());
+    EXPECT_EQ(ObjMapUpdate(oMap, oOnly), TRUE);
+    EXPECT_EQ(Holders(oOnly), 1);
     EXPECT_EQ(ObjMapCreateInternal(&oMap, ObjIntegerMagic, 1 << 30, Locate, nullptr, nullptr),
               FALSE);
 }
