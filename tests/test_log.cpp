@@ -98,6 +98,7 @@ struct LogTest : testing::Test {
     static void SetUpTestSuite() {
         SysSetLocalMachineName("host");
         MsgMakeLocalAddress();
+        std::filesystem::create_directories(TestHome() + "/config");
     }
     void SetUp() override {
         std::filesystem::remove_all(Directory());
@@ -135,15 +136,14 @@ TEST_F(LogTest, BytesOfAnImage) {
               "hostJOBS");
     EXPECT_EQ(Owned(LogGetLogString(At(image), "1 x")), "-1 x");
     EXPECT_EQ(LogGetLogString(At(image), "1 X"), nullptr);
-    void* read = nullptr;
-    ASSERT_EQ(LogGetObject(&read, At(image)), TRUE);
-    EXPECT_EQ(ObjGetInteger(static_cast<ObjIntegerO>(read)), -2);
-    ObjRelease(&read);
+    ObjHolder<void> read, none;
+    ASSERT_EQ(LogGetObject(read.Address(), At(image)), TRUE);
+    EXPECT_EQ(ObjCompare(read.Get(), object.Get()), TRUE);
 
     EXPECT_EQ(Build(300, nullptr, nullptr, "plain"), Image(7, 127, "plain", {}));
     const Text plain = Image(7, 80, "plain", {});
     EXPECT_EQ(LogHasSessionId(At(plain)) + LogHasObject(At(plain)) + LogIsOperatorMsg(At(plain)) +
-                  LogGetJobId(At(plain)) + LogGetObject(&read, At(plain)),
+                  LogGetJobId(At(plain)) + LogGetObject(none.Address(), At(plain)),
               0);
 }
 
@@ -227,8 +227,8 @@ TEST_F(LogTest, DamagedImages) {
             const std::vector<ByteT> exact(flipped.begin(), flipped.end());
             if (LogIsImage(exact.data(), static_cast<int32>(exact.size())) != TRUE) continue;
             Owned(LogGetLogString(exact.data(), nullptr));
-            void* object = nullptr;
-            if (LogGetObject(&object, exact.data()) == TRUE) ObjRelease(&object);
+            ObjHolder<void> object;
+            LogGetObject(object.Address(), exact.data());
         }
     }
     left = Leftovers();  // classes that streams bring are kept for good
@@ -276,7 +276,6 @@ TEST_F(LogTest, Languages) {
 }
 
 TEST_F(LogTest, WaysOfAMessage) {
-    std::filesystem::create_directories(TestHome() + "/config");
     const auto log = [] { LogMessage(7, 1, nullptr, "n %d", 1); };
     const Text image = Image(7, 1, "n %d", {"1"});
     errno = 77;
@@ -423,10 +422,9 @@ TEST_F(LogTest, MessagesOfTheLibrary) {
         ObjMonitorLog(3, base);
     }
     MemFree(&base);
-    void* object = nullptr;
-    ASSERT_EQ(LogGetObject(&object, At(g_called)), TRUE);
-    const Text lines = static_cast<ObjStringO>(object)->pstrValue;
-    ObjRelease(&object);
+    ObjHolder<void> object;
+    ASSERT_EQ(LogGetObject(object.Address(), At(g_called)), TRUE);
+    const Text lines = static_cast<ObjStringO>(object.Get())->pstrValue;
     EXPECT_NE(lines.find("Objects: Count"), Text::npos);
     EXPECT_NE(lines.find("Total Objects listed"), Text::npos);
     EXPECT_NE(Shown(g_called).find(" blocks of memory"), Text::npos);
@@ -439,7 +437,6 @@ TEST_F(LogTest, MessagesOfTheLibrary) {
     NetBind(taken, &at);
     NetListen(taken, 1);
     NetGetLocalAddress(&at, taken);
-    std::filesystem::create_directories(TestHome() + "/config");
     WriteFile(TestHome() + "/config/firewall.cfg",
               "[MsgChannel]\nOut Ports=" + std::to_string(NetGetIpPort(&at)) + "\n");
     ObjHolder<ListS> addresses(ListNew(NetAddressMagic));

@@ -11,7 +11,6 @@
 #include "core/objserial.h"
 #include "core/procinternal.h"
 #include "core/tree.h"
-#include "support/leftovers.h"
 #include "support/objects.h"
 #include "support/support.h"
 

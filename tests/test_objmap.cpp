@@ -6,7 +6,6 @@
 #include "core/path.h"
 #include "support/faults.h"
 #include "support/files.h"
-#include "support/leftovers.h"
 #include "support/mapmodel.h"
 #include "support/objects.h"
 

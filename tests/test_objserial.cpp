@@ -10,7 +10,6 @@
 #include "core/tree.h"
 #include "support/archivebytes.h"
 #include "support/files.h"
-#include "support/leftovers.h"
 #include "support/objects.h"
 #include "support/support.h"
 

@@ -1,6 +1,5 @@
 // Keys and real segments. Each test runs in a process of its own: the path of the keys is asked for
-// once and their ids are used up. Waiting between attempts and refusals are replaced
-// (test_shm.options).
+// once and their ids are used up. Waiting and refusals are replaced (test_shm.options).
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/shm.h>
@@ -8,10 +7,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
-#include <cstdlib>
 #include <cstring>
 #include <string>
+#include <tuple>
 
 #include "core/context.h"
 #include "core/ipc.h"
@@ -20,11 +20,9 @@
 namespace {
 
 int gSleeps = 0;
+int gRefusals = 0;  // removals still to be refused, with gError
+int gError = 0;
 int gSignals = 0;
-struct {
-    int times;  // removals still to be refused
-    int error;
-} gRefused = {};
 
 key_t Key(int id) { return ftok((TestHome() + "/keys").c_str(), id); }
 bool Lives(int shmId) {
@@ -72,9 +70,9 @@ void WrapSleep(int32 lSeconds) {
 int RealShmctl(int shmId, int command, shmid_ds* status) __asm__("__real_shmctl");
 int WrapShmctl(int shmId, int command, shmid_ds* status) __asm__("__wrap_shmctl");
 int WrapShmctl(int shmId, int command, shmid_ds* status) {
-    if (command != IPC_RMID || gRefused.times == 0) return RealShmctl(shmId, command, status);
-    gRefused.times--;
-    errno = gRefused.error;
+    if (command != IPC_RMID || gRefusals == 0) return RealShmctl(shmId, command, status);
+    gRefusals--;
+    errno = gError;
     return -1;
 }
 
@@ -165,22 +163,19 @@ TEST_F(Shm, StartOfTheProcessManagerCleansUp) {
 }
 
 TEST_F(Shm, RefusedRemovalIsRepeatedForAWhile) {
-    const struct {
-        int refused, error, sleeps;
-        bool lives;
-        int given;  // up, traced
-    } cases[] = {{10, EPERM, 10, false, 0}, {11, EPERM, 10, true, 1}, {1, EINVAL, 0, true, 0}};
-    for (const auto& test : cases) {
+    const std::tuple<int, int, int> cases[] = {{10, EPERM, 10}, {11, EPERM, 10}, {1, EINVAL, 0}};
+    for (const auto& [refusals, error, sleeps] : cases) {
         Child([&] {
             ShmIdT tId = ShmIdNone;
             ASSERT_EQ(ShmAllocate(&tId, 10), TRUE);
             const ShmIdT tSame = tId;
-            gRefused = {test.refused, test.error};
+            gRefusals = refusals;
+            gError = error;
             TraceCapture trace;
             EXPECT_EQ(ShmFree(&tId), FALSE);
-            EXPECT_EQ(gSleeps, test.sleeps);
-            EXPECT_EQ(trace.Count("SHM", 11), test.given);
-            EXPECT_EQ(Lives(tSame), test.lives);
+            EXPECT_EQ(gSleeps, sleeps);
+            EXPECT_EQ(trace.Has("SHM", 11), refusals == 11);
+            EXPECT_EQ(Lives(tSame), refusals != 10);
         });
         TearDown();
     }

@@ -10,6 +10,7 @@
 #include "core/memory.h"
 #include "core/objwrappers.h"
 #include "core/strbase.h"
+#include "support/leftovers.h"
 
 inline int32 Holders(void* oObject) { return (static_cast<ObjHeaderT*>(oObject) - 1)->lRefCount; }
 
@@ -69,17 +70,13 @@ inline AllS* NewAll() {
     return o;
 }
 
-// Every object and block that a test makes must be gone at its end.
+// Every object, block and descriptor that a test makes must be gone at its end.
 class ObjectTest : public testing::Test {
  protected:
-    void TearDown() override {
-        EXPECT_EQ(ObjCount(), m_objects);
-        EXPECT_EQ(MemUsedCount(), m_blocks);
-    }
+    void TearDown() override { EXPECT_EQ(m_left.Text(), ""); }
 
  private:
-    int32 m_objects = ObjCount();
-    int32 m_blocks = MemUsedCount();
+    Leftovers m_left;
 };
 
 // A pool over malloc that counts its live blocks.
