@@ -11,7 +11,6 @@
 #include <csignal>
 #include <cstring>
 #include <string>
-#include <tuple>
 
 #include "core/context.h"
 #include "core/ipc.h"
@@ -163,19 +162,21 @@ TEST_F(Shm, StartOfTheProcessManagerCleansUp) {
 }
 
 TEST_F(Shm, RefusedRemovalIsRepeatedForAWhile) {
-    const std::tuple<int, int, int> cases[] = {{10, EPERM, 10}, {11, EPERM, 10}, {1, EINVAL, 0}};
-    for (const auto& [refusals, error, sleeps] : cases) {
+    const struct {
+        int refusals, error, sleeps;
+    } cases[] = {{10, EPERM, 10}, {11, EPERM, 10}, {1, EINVAL, 0}};
+    for (const auto& test : cases) {
         Child([&] {
             ShmIdT tId = ShmIdNone;
             ASSERT_EQ(ShmAllocate(&tId, 10), TRUE);
             const ShmIdT tSame = tId;
-            gRefusals = refusals;
-            gError = error;
+            gRefusals = test.refusals;
+            gError = test.error;
             TraceCapture trace;
             EXPECT_EQ(ShmFree(&tId), FALSE);
-            EXPECT_EQ(gSleeps, sleeps);
-            EXPECT_EQ(trace.Has("SHM", 11), refusals == 11);
-            EXPECT_EQ(Lives(tSame), refusals != 10);
+            EXPECT_EQ(gSleeps, test.sleeps);
+            EXPECT_EQ(trace.Has("SHM", 11), test.refusals == 11);
+            EXPECT_EQ(Lives(tSame), test.refusals != 10);
         });
         TearDown();
     }
