@@ -2,38 +2,23 @@
 // and is summed up by one letter; a sweep puts the fault at the first call of a kind, at the second
 // and so on until the operation needs no further one, so that its letters tell what every single
 // call means for the result.
-#include <gtest/gtest.h>
 #include <zlib.h>
 
-#include <cerrno>
-#include <csignal>
 #include <filesystem>
 
 #include "core/filebase.h"
 #include "core/filesys.h"
-#include "pakzlib.h"
-#include "support/archivebytes.h"
+#include "support/archives.h"
 #include "support/faults.h"
-#include "support/leftovers.h"
-#include "support/support.h"
 
 namespace {
 
-const std::string TmpDir = TestHome() + "/tmp";
-
 // The letters: where packing failed, whether unpacking succeeded.
-constexpr char NotInitialised = 'I';
-constexpr char NotCompressed = 'C';
-constexpr char NotFinished = 'F';
-constexpr char Packed = 'P';
-constexpr char Restored = 'R';
-constexpr char NotRestored = 'N';
-constexpr char Stopped = 'S';
-constexpr char NotReached = '.';
+constexpr char NotInitialised = 'I', NotCompressed = 'C', NotFinished = 'F', Packed = 'P';
+constexpr char AllRestored = 'R', NotRestored = 'N', Stopped = 'S', NotReached = '.';
 
 struct File {
-    std::string name;
-    std::string content;
+    std::string name, content;
 };
 using Files = std::vector<File>;
 
@@ -55,12 +40,10 @@ char Pack(PakZlibContextO* poContext, const std::string& archive, const std::str
 
 // One attempt; what the child finds wrong it prints.
 struct Attempt {
-    bool pack;
     const Files& files;
     std::function<void()> arm;
-    const TempDir dir;
+    const Dir dir;
     const std::string expected = ArchiveOf(files);
-    std::string Path(const std::string& name) const { return dir / name; }
 };
 
 void Check(bool good, const char* what) {
@@ -68,10 +51,10 @@ void Check(bool good, const char* what) {
 }
 
 char PackAttempt(const Attempt& attempt) {
-    const std::string archive = attempt.Path("archive");
+    const std::string archive = attempt.dir("archive");
     PakZlibContextO oContext = nullptr;
     attempt.arm();
-    const char letter = Pack(&oContext, archive, attempt.Path(attempt.files[0].name));
+    const char letter = Pack(&oContext, archive, attempt.dir(attempt.files[0].name));
     const bool hit = FaultDisarm() > 0;
     switch (letter) {
         case NotInitialised:
@@ -93,44 +76,34 @@ char PackAttempt(const Attempt& attempt) {
 }
 
 char UnpackAttempt(const Attempt& attempt) {
-    const std::string target = attempt.Path("target");
+    const Name target = attempt.dir("target");
     attempt.arm();
-    const bool restored =
-        PakZlibUncompress(attempt.Path("archive").c_str(), target.c_str()) == TRUE;
+    const bool restored = PakZlibUncompress(attempt.dir("archive"), target) == TRUE;
     const bool hit = FaultDisarm() > 0;
     // Each file is whole before the next one is begun; the last one may be cut.
-    const std::vector<std::string> names = ListDir(target);
-    Check(names.size() <= attempt.files.size(), "number of files");
-    for (std::size_t i = 0; i < attempt.files.size(); i++) {
-        const File& file = attempt.files[i];
-        if (i >= names.size()) {
-            Check(!restored, "file is missing");
-            continue;
-        }
+    const std::size_t there = ListDir(target).size();
+    const std::size_t all = attempt.files.size();
+    Check(restored ? there == all : there <= all, "number of files");
+    for (std::size_t i = 0; i < there; i++) {
+        const File& file = attempt.files.at(i);
         const std::string content = ReadFile(target + "/" + file.name);
-        const bool whole = restored || i + 1 < names.size();
+        const bool whole = restored || i + 1 < there;
         Check(content == (whole ? file.content : file.content.substr(0, content.size())),
               "restored content");
     }
     if (!hit) return NotReached;
-    return restored ? Restored : NotRestored;
-}
-
-int RunAttempt(void* argument) {
-    std::signal(SIGSEGV, SIG_DFL);
-    const auto& attempt = *static_cast<const Attempt*>(argument);
-    const Leftovers before;
-    const char letter = attempt.pack ? PackAttempt(attempt) : UnpackAttempt(attempt);
-    const std::string left = before.Text();
-    Check(left.empty(), left.c_str());
-    return letter;
+    return restored ? AllRestored : NotRestored;
 }
 
 char Try(bool pack, const Files& files, const std::function<void()>& arm) {
-    Attempt attempt = {.pack = pack, .files = files, .arm = arm, .dir = {}};
-    for (const File& file : files) WriteFile(attempt.Path(file.name), file.content);
-    if (!pack) WriteFile(attempt.Path("archive"), attempt.expected);
-    const RunResult result = RunForked(RunAttempt, &attempt);
+    const Attempt attempt = {.files = files, .arm = arm, .dir = {}};
+    for (const File& file : files) WriteFile(attempt.dir(file.name), file.content);
+    if (!pack) WriteFile(attempt.dir("archive"), attempt.expected);
+    const RunResult result = InChild([&] {
+        std::signal(SIGSEGV, SIG_DFL);
+        const NothingLeft nothing;
+        return pack ? PackAttempt(attempt) : UnpackAttempt(attempt);
+    });
     for (const auto& entry : std::filesystem::directory_iterator(TmpDir))
         std::filesystem::remove(entry.path());
     EXPECT_EQ(result.output, "");
@@ -149,20 +122,7 @@ std::string Sweep(bool pack, const Files& files, Fault fault) {
     return letters;
 }
 
-class Faults : public testing::Test {
- protected:
-    // Classes and the path of the temporary directory are kept from their first use on.
-    static void SetUpTestSuite() {
-        if (std::filesystem::exists("/dev/shm")) setenv("TMPDIR", "/dev/shm", 0);
-        const TempDir dir;
-        WriteFile(dir / "file", "");
-        PakZlibContextO oContext = nullptr;
-        Pack(&oContext, dir / "archive", dir / "file");
-        PakZlibUncompress((dir / "archive").c_str(), (dir / "target").c_str());
-    }
-};
-
-}  // namespace
+using Faults = ArchiveTest;
 
 TEST_F(Faults, EveryFailingCallIsReported) {
     const struct {
@@ -218,7 +178,7 @@ TEST_F(Faults, InterruptedCallsAreRepeated) {
         const Fault fault = {
             .call = row.call, .error = EINTR, .times = row.call == Call::Close ? 1 : 3};
         EXPECT_EQ(Sweep(true, Large, fault), std::string(row.pack, Packed));
-        EXPECT_EQ(Sweep(false, LargeAndSmall, fault), std::string(row.unpack, Restored));
+        EXPECT_EQ(Sweep(false, LargeAndSmall, fault), std::string(row.unpack, AllRestored));
     }
 }
 
@@ -226,7 +186,7 @@ TEST_F(Faults, MemoryIsAskedForTwiceThenTheProcessStops) {
     for (const bool pack : {true, false}) {
         const std::string once = Sweep(pack, Small, {.call = Call::Malloc, .error = ENOMEM});
         EXPECT_GT(once.size(), 10U);
-        EXPECT_EQ(once, std::string(once.size(), pack ? Packed : Restored));
+        EXPECT_EQ(once, std::string(once.size(), pack ? Packed : AllRestored));
         const std::string always =
             Sweep(pack, Small, {.call = Call::Malloc, .error = ENOMEM, .times = FaultForEver});
         EXPECT_EQ(always, std::string(once.size(), Stopped));
@@ -237,31 +197,20 @@ TEST_F(Faults, FullDisk) {
     const std::size_t archive = ArchiveOf(Large).size();
     const std::size_t headers = 4 + 18 + 67 + 5 + 4 * 16;
     const std::size_t data = archive - headers;
-    for (const auto& [room, letter] : std::vector<std::pair<std::size_t, char>>{
-             {0, NotCompressed},
-             {1, NotCompressed},
-             {100000, NotCompressed},
-             {data - 1, NotCompressed},
-             {data, NotFinished},
-             {data + 3, NotFinished},
-             {data + headers, NotFinished},
-             {data + headers + 131071, NotFinished},
-             {data + headers + 131072, NotFinished},
-             {data + archive - 1, NotFinished},
-             {data + archive, NotReached},
-         }) {
-        EXPECT_EQ(Try(true, Large, [room = room] { FaultArmFullDisk(room); }), letter) << room;
-    }
-    for (const auto& [room, letter] : std::vector<std::pair<std::size_t, char>>{
-             {0, NotRestored},
-             {65536, NotRestored},
-             {199999, NotRestored},
-             {200000, NotRestored},
-             {200009, NotRestored},
-             {200010, NotReached},
-         }) {
-        EXPECT_EQ(Try(false, LargeAndSmall, [room = room] { FaultArmFullDisk(room); }), letter)
-            << room;
+    const std::tuple<bool, char, std::vector<std::size_t>> cases[] = {
+        {true, NotCompressed, {0, 1, 100000, data - 1}},
+        {true,
+         NotFinished,
+         {data, data + 3, data + headers, data + headers + 131071, data + headers + 131072,
+          data + archive - 1}},
+        {true, NotReached, {data + archive}},
+        {false, NotRestored, {0, 65536, 199999, 200000, 200009}},
+        {false, NotReached, {200010}}};
+    for (const auto& [pack, letter, rooms] : cases) {
+        for (const std::size_t room : rooms) {
+            const auto arm = [room] { FaultArmFullDisk(room); };
+            EXPECT_EQ(Try(pack, pack ? Large : LargeAndSmall, arm), letter) << pack << " " << room;
+        }
     }
 }
 
@@ -292,17 +241,16 @@ TEST_F(Faults, FailuresAreNamed) {
         {false, {.call = Call::Close, .nth = 1, .error = EIO}, {38, 51}},
     };
     for (const auto& row : rows) {
-        const TempDir dir;
-        WriteFile(dir / "large", Large[0].content);
-        WriteFile(dir / "restorable", ArchiveOf(Large));
+        const Dir dir;
+        WriteFile(dir("large"), Large[0].content);
+        WriteFile(dir("restorable"), ArchiveOf(Large));
         PakZlibContextO oContext = nullptr;
         const TraceCapture trace;
         FaultArm(row.fault);
         if (row.pack) {
-            EXPECT_NE(Pack(&oContext, dir / "archive", dir / "large"), Packed);
+            EXPECT_NE(Pack(&oContext, dir("archive"), dir("large")), Packed);
         } else {
-            EXPECT_EQ(PakZlibUncompress((dir / "restorable").c_str(), (dir / "target").c_str()),
-                      FALSE);
+            EXPECT_EQ(PakZlibUncompress(dir("restorable"), dir("target")), FALSE);
         }
         FaultDisarm();
         for (const int32 number : row.numbers) EXPECT_TRUE(trace.Has("PAKZLIB", number)) << number;
@@ -321,35 +269,34 @@ TEST_F(Faults, ArchiveGoesOnAfterAFailedFile) {
         {.call = Call::Compress, .nth = 2, .error = Z_MEM_ERROR},
         {.call = Call::Read, .nth = 3},
     };
-    const Leftovers before;
+    const NothingLeft nothing;
     for (const Fault& fault : faults) {
-        const TempDir dir;
-        WriteFile(dir / "large", Large[0].content);
-        WriteFile(dir / "small", Small[0].content);
+        const Dir dir;
+        WriteFile(dir("large"), Large[0].content);
+        WriteFile(dir("small"), Small[0].content);
         PakZlibContextO oContext = nullptr;
-        ASSERT_EQ(PakZlibInitialize(&oContext, (dir / "archive").c_str()), TRUE);
+        ASSERT_EQ(PakZlibInitialize(&oContext, dir("archive")), TRUE);
         FaultArm(fault);
-        EXPECT_EQ(PakZlibCompressFile(oContext, (dir / "large").c_str(), nullptr), FALSE);
+        EXPECT_EQ(PakZlibCompressFile(oContext, dir("large"), nullptr), FALSE);
         EXPECT_EQ(FaultDisarm(), 1);
-        EXPECT_EQ(PakZlibCompressFile(oContext, (dir / "small").c_str(), nullptr), TRUE);
-        EXPECT_EQ(PakZlibCompressFile(oContext, (dir / "large").c_str(), nullptr), TRUE);
+        EXPECT_EQ(PakZlibCompressFile(oContext, dir("small"), nullptr), TRUE);
+        EXPECT_EQ(PakZlibCompressFile(oContext, dir("large"), nullptr), TRUE);
         EXPECT_EQ(PakZlibFinalize(&oContext), TRUE);
-        EXPECT_TRUE(ReadFile(dir / "archive") == ArchiveOf({Small[0], Large[0]}));
+        EXPECT_TRUE(ReadFile(dir("archive")) == ArchiveOf({Small[0], Large[0]}));
     }
-    EXPECT_EQ(before.Text(), "");
 }
 
 // Processes without an identifier of their own draw the same temporary names.
 TEST_F(Faults, TemporaryFileOfAnotherIsLeftAlone) {
-    const TempDir dir;
-    WriteFile(dir / "large", Large[0].content);
+    const Dir dir;
+    WriteFile(dir("large"), Large[0].content);
     PakZlibContextO oContext = nullptr;
     FaultArm({.call = Call::Open, .nth = 2, .times = 3});
-    EXPECT_EQ(PakZlibInitialize(&oContext, (dir / "archive").c_str()), TRUE);
+    EXPECT_EQ(PakZlibInitialize(&oContext, dir("archive")), TRUE);
     EXPECT_EQ(FaultDisarm(), 3);
-    EXPECT_EQ(PakZlibCompressFile(oContext, (dir / "large").c_str(), nullptr), TRUE);
+    EXPECT_EQ(PakZlibCompressFile(oContext, dir("large"), nullptr), TRUE);
     EXPECT_EQ(PakZlibFinalize(&oContext), TRUE);
-    EXPECT_TRUE(ReadFile(dir / "archive") == ArchiveOf(Large));
+    EXPECT_TRUE(ReadFile(dir("archive")) == ArchiveOf(Large));
     EXPECT_EQ(ListDir(TmpDir).size(), 3U);
     for (const auto& entry : std::filesystem::directory_iterator(TmpDir)) {
         EXPECT_EQ(ReadFile(entry.path()), "another's");
@@ -358,34 +305,35 @@ TEST_F(Faults, TemporaryFileOfAnotherIsLeftAlone) {
 }
 
 TEST_F(Faults, RenamingThatFails) {
-    const TempDir dir;
-    const std::string from = dir / "from";
-    const std::string to = dir / "to";
-    const Leftovers before;
+    const Dir dir;
+    const Name from = dir("from");
+    const Name to = dir("to");
+    const NothingLeft nothing;
     // Between file systems the file is copied.
     WriteFile(from, Large[0].content);
     FaultArm({.call = Call::Rename, .error = EXDEV});
-    EXPECT_EQ(FileRenameAndMove(from.c_str(), to.c_str()), TRUE);
+    EXPECT_EQ(FileRenameAndMove(from, to), TRUE);
     EXPECT_EQ(FaultDisarm(), 1);
     EXPECT_FALSE(Exists(from));
     EXPECT_TRUE(ReadFile(to) == Large[0].content);
     // It stays where it is when there is no room for the copy.
     FaultArm({.call = Call::Rename, .error = EXDEV});
     FaultArmFullDisk(100000);
-    EXPECT_EQ(FileRenameAndMove(to.c_str(), from.c_str()), FALSE);
+    EXPECT_EQ(FileRenameAndMove(to, from), FALSE);
     FaultDisarm();
     EXPECT_TRUE(ReadFile(to) == Large[0].content);
 
     FileHandleT tHandle = FileHandleClosed;
     FaultArm({.call = Call::Rename, .error = EIO});
-    EXPECT_EQ(FileSysOpenLocked(&tHandle, to.c_str(), FileModeWriteBinary), FALSE);
+    EXPECT_EQ(FileSysOpenLocked(&tHandle, to, FileModeWriteBinary), FALSE);
     EXPECT_EQ(FaultDisarm(), 1);
     EXPECT_EQ(tHandle, FileHandleClosed);
     EXPECT_TRUE(ReadFile(to) == Large[0].content);
     FaultArm({.call = Call::Rename, .error = EINTR, .times = 3});
-    EXPECT_EQ(FileSysOpenLocked(&tHandle, to.c_str(), FileModeWriteBinary), TRUE);
+    EXPECT_EQ(FileSysOpenLocked(&tHandle, to, FileModeWriteBinary), TRUE);
     EXPECT_EQ(FaultDisarm(), 3);
     EXPECT_EQ(FileSysClose(&tHandle), TRUE);
     EXPECT_EQ(ReadFile(to), "");
-    EXPECT_EQ(before.Text(), "");
 }
+
+}  // namespace
