@@ -1,12 +1,8 @@
 // The tool as a process: every outcome line, the exit status, and what each outcome leaves on disk.
-#include <gtest/gtest.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
-
-#include <csignal>
 
 #include "support/archivebytes.h"
-#include "support/support.h"
+#include "support/files.h"
 
 namespace {
 
@@ -20,29 +16,19 @@ const std::string NotOpened = "failed to initialize compression context\n";
 
 // Processes started while it lives can write no file longer than this: writes become short, then
 // fail.
-class FileSizeLimit {
- public:
+struct FileSizeLimit {
     explicit FileSizeLimit(rlim_t size) {
-        getrlimit(RLIMIT_FSIZE, &m_previous);
-        const struct rlimit limit = {size, m_previous.rlim_max};
+        getrlimit(RLIMIT_FSIZE, &previous);
+        const struct rlimit limit = {size, previous.rlim_max};
         setrlimit(RLIMIT_FSIZE, &limit);
         std::signal(SIGXFSZ, SIG_IGN);
     }
     ~FileSizeLimit() {
-        setrlimit(RLIMIT_FSIZE, &m_previous);
+        setrlimit(RLIMIT_FSIZE, &previous);
         std::signal(SIGXFSZ, SIG_DFL);
     }
-    FileSizeLimit(const FileSizeLimit&) = delete;
-    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
-
- private:
-    struct rlimit m_previous;
+    struct rlimit previous;
 };
-
-int Permissions(const std::string& path) {
-    struct stat status = {};
-    return stat(path.c_str(), &status) == 0 ? status.st_mode & 0777 : -1;
-}
 
 class Tool : public testing::Test {
  protected:
@@ -62,10 +48,19 @@ class Tool : public testing::Test {
     // Contents of the files in the home's temporary directory.
     std::vector<std::string> Temporary() {
         std::vector<std::string> contents;
-        for (const std::string& name : ListDir(m_dir / "home/tmp")) {
+        for (const std::string& name : ListDir(m_dir / "home/tmp"))
             contents.push_back(ReadFile(m_dir / ("home/tmp/" + name)));
-        }
         return contents;
+    }
+    // The temporary file and the archive stay as they are at that moment; here they go then.
+    void ExpectNotPacked(const std::string& source) {
+        EXPECT_EQ(Call({"-c", source, m_archive, "name", "-d"}),
+                  "failed to compress " + source + "\n");
+        EXPECT_TRUE(Exists(m_archive));
+        EXPECT_EQ(ReadFile(m_archive), "");
+        EXPECT_EQ(Temporary().size(), 1U);
+        std::remove(m_archive.c_str());
+        std::remove((m_dir / ("home/tmp/" + ListDir(m_dir / "home/tmp").at(0))).c_str());
     }
     std::string ArchiveOf(const std::string& content) {
         return bytes::Archive({bytes::Chunked("name", content)});
@@ -79,28 +74,24 @@ class Tool : public testing::Test {
     const std::vector<std::string> m_none;
 };
 
-}  // namespace
-
 TEST_F(Tool, UsageForEveryOtherCommandLine) {
     const std::string s = m_source;
     const std::string a = m_archive;
-    const std::vector<std::string> lines[] = {
-        {},
-        {"-x"},
-        {""},
-        {"-c"},
-        {"-d"},
-        {"-c", s},
-        {"-c", s, a},
-        {"-c", s, a, "name", "extra"},
-        {"-c", s, a, "name", "-dd"},
-        {"-c", s, a, "name", "-d", "more"},
-        {"-d", s},
-        {"-d", s, m_target, "extra"},
-        {"-d", s, m_target, "extra", "-d"},
-        {"c", s, a, "name"},
-        {"-cc", s, a, "name"},
-    };
+    const std::vector<std::vector<std::string>> lines = {{},
+                                                         {"-x"},
+                                                         {""},
+                                                         {"-c"},
+                                                         {"-d"},
+                                                         {"-c", s},
+                                                         {"-c", s, a},
+                                                         {"-d", s},
+                                                         {"-c", s, a, "name", "extra"},
+                                                         {"-c", s, a, "name", "-dd"},
+                                                         {"-c", s, a, "name", "-d", "more"},
+                                                         {"-d", s, m_target, "extra"},
+                                                         {"-d", s, m_target, "extra", "-d"},
+                                                         {"c", s, a, "name"},
+                                                         {"-cc", s, a, "name"}};
     for (const std::vector<std::string>& line : lines) EXPECT_EQ(Call(line), Usage);
     EXPECT_EQ(ListDir(m_dir.Path()), (std::vector<std::string>{"home", "source"}));
     EXPECT_EQ(Temporary(), m_none);
@@ -112,13 +103,13 @@ TEST_F(Tool, PacksAndUnpacks) {
     for (const char* option : {"-c", "-C"}) {
         EXPECT_EQ(Call({option, m_source, m_archive, "some/dir/name"}), Packed);
         EXPECT_TRUE(ReadFile(m_archive) == ArchiveOf(m_content));
-        EXPECT_EQ(Permissions(m_archive), 0644);
+        EXPECT_EQ(ModeOf(m_archive), S_IFREG | 0644U);
         EXPECT_EQ(Temporary(), m_none);
         for (const char* unpack : {"-d", "-D"}) {
             EXPECT_EQ(Call({unpack, m_archive, m_target}), Unpacked);
             EXPECT_TRUE(ReadFile(m_target + "/name") == m_content);
-            EXPECT_EQ(Permissions(m_target), 0700);
-            EXPECT_EQ(Permissions(m_target + "/name"), 0644);
+            EXPECT_EQ(ModeOf(m_target), S_IFDIR | 0700U);
+            EXPECT_EQ(ModeOf(m_target + "/name"), S_IFREG | 0644U);
             WriteFile(m_target + "/name", std::string(100000, 'x'));  // replaced by the next
         }
         std::remove(m_archive.c_str());
@@ -159,34 +150,19 @@ TEST_F(Tool, ArchiveThatCannotBeOpened) {
 }
 
 TEST_F(Tool, SourceThatCannotBePacked) {
-    for (const std::string& source :
-         {m_dir / "missing", m_dir.Path(), std::string("/proc/version")}) {
-        EXPECT_EQ(Call({"-c", source, m_archive, "name", "-d"}),
-                  "failed to compress " + source + "\n");
-        // The temporary file and the archive stay as they are at that moment.
-        EXPECT_TRUE(Exists(m_archive));
-        EXPECT_EQ(ReadFile(m_archive), "");
-        EXPECT_EQ(Temporary().size(), 1U);
-        std::remove(m_archive.c_str());
-        std::remove((m_dir / ("home/tmp/" + ListDir(m_dir / "home/tmp").at(0))).c_str());
-    }
+    ExpectNotPacked(m_dir / "missing");
+    ExpectNotPacked(m_dir.Path());
+    ExpectNotPacked("/proc/version");
 }
 
 TEST_F(Tool, FullDisk) {
     const std::string archive = ArchiveOf(m_content);
     const std::size_t headers = 4 + 18 + 67 + 5 + 2 * 16;
     const std::string data = archive.substr(headers);
-    {
-        // Too small for the first chunk, for the second.
-        for (const rlim_t room : {rlim_t{1000}, static_cast<rlim_t>(data.size() - 1)}) {
-            const FileSizeLimit limit(room);
-            EXPECT_EQ(Call({"-c", m_source, m_archive, "name", "-d"}),
-                      "failed to compress " + m_source + "\n");
-            EXPECT_EQ(ReadFile(m_archive), "");
-            EXPECT_EQ(Temporary().size(), 1U);
-            std::remove(m_archive.c_str());
-            std::remove((m_dir / ("home/tmp/" + ListDir(m_dir / "home/tmp").at(0))).c_str());
-        }
+    // Too small for the first chunk, for the second.
+    for (const std::size_t room : {std::size_t{1000}, data.size() - 1}) {
+        const FileSizeLimit limit(room);
+        ExpectNotPacked(m_source);
     }
     {
         // Enough for the temporary file, one byte too small for the archive.
@@ -199,7 +175,7 @@ TEST_F(Tool, FullDisk) {
     EXPECT_TRUE(ReadFile(m_source) == m_content);
 
     WriteFile(m_archive, archive);
-    for (const rlim_t room : {rlim_t{0}, rlim_t{65535}, rlim_t{65536}, rlim_t{69999}}) {
+    for (const unsigned room : {0, 65535, 65536, 69999}) {
         const FileSizeLimit limit(room);
         EXPECT_EQ(Call({"-d", m_archive, m_target}), NotUnpacked);
         EXPECT_TRUE(ReadFile(m_target + "/name") == m_content.substr(0, room)) << room;
@@ -245,3 +221,5 @@ TEST_F(Tool, MemoryThatCannotBeHadStopsTheProcess) {
     EXPECT_EQ(result.output, "");
 }
 #endif
+
+}  // namespace
