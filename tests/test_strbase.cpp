@@ -96,39 +96,34 @@ TEST(StrBase, AgreesWithModel) {
         const Decoded mb = Decode(b);
         SCOPED_TRACE(testing::PrintToString(a) + " " + testing::PrintToString(b));
 
-        ASSERT_EQ(StrCharCount(a.c_str()), static_cast<int>(ma.codes.size()));
-        ASSERT_EQ(StrCompare(a.c_str(), b.c_str()), Sign(ma.codes, mb.codes));
-        ASSERT_EQ(StrCompareNoCase(a.c_str(), b.c_str()), Sign(Folded(ma.codes), Folded(mb.codes)));
-        ASSERT_EQ(Offset(StrFindSubString(a.c_str(), b.c_str()), a),
-                  FindCodes(ma, ma.codes, mb.codes));
-        ASSERT_EQ(Offset(StrFindSubStringNoCase(a.c_str(), b.c_str()), a),
+        const char *s = a.c_str(), *t = b.c_str();
+        ASSERT_EQ(StrCharCount(s), static_cast<int>(ma.codes.size()));
+        ASSERT_EQ(StrCompare(s, t), Sign(ma.codes, mb.codes));
+        ASSERT_EQ(StrCompareNoCase(s, t), Sign(Folded(ma.codes), Folded(mb.codes)));
+        ASSERT_EQ(Offset(StrFindSubString(s, t), a), FindCodes(ma, ma.codes, mb.codes));
+        ASSERT_EQ(Offset(StrFindSubStringNoCase(s, t), a),
                   FindCodes(ma, Folded(ma.codes), Folded(mb.codes)));
 
         const int code = mb.codes.empty() ? 'a' : mb.codes.front();
-        ASSERT_EQ(Offset(StrNextCharMatch(a.c_str(), code), a), FindCodes(ma, ma.codes, {code}));
-        ASSERT_EQ(Offset(StrNextCharMatchNoCase(a.c_str(), code), a),
+        ASSERT_EQ(Offset(StrNextCharMatch(s, code), a), FindCodes(ma, ma.codes, {code}));
+        ASSERT_EQ(Offset(StrNextCharMatchNoCase(s, code), a),
                   FindCodes(ma, Folded(ma.codes), Folded({code})));
         const auto last = std::find(ma.codes.rbegin(), ma.codes.rend(), code);
         const auto place = static_cast<std::size_t>(ma.codes.rend() - last);  // 0: none
-        ASSERT_EQ(Offset(StrLastCharMatch(a.c_str(), code), a),
-                  place == 0 ? -1 : ma.starts[place - 1]);
+        ASSERT_EQ(Offset(StrLastCharMatch(s, code), a), place == 0 ? -1 : ma.starts[place - 1]);
 
         // The characters of a that lie in its first few bytes, and as many of b.
         const int range = static_cast<int>(random() % 10);
         const auto inside = static_cast<std::size_t>(
-            std::count_if(ma.starts.begin(), ma.starts.end(), [&](int start) {
-                return StrForwardNChars(a.c_str() + start, 1) - a.c_str() <= range;
-            }));
-        std::vector<int> cutA(ma.codes.begin(), ma.codes.begin() + static_cast<int>(inside));
-        std::vector<int> cutB(mb.codes.begin(), mb.codes.begin() + static_cast<int>(std::min(
-                                                                       inside, mb.codes.size())));
-        if (inside == ma.codes.size() && range > static_cast<int>(a.size()))
-            cutB = mb.codes;  // a's end takes part
-        ASSERT_EQ(StrCompareRange(a.c_str(), b.c_str(), range), Sign(cutA, cutB)) << range;
-        ASSERT_EQ(StrCompareRangeNoCase(a.c_str(), b.c_str(), range),
-                  Sign(Folded(cutA), Folded(cutB)));
-        ASSERT_EQ(Offset(StrNextCharMatchRange(a.c_str(), code, range), a),
-                  FindCodes(ma, cutA, {code}));
+            std::count_if(ma.starts.begin(), ma.starts.end(),
+                          [&](int start) { return StrForwardNChars(s + start, 1) - s <= range; }));
+        const bool endTakesPart = inside == ma.codes.size() && range > static_cast<int>(a.size());
+        std::vector<int> cutA = ma.codes, cutB = mb.codes;
+        cutA.resize(inside);
+        if (!endTakesPart) cutB.resize(std::min(inside, cutB.size()));
+        ASSERT_EQ(StrCompareRange(s, t, range), Sign(cutA, cutB)) << range;
+        ASSERT_EQ(StrCompareRangeNoCase(s, t, range), Sign(Folded(cutA), Folded(cutB)));
+        ASSERT_EQ(Offset(StrNextCharMatchRange(s, code, range), a), FindCodes(ma, cutA, {code}));
     }
 }
 
