@@ -117,8 +117,8 @@ std::vector<int> TracedLines() {
             if (at != Text::npos) numbers.push_back(std::stoi(line.substr(at + 6)));
         }
     }
-    EXPECT_EQ(std::adjacent_find(numbers.begin(), numbers.end(), std::greater_equal<>()),
-              numbers.end());
+    const auto wrong = std::adjacent_find(numbers.begin(), numbers.end(), std::greater_equal<>());
+    EXPECT_EQ(wrong, numbers.end());
     return numbers;
 }
 
