@@ -1,5 +1,7 @@
-// Conversions are compared with the C library's, calendar moves with day arithmetic of their own.
+// Conversions are compared with the C library's, calendar moves with the C++ library's days.
 // Zones are given as rules, so that no zone files are needed.
+#include <chrono>
+
 #include "core/locale.h"
 #include "core/timeconv.h"
 #include "support/files.h"
@@ -82,8 +84,7 @@ TEST(TimeConv, LocalFieldsAndBack) {
                 struct tm fields = Local(clock);
                 TimeBreakdownT got = {};
                 ASSERT_EQ(TimeToBreakdownStruct(&got, clock), TRUE);
-                ASSERT_TRUE(Same(got, Breakdown(fields)))
-                    << zone << " " << clock << " " << Show(got);
+                ASSERT_TRUE(Same(got, Breakdown(fields))) << zone << clock << " " << Show(got);
                 // Of an hour that the clock shows twice the second one comes back.
                 const bool twice = Same(Breakdown(Local(clock + 3600)), got);
                 TimeT back = -1;
@@ -254,10 +255,10 @@ TEST(TimeConv, Parsing) {
         EXPECT_TRUE(Same(time, *text == '9' ? TimeOfDayT{99, 99, 99} : TimeOfDayT{15, 18, 12}));
     }
     TraceCapture trace(-1);
-    for (const std::string text : {"", "1", "15::18:12", "15181", " 51812", "15:18:1x"}) {
+    const Text refused = "TimeOfDayFromString() - cannot convert string '";
+    for (const Text text : {"", "1", "15::18:12", "15181", " 51812", "15:18:1x"}) {
         EXPECT_EQ(TimeOfDayFromString(&time, text.c_str()), FALSE) << text;
-        EXPECT_EQ(trace.CountText("TimeOfDayFromString() - cannot convert string '" + text + "'"),
-                  1);
+        EXPECT_EQ(trace.CountText(refused + text + "'"), 1);
     }
     EXPECT_EQ(time.lHour, 99);
     EXPECT_EQ(TimeOfDayFromString(&time, nullptr), FALSE);
@@ -270,10 +271,8 @@ using B = const TimeBreakdownT&;
 
 // Days since 1970-01-01 of a date, also of one with a day behind its month's end.
 int64 Days(const TimeDateT& d) {
-    const int64 year = d.lYear - (d.lMonth <= 2 ? 1 : 0);
-    const int month = (d.lMonth + 9) % 12;  // from March
-    return year * 365 + year / 4 - year / 100 + year / 400 + (153 * month + 2) / 5 + d.lDay -
-           719469;
+    const std::chrono::sys_days first = std::chrono::year(d.lYear) / d.lMonth / 1;
+    return first.time_since_epoch().count() + d.lDay - 1;
 }
 int64 WeekDay(const TimeDateT& d) { return Days(d) + 4; }  // 1970-01-01 was a Thursday
 int64 Months(const TimeDateT& d) { return int64{d.lYear} * 12 + d.lMonth - 1; }
@@ -285,9 +284,9 @@ int32 Length(int64 month) {
     return static_cast<int32>(Days(InMonth(month + 1, 1)) - Days(InMonth(month, 1)));
 }
 TimeDateT Civil(int64 days, int64 weekDay) {
-    int64 month = 1970 * 12 + days * 12 / 365 + 1;  // that month or a later one
-    while (Days(InMonth(month, 1)) > days) month--;
-    return InMonth(month, static_cast<int32>(days - Days(InMonth(month, 1))) + 1, weekDay);
+    const std::chrono::year_month_day d{std::chrono::sys_days{std::chrono::days{days}}};
+    const int64 month = int64{int{d.year()}} * 12 + unsigned{d.month()} - 1;
+    return InMonth(month, static_cast<int32>(unsigned{d.day()}), weekDay);
 }
 TimeBreakdownT Weekly(B b, int64 n) {  // the day of the week stays
     return {b.tTime, Civil(Days(b.tDate) + n, b.tDate.lDayOfWeek)};
