@@ -476,8 +476,8 @@ BooleanT Visit(const char* directory, const char* name, void* cookie) {
 TEST(DirScans, SnapshotSeesEveryEntryOnce) {
     Dir dir;
     std::multiset<std::string> names;
-    for (std::size_t i = 0; i < 3000; ++i)
-        names.insert(std::string(i % 200, 'n') + std::to_string(i));
+    const auto longName = [](int i) { return std::string(i % 200U, 'n') + std::to_string(i); };
+    for (int i = 0; i < 3000; ++i) names.insert(longName(i));
     names.insert({"...", ".hidden"});
     for (const std::string& name : names) WriteFile(dir(name), "");
     Visits visits;
@@ -495,8 +495,7 @@ TEST(DirScans, SnapshotSeesEveryEntryOnce) {
     Dir growing;
     visits = {};
     g_atEnd = [&] {
-        for (int i = 0; i < 50; ++i)
-            WriteFile(growing(std::string(200, 'n') + std::to_string(i)), "");
+        for (int i = 0; i < 50; ++i) WriteFile(growing(TooDeepName + std::to_string(i)), "");
     };
     EXPECT_EQ(DirScan(growing.Path().c_str(), Visit, &visits), TRUE);
     EXPECT_EQ(visits.names.size(), 2046U / 203U);
