@@ -43,8 +43,8 @@ bool Eventually(const std::function<bool()>& condition) {
 class TraceFile : public ObjectTest {
  protected:
     TraceFile() {
-        for (const char* name : {"config", "bin", "dump"})
-            mkdir((TestHome() + "/" + name).c_str(), 0700);
+        for (const char* name : {"/config", "/bin", "/dump"})
+            mkdir((TestHome() + name).c_str(), 0700);
     }
     ~TraceFile() override {
         TraceToFileNoConfig(nullptr);
@@ -117,21 +117,17 @@ TEST_F(TraceFile, RotatesByNumberOfMessages) {
 }
 
 TEST_F(TraceFile, NamesAndRefusals) {
-    struct Case {
-        const char* lines;
-        const char* name;
-        const char* file;  // null: refused
-    };
-    const Case cases[] = {
-        {"0", "plain.log", "plain.log"},  {"0", "noend", "noend"},
-        {"-5", "a.b.log", "a.b-000.log"}, {"1", "job", "job-000"},
-        {"0", "50%.log", nullptr},        {"1", "%03lu%n.log", nullptr},
-    };
-    for (const Case& expected : cases) {
-        SCOPED_TRACE(expected.name);
-        Configure(Text("Lines per File=") + expected.lines + "\n");
-        EXPECT_EQ(TraceToFileNoConfig(expected.name), BooleanFrom(expected.file != nullptr));
-        EXPECT_EQ(ListDir(TraceDir), expected.file != nullptr ? Lines{expected.file} : Lines{});
+    // Lines per file, name, files: none when it is refused.
+    const std::tuple<Text, const char*, Lines> cases[] = {{"0", "plain.log", {"plain.log"}},
+                                                          {"0", "noend", {"noend"}},
+                                                          {"-5", "a.b.log", {"a.b-000.log"}},
+                                                          {"1", "job", {"job-000"}},
+                                                          {"0", "50%.log", {}},
+                                                          {"1", "%03lu%n.log", {}}};
+    for (const auto& [lines, wanted, files] : cases) {
+        Configure("Lines per File=" + lines + "\n");
+        EXPECT_EQ(TraceToFileNoConfig(wanted), BooleanFrom(!files.empty())) << wanted;
+        EXPECT_EQ(ListDir(TraceDir), files);
         TraceToFileNoConfig(nullptr);
         for (const Text& name : ListDir(TraceDir)) unlink((TraceDir + "/" + name).c_str());
     }
