@@ -29,8 +29,7 @@ Text Saved(ListO list) {
 
 Text Titles(ListO list) {
     Text text;
-    for (const auto* stanza : ItemsOf<ObjStanzaO>(list))
-        text += stanza->pValue->pstrTitle + Text(" ");
+    for (const auto* item : ItemsOf<ObjStanzaO>(list)) text += item->pValue->pstrTitle + Text(" ");
     return text;
 }
 
