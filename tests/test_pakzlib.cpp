@@ -59,11 +59,10 @@ TEST_F(PakZlib, EverySizeIsPackedByTheFormatAndRestored) {
     for (const std::size_t size : {0, 1, 65535, 65536, 65537, 131072, 3000001}) {
         for (const bool text : {true, false}) {
             SCOPED_TRACE(std::to_string(size) + (text ? " of text" : " at random"));
-            const std::string content =
-                text ? bytes::RandomText(size, 1) : bytes::RandomBytes(size, 2);
+            const std::string content = (text ? bytes::RandomText : bytes::RandomBytes)(size, 1);
             PakZlibContextO oContext = Open();
-            ASSERT_EQ(PakZlibCompressFile(oContext, Put("source", content).c_str(), "a/b/stored"),
-                      TRUE);
+            const std::string path = Put("source", content);
+            ASSERT_EQ(PakZlibCompressFile(oContext, path.c_str(), "a/b/stored"), TRUE);
             ExpectFinished(oContext, {bytes::Chunked("stored", content)});
             ASSERT_EQ(Restore(), TRUE);
             EXPECT_TRUE(Restored("stored") == content);
