@@ -240,6 +240,7 @@ TEST(PathMounts, Classes) {
         {"/dev/c\t/gone\tufs\trw\t1002", "/gone|/dev/c||1|\n"},
         {"/dev/d\t/net/below\tufs\trw\t1003", "/net/below|/dev/d||5|\n"},
         {"srv:/x\t/net\tnfs\trw\t1004", "/net|srv:/x||2|\n"},
+        {"srv:/y\t/net/remote\tnfs\trw\t1004", "/net/remote|srv:/y||2|\n"},
         {"/dev/e\t/network\tufs\trw\t1004", "/network|/dev/e||1|\n"},
         {"/dev/f\t/floppy\tpcfs\trw\t1005", "/floppy|/dev/f||4|\n"},
         {"/dev/g\t/floppy/sub\tPCFS\trw\t1005", "/floppy/sub|/dev/g||5|\n"},
