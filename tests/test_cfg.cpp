@@ -25,7 +25,6 @@ constexpr char File[] = "test.cfg";
 
 class Cfg : public ObjectTest {
  protected:
-    Cfg() { mkdir(ConfigDir.c_str(), 0700); }
     // What the library keeps of a class from its first object on.
     static void SetUpTestSuite() {
         const ObjHolder<TaskContextS> task(ObjNew<TaskContextS>(TaskContextMagic, "s;i;i;o;o;"));
@@ -33,7 +32,7 @@ class Cfg : public ObjectTest {
         const ObjHolder<CfgUtilRemoteConfigDetailsS> details(
             ObjNew<CfgUtilRemoteConfigDetailsS>(CfgUtilRemoteConfigDetailsMagic, "s;s;o;"));
     }
-    static void Write(const Text& content) { WriteFile(ConfigDir + "/" + File, content); }
+    static void Write(const Text& content) { WriteInHome(Text("config/") + File, content); }
     static Text Read() { return ReadFile(ConfigDir + "/" + File); }
 };
 
@@ -188,7 +187,6 @@ TEST_F(Cfg, WholeStanzas) {
 // A request is another machine's only when the task says so and the file has a map file.
 TEST_F(Cfg, RemoteDecision) {
     Write("[S]\nk=local\n");
-    mkdir((ConfigDir + "/map").c_str(), 0700);
     const Text map = ConfigDir + "/map/" + File + ".map";
     auto* oDetails = ObjNew<CfgUtilRemoteConfigDetailsS>(CfgUtilRemoteConfigDetailsMagic, "s;s;o;");
     auto* oTask = ObjNew<TaskContextS>(TaskContextMagic, "s;i;i;o;o;");
@@ -208,8 +206,8 @@ TEST_F(Cfg, RemoteDecision) {
         MemFree(&oDetails->pstrClient);
         oDetails->pstrServer = StrDuplicate(ofServer);
         oDetails->pstrClient = StrDuplicate(ofClient);
-        unlink(map.c_str());
-        if (mapFile) WriteFile(map, "");
+        WriteInHome(Text("config/map/") + File + ".map", "");
+        if (!mapFile) unlink(map.c_str());
         char *client = nullptr, *server = nullptr, *value = nullptr;
         EXPECT_EQ(CfgUtilDoRemote(&client, &server, File, nullptr), BooleanFrom(remote));
         EXPECT_EQ(Owned(client), remote ? "client" : "<null>");
@@ -244,7 +242,7 @@ TEST_F(Cfg, Tools) {
         {"version.cfg", page + "Encryption\nAdd Scrollbars=true\n"},
         {"programs.cfg", "[Configurator]\n"},
         {"unknown.cfg", page + "Unknown\n"}};
-    for (const auto& [name, content] : files) WriteFile(ConfigDir + "/" + name, content);
+    for (const auto& [name, content] : files) WriteInHome("config/" + name, content);
     for (const bool safe : {false, true}) {
         ListO oPages = nullptr;
         ASSERT_EQ(safe ? CfgGetSafeRemotePages(&oPages) : CfgGetPages(&oPages), TRUE);
@@ -315,7 +313,7 @@ TEST_F(Cfg, NoUpdateOfManyProcessesIsLost) {
     Text content;
     for (int process = 0; process < Processes; process++)
         content += "[P" + std::to_string(process) + "]\nfiller=" + Filler + "\ncounter=0\n\n";
-    WriteFile(ConfigDir + "/shared.cfg", content);
+    WriteInHome("config/shared.cfg", content);
     auto* ledger = static_cast<Ledger*>(
         mmap(nullptr, sizeof(Ledger), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     ASSERT_NE(ledger, MAP_FAILED);
