@@ -42,10 +42,7 @@ bool Eventually(const std::function<bool()>& condition) {
 
 class TraceFile : public ObjectTest {
  protected:
-    TraceFile() {
-        for (const char* name : {"/config", "/bin", "/dump"})
-            mkdir((TestHome() + name).c_str(), 0700);
-    }
+    TraceFile() { mkdir(DumpDir.c_str(), 0700); }
     ~TraceFile() override {
         TraceToFileNoConfig(nullptr);
         gtTlContext.sTrace.bUseKilnTime = FALSE;
@@ -60,10 +57,10 @@ class TraceFile : public ObjectTest {
     // Kept for the life of the process.
     static void SetUpTestSuite() { SysLocalMachineName(); }
     static void Configure(const Text& trace, const Text& rest = "") {
-        WriteFile(TestHome() + "/config/configure.cfg", "[Trace]\n" + trace + rest);
+        WriteInHome("config/configure.cfg", "[Trace]\n" + trace + rest);
     }
     static void InstallTool(const Text& script) {
-        WriteFile(Tool, "#!/bin/sh\n" + script);
+        WriteInHome("bin/zlibcompress", "#!/bin/sh\n" + script);
         chmod(Tool.c_str(), 0755);
     }
     static void TraceLines(int count) {
