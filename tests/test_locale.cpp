@@ -1,6 +1,4 @@
 // Localised texts from catalogues written by hand.
-#include <filesystem>
-
 #include "core/context.h"
 #include "core/locale.h"
 #include "core/sys.h"
@@ -10,8 +8,7 @@
 using Text = std::string;
 
 static void WriteCatalog(const Text& language, const Text& file, const Text& lines) {
-    std::filesystem::create_directories(TestHome() + "/locale/" + language);
-    WriteFile(TestHome() + "/locale/" + language + "/" + file, lines);
+    WriteInHome("locale/" + language + "/" + file, lines);
 }
 
 static Text StringOf(const char* text, int32 lId) { return Owned(LocaleGetString(text, lId)); }
@@ -73,13 +70,12 @@ TEST_F(LocaleTest, LanguagesAreSetAndDropped) {
 }
 
 TEST_F(LocaleTest, ConfigurationNamesTheLanguage) {
-    std::filesystem::create_directories(TestHome() + "/config");
     WriteCatalog("Dansk", "locale.ctl", "5 \"fem\"\n");
     for (const auto& [catalog, fifth] : {std::pair{"Catalog=Dansk\n", "fem"},
                                          {"Catalog=none\n", "five"},
                                          {"Catalog=\n", "five"},
                                          {"", "five"}}) {
-        WriteFile(TestHome() + "/config/configure.cfg", Text("[Locale]\n") + catalog);
+        WriteInHome("config/configure.cfg", Text("[Locale]\n") + catalog);
         LocaleReleaseThread(&gtTlContext);
         EXPECT_EQ(LocaleInitializeThread(&gtTlContext), TRUE);
         EXPECT_EQ(StringOf("five", 5), fifth);
