@@ -33,8 +33,7 @@ struct FileSizeLimit {
 class Tool : public testing::Test {
  protected:
     Tool() {
-        mkdir((m_dir / "home").c_str(), 0700);
-        mkdir((m_dir / "home/tmp").c_str(), 0700);
+        std::filesystem::create_directories(m_dir / "home/tmp");
         WriteFile(m_source, m_content);
     }
     // The tool's output. Its exit status is 0, whatever the outcome.
