@@ -32,7 +32,6 @@
 using Text = std::string;
 using bytes::Byte;
 using bytes::Long;
-constexpr auto Body = FrameBytes;
 
 namespace {
 
@@ -131,13 +130,13 @@ class Channels : public testing::Test {
             Message message;
             const TimeoutIn soon(100);
             if (MsgReceive(message.Address(), soon.Get()) == TRUE)
-                all += (all.empty() ? "" : ", ") + ShownMessage(message.Get());
+                all += (all.empty() ? "" : ", ") + Told(message.Get());
             else if (turn > 0)
                 break;
         }
         return all;
     }
-    static Text ShownMessage(MsgMessageO message) {
+    static Text Told(MsgMessageO message) {
         return std::to_string(MsgType(message)) + " " + Shown(message->oSource) + ">" +
                Shown(message->oDestination) + ShownBody(message->oObject);
     }
@@ -174,13 +173,13 @@ TEST_F(Channels, BytesOnBothKindsOfLinks) {
     const ObjHolder<ObjIntegerS> seven(ObjIntegerNew(7));
     ASSERT_EQ(MsgSendObject(data.address, 7001, seven.Get()), TRUE);
     ASSERT_EQ(MsgSendObject(ipc.address, 7002, nullptr), TRUE);
-    const Text body = Body(7001, bytes::Integer(7));
+    const Text body = Frame(7001, bytes::Integer(7));
     EXPECT_EQ(data.Hear(body.size() + 1), body);
     const int32 id = MsgChannelId(ipc.channel.Get());
     const Text whole = PacketBytes({-id, 1, OwnId, -1, id}, 7002, Absent);
     EXPECT_EQ(ipc.Hear(whole.size() + 1), whole);
     // And back: several in one piece, then one in bytes; an absent body is one byte.
-    data.Say(body + Body(7003, Absent) + body);
+    data.Say(body + Frame(7003, Absent) + body);
     ipc.Say(FromProcess(9, 7004, bytes::Integer(3)) + FromProcess(9, 7005));
     const Text to = Id(data) + ">" + Id(data);
     Text got = Received(8);
@@ -205,7 +204,7 @@ TEST_F(Channels, SizesAroundTheBuffer) {
         const Text object =
             bytes::Object(0xc999120d, "d;", Long(size) + bytes::RandomBytes(size_t(size), 1));
         // Twice, with the beginning of a third behind, which comes later.
-        const Text body = Body(7000, object);
+        const Text body = Frame(7000, object);
         link.Say(body + body + body.substr(0, 5));
         EXPECT_EQ(Received(3), "7000 " + Id(link) + ">" + Id(link) + " other, 7000 " + Id(link) +
                                    ">" + Id(link) + " other")
@@ -229,7 +228,7 @@ TEST_F(Channels, BadBytesTakeTheChannelDown) {
         {"length 2^31-1", false, Long(INT_MAX) + Long(7000), true},
         {"length 2^32-1", false, Long(-1) + Long(7000), true},
         {"a byte more than is allowed", false, Long(largest - 191) + Long(7000), true},
-        {"a stream that is no object", false, Body(7000, "\x07garbage"), false},
+        {"a stream that is no object", false, Frame(7000, "\x07garbage"), false},
         {"whole, length 0", true, Text(192, '\0'), true},
         {"whole, length 7", true, Long(1) + Long(7) + Text(184, '\0'), true},
         {"whole, length 199", true, Long(1) + Long(199) + Text(184, '\0'), true},
@@ -247,7 +246,7 @@ TEST_F(Channels, BadBytesTakeTheChannelDown) {
         EXPECT_EQ(link.Down(), c.down) << c.what;
         EXPECT_EQ(got, c.down ? "2705 " + Id(link) + ">" + Id(link) : "") << c.what;
         if (!c.down) {
-            link.Say(c.ipc ? FromProcess(9, 7007) : Body(7007, Absent));
+            link.Say(c.ipc ? FromProcess(9, 7007) : Frame(7007, Absent));
             EXPECT_NE(Received(2).find("7007"), Text::npos) << c.what;
         }
     }
@@ -280,15 +279,15 @@ TEST_F(Channels, TheEndOfThePeer) {
     for (const auto& end : std::vector<std::function<void(Link&)>>{
              [](Link& link) { shutdown(link.raw, SHUT_WR); },
              [](Link& link) {
-                 link.Say(Body(7000, Text(1000, 'x')).substr(0, 700));
+                 link.Say(Frame(7000, Text(1000, 'x')).substr(0, 700));
                  const linger abort = {1, 0};
                  setsockopt(link.raw, SOL_SOCKET, SO_LINGER, &abort, sizeof(abort));
                  close(link.raw);
                  link.raw = -1;
              },
-             [](Link& link) { link.Say(Body(MSG_DISCONNECT_MSG, Absent)); }}) {
+             [](Link& link) { link.Say(Frame(MSG_DISCONNECT_MSG, Absent)); }}) {
         Link link;
-        link.Say(Body(7001, Absent));
+        link.Say(Frame(7001, Absent));
         EXPECT_EQ(Received(1), "7001 " + Id(link) + ">" + Id(link));
         end(link);
         EXPECT_EQ(Received(2), "2705 " + Id(link) + ">" + Id(link));
@@ -310,31 +309,31 @@ TEST_F(Channels, QueuesUntilThePeerIsReady) {
     EXPECT_EQ(Received(2), "");
     EXPECT_EQ(MsgChannelOutputCount(link.channel.Get()), 3);
     EXPECT_EQ(link.Hear(1), "");
-    link.Say(Body(MSG_CONNECTED_OK_MSG, Absent));
+    link.Say(Frame(MSG_CONNECTED_OK_MSG, Absent));
     EXPECT_EQ(Received(2), "2706 .:70>" + Own() + " 0" + Id(link) + " 5");
     EXPECT_EQ(link.Hear(28),
-              Body(7001, Absent) + Body(7002, Absent) + Body(7003, Absent).substr(0, 10));
+              Frame(7001, Absent) + Frame(7002, Absent) + Frame(7003, Absent).substr(0, 10));
     // The second one is an ordinary message.
-    link.Say(Body(MSG_CONNECTED_OK_MSG, Absent));
+    link.Say(Frame(MSG_CONNECTED_OK_MSG, Absent));
     EXPECT_EQ(Received(1), "2711 " + Id(link) + ">" + Id(link));
     // A flush opens it as well, and is answered behind what waited.
     Link flushed(eMsgChannelNonBlocking, eMsgChannelWaitForOk);
     EXPECT_EQ(MsgSendObject(flushed.address, 7001, nullptr), TRUE);
-    flushed.Say(Body(MSG_FLUSH_CHANNEL_MSG, Absent));
+    flushed.Say(Frame(MSG_FLUSH_CHANNEL_MSG, Absent));
     EXPECT_EQ(Received(2), "");
-    EXPECT_EQ(flushed.Hear(19), Body(7001, Absent) + Body(MSG_CHANNEL_FLUSHED_MSG, Absent));
+    EXPECT_EQ(flushed.Hear(19), Frame(7001, Absent) + Frame(MSG_CHANNEL_FLUSHED_MSG, Absent));
 }
 
 TEST_F(Channels, MessagesForTheChannel) {
     Link link;
     void* auth = nullptr;
     EXPECT_EQ(MsgChannelGetAuth(&auth, link.address), FALSE);
-    link.Say(Body(MSG_CHANNEL_AUTH_MSG, bytes::Integer(8)));
-    link.Say(Body(MSG_PROXY_SOURCE_MSG,
-                  bytes::Object(0xc8b8b32f, "o;o;", AddressBytes("far", 9) + Byte(0))));
-    link.Say(Body(MSG_SET_PROCESS_CONTEXT_REQUEST_MSG,
-                  bytes::Object(0xcf52c585, "o;o;", bytes::Integer(6) + Byte(0))));
-    link.Say(Body(7001, Absent));
+    link.Say(Frame(MSG_CHANNEL_AUTH_MSG, bytes::Integer(8)));
+    link.Say(Frame(MSG_PROXY_SOURCE_MSG,
+                   bytes::Object(0xc8b8b32f, "o;o;", AddressBytes("far", 9) + Byte(0))));
+    link.Say(Frame(MSG_SET_PROCESS_CONTEXT_REQUEST_MSG,
+                   bytes::Object(0xcf52c585, "o;o;", bytes::Integer(6) + Byte(0))));
+    link.Say(Frame(7001, Absent));
     Message message;
     ASSERT_EQ(MsgReceive(message.Address(), nullptr), TRUE);
     EXPECT_EQ(MsgType(message.Get()), 7001);  // the others are not seen
@@ -354,7 +353,7 @@ TEST_F(Channels, MessagesForTheChannel) {
     ObjRelease(&extensions);
     gtTlContext.sProcess.oExtendibleContext = nullptr;
     Received(1);
-    EXPECT_EQ(link.Hear(9), Body(MSG_SET_PROCESS_CONTEXT_REPLY_MSG, Absent));
+    EXPECT_EQ(link.Hear(9), Frame(MSG_SET_PROCESS_CONTEXT_REPLY_MSG, Absent));
     // Only the auditor attaches objects by itself.
     const ObjHolder<ObjIntegerS> own(ObjIntegerNew(1));
     EXPECT_EQ(MsgChannelSetAuth(link.address, own.Get()), FALSE);
@@ -363,7 +362,7 @@ TEST_F(Channels, MessagesForTheChannel) {
     ProcSetId(OwnId);
     // To a proxy a disconnect request from a peer with a source behind it is a message.
     gtTlContext.sProcess.bIAmAProxy = TRUE;
-    link.Say(Body(MSG_DISCONNECT_MSG, Absent));
+    link.Say(Frame(MSG_DISCONNECT_MSG, Absent));
     EXPECT_EQ(Received(1), "2708 " + Id(link) + ">" + Id(link));
     EXPECT_FALSE(link.Down());
     gtTlContext.sProcess.bIAmAProxy = FALSE;
@@ -373,10 +372,10 @@ TEST_F(Channels, WhatMayNotComeFromOutside) {
     Link data, ipc(eMsgChannelNonBlocking, eMsgChannelDoNotWaitForOk, true);
     for (const MsgTypeT type : {0, 3, 4, 2705, 2706, 2707, 41001}) {
         const Text timer = bytes::Object(0xca18f97a, "p;p;", Long(0x41414141) + Long(0x42424242));
-        data.Say(Body(type, timer));
+        data.Say(Frame(type, timer));
         ipc.Say(FromProcess(9, type, timer));
     }
-    data.Say(Body(TRACE_TO_FILE_MSG, bytes::Object(0xc96cec6f, "s;", bytes::String("/tmp/x"))));
+    data.Say(Frame(TRACE_TO_FILE_MSG, bytes::Object(0xc96cec6f, "s;", bytes::String("/tmp/x"))));
     EXPECT_EQ(Received(2), "");
     // A message with pointers of this process does not get out either.
     const ObjHolder<TimerCallbackS> callback(ObjNew<TimerCallbackS>(TimerCallbackMagic, "p;p;"));
@@ -411,7 +410,7 @@ TEST_F(Channels, TasksForOlderPrograms) {
     ObjHolder<PmgrTaskS> body;
     for (const BooleanT newStyle : {FALSE, TRUE}) {
         gtTlContext.sProcess.bNewStyleTasks = newStyle;
-        link.Say(Body(PMGR_TASK_MSG, task));
+        link.Say(Frame(PMGR_TASK_MSG, task));
         Message message;
         ASSERT_EQ(MsgReceive(message.Address(), nullptr), TRUE);
         ObjRelease(body.Address());
@@ -429,7 +428,7 @@ TEST_F(Channels, TasksForOlderPrograms) {
 TEST_F(Channels, LargeMessagesAndSignals) {
     const ObjHolder<ObjDataFieldS> large(ObjDataFieldNew(Text(4 << 20, 'x').data(), 4 << 20));
     const Text body =
-        Body(7001, bytes::Object(0xc999120d, "d;", Long(4 << 20) + Text(4 << 20, 'x')));
+        Frame(7001, bytes::Object(0xc999120d, "d;", Long(4 << 20) + Text(4 << 20, 'x')));
     struct sigaction ignore = {}, previous;
     ignore.sa_handler = [](int) {};
     sigaction(SIGALRM, &ignore, &previous);
@@ -504,8 +503,9 @@ TEST_F(Channels, OpenersReadWhileTheyWait) {
             NetInitializeIpAddress(&at, host, port, static_cast<std::int16_t>(family));
             if (connect(back, reinterpret_cast<sockaddr*>(&at), sizeof(at)) == 0) break;
         }
-        data.Say(Body(7001, bytes::Object(0xc999120d, "d;", Long(16 << 20) + Text(16 << 20, 'x'))));
-        const Text ready = Body(MSG_CONNECTED_OK_MSG, Absent);
+        data.Say(
+            Frame(7001, bytes::Object(0xc999120d, "d;", Long(16 << 20) + Text(16 << 20, 'x'))));
+        const Text ready = Frame(MSG_CONNECTED_OK_MSG, Absent);
         EXPECT_EQ(send(back, ready.data(), ready.size(), MSG_NOSIGNAL), ssize_t(ready.size()));
     });
     MsgAddressO opened = nullptr;
@@ -557,7 +557,7 @@ TEST_F(Channels, ReceiveList) {
     // With something in the list nothing is waited for, and nothing read.
     Link link;
     push(7001);
-    link.Say(Body(7002, Absent));
+    link.Say(Frame(7002, Absent));
     usleep(10000);
     Message message;
     EXPECT_EQ(MsgReceive(message.Address(), nullptr), TRUE);
@@ -578,11 +578,11 @@ TEST_F(Channels, WaitForATypeFromAnAddress) {
         const TimeoutIn soon(300);
         return MsgReceiveMsgTypeFromAddress(message.Address(), type, address, soon.Get()) == TRUE;
     };
-    link.Say(Body(7002, Absent) + Body(7001, Absent));
+    link.Say(Frame(7002, Absent) + Frame(7001, Absent));
     EXPECT_TRUE(wait(7001, link.address));
     EXPECT_FALSE(wait(7001, nine.Get()));  // the other one stays
     ObjRelease(&link.channel.Get()->oRemoteAddress);
-    link.Say(Body(7001, Absent));
+    link.Say(Frame(7001, Absent));
     EXPECT_TRUE(wait(7001, link.address));  // also when nobody is known at the other end
     ipc.Say(FromProcess(9, 7001));
     EXPECT_TRUE(wait(0, nine.Get()));

@@ -6,7 +6,7 @@
 
 #include <chrono>
 #include <csignal>
-#include <cstring>
+#include <deque>
 #include <memory>
 #include <set>
 
@@ -18,6 +18,7 @@
 #include "core/strdynam.h"
 #include "support/leftovers.h"
 #include "support/machine.h"
+#include "support/messages.h"
 #include "support/networks.h"
 
 namespace {
@@ -47,20 +48,14 @@ int SecondsSince(Clock::time_point start) {
 
 // --- what the processes share ---
 
-using AddressHolder = ObjHolder<MsgAddressS>;
-using MessageHolder = ObjHolder<MsgMessageS>;
+using AddressHolder = Address;
+using MessageHolder = Message;
 
 MsgAddressO AddressOf(const std::string& machine, ProcIdT id) {
-    MsgAddressO address = nullptr;
-    MsgCreateAddress(&address, machine.c_str(), id);
-    return address;
+    return At(machine + ":" + std::to_string(id));
 }
 
-TimeTimeoutO In(int32 seconds) {
-    TimeTimeoutO timeout = nullptr;
-    TimeCreateAndSetTimeout(&timeout, seconds, 0);
-    return timeout;
-}
+TimeTimeoutO In(int32 seconds) { return TimeoutIn(seconds * 1000).Take(); }
 
 bool Connect(ProcIdT id) {
     return ProcSetId(id) == TRUE && MsgIpcConnect(eMsgProcTypeProcess) == TRUE;
@@ -71,16 +66,17 @@ void Say(const std::string& line) {
     std::fflush(stdout);
 }
 
-ByteT ByteAt(int32 at, int32 number) {
-    return static_cast<ByteT>(
-        (static_cast<uint32>(at) * 2654435761U + static_cast<uint32>(number)) >> 13);
+// The bytes follow from the number.
+std::string BytesOf(int32 size, int32 number) {
+    std::string bytes(static_cast<std::size_t>(size), '\0');
+    auto word = static_cast<uint32>(number);
+    for (char& byte : bytes) byte = static_cast<char>((word += 2654435761U) >> 13);
+    return bytes;
 }
 
 ObjDataFieldO BodyOf(int32 size, int32 number) {
-    std::vector<ByteT> bytes(static_cast<std::size_t>(size));
-    for (int32 at = 0; at < size; at++) bytes[static_cast<std::size_t>(at)] = ByteAt(at, number);
     ObjDataFieldO body = nullptr;
-    if (size > 0) ObjDataFieldCreate(&body, bytes.data(), size);
+    if (size > 0) ObjDataFieldCreate(&body, BytesOf(size, number).data(), size);
     return body;
 }
 
@@ -88,12 +84,9 @@ bool IsBody(MsgMessageO message, int32 size, int32 number) {
     ObjHolder<ObjDataFieldS> body;
     MsgGetObject(body.Address(), message, ObjDataFieldMagic);
     if (body.Get() == nullptr) return size == 0 && message->oObject == nullptr;
-    if (body.Get()->tValue.lSize != size) return false;
-    const ByteT* bytes = static_cast<const ByteT*>(body.Get()->tValue.pData);
-    for (int32 at = 0; at < size; at++) {
-        if (bytes[at] != ByteAt(at, number)) return false;
-    }
-    return true;
+    const auto [length, data] = body.Get()->tValue;
+    return std::string_view(static_cast<char*>(data), static_cast<std::size_t>(length)) ==
+           BytesOf(size, number);
 }
 
 // The ends of a channel's socket: family and port of the one here, then of the other one.
@@ -249,6 +242,16 @@ class Asker {
         if (MsgReceiveMsgTypeFromAddress(message.Address(), type, from, timeout.Get()) != TRUE)
             Wrong(std::string("no ") + MsgName(type));
     }
+    // The body of the next message of a type; null, and wrong, when there is none of its class.
+    template <class T>
+    T* Take(MsgTypeT type, int32 magic, MsgAddressO from, int32 seconds = 60) {
+        MessageHolder message;
+        T* body = nullptr;
+        Await(message, type, from, seconds);
+        MsgGetObject(&body, message.Get(), magic);
+        if (body == nullptr) Wrong(std::string("another body in ") + MsgName(type));
+        return body;
+    }
     // A data channel in one of the eight ways; null when it cannot be opened.
     MsgAddressO Open(MsgAddressO to, int way) {
         const ObjHolder<ObjIntegerS> cookie(ObjIntegerNew(way));
@@ -261,10 +264,8 @@ class Asker {
                 (way & 4) != 0 ? eMsgChannelWaitForOk : eMsgChannelDoNotWaitForOk) != TRUE)
             return nullptr;
         if (waits) return channel;
-        MessageHolder message;
-        ObjHolder<MsgConnectedS> body;
-        Await(message, MSG_CONNECTED_MSG, to);
-        MsgGetObject(body.Address(), message.Get(), MsgConnectedMagic);
+        const ObjHolder<MsgConnectedS> body(
+            Take<MsgConnectedS>(MSG_CONNECTED_MSG, MsgConnectedMagic, to));
         if (body.Get() == nullptr || body.Get()->bSuccess != TRUE) return nullptr;
         if (ObjGetInteger(static_cast<ObjIntegerO>(body.Get()->oCookie)) != way)
             Wrong("another cookie");
@@ -273,13 +274,9 @@ class Asker {
     }
     // What the process says of the channel, or without one of its trace level.
     std::string Who(MsgAddressO of) {
-        MessageHolder answer;
-        ObjHolder<ObjStringS> said;
         MsgSendObject(of, WhoType, nullptr);
-        Await(answer, AnswerType, of);
-        MsgGetObject(said.Address(), answer.Get(), ObjStringMagic);
-        const char* text = ObjGetString(said.Get());
-        return text == nullptr ? "" : text;
+        const ObjHolder<ObjStringS> said(Take<ObjStringS>(AnswerType, ObjStringMagic, of));
+        return said.Get() == nullptr ? "" : said.Get()->pstrValue;
     }
     // What both processes see of the socket.
     std::string Ends(MsgAddressO channel) {
@@ -328,16 +325,16 @@ class Asker {
 
 // family, then machines: all of them are asked at once, then over channels of every kind.
 const Role askRole("ask", [](const std::vector<std::string>& arguments) {
-    Asker asker(AskerId);
-    std::vector<std::unique_ptr<AddressHolder>> peers;
+    std::deque<AddressHolder> peers;
     for (std::size_t n = 1; n < arguments.size(); n++)
-        peers.push_back(std::make_unique<AddressHolder>(AddressOf(arguments[n], EchoId)));
-    for (const auto& peer : peers) asker.AskAll(peer->Get(), Rounds);
+        peers.emplace_back(AddressOf(arguments[n], EchoId));
+    Asker asker(AskerId);
+    for (const auto& peer : peers) asker.AskAll(peer.Get(), Rounds);
     Say("asked");
-    for (const auto& peer : peers) asker.TakeAll(peer->Get(), Rounds);
+    for (const auto& peer : peers) asker.TakeAll(peer.Get(), Rounds);
     for (const auto& peer : peers) {
         for (int way = 0; way < 8 && asker.Right(); way++) {
-            MsgAddressO channel = asker.Open(peer->Get(), way);
+            MsgAddressO channel = asker.Open(peer.Get(), way);
             if (channel == nullptr) {
                 asker.Wrong("cannot open, way " + std::to_string(way));
                 break;
@@ -351,15 +348,14 @@ const Role askRole("ask", [](const std::vector<std::string>& arguments) {
             MsgChannelClose(&channel);
         }
     }
-    peers.clear();
     return asker.End();
 });
 
 // Opens channels until none can be opened any more, tells their ends, and opens once more after it
 // has closed one.
 const Role portsRole("ports", [](const std::vector<std::string>& arguments) {
+    const AddressHolder peer(AddressOf(arguments.at(0), EchoId));
     Asker asker(AskerId);
-    AddressHolder peer(AddressOf(arguments.at(0), EchoId));
     asker.AskOnce(peer.Get());
     std::vector<MsgAddressO> channels;
     for (MsgAddressO channel; (channel = asker.Open(peer.Get(), 6)) != nullptr;) {
@@ -372,7 +368,6 @@ const Role portsRole("ports", [](const std::vector<std::string>& arguments) {
     channels.front() = asker.Open(peer.Get(), 6);
     if (channels.front() == nullptr) asker.Wrong("cannot open again");
     for (MsgAddressO& channel : channels) MsgChannelClose(&channel);
-    ObjRelease(peer.Address());
     return asker.End();
 });
 
@@ -397,8 +392,8 @@ const Role callRole("call", [](const std::vector<std::string>& arguments) {
 
 // Asks once, sets the trace level over there, and asks over a channel.
 const Role onceRole("once", [](const std::vector<std::string>& arguments) {
+    const AddressHolder peer(AddressOf(arguments.at(0), EchoId));
     Asker asker(AskerId);
-    AddressHolder peer(AddressOf(arguments.at(0), EchoId));
     asker.AskOnce(peer.Get());
     {
         const ObjHolder<ObjIntegerS> level(ObjIntegerNew(2));
@@ -410,7 +405,6 @@ const Role onceRole("once", [](const std::vector<std::string>& arguments) {
     asker.AskAll(channel, 1);
     asker.TakeAll(channel, 1);
     MsgChannelClose(&channel);
-    ObjRelease(peer.Address());
     return asker.End();
 });
 
@@ -507,53 +501,41 @@ class Watcher {
  private:
     void Watch() {
         const AddressHolder manager(AddressOf(m_machine, MsgProcessManagerId));
-        const ObjHolder<PmgrNotifyOnDeathS> body(
-            ObjNew<PmgrNotifyOnDeathS>(PmgrNotifyOnDeathMagic, "o;"));
-        body.Get()->oAddress = AddressOf(m_machine, EchoId);
+        const New<PmgrNotifyOnDeathS> body(PmgrNotifyOnDeathMagic, "o;",
+                                           {AddressOf(m_machine, EchoId)});
         MsgSendObject(manager.Get(), PMGR_NOTIFY_ON_DEATH_MSG, body.Get());
     }
     // Of a service behind a process that never says what has become of it.
     void GiveTask() {
-        auto* service = ObjNew<ProcAddressS>(ProcAddressMagic, "s;s;i;");
-        service->pstrMachineName = StrDuplicate(m_machine.c_str());
-        service->pstrProcessName = StrDuplicate("service");
-        service->lInterfaceType = 7;
-        const ObjHolder<PmgrGiveServiceATaskS> task(
-            ObjNew<PmgrGiveServiceATaskS>(PmgrGiveServiceATaskMagic, "o;s;i;s;b;o;i;"));
-        task.Get()->oProcAddress = service;
-        task.Get()->lCookie = ++m_cookie;
+        New<ProcAddressS> service(ProcAddressMagic, "s;s;i;",
+                                  {StrDuplicate(m_machine.c_str()), StrDuplicate("service"), 7});
+        const New<PmgrGiveServiceATaskS> task(PmgrGiveServiceATaskMagic, "o;s;i;s;b;o;i;");
+        task->oProcAddress = service.Take();
+        task->lCookie = ++m_cookie;
         MsgSendObject(m_second.Get(), PMGR_GIVE_SERVICE_A_TASK_MSG, task.Get());
     }
     void TakeTask(int32 error) {
-        MessageHolder message;
-        ObjHolder<PmgrGiveServiceATaskReturnS> body;
-        m_asker.Await(message, PMGR_GIVE_SERVICE_A_TASK_RETURN_MSG, nullptr, 10);
-        MsgGetObject(body.Address(), message.Get(), PmgrGiveServiceATaskReturnMagic);
+        const ObjHolder<PmgrGiveServiceATaskReturnS> body(m_asker.Take<PmgrGiveServiceATaskReturnS>(
+            PMGR_GIVE_SERVICE_A_TASK_RETURN_MSG, PmgrGiveServiceATaskReturnMagic, nullptr, 10));
         if (body.Get() == nullptr || body.Get()->bSuccess != FALSE ||
             body.Get()->lErrorCode != error || body.Get()->lCookie != m_cookie)
             m_asker.Wrong("another reply to the task");
     }
     void TakeMachineDown() {
-        MessageHolder message;
-        ObjHolder<CmgrMachineDownS> body;
-        m_asker.Await(message, CMGR_MACHINE_DOWN_MSG, nullptr, 10);
-        MsgGetObject(body.Address(), message.Get(), CmgrMachineDownMagic);
+        const ObjHolder<CmgrMachineDownS> body(m_asker.Take<CmgrMachineDownS>(
+            CMGR_MACHINE_DOWN_MSG, CmgrMachineDownMagic, nullptr, 10));
         if (body.Get() == nullptr || m_machine != body.Get()->pstrMachineName)
             m_asker.Wrong("another machine is down");
     }
     void TakeDied() {
-        MessageHolder message;
-        ObjHolder<PmgrProcessDiedS> body;
-        m_asker.Await(message, PMGR_PROCESS_DIED_MSG, nullptr, 10);
-        MsgGetObject(body.Address(), message.Get(), PmgrProcessDiedMagic);
+        const ObjHolder<PmgrProcessDiedS> body(m_asker.Take<PmgrProcessDiedS>(
+            PMGR_PROCESS_DIED_MSG, PmgrProcessDiedMagic, nullptr, 10));
         if (body.Get() == nullptr || MsgAddressEqual(body.Get()->oAddress, m_echo.Get()) != TRUE)
             m_asker.Wrong("another process died");
     }
     void TakeUnreachable(const std::string& machine, MsgTypeT type, int32 magic) {
-        MessageHolder notice;
-        ObjHolder<NmgrMachineUnreachableS> body;
-        m_asker.Await(notice, NMGR_MACHINE_UNREACHABLE_MSG, nullptr, 1);
-        MsgGetObject(body.Address(), notice.Get(), NmgrMachineUnreachableMagic);
+        const ObjHolder<NmgrMachineUnreachableS> body(m_asker.Take<NmgrMachineUnreachableS>(
+            NMGR_MACHINE_UNREACHABLE_MSG, NmgrMachineUnreachableMagic, nullptr, 1));
         if (body.Get() == nullptr || machine != body.Get()->pstrMachineName ||
             body.Get()->tMsgType != type ||
             ObjCheckTypeInternal(body.Get()->oUndelivered, magic) != TRUE)
@@ -674,22 +656,16 @@ void AskEachOther(World& world, const std::string& family) {
 
 }  // namespace
 
-TEST(Machines, ThreeAskAndAnswerEachOther) {
-    World world(3);
-    NEED_NETWORKS(world);
-    world.Introduce(false);
-    ASSERT_TRUE(world.Start());
-    AskEachOther(world, "4");
-}
-
-TEST(Machines, TwoAskAndAnswerOverInet6Alone) {
-    World world(2);
-    NEED_NETWORKS(world);
-    world.Introduce(true);
-    for (int n = 0; n < 2; n++)
-        world.At(n).Configure("configure.cfg", "[Network]\nPrefer IPV6 for Messaging=TRUE\n");
-    ASSERT_TRUE(world.Start());
-    AskEachOther(world, "6");
+TEST(Machines, AskAndAnswerEachOther) {
+    for (const bool inet6 : {false, true}) {  // three over the one family, two over the other alone
+        World world(inet6 ? 2 : 3);
+        NEED_NETWORKS(world);
+        world.Introduce(inet6);
+        for (int n = 0; inet6 && n < world.Count(); n++)
+            world.At(n).Configure("configure.cfg", "[Network]\nPrefer IPV6 for Messaging=TRUE\n");
+        ASSERT_TRUE(world.Start());
+        AskEachOther(world, inet6 ? "6" : "4");
+    }
 }
 
 TEST(Machines, DataChannelsKeepToThePortsOfTheFirewall) {

@@ -100,9 +100,7 @@ struct Peer {
     }
     MsgAddressO operator()() const { return MsgChannelAddress(m_channel.Get()); }
     void Send(const Text& text) const { EXPECT_GT(send(fd, text.data(), text.size(), 0), 0); }
-    void Send(MsgTypeT tType, const Text& body = Text(1, '\0')) const {
-        Send(FrameBytes(tType, body));
-    }
+    void Send(MsgTypeT tType, const Text& body = Text(1, '\0')) const { Send(Frame(tType, body)); }
     Text Receive() const {
         char buffer[4096];
         const ssize_t count = recv(fd, buffer, sizeof(buffer), MSG_DONTWAIT);

@@ -50,7 +50,7 @@ struct New : ObjHolder<T> {
 };
 
 // What a network link carries of a packet: its body alone.
-inline std::string FrameBytes(MsgTypeT type, const std::string& object) {
+inline std::string Frame(MsgTypeT type, const std::string& object) {
     return bytes::Long(8 + static_cast<std::int64_t>(object.size())) + bytes::Long(type) + object;
 }
 
@@ -62,5 +62,5 @@ inline std::string PacketBytes(const Ends& e, MsgTypeT type, const std::string& 
     using bytes::Long;
     return Long(e[0]) + Long(200 + static_cast<std::int64_t>(object.size())) + Long(e[1]) +
            Long(e[2]) + Long(e[3]) + Long(e[4]) + Long(type) + Long(0) + std::string(160, '\0') +
-           FrameBytes(type, object);
+           Frame(type, object);
 }
