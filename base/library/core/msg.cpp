@@ -45,6 +45,18 @@ constexpr MsgClassT atMsgClasses[] = {
 
 TimeTimeoutO goImmediate = nullptr;
 
+// So that no stream can bring one in another shape.
+BooleanT MsgCreateTemplates() {
+    for (const MsgClassT& tClass : atMsgClasses) {
+        ObjTemplateT tTemplate = nullptr;
+        ObjSetObjName(tClass.lMagic, tClass.pstrName);
+        if (ObjTemplateCreateInternal(&tTemplate, tClass.lSize, tClass.lMagic,
+                                      tClass.pstrDescriptor, nullptr) != TRUE)
+            return FALSE;
+    }
+    return TRUE;
+}
+
 // Waits until every channel has sent what it has and its peer has closed. Signals do not end it.
 void MsgLingerAll() {
     ObjHolder<TimeTimeoutS> oTimeout;
@@ -67,17 +79,6 @@ void MsgLingerAll() {
 }
 
 }  // namespace
-
-BooleanT MsgCreateTemplates() {
-    for (const MsgClassT& tClass : atMsgClasses) {
-        ObjTemplateT tTemplate = nullptr;
-        ObjSetObjName(tClass.lMagic, tClass.pstrName);
-        if (ObjTemplateCreateInternal(&tTemplate, tClass.lSize, tClass.lMagic,
-                                      tClass.pstrDescriptor, nullptr) != TRUE)
-            return FALSE;
-    }
-    return TRUE;
-}
 
 TimeTimeoutO MsgImmediate() { return goImmediate; }
 

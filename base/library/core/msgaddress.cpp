@@ -51,6 +51,10 @@ constexpr MsgKnownT atMsgKnown[] = {
 
 MsgAddressO aoMsgKnown[std::size(atMsgKnown)];
 
+void MsgAddressRelease() {
+    for (MsgAddressO& oAddress : aoMsgKnown) ObjRelease(&oAddress);
+}
+
 // --- names of machines ---
 
 bool MsgIsLocalName(const char* pstrName) {
@@ -146,10 +150,6 @@ BooleanT MsgAddressInitialize() {
         }
     }
     return TRUE;
-}
-
-void MsgAddressRelease() {
-    for (MsgAddressO& oAddress : aoMsgKnown) ObjRelease(&oAddress);
 }
 
 MsgAddressO MsgProcMgrAddress() { return aoMsgKnown[eMsgKnownProcessManager]; }

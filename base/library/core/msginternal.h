@@ -55,12 +55,8 @@
 MSG_CLASSES(MSG_CLASS_DESCRIPTOR)
 #undef MSG_CLASS_DESCRIPTOR
 
-// Declares the classes to the object module, so that no stream can bring one in another shape.
-BooleanT MsgCreateTemplates();
-
 // The well-known addresses, made once for the process.
 BooleanT MsgAddressInitialize();
-void MsgAddressRelease();
 MsgAddressO MsgTunnelAddress();  // shared, like those of msg.h
 
 // Of the calling thread: the local address with process id 0, and the table of names.
