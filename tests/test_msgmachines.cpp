@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
-#include <chrono>
 #include <csignal>
 #include <deque>
 #include <memory>
@@ -20,6 +19,7 @@
 #include "support/machine.h"
 #include "support/messages.h"
 #include "support/networks.h"
+#include "support/peer.h"
 
 namespace {
 
@@ -39,32 +39,7 @@ constexpr ProcIdT EchoId = 200, SecondId = 201, AskerId = 100;
 constexpr MsgTypeT AskType = 5000, AnswerType = 5001, WhoType = 5002, SinkType = 5003,
                    StopType = 5004;
 
-using Clock = std::chrono::steady_clock;
-
-int SecondsSince(Clock::time_point start) {
-    return static_cast<int>(
-        std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - start).count());
-}
-
 // --- what the processes share ---
-
-using AddressHolder = Address;
-using MessageHolder = Message;
-
-MsgAddressO AddressOf(const std::string& machine, ProcIdT id) {
-    return At(machine + ":" + std::to_string(id));
-}
-
-TimeTimeoutO In(int32 seconds) { return TimeoutIn(seconds * 1000).Take(); }
-
-bool Connect(ProcIdT id) {
-    return ProcSetId(id) == TRUE && MsgIpcConnect(eMsgProcTypeProcess) == TRUE;
-}
-
-void Say(const std::string& line) {
-    std::puts(line.c_str());
-    std::fflush(stdout);
-}
 
 // The bytes follow from the number.
 std::string BytesOf(int32 size, int32 number) {
@@ -115,11 +90,11 @@ class Echo {
         const Leftovers before;
         Say("up");
         while (!m_stop) {
-            MessageHolder message;
+            Message message;
             if (MsgReceive(message.Address(), nullptr) == TRUE) Take(message.Get());
         }
         while (gtTlContext.sMsg.oLingerList->lItemCount > 0) {
-            MessageHolder late;
+            Message late;
             MsgReceive(late.Address(), nullptr);
         }
         const std::string left = before.Text();
@@ -130,7 +105,7 @@ class Echo {
 
  private:
     void Take(MsgMessageO message) {
-        AddressHolder source;
+        Address source;
         MsgGetSource(source.Address(), message);
         switch (MsgType(message)) {
             case AskType:
@@ -168,7 +143,7 @@ class Echo {
     }
 
     void Answer(MsgMessageO message) {
-        AddressHolder channel;
+        Address channel;
         const auto start = Clock::now();
         const bool waits = m_waits || m_answered++ % 2 == 0;
         const BooleanT done = MsgChannelCompleteInternal(
@@ -194,7 +169,7 @@ const Role stopRole("stop", [](const std::vector<std::string>& arguments) {
     const std::string& machine = arguments.at(0);
     for (std::size_t n = 1; n < arguments.size(); n++) {
         if (n == 1 && !Connect(AskerId - 1)) return 10;
-        const AddressHolder echoes(AddressOf(machine, std::stoi(arguments[n])));
+        const Address echoes(AddressOf(machine, std::stoi(arguments[n])));
         if (MsgSendObject(echoes.Get(), StopType, nullptr) != TRUE) return 11;
     }
     ContextReleaseThread();
@@ -228,7 +203,7 @@ class Asker {
         }
     }
     void TakeAnswer(MsgAddressO from, int32 size, int32 number) {
-        MessageHolder answer;
+        Message answer;
         Await(answer, AnswerType, from);
         if (answer.Get() != nullptr && !IsBody(answer.Get(), size, number))
             Wrong("another answer than to " + std::to_string(size) + " bytes");
@@ -237,7 +212,7 @@ class Asker {
         Send(to, AskType, 300, 77);
         TakeAnswer(to, 300, 77);
     }
-    void Await(MessageHolder& message, MsgTypeT type, MsgAddressO from, int32 seconds = 60) {
+    void Await(Message& message, MsgTypeT type, MsgAddressO from, int32 seconds = 60) {
         const ObjHolder<TimeTimeoutS> timeout(In(seconds));
         if (MsgReceiveMsgTypeFromAddress(message.Address(), type, from, timeout.Get()) != TRUE)
             Wrong(std::string("no ") + MsgName(type));
@@ -245,7 +220,7 @@ class Asker {
     // The body of the next message of a type; null, and wrong, when there is none of its class.
     template <class T>
     T* Take(MsgTypeT type, int32 magic, MsgAddressO from, int32 seconds = 60) {
-        MessageHolder message;
+        Message message;
         T* body = nullptr;
         Await(message, type, from, seconds);
         MsgGetObject(&body, message.Get(), magic);
@@ -310,7 +285,7 @@ class Asker {
     void Drain(TimeTimeoutO until) {
         const ObjHolder<TimeTimeoutS> timeout(until);
         for (;;) {
-            MessageHolder message;
+            Message message;
             if (MsgReceive(message.Address(), timeout.Get()) != TRUE) return;
             const MsgTypeT type = MsgType(message.Get());
             if (type != MSG_CONNECTED_OK_MSG && type != MSG_CHANNEL_DOWN_MSG)
@@ -325,7 +300,7 @@ class Asker {
 
 // family, then machines: all of them are asked at once, then over channels of every kind.
 const Role askRole("ask", [](const std::vector<std::string>& arguments) {
-    std::deque<AddressHolder> peers;
+    std::deque<Address> peers;
     for (std::size_t n = 1; n < arguments.size(); n++)
         peers.emplace_back(AddressOf(arguments[n], EchoId));
     Asker asker(AskerId);
@@ -354,7 +329,7 @@ const Role askRole("ask", [](const std::vector<std::string>& arguments) {
 // Opens channels until none can be opened any more, tells their ends, and opens once more after it
 // has closed one.
 const Role portsRole("ports", [](const std::vector<std::string>& arguments) {
-    const AddressHolder peer(AddressOf(arguments.at(0), EchoId));
+    const Address peer(AddressOf(arguments.at(0), EchoId));
     Asker asker(AskerId);
     asker.AskOnce(peer.Get());
     std::vector<MsgAddressO> channels;
@@ -374,14 +349,14 @@ const Role portsRole("ports", [](const std::vector<std::string>& arguments) {
 // Asks for channels without waiting for them, as many as told.
 const Role callRole("call", [](const std::vector<std::string>& arguments) {
     if (!Connect(AskerId)) return 10;
-    const AddressHolder peer(AddressOf(arguments.at(0), EchoId));
+    const Address peer(AddressOf(arguments.at(0), EchoId));
     for (int n = std::stoi(arguments.at(1)); n > 0; n--) {
         if (MsgChannelOpenInternal(nullptr, peer.Get(), nullptr, nullptr, eMsgChannelNonBlocking,
                                    eMsgChannelDoNotWaitForAccept, eMsgChannelWaitForOk) != TRUE)
             return 11;
     }
     for (;;) {
-        MessageHolder message;
+        Message message;
         if (MsgReceive(message.Address(), nullptr) == TRUE && MsgType(message.Get()) == StopType)
             break;
     }
@@ -392,7 +367,7 @@ const Role callRole("call", [](const std::vector<std::string>& arguments) {
 
 // Asks once, sets the trace level over there, and asks over a channel.
 const Role onceRole("once", [](const std::vector<std::string>& arguments) {
-    const AddressHolder peer(AddressOf(arguments.at(0), EchoId));
+    const Address peer(AddressOf(arguments.at(0), EchoId));
     Asker asker(AskerId);
     asker.AskOnce(peer.Get());
     {
@@ -413,7 +388,7 @@ void SendUntilDown(Asker* asker, MsgAddressO* channel) {
     const ObjHolder<ObjDataFieldS> large(BodyOf(Largest, 1));
     ObjHolder<MsgChannelS> link;
     MsgGetChannel(link.Address(), *channel);
-    MessageHolder down;
+    Message down;
     const auto start = Clock::now();
     while (down.Get() == nullptr && SecondsSince(start) < 30) {
         const ObjHolder<TimeTimeoutS> soon(In(link.Get()->bBlocking == TRUE ? 0 : 1));
@@ -433,13 +408,13 @@ const Role blockRole("block", [](const std::vector<std::string>& arguments) {
     Asker asker(AskerId + 1);
     MsgAddressO channel = nullptr;
     {
-        const AddressHolder second(AddressOf(arguments.at(0), SecondId));
+        const Address second(AddressOf(arguments.at(0), SecondId));
         channel = asker.Open(second.Get(), 7);
     }
     Say("sending");
     SendUntilDown(&asker, &channel);
     {
-        MessageHolder message;
+        Message message;
         asker.Await(message, CMGR_MACHINE_DOWN_MSG, nullptr);
     }
     return asker.End();
@@ -471,14 +446,14 @@ class Watcher {
         GiveTask();
         TakeTask(17);
         for (const std::string& machine : unreachable) {
-            const AddressHolder there(AddressOf(machine, SecondId));
+            const Address there(AddressOf(machine, SecondId));
             NoAnswer(there.Get());
             TakeUnreachable(machine, AskType, ObjDataFieldMagic);
             NoChannel(there.Get());
             TakeUnreachable(machine, MSG_CONNECT_MSG, MsgConnectMagic);
         }
         Say("unreachable");
-        MessageHolder go;
+        Message go;
         m_asker.Await(go, StopType, nullptr);
     }
 
@@ -489,7 +464,7 @@ class Watcher {
         TakeDied();
         for (const bool asks : {true, false}) {
             asks ? NoAnswer(m_echo.Get()) : NoChannel(m_echo.Get());
-            MessageHolder notice;
+            Message notice;
             m_asker.Await(notice, CMGR_PROCESS_UNREACHABLE_MSG, nullptr, 1);
         }
         m_asker.AskOnce(m_second.Get());
@@ -500,7 +475,7 @@ class Watcher {
 
  private:
     void Watch() {
-        const AddressHolder manager(AddressOf(m_machine, MsgProcessManagerId));
+        const Address manager(AddressOf(m_machine, MsgProcessManagerId));
         const New<PmgrNotifyOnDeathS> body(PmgrNotifyOnDeathMagic, "o;",
                                            {AddressOf(m_machine, EchoId)});
         MsgSendObject(manager.Get(), PMGR_NOTIFY_ON_DEATH_MSG, body.Get());
@@ -549,7 +524,7 @@ class Watcher {
     }
     // So does the wait for an answer.
     void NoAnswer(MsgAddressO from) {
-        MessageHolder message;
+        Message message;
         const ObjHolder<TimeTimeoutS> timeout(In(60));
         const auto start = Clock::now();
         m_asker.Send(from, AskType, 300, 1);
@@ -561,7 +536,7 @@ class Watcher {
 
     Asker m_asker{AskerId};
     std::string m_machine;
-    AddressHolder m_echo, m_second;
+    Address m_echo, m_second;
     int32 m_cookie = 0;
 };
 
