@@ -15,6 +15,7 @@
 #include "core/trace.h"
 #include "loginternal.h"
 #include "msgchannelinternal.h"
+#include "netinternal.h"
 
 TRACE_MODULE("MESSAGE")
 
@@ -32,7 +33,7 @@ struct MsgClassT {
 constexpr MsgClassT atMsgClasses[] = {
     MSG_CLASSES(MSG_CLASS_ROW)
     // Of other modules, which look into them when a message has brought one.
-    {NetInheritContextMagic, sizeof(NetInheritContextS), "i;b;p;i;i;d;", "NetInheritContext"},
+    {NetInheritContextMagic, sizeof(NetInheritContextS), NetInheritDescriptor, "NetInheritContext"},
     {ObjDStringMagic, sizeof(ObjDStringS), "d;i;o;", "ObjDString"},
     {CfgUtilRemoteConfigDetailsMagic, sizeof(CfgUtilRemoteConfigDetailsS), "s;s;o;",
      "CfgUtilRemoteConfigDetails"},

@@ -58,7 +58,7 @@ void MsgAddressRelease() {
 // --- names of machines ---
 
 bool MsgIsLocalName(const char* pstrName) {
-    return pstrName != nullptr && StrCompareNoCase(pstrName, SysLocalMachineName()) == 0;
+    return StrCompareNoCase(pstrName, SysLocalMachineName()) == 0;
 }
 
 char* MsgMachineFilePath() { return PathHomeBuild("etc", "machines.dat", nullptr); }

@@ -29,7 +29,6 @@ inline const char* MsgText(const char* pstrText) { return pstrText == nullptr ? 
 
 // Names of machines and services, without regard to case.
 inline bool MsgTextsEqual(const char* pstrA, const char* pstrB) {
-    if (pstrA == nullptr || pstrB == nullptr) return pstrA == pstrB;
     return StrCompareNoCase(pstrA, pstrB) == 0;
 }
 

@@ -71,6 +71,11 @@ inline bool MsgIsMessage(MsgMessageO oMessage) {
     return ObjCheckTypeInternal(oMessage, MsgMessageMagic) == TRUE;
 }
 
+// What may be a body: a sound object or none.
+inline bool MsgIsBody(void* oObject) {
+    return oObject == nullptr || ObjHasValidGlobalMagic(oObject) == TRUE;
+}
+
 // A new holder of the object, which may be null.
 template <class T>
 T* MsgHold(T* oObject) {

@@ -14,11 +14,6 @@ TRACE_MODULE("MESSAGE")
 
 namespace {
 
-// A sound object or none.
-bool MsgIsBody(void* oObject) {
-    return oObject == nullptr || ObjHasValidGlobalMagic(oObject) == TRUE;
-}
-
 BooleanT MsgPushToSelf(MsgAddressO oSource, MsgTypeT tMsgType, void* oObject) {
     ObjHolder<MsgPacketS> oPacket;
     return BooleanFrom(MsgCreateSelfPacket(oPacket.Address(), MsgLocalAddress(), oSource, tMsgType,

@@ -80,8 +80,7 @@ BooleanT MsgAddressPacket(MsgPacketO* poPacket, MsgAddressO oDestination, MsgAdd
     MsgPacketAddressT tDestination = {};
     MsgPacketAddressT tSource = {};
     if (poPacket == nullptr || MsgAddressToPacketAddress(&tDestination, oDestination) != TRUE ||
-        MsgAddressToPacketAddress(&tSource, oSource) != TRUE ||
-        (oObject != nullptr && ObjHasValidGlobalMagic(oObject) != TRUE)) {
+        MsgAddressToPacketAddress(&tSource, oSource) != TRUE || !MsgIsBody(oObject)) {
         return FALSE;
     }
     return MsgBuildPacket(poPacket, tDestination, tSource, tMsgType, oObject, bWithin);

@@ -83,7 +83,7 @@ void MsgWaitReleaseThread(TesselContextT* ptTlContext) {
 BooleanT MsgWaitAddHandler(MsgTypeT tMsgType, MsgWaitHandlerT pfnHandler, void* oCookie) {
     TraceMessageInline(1, 0, 4, "MsgWaitAddHandler(%s, %p, %p)", MsgName(tMsgType),
                        reinterpret_cast<void*>(pfnHandler), oCookie);
-    if (oCookie != nullptr && ObjHasValidGlobalMagic(oCookie) != TRUE) return FALSE;
+    if (!MsgIsBody(oCookie)) return FALSE;
     ObjHolder<MsgWaitHandlerS> oHandler(
         ObjNew<MsgWaitHandlerS>(MsgWaitHandlerMagic, MsgWaitHandlerDescriptor));
     if (oHandler.Get() == nullptr) return FALSE;
