@@ -581,12 +581,15 @@ TEST_F(Channels, WaitForATypeFromAnAddress) {
     link.Say(Frame(7002, Absent) + Frame(7001, Absent));
     EXPECT_TRUE(wait(7001, link.address));
     EXPECT_FALSE(wait(7001, nine.Get()));  // the other one stays
+    // Also when nobody is known at the other end, whom a notice about no machine does not concern.
     ObjRelease(&link.channel.Get()->oRemoteAddress);
+    MsgSendObjectToSelf(CMGR_MACHINE_DOWN_MSG,
+                        New<CmgrMachineDownS>(CmgrMachineDownMagic, "s;").Get());
     link.Say(Frame(7001, Absent));
-    EXPECT_TRUE(wait(7001, link.address));  // also when nobody is known at the other end
+    EXPECT_TRUE(wait(7001, link.address));
     ipc.Say(FromProcess(9, 7001));
     EXPECT_TRUE(wait(0, nine.Get()));
-    EXPECT_EQ(MsgReceiveCount(), 1);
+    EXPECT_EQ(MsgReceiveCount(), 2);
     // Notices end a wait long before its time.
     const Text me = SysLocalMachineName();
     const struct {

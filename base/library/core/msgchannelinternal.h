@@ -32,6 +32,22 @@ inline bool MsgTextsEqual(const char* pstrA, const char* pstrB) {
     return StrCompareNoCase(pstrA, pstrB) == 0;
 }
 
+// Whose end ends a wait for an address: behind a channel, the remote end. It is looked up once: the
+// channel may be closed when a notice comes.
+struct MsgPeerT {
+    ObjHolder<MsgAddressS> oProcess;  // null when there is no address or nobody is known behind it
+    int32 lChannelId;                 // -1 when the address is not that of a channel
+
+    explicit MsgPeerT(MsgAddressO oAddress)
+        : lChannelId(MsgIsAChannel(oAddress) == TRUE ? MsgGetChannelId(oAddress) : -1) {
+        MsgRemoteEnd(oProcess.Address(), oAddress);
+    }
+    const char* Machine() const { return MsgGetMachineName(oProcess.Get()); }
+    bool IsOn(const char* pstrMachine) const {
+        return Machine() != nullptr && MsgTextsEqual(Machine(), pstrMachine);
+    }
+};
+
 template <class T>
 void MsgHandOut(T** poResult, T* oObject) {
     *poResult = MsgHold(oObject);

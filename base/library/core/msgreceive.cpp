@@ -61,27 +61,10 @@ ListNodeO MsgFindWanted(const MsgWantedT& tWanted) {
 
 // --- notices that end a wait ---
 
-// The process whose end would end a wait for oAddress: behind a channel, the remote end.
-struct MsgPeerT {
-    ObjHolder<MsgAddressS> oProcess;
-    const char* pstrMachine = nullptr;
-    int32 lChannelId = -1;  // of a channel
-
-    explicit MsgPeerT(MsgAddressO oAddress) {
-        if (MsgIsAChannel(oAddress) == TRUE) lChannelId = oAddress->tProcessId;
-        if (MsgRemoteEnd(oProcess.Address(), oAddress) == TRUE)
-            pstrMachine = MsgGetMachineName(oProcess.Get());
-    }
-    bool IsOnMachine(MsgAddressO oAddress) const {
-        return oProcess.Get() != nullptr &&
-               MsgAddressMachinesEqual(oProcess.Get(), oAddress) == TRUE;
-    }
-};
-
 bool MsgDiedOnMachine(MsgPacketO oPacket, const MsgPeerT& tPeer) {
     ObjHolder<PmgrProcessDiedS> oBody;
     return MsgObjectFromPacket(oBody.Address(), oPacket, PmgrProcessDiedMagic) == TRUE &&
-           tPeer.IsOnMachine(oBody.Get()->oAddress);
+           tPeer.IsOn(MsgGetMachineName(oBody.Get()->oAddress));
 }
 
 bool MsgProcessUnreachable(MsgPacketO oPacket, const MsgPeerT& tPeer) {
@@ -92,17 +75,17 @@ bool MsgProcessUnreachable(MsgPacketO oPacket, const MsgPeerT& tPeer) {
 
 bool MsgMachineDown(MsgPacketO oPacket, const MsgPeerT& tPeer) {
     ObjHolder<CmgrMachineDownS> oBody;
-    if (MsgObjectFromPacket(oBody.Address(), oPacket, CmgrMachineDownMagic) != TRUE) return false;
-    return MsgTextsEqual(oBody.Get()->pstrMachineName, tPeer.pstrMachine);
+    return MsgObjectFromPacket(oBody.Address(), oPacket, CmgrMachineDownMagic) == TRUE &&
+           tPeer.IsOn(oBody.Get()->pstrMachineName);
 }
 
 bool MsgMachineUnreachable(const MsgHeaderT& tHeader, const MsgPeerT& tPeer) {
     MsgMachineIdT tId = MsgMachineIdNone;
-    return tPeer.pstrMachine != nullptr && MsgMachineId(tPeer.pstrMachine, &tId) == TRUE &&
+    return tPeer.Machine() != nullptr && MsgMachineId(tPeer.Machine(), &tId) == TRUE &&
            tHeader.tSource.tMachineId == tId;
 }
 
-bool MsgEndsWait(MsgPacketO oPacket, const MsgPeerT* ptPeer) {
+bool MsgEndsWait(MsgPacketO oPacket, const MsgPeerT& tPeer) {
     const MsgHeaderT* ptHeader = MsgPacketHeader(oPacket);
     if (ptHeader == nullptr) return false;
     switch (ptHeader->tMsgType) {
@@ -110,25 +93,24 @@ bool MsgEndsWait(MsgPacketO oPacket, const MsgPeerT* ptPeer) {
         case MSG_LOST_SEND_QUEUE_MSG:
             return true;
         case PMGR_PROCESS_DIED_MSG:
-            return ptPeer != nullptr && MsgDiedOnMachine(oPacket, *ptPeer);
+            return MsgDiedOnMachine(oPacket, tPeer);
         case CMGR_PROCESS_UNREACHABLE_MSG:
-            return ptPeer != nullptr && MsgProcessUnreachable(oPacket, *ptPeer);
+            return MsgProcessUnreachable(oPacket, tPeer);
         case CMGR_MACHINE_DOWN_MSG:
-            return ptPeer != nullptr && MsgMachineDown(oPacket, *ptPeer);
+            return MsgMachineDown(oPacket, tPeer);
         case NMGR_MACHINE_UNREACHABLE_MSG:
-            return ptPeer != nullptr && MsgMachineUnreachable(*ptHeader, *ptPeer);
+            return MsgMachineUnreachable(*ptHeader, tPeer);
         case MSG_CHANNEL_DOWN_MSG:
-            return ptPeer != nullptr && ptPeer->lChannelId == ptHeader->tSource.tProcessId;
+            return tPeer.lChannelId == ptHeader->tSource.tProcessId;
         default:
             return false;
     }
 }
 
-bool MsgWaitIsOver(const MsgPeerT* ptPeer, int32 lKnown) {
+bool MsgWaitIsOver(const MsgPeerT& tPeer, int32 lKnown) {
     ListNodeO oNode = MsgState().oReceiveList->oFirst;
     for (; oNode != nullptr; oNode = oNode->oNext) {
-        if (lKnown-- <= 0 && MsgEndsWait(static_cast<MsgPacketO>(oNode->oData), ptPeer))
-            return true;
+        if (lKnown-- <= 0 && MsgEndsWait(static_cast<MsgPacketO>(oNode->oData), tPeer)) return true;
     }
     return false;
 }
@@ -277,8 +259,7 @@ BooleanT MsgNotifyBetween(MsgAddressO oDestination, MsgAddressO oSource, MsgType
 }
 
 BooleanT MsgPeerIsGone(MsgAddressO oAddress, int32 lKnown) {
-    const MsgPeerT tPeer(oAddress);
-    return BooleanFrom(MsgWaitIsOver(&tPeer, lKnown));
+    return BooleanFrom(MsgWaitIsOver(MsgPeerT(oAddress), lKnown));
 }
 
 // --- the receive list ---
@@ -398,7 +379,7 @@ BooleanT MsgReceiveMsgTypeFromAddress(MsgMessageO* poMessage, MsgTypeT tMsgType,
             bResult = MsgTakeNode(poMessage, oNode);
             break;
         }
-        if (MsgWaitIsOver(oAddress == nullptr ? nullptr : &tPeer, 0) ||
+        if (MsgWaitIsOver(tPeer, 0) ||
             (oTimeout != nullptr && TimeTimeoutHasExpired(oTimeout) == TRUE))
             break;
         MsgTurn(oTimeout);

@@ -54,8 +54,7 @@ class MsgWaitKept {
 
 enum class MsgWaitEndE { None, ChannelDown, ProcessDied, MachineDown };
 
-// From whom a wait wants its message. What stands behind a channel is looked up at the beginning:
-// it may be closed when its notice comes.
+// From whom a wait wants its message.
 class MsgWaitSource {
  public:
     explicit MsgWaitSource(MsgAddressO oSource);  // null: from anyone
@@ -64,7 +63,6 @@ class MsgWaitSource {
     MsgWaitEndE EndedBy(MsgTypeT tMsgType, MsgAddressO oFrom, void* oBody) const;
 
  private:
-    bool IsOnMachine(const char* pstrMachine) const;
     const ObjHolder<MsgAddressS> m_oSource;
-    ObjHolder<MsgAddressS> m_oProcess;
+    const MsgPeerT m_tPeer;
 };

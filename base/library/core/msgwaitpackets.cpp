@@ -36,20 +36,13 @@ MsgWaitKept::~MsgWaitKept() {
 
 // --- the source of a wait ---
 
-MsgWaitSource::MsgWaitSource(MsgAddressO oSource) : m_oSource(MsgHold(oSource)) {
-    if (oSource != nullptr) MsgRemoteEnd(m_oProcess.Address(), oSource);
-}
+MsgWaitSource::MsgWaitSource(MsgAddressO oSource) : m_oSource(MsgHold(oSource)), m_tPeer(oSource) {}
 
 bool MsgWaitSource::Sent(MsgAddressO oFrom) const {
     MsgAddressO oSource = m_oSource.Get();
     if (oSource == nullptr) return true;
     if (MsgIsAChannel(oSource) == TRUE) return MsgAddressEqual(oFrom, oSource) == TRUE;
     return MsgAddressIsFrom(oSource, oFrom) == TRUE;
-}
-
-bool MsgWaitSource::IsOnMachine(const char* pstrMachine) const {
-    const char* pstrOwn = MsgGetMachineName(m_oProcess.Get());
-    return pstrOwn != nullptr && MsgTextsEqual(pstrOwn, pstrMachine);
 }
 
 MsgWaitEndE MsgWaitSource::EndedBy(MsgTypeT tMsgType, MsgAddressO oFrom, void* oBody) const {
@@ -60,13 +53,14 @@ MsgWaitEndE MsgWaitSource::EndedBy(MsgTypeT tMsgType, MsgAddressO oFrom, void* o
     }
     if (tMsgType == PMGR_PROCESS_DIED_MSG &&
         ObjCheckTypeInternal(oBody, PmgrProcessDiedMagic) == TRUE &&
-        MsgAddressEqual(static_cast<PmgrProcessDiedO>(oBody)->oAddress, m_oProcess.Get()) == TRUE) {
+        MsgAddressEqual(static_cast<PmgrProcessDiedO>(oBody)->oAddress, m_tPeer.oProcess.Get()) ==
+            TRUE) {
         TraceMessageInline(22, 0, 0, "Desired source has died");
         return MsgWaitEndE::ProcessDied;
     }
     if (tMsgType == CMGR_MACHINE_DOWN_MSG &&
         ObjCheckTypeInternal(oBody, CmgrMachineDownMagic) == TRUE &&
-        IsOnMachine(static_cast<CmgrMachineDownO>(oBody)->pstrMachineName)) {
+        m_tPeer.IsOn(static_cast<CmgrMachineDownO>(oBody)->pstrMachineName)) {
         TraceMessageInline(23, 0, 0, "Machine running desired source has gone down");
         return MsgWaitEndE::MachineDown;
     }
