@@ -89,6 +89,11 @@ class MsgSocketHolder {
 
 TimeTimeoutO MsgImmediate();  // shared: an expired timeout
 
+// A null timeout never does.
+inline bool MsgHasExpired(TimeTimeoutO oTimeout) {
+    return oTimeout != nullptr && TimeTimeoutHasExpired(oTimeout) == TRUE;
+}
+
 // --- channels (msgchannel.cpp) ---
 
 inline bool MsgIsChannelObject(MsgChannelO oChannel) {

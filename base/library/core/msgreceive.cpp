@@ -379,9 +379,7 @@ BooleanT MsgReceiveMsgTypeFromAddress(MsgMessageO* poMessage, MsgTypeT tMsgType,
             bResult = MsgTakeNode(poMessage, oNode);
             break;
         }
-        if (MsgWaitIsOver(tPeer, 0) ||
-            (oTimeout != nullptr && TimeTimeoutHasExpired(oTimeout) == TRUE))
-            break;
+        if (MsgWaitIsOver(tPeer, 0) || MsgHasExpired(oTimeout)) break;
         MsgTurn(oTimeout);
     }
     TraceMessageInline(166, 0, 4, "%s = MsgReceiveTypeFromAddress(%p, %d, %p, %p)",

@@ -12,10 +12,6 @@
 
 inline TesselContextMsgWaitS& MsgWaitState() { return gtTlContext.sMsgWait; }
 
-inline bool MsgWaitHasExpired(TimeTimeoutO oTimeout) {
-    return oTimeout != nullptr && TimeTimeoutHasExpired(oTimeout) == TRUE;
-}
-
 // Calls the handlers of the message's type until one does not leave it unhandled.
 MsgWaitResultE MsgWaitCallHandlers(MsgMessageO oMessage);
 // Drops the handlers that were removed while handlers ran; nothing while any still runs.

@@ -107,7 +107,7 @@ BooleanT WaitForMessage(MsgMessageO* poMessage, MsgAddressO oDesiredSource, cons
         const MsgWaitEndE eEnd =
             tSource.EndedBy(oMessage->tMsgType, oMessage->oSource, oMessage->oObject);
         if (EndsWait(tWait.Handle()) || eEnd != MsgWaitEndE::None) return FALSE;
-    } while (!MsgWaitHasExpired(oTimeout));
+    } while (!MsgHasExpired(oTimeout));
     return FALSE;
 }
 
@@ -118,7 +118,7 @@ MsgWaitResultE WaitForCallback(MsgWaitOnCallbackFnT fnCallback, void* oCookie,
     for (;;) {
         MsgWaitResultE eResult = eMsgWaitResultSuccess;
         if (fnCallback(&eResult, oCookie) == TRUE) return eResult;
-        if (MsgWaitHasExpired(oTimeout)) return eMsgWaitResultTimeout;
+        if (MsgHasExpired(oTimeout)) return eMsgWaitResultTimeout;
         const PassE ePass = tWait.Receive(oTimeout);
         if (ePass == PassE::Failed) return eMsgWaitResultError;
         if (ePass == PassE::Nothing) continue;

@@ -123,7 +123,7 @@ MsgWaitResultE WaitExclusive(const ExclusiveT& tWanted, TimeTimeoutO oTimeout) {
         const MsgWaitResultE eResult = Judge(tWanted, oPacket.Get());
         if (eResult != eMsgWaitResultNotHandled) return eResult;
         tKept.Keep(oPacket.Get());
-    } while (!MsgWaitHasExpired(oTimeout));
+    } while (!MsgHasExpired(oTimeout));
     return eMsgWaitResultTimeout;
 }
 
