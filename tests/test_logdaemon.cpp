@@ -117,7 +117,7 @@ class LogDaemon : public testing::Test {
     }
     void StartDaemon() {
         m_daemon = Process({TEST_MANAGERS "/logdaemon", "Deutsch"}, m_machine.Home());
-        ASSERT_EQ(m_daemon.Line(), "ready");
+        ASSERT_EQ(m_daemon.Line(), "ready 0");
     }
     std::vector<std::string> Ask(const std::string& query) {
         std::vector<std::string> lines;

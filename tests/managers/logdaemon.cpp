@@ -149,8 +149,7 @@ void Answer(MsgPacketO oPacket) {
 int main(int argc, char** argv) {
     if (ManagerStart("logdaemon", MsgLogDaemonId) != TRUE || Load() != TRUE) return 1;
     LogSetLocale(argc > 1 ? argv[1] : nullptr);
-    std::puts("ready");
-    std::fflush(stdout);
+    ManagerReady(0);
     for (bool bServe = true; bServe;) {
         ObjHolder<MsgPacketS> oPacket;
         if (MsgReceivePacket(oPacket.Address(), nullptr) != TRUE) continue;

@@ -29,6 +29,12 @@ inline MsgAddressO AddressOf(const char* pstrMachine, ProcIdT tId) {
     return oAddress;
 }
 
+// Tells whoever has started the manager that it serves, on a port where it has one.
+inline void ManagerReady(int32 lPort) {
+    std::printf("ready %d\n", lPort);
+    std::fflush(stdout);
+}
+
 // --- calls to the manager ---
 
 inline NetSocketT gatListening[2] = {-1, -1};
@@ -82,7 +88,6 @@ BooleanT ManagerTakeCalls(const ManagerPlaceT& tPlace, int32 lPort) {
     if (lBound == -1 || (lPort == 0 && CfgSetInteger(tPlace.pstrFile, tPlace.pstrSection,
                                                      tPlace.pstrKey, lBound) != TRUE))
         return FALSE;
-    std::printf("ready %d\n", lBound);
-    std::fflush(stdout);
+    ManagerReady(lBound);
     return MsgHandlerAdd(ManagerAccept<fnTake>, nullptr);
 }
