@@ -4,8 +4,6 @@
 // call means for the result.
 #include <zlib.h>
 
-#include <filesystem>
-
 #include "core/filebase.h"
 #include "core/filesys.h"
 #include "support/archives.h"

@@ -6,7 +6,6 @@
 #include <sys/mman.h>
 #include <sys/time.h>
 
-#include <filesystem>
 #include <set>
 
 #include "core/dirscan.h"

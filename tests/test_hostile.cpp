@@ -3,8 +3,6 @@
 // and the process ends only where it stops itself on purpose.
 #include <sys/resource.h>
 
-#include <filesystem>
-
 #include "support/archives.h"
 
 using bytes::Byte;

@@ -1,6 +1,4 @@
 // Typed values, stanza lists and the scan of a directory tree.
-#include <filesystem>
-
 #include "core/stnzbase.h"
 #include "core/stnzfile.h"
 #include "core/stnzlist.h"

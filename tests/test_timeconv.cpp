@@ -175,16 +175,14 @@ TEST(TimeConv, Buffers) {
 // In a child, because order and breakdown format are kept for good. A catalogue is data: long
 // names, double-byte ones, formats that would read other arguments (559).
 TEST(TimeConv, LocalisedTextsAndReversedOrder) {
-    for (const char* name : {"/config", "/locale", "/locale/Test"})
-        mkdir((TestHome() + name).c_str(), 0700);
     std::string wide;
     for (int i = 0; i < 12; i++) wide += "\x81\x41";
-    WriteFile(TestHome() + "/locale/Test/locale.ctl",
-              "540 \"Dienstag\"\n549 \"Mai\"\n557 \"%02ld. %s\"\n558 \"%ld. %s %ld\"\n"
-              "559 \"%s %s %s %s\"\n560 \"%s, der %02ld. %s %4ld\"\n561 \"%d-%d-%d %d.%d.%d\"\n"
-              "562 \"%ldh%ldm%lds\"\n548 \"" +
-                  wide + "\"\n");
-    WriteFile(TestHome() + "/config/language.cfg", "[Display]\nReverse Date Display Order=true\n");
+    WriteInHome("locale/Test/locale.ctl",
+                "540 \"Dienstag\"\n549 \"Mai\"\n557 \"%02ld. %s\"\n558 \"%ld. %s %ld\"\n"
+                "559 \"%s %s %s %s\"\n560 \"%s, der %02ld. %s %4ld\"\n561 \"%d-%d-%d %d.%d.%d\"\n"
+                "562 \"%ldh%ldm%lds\"\n548 \"" +
+                    wide + "\"\n");
+    WriteInHome("config/language.cfg", "[Display]\nReverse Date Display Order=true\n");
     const auto run = [](const char* language) {
         return InChild([&]() -> int {
             SetZone("UTC0");
