@@ -123,13 +123,8 @@ std::string Sweep(bool pack, const Files& files, Fault fault) {
 using Faults = ArchiveTest;
 
 TEST_F(Faults, EveryFailingCallIsReported) {
-    const struct {
-        Call call;
-        std::vector<int> errors;
-        int times;
-        std::string pack;
-        std::string unpack;
-    } rows[] = {
+    // The letters of packing and unpacking.
+    const std::tuple<Call, std::vector<int>, int, std::string, std::string> rows[] = {
         // Opening for writing is tried twice, the second time without truncation; not so for the
         // temporary file, which must be new.
         {Call::Open, {EIO}, 2, "IICF", "NNN"},
@@ -151,32 +146,28 @@ TEST_F(Faults, EveryFailingCallIsReported) {
         {Call::Read, {0}, 1, "CCCCPPP", "NNNNNNN"},
         {Call::Write, {0}, 1, "CCCCFFF", "NNNNN"},
     };
-    for (const auto& row : rows) {
-        for (const int error : row.errors) {
-            SCOPED_TRACE(testing::Message() << "call " << static_cast<int>(row.call) << " error "
-                                            << error << " times " << row.times);
-            const Fault fault = {.call = row.call, .error = error, .times = row.times, .atMost = 3};
-            EXPECT_EQ(Sweep(true, Large, fault), row.pack);
-            EXPECT_EQ(Sweep(false, LargeAndSmall, fault), row.unpack);
+    for (const auto& [call, errors, times, pack, unpack] : rows) {
+        for (const int error : errors) {
+            SCOPED_TRACE(testing::Message() << "call " << static_cast<int>(call) << " error "
+                                            << error << " times " << times);
+            const Fault fault = {.call = call, .error = error, .times = times, .atMost = 3};
+            EXPECT_EQ(Sweep(true, Large, fault), pack);
+            EXPECT_EQ(Sweep(false, LargeAndSmall, fault), unpack);
         }
     }
 }
 
 TEST_F(Faults, InterruptedCallsAreRepeated) {
-    const struct {
-        Call call;
-        std::size_t pack;
-        std::size_t unpack;
-    } rows[] = {{Call::Open, 4, 3},  {Call::Read, 7, 7},   {Call::Write, 7, 5},
-                {Call::Close, 4, 3}, {Call::Unlink, 1, 0}, {Call::Mkdir, 0, 1},
-                {Call::Stat, 4, 2},  {Call::Fstat, 0, 1}};
-    for (const auto& row : rows) {
-        SCOPED_TRACE(static_cast<int>(row.call));
+    // Numbers of calls when packing and unpacking.
+    const std::tuple<Call, std::size_t, std::size_t> rows[] = {
+        {Call::Open, 4, 3},   {Call::Read, 7, 7},  {Call::Write, 7, 5}, {Call::Close, 4, 3},
+        {Call::Unlink, 1, 0}, {Call::Mkdir, 0, 1}, {Call::Stat, 4, 2},  {Call::Fstat, 0, 1}};
+    for (const auto& [call, pack, unpack] : rows) {
+        SCOPED_TRACE(static_cast<int>(call));
         // A call is never closed again, as its descriptor may be another's by then.
-        const Fault fault = {
-            .call = row.call, .error = EINTR, .times = row.call == Call::Close ? 1 : 3};
-        EXPECT_EQ(Sweep(true, Large, fault), std::string(row.pack, Packed));
-        EXPECT_EQ(Sweep(false, LargeAndSmall, fault), std::string(row.unpack, AllRestored));
+        const Fault fault = {.call = call, .error = EINTR, .times = call == Call::Close ? 1 : 3};
+        EXPECT_EQ(Sweep(true, Large, fault), std::string(pack, Packed));
+        EXPECT_EQ(Sweep(false, LargeAndSmall, fault), std::string(unpack, AllRestored));
     }
 }
 
@@ -213,45 +204,42 @@ TEST_F(Faults, FullDisk) {
 }
 
 TEST_F(Faults, FailuresAreNamed) {
-    const struct {
-        bool pack;
-        Fault fault;
-        std::vector<int32> numbers;
-    } rows[] = {
-        {true, {.call = Call::Stat, .nth = 4, .error = EIO}, {24}},
-        {true, {.call = Call::Compress, .error = Z_MEM_ERROR}, {20, 26, 29}},
-        {true, {.call = Call::Write, .nth = 1, .error = ENOSPC}, {26, 29}},
-        {true, {.call = Call::Write, .nth = 4, .error = ENOSPC}, {26, 30}},
-        {true, {.call = Call::Write, .nth = 5, .error = ENOSPC}, {11}},
-        {true, {.call = Call::Close, .nth = 2, .error = EIO}, {12}},
-        {true, {.call = Call::Open, .nth = 4, .error = EIO}, {13}},
-        {true, {.call = Call::Read, .nth = 5, .error = EIO}, {14}},
-        {true, {.call = Call::Close, .nth = 4, .error = EIO}, {15}},
-        {false, {.call = Call::Mkdir, .error = EIO}, {47, 48}},
-        {false, {.call = Call::Open, .nth = 1, .error = EIO}, {49}},
-        {false, {.call = Call::Read, .nth = 1, .error = EIO}, {55}},
-        {false, {.call = Call::Fstat, .nth = 1, .error = EIO}, {53}},
-        {false, {.call = Call::Read, .nth = 2, .error = EIO}, {53}},
-        {false, {.call = Call::Open, .nth = 2, .error = EIO, .times = 2}, {43, 51}},
-        {false, {.call = Call::Read, .nth = 3, .error = EIO}, {39, 40, 51}},
-        {false, {.call = Call::Uncompress, .nth = 1, .error = Z_MEM_ERROR}, {37, 40, 51}},
-        {false, {.call = Call::Write, .nth = 1, .error = ENOSPC}, {38, 40, 51}},
-        {false, {.call = Call::Close, .nth = 1, .error = EIO}, {38, 51}},
+    // Packing or unpacking, and the numbers of the messages.
+    const std::tuple<bool, Fault, std::vector<int32>> rows[] = {
+        {true, Fault{.call = Call::Stat, .nth = 4, .error = EIO}, {24}},
+        {true, Fault{.call = Call::Compress, .error = Z_MEM_ERROR}, {20, 26, 29}},
+        {true, Fault{.call = Call::Write, .nth = 1, .error = ENOSPC}, {26, 29}},
+        {true, Fault{.call = Call::Write, .nth = 4, .error = ENOSPC}, {26, 30}},
+        {true, Fault{.call = Call::Write, .nth = 5, .error = ENOSPC}, {11}},
+        {true, Fault{.call = Call::Close, .nth = 2, .error = EIO}, {12}},
+        {true, Fault{.call = Call::Open, .nth = 4, .error = EIO}, {13}},
+        {true, Fault{.call = Call::Read, .nth = 5, .error = EIO}, {14}},
+        {true, Fault{.call = Call::Close, .nth = 4, .error = EIO}, {15}},
+        {false, Fault{.call = Call::Mkdir, .error = EIO}, {47, 48}},
+        {false, Fault{.call = Call::Open, .nth = 1, .error = EIO}, {49}},
+        {false, Fault{.call = Call::Read, .nth = 1, .error = EIO}, {55}},
+        {false, Fault{.call = Call::Fstat, .nth = 1, .error = EIO}, {53}},
+        {false, Fault{.call = Call::Read, .nth = 2, .error = EIO}, {53}},
+        {false, Fault{.call = Call::Open, .nth = 2, .error = EIO, .times = 2}, {43, 51}},
+        {false, Fault{.call = Call::Read, .nth = 3, .error = EIO}, {39, 40, 51}},
+        {false, Fault{.call = Call::Uncompress, .nth = 1, .error = Z_MEM_ERROR}, {37, 40, 51}},
+        {false, Fault{.call = Call::Write, .nth = 1, .error = ENOSPC}, {38, 40, 51}},
+        {false, Fault{.call = Call::Close, .nth = 1, .error = EIO}, {38, 51}},
     };
-    for (const auto& row : rows) {
+    for (const auto& [pack, fault, numbers] : rows) {
         const Dir dir;
         WriteFile(dir("large"), Large[0].content);
         WriteFile(dir("restorable"), ArchiveOf(Large));
         PakZlibContextO oContext = nullptr;
         const TraceCapture trace;
-        FaultArm(row.fault);
-        if (row.pack) {
+        FaultArm(fault);
+        if (pack) {
             EXPECT_NE(Pack(&oContext, dir("archive"), dir("large")), Packed);
         } else {
             EXPECT_EQ(PakZlibUncompress(dir("restorable"), dir("target")), FALSE);
         }
         FaultDisarm();
-        for (const int32 number : row.numbers) EXPECT_TRUE(trace.Has("PAKZLIB", number)) << number;
+        for (const int32 number : numbers) EXPECT_TRUE(trace.Has("PAKZLIB", number)) << number;
         if (oContext != nullptr) PakZlibCleanupContext(&oContext);
     }
     EXPECT_EQ(ListDir(TmpDir), std::vector<std::string>());

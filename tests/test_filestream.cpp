@@ -32,32 +32,30 @@ Text ReadAll(FileStreamO stream) {
 }
 
 TEST(FileStream, WhatEachModeAllows) {
-    const struct {
-        FileModeT mode;
-        const char* after;  // the file, which held "old", after writing "new" where that goes
-        bool reads, changes;
-    } table[] = {{257, "old", true, false},     {513, "old", true, false},
-                 {258, "new", false, false},    {514, "new", false, false},
-                 {259, "oldnew", false, false}, {515, "oldnew", false, false},
-                 {260, "old", true, true},      {517, "old", true, true}};
+    // The mode; the file, which held "old", after writing "new" where that goes; whether it can be
+    // read, and changed.
+    const std::tuple<FileModeT, Text, bool, bool> table[] = {
+        {257, "old", true, false},  {513, "old", true, false},     {258, "new", false, false},
+        {514, "new", false, false}, {259, "oldnew", false, false}, {515, "oldnew", false, false},
+        {260, "old", true, true},   {517, "old", true, true}};
     const NothingLeft nothing;
-    for (const auto& row : table) {
+    for (const auto& [mode, after, reads, changes] : table) {
         const Dir dir;
         WriteFile(dir("f"), "old");
-        FileStreamO stream = Open(dir("f"), row.mode);
+        FileStreamO stream = Open(dir("f"), mode);
         ByteT byte = 1;
-        EXPECT_EQ(FileStreamReadByte(stream, &byte), BooleanFrom(row.reads)) << row.mode;
-        EXPECT_EQ(byte, row.reads ? 'o' : 0);
-        EXPECT_EQ(Write(stream, "new"), BooleanFrom(row.after != Text("old"))) << row.mode;
-        EXPECT_EQ(FileStreamStartAppend(stream), BooleanFrom(row.changes)) << row.mode;
+        EXPECT_EQ(FileStreamReadByte(stream, &byte), BooleanFrom(reads)) << mode;
+        EXPECT_EQ(byte, reads ? 'o' : 0);
+        EXPECT_EQ(Write(stream, "new"), BooleanFrom(after != "old")) << mode;
+        EXPECT_EQ(FileStreamStartAppend(stream), BooleanFrom(changes)) << mode;
         EXPECT_EQ(FileStreamCancelRewrite(stream), FALSE);
-        EXPECT_EQ(FileStreamStartRewrite(stream), BooleanFrom(row.changes)) << row.mode;
-        EXPECT_EQ(Exists(dir("f.new")), row.changes);
-        EXPECT_EQ(FileStreamCancelRewrite(stream), BooleanFrom(row.changes));
+        EXPECT_EQ(FileStreamStartRewrite(stream), BooleanFrom(changes)) << mode;
+        EXPECT_EQ(Exists(dir("f.new")), changes);
+        EXPECT_EQ(FileStreamCancelRewrite(stream), BooleanFrom(changes));
         EXPECT_EQ(FileStreamCloseOutput(stream), FALSE);
         EXPECT_EQ(FileStreamClose(&stream), TRUE);
         EXPECT_EQ(stream, nullptr);
-        EXPECT_EQ(ReadFile(dir("f")), row.after) << row.mode;
+        EXPECT_EQ(ReadFile(dir("f")), after) << mode;
         EXPECT_EQ(ListDir(dir.Path()), std::vector<Text>{"f"});
     }
 }
@@ -201,11 +199,8 @@ TEST(FileStream, LocksFollowTheMode) {
 }
 
 TEST(StrFile, Lines) {
-    const struct {
-        Text content;
-        int32 room;
-        std::vector<Text> lines;
-    } table[] = {
+    const std::tuple<Text, int32, std::vector<Text>> table[] = {
+        // the number is the room
         {"", 10, {}},
         {"a\n\nb", 10, {"a", "", "b"}},
         {"\ra\r\r\nb\r\n\r", 10, {"a", "b"}},
@@ -220,16 +215,16 @@ TEST(StrFile, Lines) {
         {"abc\n", 1, {""}},
     };
     const Dir dir;
-    for (const auto& row : table) {
-        WriteFile(dir("f"), row.content);
+    for (const auto& [content, room, expected] : table) {
+        WriteFile(dir("f"), content);
         FileStreamO stream = Open(dir("f"), 257);
         std::vector<Text> lines;
         char line[12] = "";
-        for (int32 size = 0; (size = StrFileReadLine(stream, line, row.room)) != -1;) {
+        for (int32 size = 0; (size = StrFileReadLine(stream, line, room)) != -1;) {
             EXPECT_EQ(line[size], 0);
             lines.emplace_back(line, static_cast<std::size_t>(size));
         }
-        EXPECT_EQ(lines, row.lines) << row.content;
+        EXPECT_EQ(lines, expected) << content;
         EXPECT_EQ(FileStreamClose(&stream), TRUE);
     }
 }
