@@ -92,9 +92,7 @@ BooleanT Save(const char* category, const char* title, const Lines& lines, const
 
 TEST(StnzFile, Reading) {
     const Text full(4093, 'x');
-    const struct {
-        Text content, expected;
-    } table[] = {
+    const std::pair<Text, Text> table[] = {
         {"", ""},
         {"a=1\n[Network]\nport = 1\n", "Network{port=1}"},
         {" [ Machine \t: host a ] rest = 1\nk=v", "Machine:host a{k=v}"},
@@ -122,10 +120,10 @@ TEST(StnzFile, Reading) {
     };
     const Dir dir;
     const NothingLeft nothing;
-    for (const auto& row : table) {
-        WriteFile(dir("f"), row.content);
-        EXPECT_EQ(ShowFile(dir("f")), row.expected) << row.content;
-        EXPECT_EQ(ReadFile(dir("f")), row.content);
+    for (const auto& [content, expected] : table) {
+        WriteFile(dir("f"), content);
+        EXPECT_EQ(ShowFile(dir("f")), expected) << content;
+        EXPECT_EQ(ReadFile(dir("f")), content);
     }
 }
 
@@ -238,11 +236,7 @@ TEST(StnzFile, CursorKeepsItsPlaceWhenAFindFails) {
         StnzCurrentArgument(&argument, file);
         return Owned(category) + ":" + Owned(title) + " " + Owned(keyword) + "=" + Owned(argument);
     };
-    struct {
-        std::function<BooleanT()> find;
-        BooleanT found;
-        Text where;
-    } steps[] = {
+    const std::tuple<std::function<BooleanT()>, BooleanT, Text> steps[] = {
         {[&] { return StnzFindNextKeyword(file); }, FALSE, "<null>:<null> <null>=<null>"},
         {[&] { return StnzFindKeyword(file, "M"); }, TRUE, "c:b m=4"},
         {[&] { return StnzFindKeyword(file, "l"); }, FALSE, "c:b m=4"},
@@ -283,10 +277,10 @@ TEST(StnzFile, CursorKeepsItsPlaceWhenAFindFails) {
         {[&] { return BooleanFrom(ftello(file->FD->pfInput) == off_t{1} << 31); }, TRUE,
          "<null>:<null> k=0"},
     };
-    for (auto& step : steps) {
-        const auto number = &step - steps;
-        EXPECT_EQ(step.find(), step.found) << number;
-        EXPECT_EQ(where(), step.where) << number;
+    int number = 0;
+    for (const auto& [find, found, place] : steps) {
+        EXPECT_EQ(find(), found) << number;
+        EXPECT_EQ(where(), place) << number++;
     }
     EXPECT_EQ(StnzCloseFile(&file), TRUE);
     EXPECT_EQ(StnzFileOpenMode(file), -1);
@@ -343,20 +337,18 @@ TEST(StnzFile, ModesAndMessages) {
     MemFree(&stanza->pstrTitle);
     EXPECT_EQ(StnzReplaceStanzaInFile(stanza, dir("f")), FALSE);
     EXPECT_EQ(StnzReplaceStanzaInFile(stanza, "/none/f"), FALSE);
-    const struct {
-        int32 number, level;
-        const char* text;
-    } messages[] = {{17, -1, "Failed to split key line x"},
-                    {33, -1, "Invalid file pointer"},
-                    {70, -1, "Attemped to add NULL stanza to file 'f'"},
-                    {71, -1, "Attemped to add stanza to NULL file"},
-                    {72, -1, "Attemped to replace NULL stanza to file 'f'"},
-                    {73, -1, "Attemped to replace stanza to NULL file"},
-                    {74, -1, "Failed to replace stanza in file"},
-                    {75, 4, "Failed to open '/none/f' for update"}};
-    for (const auto& message : messages) {
-        EXPECT_EQ(trace.Text("STANZA", message.number), message.text);
-        EXPECT_EQ(trace.Level("STANZA", message.number), message.level);
+    const std::tuple<int32, int32, Text> messages[] = {
+        {17, -1, "Failed to split key line x"},
+        {33, -1, "Invalid file pointer"},
+        {70, -1, "Attemped to add NULL stanza to file 'f'"},
+        {71, -1, "Attemped to add stanza to NULL file"},
+        {72, -1, "Attemped to replace NULL stanza to file 'f'"},
+        {73, -1, "Attemped to replace stanza to NULL file"},
+        {74, -1, "Failed to replace stanza in file"},
+        {75, 4, "Failed to open '/none/f' for update"}};
+    for (const auto& [message, level, text] : messages) {
+        EXPECT_EQ(trace.Text("STANZA", message), text);
+        EXPECT_EQ(trace.Level("STANZA", message), level);
     }
     StnzRelease(&stanza);
 
@@ -450,8 +442,10 @@ TEST(StnzFile, KilledWhileRewriting) {
     for (int round = 0; round < 60; round++) {
         const auto first = fileNumber();
         const pid_t child = fork();
-        for (int version = 1; child == 0; version++)
-            if (replace(version) != TRUE) _exit(1);
+        if (child == 0) {
+            for (int version = 1; replace(version) == TRUE;) version++;
+            _exit(1);
+        }
         int status = 0;
         // From the first file that it has put in place on.
         while (fileNumber() == first && waitpid(child, &status, WNOHANG) == 0) usleep(50);
