@@ -20,6 +20,7 @@ constexpr ProcIdT MsgNetworkManagerId = 3;
 constexpr ProcIdT MsgLogDaemonId = 7;
 constexpr ProcIdT MsgAuditorId = 8;
 constexpr ProcIdT MsgTunnelId = 11;
+constexpr ProcIdT MsgConfigurationServerId = 13;
 
 // --- the bytes of a packet ---
 

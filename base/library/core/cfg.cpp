@@ -1,10 +1,11 @@
 // Configuration as the rest of the system sees it: each operation asks first whose configuration is
-// meant, then works on this machine's files. The typed operations are conversions around one key,
-// wherever that comes from.
+// meant, then calls the operation of the same name: on this machine's files (cfglocal.h) or through
+// the configuration server of another (cfgserver.h).
 #include "core/cfg.h"
 
 #include "cfgvalue.h"
 #include "core/cfglocal.h"
+#include "core/cfgserver.h"
 #include "core/cfgutil.h"
 #include "core/list.h"
 #include "core/objwrappers.h"
@@ -21,19 +22,21 @@ namespace {
 // Keyword under which the displayable layout keeps an item's value.
 constexpr char acValueKeyword[] = "value";
 
-// TRUE when the request is another machine's configuration server's to answer. This library cannot
-// reach one yet, so such a request fails.
-bool CfgIsRemote(const char* pstrStanzaFile) {
-    PoolPtr<char> pstrClient;
-    PoolPtr<char> pstrServer;
-    if (CfgUtilDoRemote(pstrClient.Address(), pstrServer.Address(), pstrStanzaFile, nullptr) !=
-        TRUE) {
-        return false;
-    }
-    TraceMessageInline(1, 0, -1, "No connection to configuration server '%s' for '%s'",
-                       pstrServer.Get(), TraceText(pstrStanzaFile));
-    return true;
-}
+// Whose configuration a file is: this machine's, or a client's that a server keeps.
+class CfgOwner {
+ public:
+    explicit CfgOwner(const char* pstrStanzaFile)
+        : m_bRemote(CfgUtilDoRemote(m_pstrClient.Address(), m_pstrServer.Address(), pstrStanzaFile,
+                                    nullptr) == TRUE) {}
+    bool IsRemote() const { return m_bRemote; }
+    const char* Client() const { return m_pstrClient.Get(); }
+    const char* Server() const { return m_pstrServer.Get(); }
+
+ private:
+    PoolPtr<char> m_pstrClient;
+    PoolPtr<char> m_pstrServer;
+    bool m_bRemote;
+};
 
 // Traces an operation that failed.
 BooleanT CfgReport(int32 lNumber, BooleanT bResult, const char* pstrOperation) {
@@ -47,92 +50,124 @@ BooleanT CfgReport(int32 lNumber, BooleanT bResult, const char* pstrOperation) {
 
 BooleanT CfgGetStanza(StnzT** ppStanza, const char* pstrStanzaFile, const char* pstrStanzaTitle) {
     TraceMessageInline(2, 0, 4, "CfgGetStanza");
-    return CfgReport(
-        3,
-        BooleanFrom(!CfgIsRemote(pstrStanzaFile) &&
-                    CfgLocalGetStanza(ppStanza, pstrStanzaFile, pstrStanzaTitle, nullptr) == TRUE),
-        "CfgGetStanza");
+    const CfgOwner tOwner(pstrStanzaFile);
+    return CfgReport(3,
+                     tOwner.IsRemote()
+                         ? CfgSvrGetStanza(ppStanza, tOwner.Client(), tOwner.Server(),
+                                           pstrStanzaFile, pstrStanzaTitle, nullptr)
+                         : CfgLocalGetStanza(ppStanza, pstrStanzaFile, pstrStanzaTitle, nullptr),
+                     "CfgGetStanza");
 }
 
 BooleanT CfgGetStanzaList(ListO* poList, const char* pstrStanzaFile) {
     TraceMessageInline(4, 0, 4, "CfgGetStanzaList");
-    return CfgReport(5,
-                     BooleanFrom(!CfgIsRemote(pstrStanzaFile) &&
-                                 CfgLocalGetStanzaList(poList, pstrStanzaFile, nullptr) == TRUE),
-                     "CfgGetStanzaList");
+    const CfgOwner tOwner(pstrStanzaFile);
+    return CfgReport(
+        5,
+        tOwner.IsRemote()
+            ? CfgSvrGetStanzaList(poList, tOwner.Client(), tOwner.Server(), pstrStanzaFile, nullptr)
+            : CfgLocalGetStanzaList(poList, pstrStanzaFile, nullptr),
+        "CfgGetStanzaList");
 }
 
 BooleanT CfgReplaceStanzaList(const char* pstrStanzaFile, ListO oList) {
     TraceMessageInline(6, 0, 4, "CfgReplaceStanzaList");
+    const CfgOwner tOwner(pstrStanzaFile);
     return CfgReport(7,
-                     BooleanFrom(!CfgIsRemote(pstrStanzaFile) &&
-                                 CfgLocalReplaceStanzaList(pstrStanzaFile, oList, nullptr) == TRUE),
+                     tOwner.IsRemote() ? CfgSvrReplaceStanzaList(tOwner.Client(), tOwner.Server(),
+                                                                 pstrStanzaFile, nullptr, oList)
+                                       : CfgLocalReplaceStanzaList(pstrStanzaFile, oList, nullptr),
                      "CfgReplaceStanzaList");
 }
 
 BooleanT CfgAddStanza(StnzT* pStanza, const char* pstrStanzaFile) {
     TraceMessageInline(8, 0, 4, "CfgAddStanza");
+    const CfgOwner tOwner(pstrStanzaFile);
     return CfgReport(9,
-                     BooleanFrom(!CfgIsRemote(pstrStanzaFile) &&
-                                 CfgLocalAddStanza(pStanza, pstrStanzaFile, nullptr) == TRUE),
+                     tOwner.IsRemote() ? CfgSvrAddStanza(tOwner.Client(), tOwner.Server(),
+                                                         pstrStanzaFile, nullptr, pStanza)
+                                       : CfgLocalAddStanza(pStanza, pstrStanzaFile, nullptr),
                      "CfgAddStanza");
 }
 
 BooleanT CfgReplaceStanza(StnzT* pStanza, const char* pstrStanzaFile) {
     TraceMessageInline(10, 0, 4, "CfgReplaceStanza");
+    const CfgOwner tOwner(pstrStanzaFile);
     return CfgReport(11,
-                     BooleanFrom(!CfgIsRemote(pstrStanzaFile) &&
-                                 CfgLocalReplaceStanza(pStanza, pstrStanzaFile, nullptr) == TRUE),
+                     tOwner.IsRemote() ? CfgSvrReplaceStanza(tOwner.Client(), tOwner.Server(),
+                                                             pstrStanzaFile, nullptr, pStanza)
+                                       : CfgLocalReplaceStanza(pStanza, pstrStanzaFile, nullptr),
                      "CfgReplaceStanza");
 }
 
 BooleanT CfgRemoveStanza(const char* pstrCatagory, const char* pstrTitle,
                          const char* pstrStanzaFile) {
-    if (CfgIsRemote(pstrStanzaFile)) return FALSE;
-    return CfgLocalRemoveStanza(pstrCatagory, pstrStanzaFile, pstrTitle, nullptr);
+    const CfgOwner tOwner(pstrStanzaFile);
+    return tOwner.IsRemote()
+               ? CfgSvrRemoveStanza(tOwner.Client(), tOwner.Server(), pstrCatagory, pstrTitle,
+                                    pstrStanzaFile, nullptr)
+               : CfgLocalRemoveStanza(pstrCatagory, pstrStanzaFile, pstrTitle, nullptr);
 }
 
 // --- reading items ---
 
 BooleanT CfgGetKey(const char* pstrStanzaFile, const char* pstrStanzaTitle, const char* pstrKeyword,
                    StnzKeyT** ppKey) {
-    if (CfgIsRemote(pstrStanzaFile)) return FALSE;
-    return CfgLocalGetKey(pstrStanzaFile, pstrStanzaTitle, pstrKeyword, ppKey, nullptr);
+    const CfgOwner tOwner(pstrStanzaFile);
+    return tOwner.IsRemote()
+               ? CfgSvrGetKey(ppKey, tOwner.Client(), tOwner.Server(), pstrStanzaFile,
+                              pstrStanzaTitle, pstrKeyword, nullptr)
+               : CfgLocalGetKey(pstrStanzaFile, pstrStanzaTitle, pstrKeyword, ppKey, nullptr);
 }
 
 BooleanT CfgGetString(char** ppstrValue, const char* pstrStanzaFile, const char* pstrStanzaTitle,
                       const char* pstrKeyword, const char* pstrDefault) {
-    CfgKeyHolder tKey;
-    CfgGetKey(pstrStanzaFile, pstrStanzaTitle, pstrKeyword, tKey.Address());
-    return CfgKeyToString(ppstrValue, tKey.Get(), pstrDefault);
+    const CfgOwner tOwner(pstrStanzaFile);
+    return tOwner.IsRemote()
+               ? CfgSvrGetString(ppstrValue, tOwner.Client(), tOwner.Server(), pstrStanzaFile,
+                                 pstrStanzaTitle, pstrKeyword, nullptr, pstrDefault)
+               : CfgLocalGetString(ppstrValue, pstrStanzaFile, pstrStanzaTitle, pstrKeyword,
+                                   nullptr, pstrDefault);
 }
 
 BooleanT CfgGetInteger(int32* plValue, const char* pstrStanzaFile, const char* pstrStanzaTitle,
                        const char* pstrKeyword, int32 lDefault) {
-    CfgKeyHolder tKey;
-    CfgGetKey(pstrStanzaFile, pstrStanzaTitle, pstrKeyword, tKey.Address());
-    return CfgKeyToInteger(plValue, tKey.Get(), lDefault);
+    const CfgOwner tOwner(pstrStanzaFile);
+    return tOwner.IsRemote()
+               ? CfgSvrGetInteger(plValue, tOwner.Client(), tOwner.Server(), pstrStanzaFile,
+                                  pstrStanzaTitle, pstrKeyword, nullptr, lDefault)
+               : CfgLocalGetInteger(plValue, pstrStanzaFile, pstrStanzaTitle, pstrKeyword, nullptr,
+                                    lDefault);
 }
 
 BooleanT CfgGetInt64(int64* pllValue, const char* pstrStanzaFile, const char* pstrStanzaTitle,
                      const char* pstrKeyword, int64 llDefault) {
-    CfgKeyHolder tKey;
-    CfgGetKey(pstrStanzaFile, pstrStanzaTitle, pstrKeyword, tKey.Address());
-    return CfgKeyToInt64(pllValue, tKey.Get(), llDefault);
+    const CfgOwner tOwner(pstrStanzaFile);
+    return tOwner.IsRemote()
+               ? CfgSvrGetInt64(pllValue, tOwner.Client(), tOwner.Server(), pstrStanzaFile,
+                                pstrStanzaTitle, pstrKeyword, nullptr, llDefault)
+               : CfgLocalGetInt64(pllValue, pstrStanzaFile, pstrStanzaTitle, pstrKeyword, nullptr,
+                                  llDefault);
 }
 
 BooleanT CfgGetBoolean(BooleanT* pbValue, const char* pstrStanzaFile, const char* pstrStanzaTitle,
                        const char* pstrKeyword, BooleanT bDefault) {
-    CfgKeyHolder tKey;
-    CfgGetKey(pstrStanzaFile, pstrStanzaTitle, pstrKeyword, tKey.Address());
-    return CfgKeyToBoolean(pbValue, tKey.Get(), bDefault);
+    const CfgOwner tOwner(pstrStanzaFile);
+    return tOwner.IsRemote()
+               ? CfgSvrGetBoolean(pbValue, tOwner.Client(), tOwner.Server(), pstrStanzaFile,
+                                  pstrStanzaTitle, pstrKeyword, nullptr, bDefault)
+               : CfgLocalGetBoolean(pbValue, pstrStanzaFile, pstrStanzaTitle, pstrKeyword, nullptr,
+                                    bDefault);
 }
 
 BooleanT CfgGetValueList(ListO* poValueList, const char* pstrStanzaFile,
                          const char* pstrStanzaTitle, const char* pstrKeyword) {
-    CfgKeyHolder tKey;
-    CfgGetKey(pstrStanzaFile, pstrStanzaTitle, pstrKeyword, tKey.Address());
-    return CfgKeyToValueList(poValueList, tKey.Get());
+    const CfgOwner tOwner(pstrStanzaFile);
+    return tOwner.IsRemote()
+               ? CfgSvrGetValueList(poValueList, tOwner.Client(), tOwner.Server(), pstrStanzaFile,
+                                    pstrStanzaTitle, pstrKeyword, nullptr)
+               : CfgLocalGetValueList(poValueList, pstrStanzaFile, pstrStanzaTitle, pstrKeyword,
+                                      nullptr);
 }
 
 // --- writing items ---
@@ -140,45 +175,67 @@ BooleanT CfgGetValueList(ListO* poValueList, const char* pstrStanzaFile,
 BooleanT CfgSetString(const char* pstrStanzaFile, const char* pstrStanzaTitle,
                       const char* pstrKeyword, const char* pstrValue) {
     TraceMessageInline(12, 0, 4, "CfgSetString");
-    if (CfgIsRemote(pstrStanzaFile)) return FALSE;
-    return CfgLocalSetString(pstrStanzaFile, pstrStanzaTitle, pstrKeyword, pstrValue, nullptr);
+    const CfgOwner tOwner(pstrStanzaFile);
+    return tOwner.IsRemote() ? CfgSvrSetString(tOwner.Client(), tOwner.Server(), pstrStanzaFile,
+                                               pstrStanzaTitle, pstrKeyword, nullptr, pstrValue)
+                             : CfgLocalSetString(pstrStanzaFile, pstrStanzaTitle, pstrKeyword,
+                                                 pstrValue, nullptr);
 }
 
 BooleanT CfgSetInteger(const char* pstrStanzaFile, const char* pstrStanzaTitle,
                        const char* pstrKeyword, int32 lValue) {
-    if (CfgIsRemote(pstrStanzaFile)) return FALSE;
-    return CfgLocalSetInteger(pstrStanzaFile, pstrStanzaTitle, pstrKeyword, lValue, nullptr);
+    const CfgOwner tOwner(pstrStanzaFile);
+    return tOwner.IsRemote()
+               ? CfgSvrSetInteger(tOwner.Client(), tOwner.Server(), pstrStanzaFile, pstrStanzaTitle,
+                                  pstrKeyword, nullptr, lValue)
+               : CfgLocalSetInteger(pstrStanzaFile, pstrStanzaTitle, pstrKeyword, lValue, nullptr);
 }
 
 BooleanT CfgSetInt64(const char* pstrStanzaFile, const char* pstrStanzaTitle,
                      const char* pstrKeyword, int64 llValue) {
-    if (CfgIsRemote(pstrStanzaFile)) return FALSE;
-    return CfgLocalSetInt64(pstrStanzaFile, pstrStanzaTitle, pstrKeyword, llValue, nullptr);
+    const CfgOwner tOwner(pstrStanzaFile);
+    return tOwner.IsRemote()
+               ? CfgSvrSetInt64(tOwner.Client(), tOwner.Server(), pstrStanzaFile, pstrStanzaTitle,
+                                pstrKeyword, nullptr, llValue)
+               : CfgLocalSetInt64(pstrStanzaFile, pstrStanzaTitle, pstrKeyword, llValue, nullptr);
 }
 
 BooleanT CfgSetBoolean(const char* pstrStanzaFile, const char* pstrStanzaTitle,
                        const char* pstrKeyword, BooleanT bValue) {
-    if (CfgIsRemote(pstrStanzaFile)) return FALSE;
-    return CfgLocalSetBoolean(pstrStanzaFile, pstrStanzaTitle, pstrKeyword, bValue, nullptr);
+    const CfgOwner tOwner(pstrStanzaFile);
+    return tOwner.IsRemote()
+               ? CfgSvrSetBoolean(tOwner.Client(), tOwner.Server(), pstrStanzaFile, pstrStanzaTitle,
+                                  pstrKeyword, nullptr, bValue)
+               : CfgLocalSetBoolean(pstrStanzaFile, pstrStanzaTitle, pstrKeyword, bValue, nullptr);
 }
 
 BooleanT CfgSetValueList(const char* pstrStanzaFile, const char* pstrStanzaTitle,
                          const char* pstrKeyword, ListO oValueList) {
-    if (CfgIsRemote(pstrStanzaFile)) return FALSE;
-    return CfgLocalSetValueList(pstrStanzaFile, pstrStanzaTitle, pstrKeyword, oValueList, nullptr);
+    const CfgOwner tOwner(pstrStanzaFile);
+    return tOwner.IsRemote() ? CfgSvrSetValueList(tOwner.Client(), tOwner.Server(), pstrStanzaFile,
+                                                  pstrStanzaTitle, pstrKeyword, nullptr, oValueList)
+                             : CfgLocalSetValueList(pstrStanzaFile, pstrStanzaTitle, pstrKeyword,
+                                                    oValueList, nullptr);
 }
 
 BooleanT CfgAddValueToKey(const char* pstrFileName, const char* pstrStanzaName,
                           const char* pstrKeyName, const char* pstrNewValue) {
-    if (CfgIsRemote(pstrFileName)) return FALSE;
-    return CfgLocalAddValueToKey(pstrFileName, pstrStanzaName, pstrKeyName, pstrNewValue, nullptr);
+    const CfgOwner tOwner(pstrFileName);
+    return tOwner.IsRemote()
+               ? CfgSvrAddValueToKey(tOwner.Client(), tOwner.Server(), pstrFileName, pstrStanzaName,
+                                     pstrKeyName, pstrNewValue, nullptr)
+               : CfgLocalAddValueToKey(pstrFileName, pstrStanzaName, pstrKeyName, pstrNewValue,
+                                       nullptr);
 }
 
 BooleanT CfgRemoveValueFromKey(const char* pstrFileName, const char* pstrStanzaName,
                                const char* pstrKeyName, const char* pstrValueToRemove) {
-    if (CfgIsRemote(pstrFileName)) return FALSE;
-    return CfgLocalRemoveValueFromKey(pstrFileName, pstrStanzaName, pstrKeyName, pstrValueToRemove,
-                                      nullptr);
+    const CfgOwner tOwner(pstrFileName);
+    return tOwner.IsRemote()
+               ? CfgSvrRemoveValueFromKey(tOwner.Client(), tOwner.Server(), pstrFileName,
+                                          pstrStanzaName, pstrKeyName, pstrValueToRemove, nullptr)
+               : CfgLocalRemoveValueFromKey(pstrFileName, pstrStanzaName, pstrKeyName,
+                                            pstrValueToRemove, nullptr);
 }
 
 BooleanT CfgRemoveKey(const char* pstrFileName, const char* pstrStanzaName,
@@ -189,17 +246,25 @@ BooleanT CfgRemoveKey(const char* pstrFileName, const char* pstrStanzaName,
 BooleanT CfgAddEntryToValueList(ListO* poValueList, const char* pstrStanzaFile,
                                 const char* pstrStanzaTitle, const char* pstrKeyword,
                                 const char* pstrEntry, BooleanT bUnique, BooleanT bNoCase) {
-    if (CfgIsRemote(pstrStanzaFile)) return FALSE;
-    return CfgLocalAddEntryToValueList(poValueList, pstrStanzaFile, pstrStanzaTitle, pstrKeyword,
-                                       pstrEntry, bUnique, bNoCase, nullptr);
+    const CfgOwner tOwner(pstrStanzaFile);
+    return tOwner.IsRemote()
+               ? CfgSvrAddEntryToValueList(poValueList, tOwner.Client(), tOwner.Server(),
+                                           pstrStanzaFile, pstrStanzaTitle, pstrKeyword, pstrEntry,
+                                           bUnique, bNoCase, nullptr)
+               : CfgLocalAddEntryToValueList(poValueList, pstrStanzaFile, pstrStanzaTitle,
+                                             pstrKeyword, pstrEntry, bUnique, bNoCase, nullptr);
 }
 
 BooleanT CfgRemoveEntryFromValueList(ListO* poValueList, const char* pstrStanzaFile,
                                      const char* pstrStanzaTitle, const char* pstrKeyword,
                                      const char* pstrEntry, BooleanT bNoCase) {
-    if (CfgIsRemote(pstrStanzaFile)) return FALSE;
-    return CfgLocalRemoveEntryFromValueList(poValueList, pstrStanzaFile, pstrStanzaTitle,
-                                            pstrKeyword, pstrEntry, bNoCase, nullptr);
+    const CfgOwner tOwner(pstrStanzaFile);
+    return tOwner.IsRemote()
+               ? CfgSvrRemoveEntryFromValueList(poValueList, tOwner.Client(), tOwner.Server(),
+                                                pstrStanzaFile, pstrStanzaTitle, pstrKeyword,
+                                                pstrEntry, bNoCase, nullptr)
+               : CfgLocalRemoveEntryFromValueList(poValueList, pstrStanzaFile, pstrStanzaTitle,
+                                                  pstrKeyword, pstrEntry, bNoCase, nullptr);
 }
 
 char* CfgBuildPath(const char* pstrFileName) { return CfgLocalBuildPath(pstrFileName); }

@@ -3,6 +3,8 @@
 // another type gives FALSE and leaves the variable as it is.
 #pragma once
 
+#include <utility>
+
 #include "core/memory.h"
 #include "core/stnzbase.h"
 #include "core/stnzwrappers.h"
@@ -17,6 +19,7 @@ class CfgKeyHolder {
     CfgKeyHolder& operator=(const CfgKeyHolder&) = delete;
     StnzKeyT* Get() const { return m_pKey; }
     StnzKeyT** Address() { return &m_pKey; }
+    StnzKeyT* Take() { return std::exchange(m_pKey, nullptr); }
 
  private:
     StnzKeyT* m_pKey = nullptr;
@@ -31,6 +34,7 @@ class CfgStanzaHolder {
     CfgStanzaHolder& operator=(const CfgStanzaHolder&) = delete;
     StnzT* Get() const { return m_pStanza; }
     StnzT** Address() { return &m_pStanza; }
+    StnzT* Take() { return std::exchange(m_pStanza, nullptr); }
 
  private:
     StnzT* m_pStanza = nullptr;

@@ -3,6 +3,7 @@
 // of them, before any packet can bring an object of one.
 #include "core/msg.h"
 
+#include "core/cfgserver.h"
 #include "core/cfgutil.h"
 #include "core/list.h"
 #include "core/log.h"
@@ -37,6 +38,12 @@ constexpr MsgClassT atMsgClasses[] = {
     {ObjDStringMagic, sizeof(ObjDStringS), "d;i;o;", "ObjDString"},
     {CfgUtilRemoteConfigDetailsMagic, sizeof(CfgUtilRemoteConfigDetailsS), "s;s;o;",
      "CfgUtilRemoteConfigDetails"},
+    {CfgSvrConfigRequestMagic, sizeof(CfgSvrConfigRequestS), CfgSvrConfigRequestDescriptor,
+     "CfgSvrConfigRequest"},
+    {CfgSvrConfigReplyMagic, sizeof(CfgSvrConfigReplyS), CfgSvrConfigReplyDescriptor,
+     "CfgSvrConfigReply"},
+    {CfgStnzMagic, sizeof(CfgStnzS), CfgStnzDescriptor, "CfgStnz"},
+    {CfgStnzKeyMagic, sizeof(CfgStnzKeyS), CfgStnzKeyDescriptor, "CfgStnzKey"},
     {logdMessageMagic, sizeof(logdMessageS), LogMessageDescriptor, "logdMessage"},
     {logdCriteriaMagic, sizeof(logdCriteriaS), LogCriteriaDescriptor, "logdCriteria"},
     {logdRequestEntriesMagic, sizeof(logdRequestEntriesS), LogRequestDescriptor,
