@@ -16,6 +16,7 @@
 #include <map>
 #include <string>
 
+#include "core/machineinfo.h"
 #include "core/memory.h"
 #include "core/objwrappers.h"
 #include "core/path.h"
@@ -222,6 +223,24 @@ void Leave(MsgPacketO oPacket) {
     Call(machine, &tMachine);
 }
 
+// Says whether this machine knows another.
+void TellDetails(MsgPacketO oPacket) {
+    ObjHolder<MsgMessageS> oMessage;
+    ObjHolder<NmgrGetCurrentMachineDetailsRequestS> oRequest;
+    if (MsgMessageFromPacket(oMessage.Address(), oPacket) != TRUE ||
+        MsgGetObject(oRequest.Address(), oMessage.Get(),
+                     NmgrGetCurrentMachineDetailsRequestMagic) != TRUE)
+        return;
+    const ObjHolder<NmgrGetCurrentMachineDetailsResponseS> oReply(
+        ObjNew<NmgrGetCurrentMachineDetailsResponseS>(
+            NmgrGetCurrentMachineDetailsResponseMagic,
+            NmgrGetCurrentMachineDetailsResponseDescriptor));
+    MsgMachineIdT tId = MsgMachineIdNone;
+    oReply.Get()->bSuccess = MsgMachineNameToId(&tId, oRequest.Get()->pstrMachine);
+    oReply.Get()->pstrMachine = StrDuplicate(oRequest.Get()->pstrMachine);
+    MsgSendReply(oMessage.Get(), NMGR_GET_CURRENT_MACHINE_DETAILS_RESPONSE_MSG, oReply.Get());
+}
+
 // --- the loop ---
 
 // FALSE ends the manager.
@@ -239,6 +258,9 @@ bool Handle(MsgPacketO oPacket) {
         case MSG_LOST_RECEIVE_QUEUE_MSG:
         case MSG_LOST_SEND_QUEUE_MSG:
             return false;
+        case NMGR_GET_CURRENT_MACHINE_DETAILS_REQUEST_MSG:
+            if (tHeader.tDestination.tMachineId == MsgMachineIdLocal) TellDetails(oPacket);
+            break;
         default:
             break;
     }

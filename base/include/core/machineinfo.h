@@ -13,9 +13,30 @@ enum MachInfoSysTypeE : int32 {
 
 constexpr int32 MachInfoDefaultVersion = 6003;  // major * 1000 + minor
 
-// Whether the local machine's network manager knows the machine; TRUE for the local one. There is
-// no connection to network managers yet: FALSE, traced, for any other.
+// Has the local machine's network manager look for the machine, so that its stanza is there
+// afterwards where the manager can get it; nothing to do for the local one. TRUE when the manager
+// has answered. It may take its time over that: the call waits until it has answered or is gone,
+// while other messages are handled (msgwait.h).
 BooleanT MachInfoFind(const char* pstrMachine);
+
+// What travels then.
+constexpr int32 NmgrGetCurrentMachineDetailsRequestMagic = ObjMagic(0xc93eaade);
+constexpr char NmgrGetCurrentMachineDetailsRequestDescriptor[] = "s;o;";
+struct NmgrGetCurrentMachineDetailsRequestS {
+    char* pstrMachine;
+    void* oExtension;
+};
+using NmgrGetCurrentMachineDetailsRequestO = NmgrGetCurrentMachineDetailsRequestS*;
+
+constexpr int32 NmgrGetCurrentMachineDetailsResponseMagic = ObjMagic(0xc93eab54);
+constexpr char NmgrGetCurrentMachineDetailsResponseDescriptor[] = "b;s;i;o;";
+struct NmgrGetCurrentMachineDetailsResponseS {
+    BooleanT bSuccess;  // the manager has the machine's details
+    char* pstrMachine;
+    int32 lStatus;
+    void* oExtension;
+};
+using NmgrGetCurrentMachineDetailsResponseO = NmgrGetCurrentMachineDetailsResponseS*;
 
 BooleanT MachInfoGetSystemType(MachInfoSysTypeE* peResult,
                                const char* pstrMachine);  // local: unset

@@ -7,6 +7,9 @@
 
 #include "core/cfg.h"
 #include "core/memory.h"
+#include "core/msg.h"
+#include "core/msgchannel.h"
+#include "core/msgwait.h"
 #include "core/path.h"
 #include "core/stnzbase.h"
 #include "core/stnzfile.h"
@@ -16,6 +19,7 @@
 #include "core/trace.h"
 
 TRACE_MODULE("MACHINFO")
+MEM_DEFAULT_POOL_CACHE
 
 namespace {
 
@@ -102,8 +106,32 @@ BooleanT MachInfoFind(const char* pstrMachine) {
         TraceMessageInline(12, 0, 0, "Always have details for local machine");
         return TRUE;
     }
-    TraceMessageInline(13, 0, -1, "Failed to send request to network manager");
-    return FALSE;
+    const ObjHolder<NmgrGetCurrentMachineDetailsRequestS> oRequest(
+        ObjNew<NmgrGetCurrentMachineDetailsRequestS>(
+            NmgrGetCurrentMachineDetailsRequestMagic,
+            NmgrGetCurrentMachineDetailsRequestDescriptor));
+    if (oRequest.Get() == nullptr) return FALSE;
+    oRequest.Get()->pstrMachine = StrDuplicateIntoPool(pstrMachine, MemPool());
+    ObjHolder<MsgAddressS> oManager;
+    if (MsgCreateAddress(oManager.Address(), SysLocalMachineName(), MsgNetworkManagerId) != TRUE ||
+        MsgSendObject(oManager.Get(), NMGR_GET_CURRENT_MACHINE_DETAILS_REQUEST_MSG,
+                      oRequest.Get()) != TRUE) {
+        TraceMessageInline(13, 0, -1, "Failed to send request to network manager");
+        return FALSE;
+    }
+    ObjHolder<MsgMessageS> oReply;
+    if (MsgWaitMessageWithTimeout(oReply.Address(), oManager.Get(),
+                                  NMGR_GET_CURRENT_MACHINE_DETAILS_RESPONSE_MSG, nullptr) != TRUE) {
+        TraceMessageInline(14, 0, -1, "Failed to get response from network manager");
+        return FALSE;
+    }
+    if (ObjCheckTypeInternal(oReply.Get()->oObject, NmgrGetCurrentMachineDetailsResponseMagic) !=
+        TRUE) {
+        TraceMessageInline(15, 0, -1, "Bad response object");
+        return FALSE;
+    }
+    TraceMessageInline(16, 0, 0, "Have info on machine '%s'", pstrMachine);
+    return TRUE;
 }
 
 BooleanT MachInfoGetSystemType(MachInfoSysTypeE* peResult, const char* pstrMachine) {

@@ -7,6 +7,7 @@
 #include "core/cfgutil.h"
 #include "core/list.h"
 #include "core/log.h"
+#include "core/machineinfo.h"
 #include "core/net.h"
 #include "core/procapi.h"
 #include "core/process.h"
@@ -44,6 +45,10 @@ constexpr MsgClassT atMsgClasses[] = {
      "CfgSvrConfigReply"},
     {CfgStnzMagic, sizeof(CfgStnzS), CfgStnzDescriptor, "CfgStnz"},
     {CfgStnzKeyMagic, sizeof(CfgStnzKeyS), CfgStnzKeyDescriptor, "CfgStnzKey"},
+    {NmgrGetCurrentMachineDetailsRequestMagic, sizeof(NmgrGetCurrentMachineDetailsRequestS),
+     NmgrGetCurrentMachineDetailsRequestDescriptor, "NmgrGetCurrentMachineDetailsRequest"},
+    {NmgrGetCurrentMachineDetailsResponseMagic, sizeof(NmgrGetCurrentMachineDetailsResponseS),
+     NmgrGetCurrentMachineDetailsResponseDescriptor, "NmgrGetCurrentMachineDetailsResponse"},
     {logdMessageMagic, sizeof(logdMessageS), LogMessageDescriptor, "logdMessage"},
     {logdCriteriaMagic, sizeof(logdCriteriaS), LogCriteriaDescriptor, "logdCriteria"},
     {logdRequestEntriesMagic, sizeof(logdRequestEntriesS), LogRequestDescriptor,
