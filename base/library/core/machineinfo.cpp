@@ -10,6 +10,7 @@
 #include "core/msg.h"
 #include "core/msgchannel.h"
 #include "core/msgwait.h"
+#include "core/objwrappers.h"
 #include "core/path.h"
 #include "core/stnzbase.h"
 #include "core/stnzfile.h"
@@ -98,6 +99,27 @@ BooleanT MachInfoGetAddress(char** ppstrResult, const char* pstrMachine, const c
     return TRUE;
 }
 
+// A network manager that is not there never answers: the notice that says so ends the wait that
+// MachInfoFind is in, but none that a handler makes inside it. The cookie is the depth outside.
+MsgWaitResultE MachInfoUnreachable(MsgMessageO oMessage, void* oCookie) {
+    ObjHolder<CmgrProcessUnreachableS> oBody;
+    const bool bOurs =
+        MsgWaitDepth() == ObjGetInteger(static_cast<ObjIntegerO>(oCookie)) + 1 &&
+        MsgGetObject(oBody.Address(), oMessage, CmgrProcessUnreachableMagic) == TRUE &&
+        MsgAddressEqual(oBody.Get()->oAddress, MsgNetMgrAddress()) == TRUE;
+    return bOurs ? eMsgWaitResultPeerDied : eMsgWaitResultNotHandled;
+}
+
+// Waits for the network manager's answer, however long that takes.
+BooleanT MachInfoWait(MsgMessageO* poReply, MsgAddressO oManager) {
+    const ObjHolder<ObjIntegerS> oDepth(ObjIntegerNew(MsgWaitDepth()));
+    MsgWaitAddHandler(CMGR_PROCESS_UNREACHABLE_MSG, MachInfoUnreachable, oDepth.Get());
+    const BooleanT bResult = MsgWaitMessageWithTimeout(
+        poReply, oManager, NMGR_GET_CURRENT_MACHINE_DETAILS_RESPONSE_MSG, nullptr);
+    MsgWaitRemoveHandlerByCookie(oDepth.Get());
+    return bResult;
+}
+
 }  // namespace
 
 BooleanT MachInfoFind(const char* pstrMachine) {
@@ -120,8 +142,7 @@ BooleanT MachInfoFind(const char* pstrMachine) {
         return FALSE;
     }
     ObjHolder<MsgMessageS> oReply;
-    if (MsgWaitMessageWithTimeout(oReply.Address(), oManager.Get(),
-                                  NMGR_GET_CURRENT_MACHINE_DETAILS_RESPONSE_MSG, nullptr) != TRUE) {
+    if (MachInfoWait(oReply.Address(), oManager.Get()) != TRUE) {
         TraceMessageInline(14, 0, -1, "Failed to get response from network manager");
         return FALSE;
     }

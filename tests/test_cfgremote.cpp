@@ -1,0 +1,366 @@
+// Configuration through a configuration server, all of them processes of their own: every operation
+// gives what it gives on a file of this machine, writers do not lose each other's changes, and
+// servers that answer late, wrongly or not at all are told apart. Also what the network manager is
+// asked about machines.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <csignal>
+
+#include "core/cfg.h"
+#include "core/cfgserver.h"
+#include "core/cfgutil.h"
+#include "core/context.h"
+#include "core/list.h"
+#include "core/machineinfo.h"
+#include "core/msgchannel.h"
+#include "core/objwrappers.h"
+#include "core/process.h"
+#include "core/stnzfile.h"
+#include "core/stnzlist.h"
+#include "core/strbase.h"
+#include "core/sys.h"
+#include "core/task.h"
+#include "support/files.h"
+#include "support/leftovers.h"
+#include "support/machine.h"
+
+namespace {
+
+using Text = std::string;
+using Arguments = std::vector<Text>;
+
+constexpr char File[] = "test.cfg";
+constexpr char ClientFile[] = "/gui/CachedPits/client/config/test.cfg";
+constexpr MsgTypeT AskAgainType = 5000;
+constexpr int Entries = 20;  // that each writer adds
+
+void Say(const Text& line) {
+    std::puts(line.c_str());
+    std::fflush(stdout);
+}
+
+bool Connect(ProcIdT tId) {
+    return ProcSetId(tId) == TRUE && MsgIpcConnect(eMsgProcTypeProcess) == TRUE;
+}
+
+// From now on the process works for the client, whose configuration this machine keeps.
+void WorkFor(const char* client) {
+    const ObjHolder<CfgUtilRemoteConfigDetailsS> details(
+        ObjNew<CfgUtilRemoteConfigDetailsS>(CfgUtilRemoteConfigDetailsMagic, "s;s;o;"));
+    details.Get()->pstrServer = StrDuplicate(SysLocalMachineName());
+    details.Get()->pstrClient = StrDuplicate(client);
+    ObjHolder<TaskContextS> task;
+    TaskCreateContext(task.Address());
+    TaskSetContextObject(task.Get(), details.Get());
+    TaskSetTaskContext(task.Get());
+}
+
+Text Strings(ListO oList) {
+    Text all;
+    for (auto* oNode = oList == nullptr ? nullptr : oList->oFirst; oNode; oNode = oNode->oNext)
+        all += Text(ObjGetString(static_cast<ObjStringO>(oNode->oData))) + ";";
+    if (oList != nullptr) ObjRelease(&oList);
+    return all;
+}
+
+Text String(const char* keyword) {
+    char* value = nullptr;
+    const BooleanT bResult = CfgGetString(&value, File, "S", keyword, "default");
+    return Text(BooleanText(bResult)) + " " + Owned(value);
+}
+
+// --- roles ---
+
+// Every operation on one file: what each gives.
+Text Operations(bool remote) {
+    Text all;
+    const auto tell = [&](BooleanT bResult, const auto&... values) {
+        all += Text(BooleanText(bResult)) + ((" " + std::to_string(values)) + ... + "") + "\n";
+    };
+    int32 lValue = 0;
+    int64 llValue = 0;
+    BooleanT bValue = 9;
+    ListO oList = nullptr;
+    StnzKeyT* pKey = nullptr;
+    StnzT* pStanza = nullptr;
+    ObjHolder<ListS> oStanzas;
+    tell(CfgSetString(File, "S", "text", " a,b!"));
+    tell(CfgSetInteger(File, "S", "number", -42));
+    tell(CfgSetInt64(File, "S", "big", 1LL << 40));
+    tell(CfgSetBoolean(File, "S", "yes", TRUE));
+    all += String("text") + "\n" + String("none") + "\n";
+    tell(CfgGetInteger(&lValue, File, "S", "number", 7), lValue);
+    tell(CfgGetInteger(&lValue, File, "S", "none", 7), lValue);
+    tell(CfgGetInt64(&llValue, File, "S", "big", 7), llValue);
+    tell(CfgGetBoolean(&bValue, File, "S", "yes", 5), bValue);
+    tell(CfgGetBoolean(&bValue, File, "S", "none", 5), bValue);
+    tell(CfgGetBoolean(&bValue, File, "S", "text", 6), bValue);
+    tell(CfgAddEntryToValueList(&oList, File, "L", "list", "One", TRUE, FALSE));
+    all += Strings(std::exchange(oList, nullptr));
+    tell(CfgAddEntryToValueList(&oList, File, "L", "list", "one", TRUE, FALSE));
+    all += Strings(oList);
+    tell(CfgAddEntryToValueList(&oList, File, "L", "list", "ONE", TRUE, TRUE));
+    tell(CfgRemoveEntryFromValueList(&oList, File, "L", "list", "one", FALSE));
+    tell(CfgSetValueList(File, "L", "copy", oList));
+    all += Strings(oList);
+    tell(CfgGetValueList(&oList, File, "L", "list"));
+    all += Strings(oList);
+    tell(CfgAddValueToKey(File, "S", "text", "more"));
+    tell(CfgRemoveValueFromKey(File, "S", "text", "none"));
+    tell(CfgRemoveValueFromKey(File, "S", "text", " a,b!"));
+    tell(CfgGetKey(File, "S", "text", &pKey), StnzKeyValueCount(pKey));
+    tell(CfgGetStanza(&pStanza, File, "S"), pStanza == nullptr ? 0 : pStanza->lKeyCount);
+    tell(CfgAddStanza(pStanza, File));
+    tell(CfgReplaceStanza(pStanza, File));
+    tell(CfgGetStanzaList(oStanzas.Address(), File));
+    tell(CfgRemoveStanza("L", "list", File));
+    tell(CfgRemoveStanza("L", "list", File));
+    tell(CfgReplaceStanzaList(File, oStanzas.Get()));
+    tell(remote ? CfgSvrRemoveKey("client", SysLocalMachineName(), File, "S", "big", nullptr)
+                : CfgRemoveKey(File, "S", "big"));
+    StnzReleaseKey(&pKey);
+    StnzRelease(&pStanza);
+    return all;
+}
+
+const Role operations("operations", [](const Arguments& arguments) {
+    const bool remote = arguments.at(0) == "remote";
+    if (!Connect(100)) return 10;
+    const Leftovers before;
+    if (remote) WorkFor("client");
+    std::fputs(Operations(remote).c_str(), stdout);
+    TaskSetTaskContext(nullptr);
+    Say("left: " + before.Text());
+    ContextReleaseThread();
+    return 0;
+});
+
+const Role writer("writer", [](const Arguments& arguments) {
+    const Text id = arguments.at(0);
+    if (!Connect(std::stoi(id))) return 10;
+    WorkFor("client");
+    for (int n = 1; n <= Entries; n++) {
+        const Text entry = id + "-" + std::to_string(n);
+        if (CfgAddEntryToValueList(nullptr, File, "L", "all", entry.c_str(), TRUE, FALSE) != TRUE ||
+            CfgSetInteger(File, "Counters", id.c_str(), n) != TRUE)
+            return 11;
+    }
+    ContextReleaseThread();
+    return 0;
+});
+
+// A server that answers a request only when it has the next one, and asks its sender to make that.
+const Role late("late", [](const Arguments&) {
+    ObjHolder<MsgMessageS> first;
+    if (!Connect(MsgConfigurationServerId)) return 10;
+    const auto answer = [](MsgMessageO oMessage) {
+        ObjHolder<CfgSvrConfigReplyS> oReply;
+        CfgSvrProcessConfigRequest(oReply.Address(),
+                                   static_cast<CfgSvrConfigRequestO>(oMessage->oObject));
+        MsgSendReply(oMessage, CFG_SVR_CONFIG_REPLY_MSG, oReply.Get());
+    };
+    for (Say("ready");;) {
+        ObjHolder<MsgMessageS> message;
+        if (MsgReceive(message.Address(), nullptr) != TRUE) continue;
+        if (MsgType(message.Get()) != CFG_SVR_CONFIG_REQUEST_MSG) return 0;
+        if (first.Get() == nullptr) {
+            *first.Address() = message.Take();
+            MsgSendReply(first.Get(), AskAgainType, nullptr);
+            Say("asked");
+        } else {
+            answer(first.Get());
+            answer(message.Get());
+            ObjRelease(first.Address());
+        }
+    }
+});
+
+Text g_inner;  // what the handler has got
+
+// Asks for one item and then, inside the wait when the server wants it so, for another.
+const Role asker("asker", [](const Arguments& arguments) {
+    if (!Connect(100)) return 10;
+    WorkFor("client");
+    const bool inside = arguments.at(0) == "inside";
+    if (inside) {
+        MsgWaitAddHandler(
+            AskAgainType,
+            [](MsgMessageO, void*) {
+                g_inner = String("inner");
+                return eMsgWaitResultHandled;
+            },
+            nullptr);
+    }
+    const auto start = std::chrono::steady_clock::now();
+    const Text outer = String("outer");
+    const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - start;
+    Say(outer);
+    Say(std::to_string(static_cast<int>(taken.count())));
+    if (arguments.at(0) == "again") g_inner = String("inner");
+    Say(g_inner);
+    ContextReleaseThread();
+    return 0;
+});
+
+// A server that answers with everything but what it was asked for.
+const Role liar("liar", [](const Arguments&) {
+    if (!Connect(MsgConfigurationServerId)) return 10;
+    Say("ready");
+    for (int n = 0;; n++) {
+        ObjHolder<MsgMessageS> message;
+        if (MsgReceive(message.Address(), nullptr) != TRUE) continue;
+        if (MsgType(message.Get()) != CFG_SVR_CONFIG_REQUEST_MSG) return 0;
+        ObjHolder<ObjIntegerS> number(ObjIntegerNew(7));
+        const ObjHolder<CfgSvrConfigReplyS> reply(
+            ObjNew<CfgSvrConfigReplyS>(CfgSvrConfigReplyMagic, CfgSvrConfigReplyDescriptor));
+        reply.Get()->bSuccess = TRUE;
+        void* wrong = number.Get();
+        if (n == 3) reply.Get()->oStnzKey = static_cast<CfgStnzKeyO>(wrong);
+        if (n == 4) reply.Get()->oStanza = static_cast<CfgStnzO>(wrong);
+        if (n >= 3 && n <= 4) number.Take();
+        if (n >= 5) {
+            reply.Get()->oValueList = ListNew();
+            ListPushLastItem(reply.Get()->oValueList, number.Address());
+        }
+        MsgSendReply(message.Get(), CFG_SVR_CONFIG_REPLY_MSG,
+                     n == 0   ? nullptr
+                     : n == 1 ? static_cast<void*>(number.Get())
+                              : reply.Get());
+    }
+});
+
+const Role deceived("deceived", [](const Arguments&) {
+    if (!Connect(100)) return 10;
+    WorkFor("client");
+    for (int n = 0; n < 4; n++) Say(String("k"));
+    StnzT* pStanza = nullptr;
+    ListO oList = nullptr;
+    Say(BooleanText(CfgGetStanza(&pStanza, File, "S")));
+    Say(BooleanText(CfgGetStanzaList(&oList, File)));
+    Say(BooleanText(CfgAddEntryToValueList(&oList, File, "L", "l", "e", FALSE, FALSE)));
+    ContextReleaseThread();
+    return 0;
+});
+
+const Role finder("finder", [](const Arguments&) {
+    if (!Connect(100)) return 10;
+    for (const char* machine : {SysLocalMachineName(), "other", "unknown"})
+        Say(BooleanText(MachInfoFind(machine)));
+    ContextReleaseThread();
+    return 0;
+});
+
+// A machine that keeps the configuration of a client, which is also the machine's own.
+struct Keeper : Machine {
+    Keeper() {
+        const Text clients = Home() + "/gui/CachedPits/client/config";
+        std::filesystem::create_directories(clients);
+        std::filesystem::create_directories(Home() + "/config/map");
+        WriteFile(Home() + "/config/map/test.cfg.map", "");
+        EXPECT_TRUE(Start());
+    }
+    // A server, this program in a role or the real one.
+    Process& Serve(const Text& role = "") {
+        m_server =
+            role.empty() ? Process({TEST_MANAGERS "/configserver"}, Home()) : InRole(role, {});
+        EXPECT_TRUE(m_server.Line().starts_with("ready"));
+        return m_server;
+    }
+
+ private:
+    Process m_server;
+};
+
+Text OutputOf(Process process) {
+    EXPECT_EQ(process.Wait(), 0);
+    return process.Rest();
+}
+
+// --- tests ---
+
+TEST(CfgRemote, GivesWhatFilesOfThisMachineGive) {
+    Keeper keeper;
+    const Process& server = keeper.Serve();
+    const Text local = OutputOf(keeper.InRole("operations", {"local"}));
+    const Text file = ReadFile(keeper.Home() + "/config/test.cfg");
+    EXPECT_EQ(file,
+              "[S]\nnumber=-42\nyes=true\ntext=more\n\n[L:list]\nvalue=One\n\n"
+              "[L]\ncopy=One\n");
+    std::filesystem::remove(keeper.Home() + "/config/test.cfg");
+    const Text remote = OutputOf(keeper.InRole("operations", {"remote"}));
+    EXPECT_EQ(remote, local);
+    EXPECT_TRUE(remote.ends_with("TRUE\nleft: \n")) << remote;
+    // A boolean travels as the text of another case.
+    EXPECT_EQ(ReadFile(keeper.Home() + ClientFile),
+              Text(file).replace(file.find("true"), 4, "TRUE"));
+    EXPECT_FALSE(Exists(keeper.Home() + "/config/test.cfg"));
+    server.Signal(SIGTERM);
+}
+
+TEST(CfgRemote, NoChangeOfTwoClientsIsLost) {
+    Keeper keeper;
+    keeper.Serve();
+    Process one = keeper.InRole("writer", {"101"}), other = keeper.InRole("writer", {"102"});
+    EXPECT_EQ(one.Wait(), 0);
+    EXPECT_EQ(other.Wait(), 0);
+    ObjHolder<ListS> oStanzas;
+    ASSERT_EQ(StnzLoadStanzaListFromFile(oStanzas.Address(), (keeper.Home() + ClientFile).c_str()),
+              TRUE);
+    StnzKeyT* pKey = nullptr;
+    EXPECT_EQ(StnzListGetKey(&pKey, oStanzas.Get(), "L", "all", "value"), TRUE);
+    EXPECT_EQ(StnzKeyValueCount(pKey), 2 * Entries);
+    for (const char* id : {"101", "102"}) {
+        int32 lCount = 0;
+        CfgGetIntegerFromList(oStanzas.Get(), "Counters", id, &lCount, 0);
+        EXPECT_EQ(lCount, Entries);
+    }
+}
+
+// A call inside the wait of another has its own reply, though that of the other comes first.
+TEST(CfgRemote, EachCallHasItsReply) {
+    Keeper keeper;
+    WriteFile(keeper.Home() + ClientFile, "[S]\nouter=1\ninner=2\n");
+    keeper.Serve("late");
+    EXPECT_EQ(OutputOf(keeper.InRole("asker", {"inside"})), "TRUE 1\n0\nTRUE 2\n");
+}
+
+TEST(CfgRemote, WrongReplies) {
+    Keeper keeper;
+    keeper.Serve("liar");
+    Text refused;
+    for (int n = 0; n < 4; n++) refused += "FALSE default\n";
+    EXPECT_EQ(OutputOf(keeper.InRole("deceived", {})), refused + "FALSE\nFALSE\nFALSE\n");
+}
+
+// Nobody serves; the server is killed with the request; it answers only the next call, which must
+// not take the reply to the first. All at the same time, as each takes the full time.
+TEST(CfgRemote, NoReplyInTime) {
+    Keeper nobody, killed, silent;
+    WriteFile(silent.Home() + ClientFile, "[S]\nouter=1\ninner=2\n");
+    Process& victim = killed.Serve("late");
+    silent.Serve("late");
+    Process askers[] = {nobody.InRole("asker", {"once"}), killed.InRole("asker", {"once"}),
+                        silent.InRole("asker", {"again"})};
+    EXPECT_EQ(victim.Line(), "asked");
+    victim.Signal(SIGKILL);
+    for (Process& process : askers) {
+        EXPECT_EQ(process.Line(), "FALSE default");
+        const int seconds = std::stoi("0" + process.Line());
+        EXPECT_TRUE(seconds >= 29 && seconds <= 35) << seconds;
+        EXPECT_EQ(process.Line(), &process == &askers[2] ? "TRUE 2" : "");
+        EXPECT_EQ(process.Wait(), 0);
+    }
+}
+
+TEST(MachineInfo, NetworkManagerIsAsked) {
+    Machine machine;
+    machine.KnowMachines("[other]\nId=5\n");
+    machine.Configure("tlnmgr.cfg", "[Network]\nManager Port=0\n");
+    ASSERT_TRUE(machine.Start());
+    EXPECT_EQ(OutputOf(machine.InRole("finder", {})), "TRUE\nFALSE\nFALSE\n");
+    ASSERT_TRUE(machine.StartNetwork());
+    EXPECT_EQ(OutputOf(machine.InRole("finder", {})), "TRUE\nTRUE\nTRUE\n");
+}
+
+}  // namespace
