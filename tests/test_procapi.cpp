@@ -1,6 +1,5 @@
 // What a process asks of process managers, and how it shows itself. What is sent is caught in the
-// place of the function that sends it and compared as text: CLASS(FIELD,...), with "-" for nothing
-// and [ITEM ...] for a list. Addresses are "machine:id", with "." for this machine.
+// place of the function that sends it and compared as text (support/shown.h).
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
@@ -18,6 +17,7 @@
 #include "core/task.h"
 #include "support/files.h"
 #include "support/leftovers.h"
+#include "support/shown.h"
 
 using Text = std::string;
 using std::to_string;
@@ -28,37 +28,6 @@ bool g_refuse = false;  // sending fails
 int32 g_state = -2;     // what managers answer; -2: something else
 Text g_sent;
 int g_signalled = 0;  // calls of the system
-
-Text Name(const char* pstrName) {
-    if (pstrName == nullptr) return "-";
-    return Text(pstrName) == SysLocalMachineName() ? "." : pstrName;
-}
-
-Text Shown(void* oObject) {
-    if (oObject == nullptr) return "-";
-    if (ObjCheckTypeInternal(oObject, MsgAddressMagic) == TRUE) {
-        const auto* oAddress = static_cast<MsgAddressO>(oObject);
-        return Name(oAddress->pstrMachineName) + ":" + to_string(oAddress->tProcessId);
-    }
-    Text all;
-    if (ListIsList(oObject) == TRUE) {
-        for (auto* oNode = static_cast<ListO>(oObject)->oFirst; oNode; oNode = oNode->oNext)
-            all += (all.empty() ? "" : " ") + Shown(oNode->oData);
-        return "[" + all + "]";
-    }
-    const ObjDbDataT* data = ObjGetDbData(oObject);
-    for (int32 i = 0; i < data->lFieldCount; i++) {
-        void* field = static_cast<char*>(oObject) + data->atFields[i].lObjOffset;
-        const auto type = data->atFields[i].eType;
-        if (type == eObjComponentString)
-            all += "," + Name(*static_cast<char**>(field));
-        else if (type == eObjComponentForwardLink)
-            all += "," + Shown(*static_cast<void**>(field));
-        else
-            all += "," + to_string(*static_cast<int32*>(field));
-    }
-    return Text(ObjNameFromObject(oObject)) + "(" + all.substr(1) + ")";
-}
 
 struct Peer : ObjHolder<MsgAddressS> {
     Peer(const char* machine, ProcIdT tId) { MsgMakeAddress(Address(), machine, tId); }
@@ -76,7 +45,7 @@ Text Sent() { return std::exchange(g_sent, ""); }
 Text Received() {
     ObjHolder<MsgMessageS> message;
     if (MsgReceiveCount() == 0 || MsgReceive(message.Address(), nullptr) != TRUE) return "";
-    return to_string(MsgType(message.Get())) + " " + Shown(message.Get()->oObject);
+    return to_string(MsgType(message.Get())) + " " + ObjectText(message.Get()->oObject);
 }
 
 // Machines of three kinds, and a task of none.
@@ -106,7 +75,7 @@ BooleanT CatchObject(MsgAddressO oAddress, MsgTypeT tMsgType,
                      void* oObject) asm("__wrap__Z13MsgSendObjectP11MsgAddressSiPv");
 BooleanT CatchObject(MsgAddressO oAddress, MsgTypeT tMsgType, void* oObject) {
     if (g_refuse) return FALSE;
-    g_sent += Shown(oAddress) + " " + to_string(tMsgType) + " " + Shown(oObject) + "; ";
+    g_sent += ObjectText(oAddress) + " " + to_string(tMsgType) + " " + ObjectText(oObject) + "; ";
     if (tMsgType == PMGR_GET_PROCESS_STATE_MSG) {
         ObjHolder<PmgrGetProcessStateReturnS> reply(
             ObjNew<PmgrGetProcessStateReturnS>(PmgrGetProcessStateReturnMagic, "o;i;"));
@@ -181,7 +150,7 @@ TEST_F(Requests, Tasks) {
         EXPECT_EQ(Sent(), c.sent);
         EXPECT_EQ(Received(), c.received);
     }
-    EXPECT_EQ(Shown(task.Get()), mine);  // the request's own object is not in it
+    EXPECT_EQ(ObjectText(task.Get()), mine);  // the request's own object is not in it
     // No address at all; a send that fails.
     auto* notAnAddress = static_cast<ProcAddressO>(static_cast<void*>(data.Get()));
     EXPECT_EQ(ProcGiveServiceATask(notAnAddress, nullptr, nullptr, FALSE, nullptr, 9), FALSE);
@@ -271,7 +240,7 @@ TEST(Tasks, BadArgumentsAndNoServer) {
     WriteInHome("config/configure.cfg", "[Details]\nServer=FALSE\nTLBuildLevel=8\n");
     ObjHolder<TaskContextS> own;
     ASSERT_EQ(TaskCreateContext(own.Address()), TRUE);
-    EXPECT_EQ(Shown(own.Get()), "TaskContext(-,0,0,-,-)");  // this is no server
+    EXPECT_EQ(ObjectText(own.Get()), "TaskContext(-,0,0,-,-)");  // this is no server
     TraceCapture trace;
     EXPECT_EQ(TaskSetContextObject(own.Get(), nullptr) + TaskSetContextObject(nullptr, own.Get()),
               FALSE);

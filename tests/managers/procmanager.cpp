@@ -128,8 +128,7 @@ void Died(ProcIdT tId) {
     TableRemove(tId);
     const ObjHolder<MsgAddressS> oDead(LocalAddressOf(tId));
     for (const auto& [machine, tWatcher] : tDead.tWatchers) {
-        ObjHolder<MsgAddressS> oWatcher;
-        MsgMakeAddress(oWatcher.Address(), machine.c_str(), tWatcher);
+        const ObjHolder<MsgAddressS> oWatcher(AddressOf(machine.c_str(), tWatcher));
         TellDied(oWatcher.Get(), oDead.Get());
     }
     TaskFailed(&tDead);

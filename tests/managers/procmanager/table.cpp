@@ -116,9 +116,7 @@ void TableSendPlace(const Managed& tProcess, bool bProgress) {
 }
 
 MsgAddressO LocalAddressOf(ProcIdT tId) {
-    MsgAddressO oAddress = nullptr;
-    MsgMakeAddress(&oAddress, MsgGetMachineName(MsgLocalAddress()), tId);
-    return oAddress;
+    return AddressOf(MsgGetMachineName(MsgLocalAddress()), tId);
 }
 
 void SendTo(ProcIdT tId, MsgTypeT tMsgType, void* oBody) {

@@ -1,0 +1,445 @@
+// Becoming a managed process. First alone: a child process has its interprocess link on one end of
+// a pair of sockets, and what its managers say lies in the other before it begins; segments are
+// made by hand. Then with managers, as processes of one machine.
+#include <sys/shm.h>
+#include <sys/socket.h>
+
+#include <sstream>
+
+#include "core/context.h"
+#include "core/kilntime.h"
+#include "core/list.h"
+#include "core/msgchannel.h"
+#include "core/objwrappers.h"
+#include "core/procapi.h"
+#include "core/procinit.h"
+#include "support/files.h"
+#include "support/leftovers.h"
+#include "support/machine.h"
+#include "support/messages.h"
+#include "support/shown.h"
+
+using Text = std::string;
+using std::to_string;
+
+namespace {
+
+// A segment of this test, as another process manager would make it.
+class Segment {
+ public:
+    explicit Segment(std::size_t size)
+        : id(shmget(IPC_PRIVATE, size, 0600)), m_base(static_cast<char*>(shmat(id, nullptr, 0))) {}
+    ~Segment() {
+        shmdt(m_base);
+        Remove();
+    }
+    void Remove() const { shmctl(id, IPC_RMID, nullptr); }
+    Segment(const Segment&) = delete;
+    Segment& operator=(const Segment&) = delete;
+    template <class T>
+    T* At(int32 offset) const {
+        return reinterpret_cast<T*>(m_base + offset);
+    }
+    int32& Word(int32 offset) const { return *At<int32>(offset); }
+    int Attached() const {
+        shmid_ds status = {};
+        shmctl(id, IPC_STAT, &status);
+        return static_cast<int>(status.shm_nattch);
+    }
+    int id;
+
+ private:
+    char* m_base;
+};
+
+// Record, progress buffer and reference time, each up to the next or the end of the segment.
+constexpr int32 DetailsAt = 8, TraceAt = DetailsAt + 104, TraceBytes = 3000;
+constexpr int32 ProgressAt = TraceAt + 16 + TraceBytes, ProgressBytes = 40;
+constexpr int32 KilnAt = ProgressAt + 8 + ProgressBytes, Whole = KilnAt + 44;
+constexpr int32 Slots = 3, TableBytes = 4 + Slots * 12;
+static_assert(KilnAt % 8 == 0);
+
+struct Memory {
+    Segment details{Whole};
+    Segment table{TableBytes};
+    Memory() {
+        std::strcpy(details.At<char>(DetailsAt), "titled");
+        details.Word(TraceAt) = TraceBytes;
+        details.Word(ProgressAt) = ProgressBytes;
+        details.At<KilnTimeOffsetT>(KilnAt)->llUTCOffset = 5000;
+        details.At<KilnTimeOffsetT>(KilnAt)->bHaveOffset = 1;
+        table.Word(0) = Slots;
+        table.Word(4) = 77;
+    }
+    void Remove() const {
+        details.Remove();
+        table.Remove();
+    }
+    PmgrAttachToUnixShmS Place() const {
+        return {details.id, table.id, DetailsAt, ProgressAt, KilnAt};
+    }
+};
+
+struct Place : New<PmgrAttachToUnixShmS> {
+    explicit Place(const Memory& memory)
+        : New(PmgrAttachToUnixShmMagic, "i;i;i;i;i;", memory.Place()) {}
+};
+
+// From the process manager.
+struct Said : Packet {
+    explicit Said(MsgTypeT type, void* body = nullptr) {
+        const ::Address from(At(".:1")), to(At(".:107"));
+        EXPECT_EQ(MsgCreatePacket(Address(), to.Get(), from.Get(), type, body), TRUE);
+    }
+};
+
+// --- a process alone ---
+
+// What the managers say to the process, and what it has said; spoken on the link's other end.
+class Managers {
+ public:
+    Managers() {
+        int ends[2];
+        if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) std::abort();
+        m_end = ends[1];
+        MsgChannelCreateInternal(&gtTlContext.sMsg.oIpcChannel, ends[0], MsgCommMgrAddress(),
+                                 eMsgChannelBlocking, eMsgChannelNotifyDown, eMsgChannelIpcChannel,
+                                 eMsgChannelDoNotWaitForOk, eMsgChannelNotGuiChannel);
+    }
+    void Say(MsgTypeT type, void* body = nullptr) const {
+        const Said said(type, body);
+        const auto& bytes = said.Get()->tMessage;
+        if (send(m_end, bytes.pData, static_cast<size_t>(bytes.lSize), 0) != bytes.lSize) abort();
+    }
+    // "L=name" sets a locale ("L=" none, "L" without a body), "A" gives the place, "E" hangs up,
+    // any other word is the number of a type.
+    void Say(const Text& word, const Memory& memory) const {
+        const Place place(memory);
+        const New<PmgrSetLocaleS> locale(PmgrSetLocaleMagic, "s;o;");
+        if (word.size() > 2) locale->pstrLocale = StrDuplicate(word.c_str() + 2);
+        if (word[0] == 'L')
+            Say(PMGR_SET_LOCALE_MSG, word == "L" ? nullptr : locale.Get());
+        else if (word == "E")
+            shutdown(m_end, SHUT_WR);
+        else
+            Say(word == "A" ? PMGR_ATTACH_TO_SHM_MSG : std::stoi(word), place.Get());
+    }
+    // Types, receivers and bodies of what has been said to them; after the library's end only
+    // types.
+    Text Heard(bool bodies) const {
+        Text all;
+        Text bytes(65536, '\0');
+        bytes.resize(static_cast<size_t>(
+            std::max<ssize_t>(recv(m_end, bytes.data(), bytes.size(), MSG_DONTWAIT), 0)));
+        while (!bytes.empty()) {
+            MsgHeaderT header;
+            std::memcpy(&header, bytes.data(), sizeof(header));
+            all += " " + to_string(header.tMsgType);
+            if (bodies) {
+                const New<MsgPacketS> packet(MsgPacketMagic, "d;");
+                packet->tMessage.pData = MemAllocateFromPool(header.lLength, MemGetDefaultPoolId());
+                packet->tMessage.lSize = header.lLength;
+                bytes.copy(static_cast<char*>(packet->tMessage.pData), packet->tMessage.lSize);
+                ObjHolder<void> body;
+                MsgObjectFromPacketInternal(body.Address(), packet.Get(), 0);
+                all +=
+                    ">" + to_string(header.tDestination.tProcessId) + " " + ObjectText(body.Get());
+            }
+            bytes.erase(0, static_cast<size_t>(header.lLength));
+        }
+        // The numbers that the system has given.
+        for (const char* end : {",", ")"}) {
+            const Text real = "," + to_string(getpid()) + end;
+            for (size_t at; (at = all.find(real)) != Text::npos;)
+                all.replace(at, real.size(), Text(",PID") + end);
+        }
+        return all;
+    }
+
+ private:
+    int m_end;
+};
+
+struct Start {
+    const char* id;
+    Text script;  // what the managers say
+    Text seen;    // what comes of it
+    void (*set)(ProcInitializeArgsO) = nullptr;
+};
+
+BooleanT Join(const Start& start, const Managers& managers, const Memory& memory) {
+    std::istringstream words(start.script);
+    for (Text word; words >> word;) managers.Say(word, memory);
+    ProcInitializeArgsO args = ProcNewInitializeArgs();
+    if (start.id != nullptr) args->pstrProcId = StrDuplicate(start.id);
+    if (start.set != nullptr) start.set(args);
+    return ProcInitializeArgs(&args);
+}
+
+// Result, id, name, locale | what is received afterwards | what the managers have heard | errors.
+Text Started(const Start& start) {
+    const Memory memory;
+    const RunResult result = InChild([&] {
+        const TraceCapture trace;
+        const Managers managers;
+        MsgQuickExit(TRUE);  // nobody hangs up
+        const bool joined = Join(start, managers, memory) == TRUE;
+        Text text = "failed |";
+        if (joined) {
+            char* locale = nullptr;
+            LocaleGetLocale(&locale);
+            text = to_string(ProcGetId()) + " " + NameText(ProcName()) + " " + Owned(locale) + " |";
+            while (MsgReceiveCount() > 0) {
+                Packet packet;
+                MsgReceivePacket(packet.Address(), nullptr);
+                text += " " + to_string(MsgPacketMsgType(packet.Get()));
+            }
+        }
+        text += " |" + managers.Heard(joined) + " |";
+        for (const auto& record : trace.Records()) {
+            const bool error = record.module == "PROCESS" && record.level == -1;
+            if (error && record.text.find("ProcInitializeTags") == Text::npos)
+                text += " " + record.text + ";";
+        }
+        std::printf("%s", text.c_str());
+        return std::fflush(stdout);
+    });
+    return result.signal == 0 ? result.output : "signal " + to_string(result.signal);
+}
+
+Text Initial(const Text& legacy, int flags = 0) {
+    return " 1040>1 PmgrProcessInitialStatus(PmgrProcessStatus(" + legacy + ")," +
+           to_string(flags) + ",-)";
+}
+Text Status(int status) { return " 1004>1 PmgrProcessStatus(" + to_string(status) + ",0,0,0,0,0)"; }
+
+// Joins as the process of an id, asks to be ended, and prints what comes of it: id, how, code.
+int End(const std::vector<Text>& arguments) {
+    static Memory* memory = new Memory;  // its segments outlive the process's use of them
+    static Managers* managers = new Managers;
+    const Text how = arguments[1];
+    MsgQuickExit(TRUE);
+    const char* id = arguments[0] == "-" ? nullptr : arguments[0].c_str();
+    const bool joined = Join({id, how == "fails" ? "5" : "A", ""}, *managers, *memory) == TRUE;
+    memory->Remove();
+    MsgQuickExit(BooleanFrom(arguments[2] != "-2"));
+    if (!joined) return raise(SIGTERM);
+    managers->Heard(true);
+    const auto tell = [](void* /*argument*/, int32 code) {
+        std::printf("%d%s", code, managers->Heard(true).c_str());
+        std::fflush(stdout);
+    };
+    ProcAddCleanupRoutine(tell, nullptr);
+    if (how == "twice") ProcAddCleanupRoutine([](void*, int32) { raise(SIGTERM); }, nullptr);
+    if (how == "signal") raise(SIGTERM);
+    ProcCleanup(std::stoi(arguments[2]));
+    return 99;
+}
+const Role endRole("end", End);
+
+}  // namespace
+
+TEST(ProcInit, WhatManagersSayInEveryOrder) {
+    WriteInHome("locale/Welsh/locale.ctl", "1 \"un\"\n");
+    const Text plain = Initial("0,0,0,0,0,0") + Status(3) + " |";
+    const Start starts[] = {
+        {"107", "A", "107 titled <null> | |" + plain},
+        {"+107", "7001 L=Welsh 7002 1005 A 7003",
+         "107 titled Welsh | 7001 7002 1005 7003 |" + plain},
+        {"107", "L= L L=Dutch 7001 A",
+         "107 titled Dutch | 7001 |" + plain +
+             " No locale in PMGR_SET_LOCALE_MSG; Bad/No object in PMGR_SET_LOCALE_MSG;"
+             " Failed to set 'Dutch' from PMGR_SET_LOCALE_MSG;"},
+        {"2", "", "2 Communication Manager <null> | | |"},
+        // Without an id, and a child of process 5: both learn theirs.
+        {nullptr, "7001 A 7002",
+         "107 titled <null> | 7001 7002 |" + Initial("1,PID,0,0,0,0") + Status(3) + " |"},
+        {"-5", "A",
+         "107 titled <null> | |" + Initial("1,PID,0,0,0,0") + Status(3) +
+             " 2725>5 MsgChildInitialized(107,PID) 1005>1 PmgrNotifyOnDeath(.:5) |"},
+        {" 107", "A", "107 child <null> | |" + Initial("0,0,0,1,1,0", 1) + Status(2) + " |",
+         [](ProcInitializeArgsO args) {
+             args->bWaitForTask = args->bWithProgress = args->bViewer = args->bNewStyleTasks = TRUE;
+             args->pstrName = StrDuplicate("child");
+         }},
+        // What are no ids.
+        {"12x", "A", "failed | | 1004 |"},
+        {"12 ", "A", "failed | | 1004 |"},
+        {"", "A", "failed | | 1004 |"},
+        {"4294967297", "A", "failed | | 1004 |"},
+        {"-2147483648", "A", "failed | | 1004 |"},
+        // The link fails, or its other end does, before and after the locale.
+        {"107", "7001 5 A", "failed | | 1040 1004 | Message subsystem has failed (5);"},
+        {"107", "L=Welsh 6 A", "failed | | 1040 1004 | Message subsystem has failed (6);"},
+        {nullptr, "7001 E", "failed | | 1040 | Message subsystem has failed (3);"},
+    };
+    for (const Start& start : starts) {
+        EXPECT_EQ(Started(start), start.seen)
+            << (start.id == nullptr ? "-" : start.id) << ": " << start.script;
+    }
+}
+
+TEST(ProcInit, EndsOnceInEveryWay) {
+    const struct {
+        const char* id;
+        const char* how;
+        const char* code;
+        int exitCode;  // -1: of the signal
+        Text told;     // the code, and what the process manager hears
+    } cases[] = {
+        {"107", "once", "0", 0, "0" + Status(4)},
+        {"107", "once", "-1", 1, "-1" + Status(6)},
+        {"107", "once", "-2", 0, "0" + Status(4)},
+        {"107", "once", "7", 1, "7" + Status(4)},
+        {"107", "twice", "0", 0, "0" + Status(4)},
+        {"107", "signal", "0", 1, "15" + Status(4)},
+        {"-", "signal", "0", -1, ""},  // an adopted process has its own ways
+        {"107", "fails", "0", -1, ""},
+    };
+    for (const auto& c : cases) {
+        Process process = Process::InRole("end", {c.id, c.how, c.code}, TestHome());
+        EXPECT_EQ(process.Wait(), c.exitCode) << c.id << c.how << c.code;
+        EXPECT_EQ(process.Rest(), c.told) << c.id << c.how << c.code;
+    }
+}
+
+TEST(ProcInit, TraceFiles) {
+    const struct {
+        const char* file;
+        BooleanT isName;
+        Text configured, made;
+    } cases[] = {
+        {"given.txt", FALSE, "", "given.txt"},
+        {"made", TRUE, "", "made.log made107.log"},
+        {"made", TRUE, "own", "made.log own107.log"},
+        {"", TRUE, "", ""},
+    };
+    static const char* file;
+    static BooleanT isName;
+    for (const auto& c : cases) {
+        const TempDir directory;
+        WriteInHome("config/configure.cfg",
+                    "[Trace]\nTrace To File=TRUE\n[Directories]\nTrace=" + directory.Path() + "\n");
+        WriteInHome("config/programs.cfg", "[titled]\nTrace to File=" + c.configured + "\n");
+        file = c.file;
+        isName = c.isName;
+        Started({"107", "A", "", [](ProcInitializeArgsO args) {
+                     args->pstrTraceFile = StrDuplicate(file);
+                     args->bUseTraceName = isName;
+                 }});
+        Text made;
+        for (const Text& name : ListDir(directory.Path())) made += (made.empty() ? "" : " ") + name;
+        EXPECT_EQ(made, c.made);
+    }
+    WriteInHome("config/configure.cfg", "");
+    WriteInHome("config/programs.cfg", "");
+}
+
+// --- the shared memory ---
+
+TEST(ProcAttach, EveryPlaceIsInsideItsSegment) {
+    enum Where { Field, Details, Table, Title };  // a field's number, offsets of words, a length
+    constexpr int32 segment = 0, table = 1, record = 2, progress = 3, kiln = 4;
+    constexpr int32 traceRoom = Whole - TraceAt - 16, progressRoom = Whole - ProgressAt - 8;
+    const struct {
+        Where where;
+        int32 at, value;
+        BooleanT viewer, attached;
+    } cases[] = {
+        {Field, record, DetailsAt, FALSE, TRUE},  // as it should be
+        {Field, record, DetailsAt, TRUE, TRUE},
+        {Field, segment, -1, FALSE, FALSE},
+        {Field, segment, INT_MAX, FALSE, FALSE},
+        {Field, table, -1, FALSE, TRUE},  // not looked at
+        {Field, table, -1, TRUE, FALSE},
+        {Table, 0, -1, TRUE, FALSE},
+        {Table, 0, Slots + 1, TRUE, FALSE},
+        {Table, 0, INT_MAX, TRUE, FALSE},
+        {Field, record, -8, FALSE, FALSE},
+        {Field, record, DetailsAt + 1, FALSE, FALSE},
+        {Field, record, Whole - 116, FALSE, FALSE},
+        {Field, record, INT_MAX & ~7, FALSE, FALSE},
+        {Details, TraceAt, traceRoom, FALSE, TRUE},
+        {Details, TraceAt, traceRoom + 1, FALSE, FALSE},
+        {Details, TraceAt, INT_MAX, FALSE, FALSE},
+        {Details, TraceAt, -1, FALSE, FALSE},
+        {Title, 0, 79, FALSE, TRUE},
+        {Title, 0, 80, FALSE, FALSE},
+        {Field, progress, 0, FALSE, TRUE},  // none
+        {Field, progress, -4, FALSE, FALSE},
+        {Field, progress, Whole - 4, FALSE, FALSE},
+        {Field, progress, Whole, FALSE, FALSE},
+        {Details, ProgressAt, progressRoom, FALSE, TRUE},
+        {Details, ProgressAt, progressRoom + 1, FALSE, FALSE},
+        {Details, ProgressAt, INT_MIN, FALSE, FALSE},
+        {Details, ProgressAt + 4, ProgressBytes, FALSE, TRUE},
+        {Details, ProgressAt + 4, ProgressBytes + 1, FALSE, FALSE},
+        {Details, ProgressAt + 4, -1, FALSE, FALSE},
+        {Field, kiln, KilnAt + 1, FALSE, FALSE},
+        {Field, kiln, KilnAt + 8, FALSE, FALSE},
+        {Field, kiln, INT_MIN, FALSE, FALSE},
+    };
+    const NothingLeft nothing;
+    for (const auto& c : cases) {
+        const Memory memory;
+        const Place place(memory);
+        SCOPED_TRACE(to_string(c.where) + " " + to_string(c.at) + " " + to_string(c.value));
+        if (c.where == Field) (&place->tDetailsId)[c.at] = c.value;
+        if (c.where == Details) memory.details.Word(c.at) = c.value;
+        if (c.where == Table) memory.table.Word(c.at) = c.value;
+        if (c.where == Title)
+            std::memset(memory.details.At<char>(DetailsAt), 'x', static_cast<size_t>(c.value));
+        EXPECT_EQ(ProcAttachSharedMemory(Said(PMGR_ATTACH_TO_SHM_MSG, place.Get()).Get(), c.viewer),
+                  c.attached);
+        EXPECT_EQ(ProcTitle() != nullptr, c.attached == TRUE);
+        EXPECT_EQ(memory.details.Attached(), 1 + c.attached);
+        EXPECT_EQ(memory.table.Attached(), 1 + (c.attached & c.viewer));
+        ProcDetachSharedMemory();
+        EXPECT_EQ(memory.details.Attached() + memory.table.Attached(), 2);
+        ProcSetName(nullptr);
+    }
+    EXPECT_EQ(ProcAttachSharedMemory(Said(PMGR_ATTACH_TO_SHM_MSG).Get(), FALSE), FALSE);
+}
+
+TEST(ProcAttach, WhatLiesInIt) {
+    const NothingLeft nothing;
+    const Memory memory;
+    const Place place(memory);
+    const Said said(PMGR_ATTACH_TO_SHM_MSG, place.Get());
+    auto* trace = memory.details.At<TraceBufHeaderT>(TraceAt);
+    TraceBufHeaderT* const own = TraceGetBuffer();
+    for (int again = 0; again < 2; again++)  // the second time in the place of the first
+        ASSERT_EQ(ProcAttachSharedMemory(said.Get(), TRUE), TRUE);
+    EXPECT_EQ(memory.details.Attached(), 2);
+    EXPECT_STREQ(ProcName(), "titled");
+    ProcSetTitle("another");
+    EXPECT_STREQ(memory.details.At<char>(DetailsAt), "another");
+    const ObjHolder<ObjIntegerS> object(ObjIntegerNew(1));
+    EXPECT_EQ(memory.details.Word(DetailsAt + 80), MemUsedCount());
+    EXPECT_EQ(memory.details.Word(DetailsAt + 92), ObjCount());
+    LocaleSetLocale(nullptr);
+    const TraceMessageHeaderT* newest = TraceCurrentMessage(trace);  // as others see it
+    ASSERT_NE(newest, nullptr);
+    EXPECT_STREQ(reinterpret_cast<const char*>(newest + 1), "LocaleSetLocale((null))");
+    EXPECT_EQ(ProcGetProgressBuffer()->lBufferSize, ProgressBytes);
+    TimeT reference = 0;
+    KilnTime(&reference);
+    EXPECT_LE(std::abs(TimeNow() - 5 - reference), 2);
+    EXPECT_EQ(ProcTableSlots(gtTlContext.sProcess.ptProcessTable)->tProcessId, 77);
+    EXPECT_EQ(InChild([] { return gtTlContext.sProcess.ptProcessTable->lSlotCount = 0; }).signal,
+              SIGSEGV);
+    // Offsets that another process's slot may hold.
+    EXPECT_STREQ(ProcDetailsAt(DetailsAt)->strTitle, "another");
+    EXPECT_EQ(static_cast<char*>(ProcShmAddress(Whole - 1)) - static_cast<char*>(ProcShmAddress(0)),
+              Whole - 1);
+    for (const int32 outside : {-8, Whole, Whole - 64, INT_MIN, INT_MAX & ~7})
+        EXPECT_EQ(ProcDetailsAt(outside), nullptr) << outside;
+    EXPECT_EQ(ProcShmAddress(Whole), nullptr);
+    ProcDetachSharedMemory();
+    EXPECT_EQ(TraceGetBuffer(), own);
+    EXPECT_EQ(ProcTitle(), nullptr);
+    EXPECT_EQ(ProcGetProgressBuffer(), nullptr);
+    EXPECT_EQ(KilnTime(nullptr), FALSE);
+    EXPECT_EQ(ProcShmAddress(0), nullptr);
+    ProcSetName(nullptr);
+}
