@@ -19,6 +19,8 @@
 #include "support/messages.h"
 #include "support/shown.h"
 
+TRACE_MODULE("PROGRAM")
+
 using Text = std::string;
 using std::to_string;
 
@@ -442,4 +444,270 @@ TEST(ProcAttach, WhatLiesInIt) {
     EXPECT_EQ(KilnTime(nullptr), FALSE);
     EXPECT_EQ(ProcShmAddress(0), nullptr);
     ProcSetName(nullptr);
+}
+
+// --- processes of a machine ---
+
+namespace {
+
+constexpr int32 Again = 4, DieInCleanup = 7, Restart = 9;  // tasks other than to tell of themselves
+
+void Say(const Text& text) {
+    std::printf("%s\n", text.c_str());
+    std::fflush(stdout);
+}
+
+int32 NumberIn(MsgMessageO message) {
+    auto* task = static_cast<PmgrTaskO>(message->oObject);
+    return ObjGetInteger(static_cast<ObjIntegerO>(task->oUserArguments));
+}
+
+void DoTask(const Text& name, int32 number) {
+    char* locale = nullptr;
+    LocaleGetLocale(&locale);
+    Say(name + " does " + to_string(number) + " in " + Owned(locale));
+    TraceMessageInline(1, 0, -1, "task %d", number);
+    if (number == DieInCleanup)
+        ProcAddCleanupRoutine([](void*, int32) { raise(SIGKILL); }, nullptr);
+    if (number == DieInCleanup) ProcCleanup(0);
+    if (number == Restart) ProcCleanup(-1);
+    if (number != Again) ProcSendStatus(eProcStatusTaskRequired);
+}
+
+// A program that the process manager or another process starts: name, id.
+int Program(const std::vector<Text>& arguments) {
+    const Text& name = arguments[0];
+    const bool isService = name == "echo";
+    if (ProcInitialize(arguments[1].c_str(), BooleanFrom(isService)) != TRUE) return 9;
+    if (!isService) Say(name + " up " + to_string(getpid()));
+    if (name == "first") ProcSendSODReady(ePSODROK);
+    if (name == "evening") ProcCleanup(0);
+    for (;;) {
+        Message message;
+        if (MsgReceive(message.Address(), nullptr) != TRUE) continue;
+        const MsgTypeT type = MsgType(message.Get());
+        if (type == PMGR_TASK_MSG) DoTask(name, NumberIn(message.Get()));
+        if (type == PMGR_PROCESS_DIED_MSG) Say(name + " is alone");
+        if (type == PMGR_PROCESS_DIED_MSG) ProcCleanup(0);
+        if (type != PMGR_KILL_YOURSELF_MSG || name == "stubborn") continue;
+        Say(name + " is asked to end");
+        ProcCleanup(0);
+    }
+}
+const Role programRole("program", Program);
+
+// --- what one process asks of the managers ---
+
+const ProcHandleT* SlotOf(ProcIdT id) {
+    const ProcProcessTableT* table = gtTlContext.sProcess.ptProcessTable;
+    const ProcHandleT* slots = ProcTableSlots(table);
+    const auto* end = slots + table->lSlotCount;
+    const auto* found = std::find_if(slots, end, [id](auto& s) { return s.tProcessId == id; });
+    return found == end ? nullptr : found;
+}
+
+void AwaitState(ProcIdT id, int32 state) {
+    for (int n = 0; n < 6000; n++) {
+        const ProcHandleT* slot = SlotOf(id);
+        if ((slot == nullptr ? eProcStateUnknown : slot->eState) == state) return;
+        MsgPendingWithTimeout(5);
+    }
+    Say("never in state " + to_string(state));
+}
+
+MsgMessageO Await(MsgTypeT type) {
+    MsgMessageO message = nullptr;
+    const TimeoutIn limit(30000);
+    if (MsgReceiveMsgTypeFromAddress(&message, type, nullptr, limit.Get()) != TRUE)
+        Say("no message " + to_string(type));
+    return message;
+}
+
+// The id of the process that has the task, or the code of the error as a negative number.
+int32 TaskAnswer() {
+    const Message message(Await(PMGR_GIVE_SERVICE_A_TASK_RETURN_MSG));
+    auto* answer = static_cast<PmgrGiveServiceATaskReturnO>(message.Get()->oObject);
+    return answer->bSuccess == TRUE ? MsgGetProcessId(answer->oAddress) : -answer->lErrorCode;
+}
+
+int32 Task(const char* service, int32 number, const char* password = nullptr) {
+    const ObjHolder<ObjIntegerS> data(ObjIntegerNew(number));
+    ObjHolder<ProcAddressS> address;
+    ProcCreateAddress(address.Address(), SysLocalMachineName(), service, 4);
+    ProcGiveServiceATask(address.Get(), "Welsh", password, FALSE, data.Get(), 1);
+    return TaskAnswer();
+}
+
+int32 TaskWithCookie(int32 cookie) {
+    const New<ProcAddressS> service(ProcAddressMagic, "s;s;i;", {nullptr, StrDuplicate("Echo"), 4});
+    const New<PmgrGiveServiceATaskS> task(PmgrGiveServiceATaskMagic, "o;s;i;s;b;o;i;");
+    task->oProcAddress = service.Get();
+    ObjIncRefCount(service.Get());
+    task->lSecurityCookie = cookie;
+    MsgSendObject(MsgProcMgrAddress(), PMGR_GIVE_SERVICE_A_TASK_MSG, task.Get());
+    return TaskAnswer();
+}
+
+Text Death() {
+    const Message message(Await(PMGR_PROCESS_DIED_MSG));
+    return message.Get() == nullptr ? "" : ObjectText(message.Get()->oObject);
+}
+Text DeathOf(ProcIdT id) { return "PmgrProcessDied(.:" + to_string(id) + ")"; }
+
+// True when all went as it should; what did not is said.
+int Ask(const std::vector<Text>& arguments) {
+    int failures = 0;
+    const auto check = [&failures](bool good, const Text& what) {
+        if (!good) Say("not: " + what);
+        failures += good ? 0 : 1;
+    };
+    check(ProcInitializeTags(OBJ_TAG_BEGIN, 4, TRUE, 5, TRUE, 9, "the asker", OBJ_TAG_END) == TRUE,
+          "joins");
+    const ProcIdT own = ProcGetId();
+    check(own >= 100 && SlotOf(own)->eState == eProcStateBusy && ProcTitle() == Text("the asker") &&
+              ProcDetailsAt(SlotOf(own)->lDetailsOffset) == gtTlContext.sProcess.ptDetails &&
+              ProcGetProgressBuffer()->lBufferSize > 0,
+          "sees itself");
+    TimeT reference = 0;
+    KilnTime(&reference);
+    check(std::abs(TimeNow() - 7200 - reference) <= 2, "reference time");
+
+    const ProcIdT echo = Task("Echo", 5);
+    AwaitState(echo, eProcStateReady);
+    check(echo >= 100 && Task("Echo", 6) == echo, "one process does both");
+    AwaitState(echo, eProcStateReady);
+    ProcDetailsT* other = ProcDetailsAt(SlotOf(echo)->lDetailsOffset);
+    const char* trace = reinterpret_cast<char*>(TraceCurrentMessage(&other->tTraceBuffer) + 1);
+    check(Text(other->strTitle) == "Echo" && other->lMemCount > 0 && Text(trace) == "task 6",
+          "sees the other");
+    MsgSendObject(MsgProcMgrAddress(), PMGR_GIVE_SERVICE_A_TASK_MSG, nullptr);
+    const struct {
+        int32 code, answer;
+    } answers[] = {
+        {7, TaskAnswer()},        {15, Task("Nobody", 1)}, {11, Task("Typed", 1)},
+        {14, Task("Missing", 1)}, {1, Task("Fails", 1)},   {4, Task("Locked", 1, "wrong")},
+        {3, TaskWithCookie(5)},
+    };
+    for (const auto& a : answers) check(a.answer == -a.code, "error " + to_string(a.code));
+    check(Task("Locked", Again, "secret") > 0 && Task("Locked", 1, "secret") == -13, "only one");
+    check(ProcIsProcessRunning(echo, SysLocalMachineName()) == TRUE &&
+              ProcIsProcessRunning(9999, SysLocalMachineName()) == FALSE,
+          "state");
+
+    const Address echoAddress(At(".:" + to_string(echo)));
+    ProcInformOnDeath(echoAddress.Get());
+    ProcKillProcess(echoAddress.Get(), 1);
+    check(Death() == DeathOf(echo) && SlotOf(echo) == nullptr, "told of a death");
+    ProcInformOnDeath(echoAddress.Get());
+    check(Death() == DeathOf(echo), "told of one that is dead already");
+    const ProcIdT second = Task("Echo", 1);
+    const Address secondAddress(At(".:" + to_string(second)));
+    ProcInformOnDeath(secondAddress.Get());
+    ProcCancelInformOnDeath(secondAddress.Get());
+    ProcKillProcess(secondAddress.Get(), 2);
+    AwaitState(second, eProcStateUnknown);
+    ProcIsProcessRunning(second, SysLocalMachineName());
+    check(MsgReceiveCount() == 0, "no notice that was cancelled");
+    const ProcIdT dying = Task("Echo", DieInCleanup);
+    ProcInformOnDeath(Address(At(".:" + to_string(dying))).Get());
+    check(Death() == DeathOf(dying), "told of one that dies in its cleanup");
+    const ProcIdT restarted = Task("Echo", Restart);
+    AwaitState(restarted, eProcStateUnknown);
+    AwaitState(restarted + 1, eProcStateReady);
+    check(Task("Echo", 2) == restarted + 1, "a service is started again");
+
+    ProcProcessInfoT child = {};
+    ProcStartProcess(&child, arguments[0].c_str(), -own);
+    const Message message(Await(MSG_CHILD_INITIALIZED_MSG));
+    auto* body = static_cast<MsgChildInitializedO>(message.Get()->oObject);
+    check(body->tRealId == child.tRealProcessId && SlotOf(body->tId) != nullptr, "a child");
+    ProcCleanup(failures);
+    return failures;
+}
+const Role askRole("ask", Ask);
+
+// A machine with a process manager, and programs that are this one in the role of that name.
+struct ManagedMachine : Machine {
+    ManagedMachine() {
+        std::filesystem::create_directories(Home() + "/bin");
+        WriteFile(Home() + "/bin/keys", "");
+        Configure("programs.cfg", "[Process Manager]\nunix=bin/keys\n[echo]\nunix=bin/echo\n");
+        for (const Text name : {"first", "stubborn", "never", "evening", "echo", "child"}) {
+            WriteFile(Path(name), Text("#!/bin/sh\nexec ") + TEST_EMULATOR + " " +
+                                      std::filesystem::read_symlink("/proc/self/exe").string() +
+                                      " --role program " + name + " $1\n");
+            chmod(Path(name).c_str(), 0700);
+        }
+    }
+    Text Path(const Text& name) const { return Home() + "/bin/" + name; }
+    Process Manager() const { return Process({TEST_MANAGERS "/procmanager"}, Home()); }
+};
+
+// Segments that the process has made, as the system lists them.
+int SegmentsOf(pid_t maker) {
+    std::istringstream lines(ReadFile("/proc/sysvipc/shm"));
+    int count = 0;
+    Text line, word;
+    for (std::getline(lines, line); std::getline(lines, line);) {
+        std::istringstream words(line);
+        for (int column = 0; column < 5; column++) words >> word;
+        count += word == to_string(maker) ? 1 : 0;
+    }
+    return count;
+}
+
+}  // namespace
+
+TEST(ProcessManager, ADayOfAMachine) {
+    ManagedMachine machine;
+    machine.Configure("procmgr.cfg",
+                      "[Reference Time]\nOffset=7200000\n[Shutdown]\nWait=1\n"
+                      "[Start of Day:bin/stubborn]\nRun order=3\nRun on Client=TRUE\n"
+                      "[Start of Day:bin/never]\nRun order=2\nRun on Server=TRUE\n"
+                      "[Start of Day:bin/missing]\nRun order=0\nRun on Client=TRUE\nOptional=TRUE\n"
+                      "[Start of Day:bin/first]\nRun order=1\nRun on Client=TRUE\n"
+                      "Wait for Ready=TRUE\n"
+                      "[End of Day:bin/evening]\nRun on Client=TRUE\nWait=60\n");
+    machine.Configure("services.cfg",
+                      "[Echo]\nProgram=echo\n[Typed]\nProgram=echo\nInterface=5\n"
+                      "[Locked]\nProgram=echo\nPassword=secret\nOnce=TRUE\n"
+                      "[Missing]\nProgram=bin/none\n[Fails]\nProgram=/bin/false\n");
+    ASSERT_TRUE(machine.Start());
+    Process manager = machine.Manager();
+    const pid_t id = manager.Id();
+    Text said;
+    for (Text line; line != "ready 0"; said += line + "\n") ASSERT_NE(line = manager.Line(), "");
+    EXPECT_TRUE(said.starts_with("first up "));
+    EXPECT_EQ(SegmentsOf(id), 2);
+    EXPECT_EQ(machine.Manager().Wait(), 1);  // one is enough
+
+    Process asker = machine.InRole("ask", {machine.Path("child")});
+    EXPECT_TRUE(asker.Line().starts_with("child up "));
+    EXPECT_EQ(asker.Line(), "child is alone");
+    EXPECT_EQ(asker.Wait(), 0);
+    EXPECT_EQ(asker.Rest(), "");
+
+    manager.Signal(SIGTERM);
+    EXPECT_EQ(manager.Wait(), 0);
+    EXPECT_EQ(machine.Comms().Wait(), 0);
+    EXPECT_EQ(SegmentsOf(id), 0);
+    said += manager.Rest();
+    const auto at = [&said](const Text& line) { return said.find(line); };
+    EXPECT_NE(at("echo does 5 in Welsh\n"), Text::npos);
+    EXPECT_LT(at("evening up "), at("first is asked to end"));
+    EXPECT_NE(at("first is asked to end\n"), Text::npos);
+    EXPECT_EQ(at("never"), Text::npos);
+    ASSERT_NE(at("stubborn up "), Text::npos);
+    EXPECT_EQ(kill(std::stoi(said.substr(at("stubborn up ") + 12)), 0), -1);
+}
+
+TEST(ProcessManager, ADayThatCannotBegin) {
+    ManagedMachine machine;
+    machine.Configure("procmgr.cfg", "[Start of Day:bin/missing]\nRun on Client=TRUE\n");
+    ASSERT_TRUE(machine.Start());
+    Process manager = machine.Manager();
+    const pid_t id = manager.Id();
+    EXPECT_EQ(manager.Wait(), 1);
+    EXPECT_EQ(machine.Comms().Wait(), 0);
+    EXPECT_EQ(SegmentsOf(id), 0);
 }
