@@ -23,12 +23,6 @@ inline BooleanT ManagerStart(const char* pstrName, ProcIdT tId) {
     return FALSE;
 }
 
-// Tells whoever has started the manager that it serves.
-inline void ManagerReady(int32 lPort) {
-    std::printf("ready %d\n", lPort);
-    std::fflush(stdout);
-}
-
 inline MsgAddressO AddressOf(const char* pstrMachine, ProcIdT tId) {
     MsgAddressO oAddress = nullptr;
     MsgMakeAddress(&oAddress, pstrMachine, tId);
