@@ -4,26 +4,23 @@
 // asked about machines.
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <csignal>
 
 #include "core/cfg.h"
 #include "core/cfgserver.h"
 #include "core/cfgutil.h"
 #include "core/context.h"
-#include "core/list.h"
 #include "core/machineinfo.h"
-#include "core/msgchannel.h"
-#include "core/objwrappers.h"
-#include "core/process.h"
+#include "core/msgwait.h"
 #include "core/stnzfile.h"
 #include "core/stnzlist.h"
-#include "core/strbase.h"
-#include "core/sys.h"
 #include "core/task.h"
 #include "support/files.h"
 #include "support/leftovers.h"
+#include "support/lists.h"
 #include "support/machine.h"
+#include "support/messages.h"
+#include "support/peer.h"
 
 namespace {
 
@@ -35,31 +32,21 @@ constexpr char ClientFile[] = "/gui/CachedPits/client/config/test.cfg";
 constexpr MsgTypeT AskAgainType = 5000;
 constexpr int Entries = 20;  // that each writer adds
 
-void Say(const Text& line) {
-    std::puts(line.c_str());
-    std::fflush(stdout);
-}
-
-bool Connect(ProcIdT tId) {
-    return ProcSetId(tId) == TRUE && MsgIpcConnect(eMsgProcTypeProcess) == TRUE;
-}
-
 // From now on the process works for the client, whose configuration this machine keeps.
 void WorkFor(const char* client) {
-    const ObjHolder<CfgUtilRemoteConfigDetailsS> details(
-        ObjNew<CfgUtilRemoteConfigDetailsS>(CfgUtilRemoteConfigDetailsMagic, "s;s;o;"));
-    details.Get()->pstrServer = StrDuplicate(SysLocalMachineName());
-    details.Get()->pstrClient = StrDuplicate(client);
+    const New<CfgUtilRemoteConfigDetailsS> details(
+        CfgUtilRemoteConfigDetailsMagic, "s;s;o;",
+        {StrDuplicate(SysLocalMachineName()), StrDuplicate(client), nullptr});
     ObjHolder<TaskContextS> task;
     TaskCreateContext(task.Address());
     TaskSetContextObject(task.Get(), details.Get());
     TaskSetTaskContext(task.Get());
 }
 
+// Takes the list.
 Text Strings(ListO oList) {
     Text all;
-    for (auto* oNode = oList == nullptr ? nullptr : oList->oFirst; oNode; oNode = oNode->oNext)
-        all += Text(ObjGetString(static_cast<ObjStringO>(oNode->oData))) + ";";
+    for (const Text& text : TextsOf(oList)) all += text + ";";
     if (oList != nullptr) ObjRelease(&oList);
     return all;
 }
@@ -124,138 +111,129 @@ Text Operations(bool remote) {
     return all;
 }
 
-const Role operations("operations", [](const Arguments& arguments) {
-    const bool remote = arguments.at(0) == "remote";
-    if (!Connect(100)) return 10;
-    const Leftovers before;
+// A process that works for the client, if it is to.
+template <class Function>
+int AsClient(ProcIdT id, Function function, bool remote = true) {
+    if (!Connect(id)) return 10;
     if (remote) WorkFor("client");
-    std::fputs(Operations(remote).c_str(), stdout);
-    TaskSetTaskContext(nullptr);
-    Say("left: " + before.Text());
+    function();
     ContextReleaseThread();
     return 0;
+}
+
+// A configuration server that gives every request to the function.
+template <class Function>
+int AsServer(Function function) {
+    if (!Connect(MsgConfigurationServerId)) return 10;
+    for (Say("ready");;) {
+        Message message;
+        if (MsgReceive(message.Address(), nullptr) != TRUE) continue;
+        if (MsgType(message.Get()) != CFG_SVR_CONFIG_REQUEST_MSG) return 0;
+        function(&message);
+    }
+}
+
+const Role operations("operations", [](const Arguments& arguments) {
+    const bool remote = arguments.at(0) == "remote";
+    const auto tell = [remote] {
+        const Leftovers before;
+        std::fputs(Operations(remote).c_str(), stdout);
+        Say("left: " + before.Text());
+    };
+    return AsClient(100, tell, remote);
 });
 
 const Role writer("writer", [](const Arguments& arguments) {
-    const Text id = arguments.at(0);
-    if (!Connect(std::stoi(id))) return 10;
-    WorkFor("client");
-    for (int n = 1; n <= Entries; n++) {
-        const Text entry = id + "-" + std::to_string(n);
-        if (CfgAddEntryToValueList(nullptr, File, "L", "all", entry.c_str(), TRUE, FALSE) != TRUE ||
-            CfgSetInteger(File, "Counters", id.c_str(), n) != TRUE)
-            return 11;
-    }
-    ContextReleaseThread();
-    return 0;
+    const Text& id = arguments.at(0);
+    return AsClient(std::stoi(id), [&id] {
+        for (int n = 1; n <= Entries; n++) {
+            const Text entry = id + "-" + std::to_string(n);
+            CfgAddEntryToValueList(nullptr, File, "L", "all", entry.c_str(), TRUE, FALSE);
+            CfgSetInteger(File, "Counters", id.c_str(), n);
+        }
+    });
 });
 
-// A server that answers a request only when it has the next one, and asks its sender to make that.
+// Answers a request only when it has the next one, and asks its sender to make that.
 const Role late("late", [](const Arguments&) {
-    ObjHolder<MsgMessageS> first;
-    if (!Connect(MsgConfigurationServerId)) return 10;
+    Message first;
     const auto answer = [](MsgMessageO oMessage) {
         ObjHolder<CfgSvrConfigReplyS> oReply;
         CfgSvrProcessConfigRequest(oReply.Address(),
                                    static_cast<CfgSvrConfigRequestO>(oMessage->oObject));
         MsgSendReply(oMessage, CFG_SVR_CONFIG_REPLY_MSG, oReply.Get());
     };
-    for (Say("ready");;) {
-        ObjHolder<MsgMessageS> message;
-        if (MsgReceive(message.Address(), nullptr) != TRUE) continue;
-        if (MsgType(message.Get()) != CFG_SVR_CONFIG_REQUEST_MSG) return 0;
+    return AsServer([&](Message* ptMessage) {
         if (first.Get() == nullptr) {
-            *first.Address() = message.Take();
+            *first.Address() = ptMessage->Take();
             MsgSendReply(first.Get(), AskAgainType, nullptr);
             Say("asked");
-        } else {
-            answer(first.Get());
-            answer(message.Get());
-            ObjRelease(first.Address());
+            return;
         }
-    }
+        answer(first.Get());
+        answer(ptMessage->Get());
+        ObjRelease(first.Address());
+    });
 });
 
-Text g_inner;  // what the handler has got
-
-// Asks for one item and then, inside the wait when the server wants it so, for another.
-const Role asker("asker", [](const Arguments& arguments) {
-    if (!Connect(100)) return 10;
-    WorkFor("client");
-    const bool inside = arguments.at(0) == "inside";
-    if (inside) {
-        MsgWaitAddHandler(
-            AskAgainType,
-            [](MsgMessageO, void*) {
-                g_inner = String("inner");
-                return eMsgWaitResultHandled;
-            },
-            nullptr);
-    }
-    const auto start = std::chrono::steady_clock::now();
-    const Text outer = String("outer");
-    const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - start;
-    Say(outer);
-    Say(std::to_string(static_cast<int>(taken.count())));
-    if (arguments.at(0) == "again") g_inner = String("inner");
-    Say(g_inner);
-    ContextReleaseThread();
-    return 0;
-});
-
-// A server that answers with everything but what it was asked for.
+// Answers with everything but what it was asked for.
 const Role liar("liar", [](const Arguments&) {
-    if (!Connect(MsgConfigurationServerId)) return 10;
-    Say("ready");
-    for (int n = 0;; n++) {
-        ObjHolder<MsgMessageS> message;
-        if (MsgReceive(message.Address(), nullptr) != TRUE) continue;
-        if (MsgType(message.Get()) != CFG_SVR_CONFIG_REQUEST_MSG) return 0;
+    return AsServer([n = 0](Message* ptMessage) mutable {
         ObjHolder<ObjIntegerS> number(ObjIntegerNew(7));
-        const ObjHolder<CfgSvrConfigReplyS> reply(
-            ObjNew<CfgSvrConfigReplyS>(CfgSvrConfigReplyMagic, CfgSvrConfigReplyDescriptor));
-        reply.Get()->bSuccess = TRUE;
-        void* wrong = number.Get();
-        if (n == 3) reply.Get()->oStnzKey = static_cast<CfgStnzKeyO>(wrong);
-        if (n == 4) reply.Get()->oStanza = static_cast<CfgStnzO>(wrong);
-        if (n >= 3 && n <= 4) number.Take();
-        if (n >= 5) {
-            reply.Get()->oValueList = ListNew();
-            ListPushLastItem(reply.Get()->oValueList, number.Address());
-        }
-        MsgSendReply(message.Get(), CFG_SVR_CONFIG_REPLY_MSG,
-                     n == 0   ? nullptr
-                     : n == 1 ? static_cast<void*>(number.Get())
-                              : reply.Get());
-    }
+        const New<CfgSvrConfigReplyS> reply(CfgSvrConfigReplyMagic, CfgSvrConfigReplyDescriptor,
+                                            {.bSuccess = TRUE});
+        void* body = n == 1 ? static_cast<void*>(number.Get()) : n == 0 ? nullptr : reply.Get();
+        MsgMessageO oRequest = ptMessage->Get();
+        if (n >= 5) ListPushLastItem(reply->oValueList = ListNew(), number.Address());
+        if (n == 3) reply->oStnzKey = reinterpret_cast<CfgStnzKeyO>(number.Take());
+        if (n == 4) reply->oStanza = reinterpret_cast<CfgStnzO>(number.Take());
+        MsgSendReply(oRequest, CFG_SVR_CONFIG_REPLY_MSG, body);
+        n++;
+    });
 });
 
 const Role deceived("deceived", [](const Arguments&) {
-    if (!Connect(100)) return 10;
-    WorkFor("client");
-    for (int n = 0; n < 4; n++) Say(String("k"));
-    StnzT* pStanza = nullptr;
-    ListO oList = nullptr;
-    Say(BooleanText(CfgGetStanza(&pStanza, File, "S")));
-    Say(BooleanText(CfgGetStanzaList(&oList, File)));
-    Say(BooleanText(CfgAddEntryToValueList(&oList, File, "L", "l", "e", FALSE, FALSE)));
-    ContextReleaseThread();
-    return 0;
+    return AsClient(100, [] {
+        StnzT* pStanza = nullptr;
+        ListO oList = nullptr;
+        for (int n = 0; n < 4; n++) Say(String("k"));
+        Say(BooleanText(CfgGetStanza(&pStanza, File, "S")));
+        Say(BooleanText(CfgGetStanzaList(&oList, File)));
+        Say(BooleanText(CfgAddEntryToValueList(&oList, File, "L", "l", "e", FALSE, FALSE)));
+    });
+});
+
+Text g_inner;  // the item asked for second
+
+MsgWaitResultE AskAgain(MsgMessageO, void*) {
+    g_inner = String("inner");
+    return eMsgWaitResultHandled;
+}
+
+// Asks for one item and for another, inside the first wait or after it: the first, the seconds that
+// it took, the second.
+const Role asker("asker", [](const Arguments& arguments) {
+    return AsClient(100, [&arguments] {
+        if (arguments.at(0) == "inside") MsgWaitAddHandler(AskAgainType, AskAgain, nullptr);
+        const auto start = Clock::now();
+        Say(String("outer"));
+        Say(std::to_string(SecondsSince(start)));
+        if (arguments.at(0) == "again") AskAgain(nullptr, nullptr);
+        Say(g_inner);
+    });
 });
 
 const Role finder("finder", [](const Arguments&) {
-    if (!Connect(100)) return 10;
-    for (const char* machine : {SysLocalMachineName(), "other", "unknown"})
-        Say(BooleanText(MachInfoFind(machine)));
-    ContextReleaseThread();
-    return 0;
+    return AsClient(100, [] {
+        for (const char* machine : {SysLocalMachineName(), "other", "unknown"})
+            Say(BooleanText(MachInfoFind(machine)));
+    });
 });
 
 // A machine that keeps the configuration of a client, which is also the machine's own.
 struct Keeper : Machine {
     Keeper() {
-        const Text clients = Home() + "/gui/CachedPits/client/config";
-        std::filesystem::create_directories(clients);
+        std::filesystem::create_directories(Home() + "/gui/CachedPits/client/config");
         std::filesystem::create_directories(Home() + "/config/map");
         WriteFile(Home() + "/config/map/test.cfg.map", "");
         EXPECT_TRUE(Start());

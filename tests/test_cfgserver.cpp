@@ -12,13 +12,12 @@
 #include "core/objwrappers.h"
 #include "core/strbase.h"
 #include "support/files.h"
-#include "support/leftovers.h"
+#include "support/messages.h"
 #include "support/objects.h"
 
 namespace {
 
 using Text = std::string;
-using Request = ObjHolder<CfgSvrConfigRequestS>;
 using Reply = ObjHolder<CfgSvrConfigReplyS>;
 using Change = std::function<void(CfgSvrConfigRequestO)>;
 
@@ -26,8 +25,6 @@ const Text ClientDir = TestHome() + "/gui/CachedPits/client/config";
 const Text Plain = "[S]\nk=a,b,a\nl=1\n\n";
 const Text Shown = "[L:list]\nlabel=x\nvalue=One,two\n\n";
 constexpr int32 Huge = std::numeric_limits<int32>::max();
-
-char* Copy(const char* text) { return StrDuplicate(text); }
 
 // Takes the items over.
 ListO ListOf(std::initializer_list<void*> items, int32 lMagic = 0) {
@@ -46,18 +43,20 @@ void Put(T** poField, void* oObject) {
 }
 void Put(char** ppstrField, const char* text) {
     MemFree(ppstrField);
-    *ppstrField = Copy(text);
+    *ppstrField = StrDuplicate(text);
 }
 
 CfgStnzKeyO KeyObject(const char* keyword, int32 lCount, void* oValues, int32 lMaximum = 0) {
-    auto* oKey = ObjNew<CfgStnzKeyS>(CfgStnzKeyMagic, CfgStnzKeyDescriptor);
-    *oKey = {Copy(keyword), lCount, lMaximum, static_cast<ListO>(oValues), nullptr};
-    return oKey;
+    return New<CfgStnzKeyS>(
+               CfgStnzKeyMagic, CfgStnzKeyDescriptor,
+               {StrDuplicate(keyword), lCount, lMaximum, static_cast<ListO>(oValues), nullptr})
+        .Take();
 }
 CfgStnzO StanzaObject(const char* title, int32 lCount, void* oKeys) {
-    auto* oStanza = ObjNew<CfgStnzS>(CfgStnzMagic, CfgStnzDescriptor);
-    *oStanza = {nullptr, Copy(title), lCount, lCount, static_cast<ListO>(oKeys), nullptr};
-    return oStanza;
+    return New<CfgStnzS>(
+               CfgStnzMagic, CfgStnzDescriptor,
+               {nullptr, StrDuplicate(title), lCount, lCount, static_cast<ListO>(oKeys), nullptr})
+        .Take();
 }
 
 Text KeyText(StnzKeyT* pKey) {
@@ -109,18 +108,15 @@ Text AllFiles() {
 
 class CfgServer : public ObjectTest {
  protected:
-    CfgServer() {
-        std::filesystem::create_directories(ClientDir);
-        WriteFile(ClientDir + "/test.cfg", Plain + Shown);
-    }
+    CfgServer() { WriteInHome("gui/CachedPits/client/config/test.cfg", Plain + Shown); }
     static Text Process(int32 lType, const char* title, const char* keyword, const Change& change) {
         const Request request(
             ObjNew<CfgSvrConfigRequestS>(CfgSvrConfigRequestMagic, CfgSvrConfigRequestDescriptor));
         request.Get()->lReqType = lType;
-        request.Get()->pstrClientName = Copy("client");
-        request.Get()->pstrStanzaFile = Copy("test.cfg");
-        request.Get()->pstrStanzaTitle = Copy(title);
-        request.Get()->pstrStanzaKeyword = Copy(keyword);
+        request.Get()->pstrClientName = StrDuplicate("client");
+        request.Get()->pstrStanzaFile = StrDuplicate("test.cfg");
+        request.Get()->pstrStanzaTitle = StrDuplicate(title);
+        request.Get()->pstrStanzaKeyword = StrDuplicate(keyword);
         if (change) change(request.Get());
         Reply reply;
         const BooleanT bResult = CfgSvrProcessConfigRequest(reply.Address(), request.Get());
@@ -130,7 +126,7 @@ class CfgServer : public ObjectTest {
     }
 };
 
-Change Value(const char* text) {
+Change With(const char* text) {
     return [text](CfgSvrConfigRequestO o) { o->oValue = Word(text); };
 }
 Change Entry(const char* text, BooleanT bUnique, BooleanT bNoCase) {
@@ -158,7 +154,9 @@ TEST_F(CfgServer, EveryTypeOfRequest) {
         StnzCreate(&pStanza, "C", "T", 0);
         o->oStanzaList = ListOf({ObjStanzaNew(pStanza)}, ObjStanzaMagic);
     };
-    const Change category = [](CfgSvrConfigRequestO o) { o->pstrStanzaCatagory = Copy("L"); };
+    const Change category = [](CfgSvrConfigRequestO o) {
+        o->pstrStanzaCatagory = StrDuplicate("L");
+    };
     const struct {
         int32 lType;
         const char* title;
@@ -170,10 +168,10 @@ TEST_F(CfgServer, EveryTypeOfRequest) {
         {1, "S", "K", none, "TRUE K=a,b,a", Plain + Shown},
         {1, "L", "list", none, "TRUE value=One,two", Plain + Shown},
         {1, "S", "missing", none, "FALSE", Plain + Shown},
-        {2, "S", "k", Value("new"), "TRUE", "[S]\nl=1\nk=new\n\n" + Shown},
-        {2, "L", "list", Value("new"), "TRUE", Plain + "[L:list]\nlabel=x\nvalue=new\n\n"},
+        {2, "S", "k", With("new"), "TRUE", "[S]\nl=1\nk=new\n\n" + Shown},
+        {2, "L", "list", With("new"), "TRUE", Plain + "[L:list]\nlabel=x\nvalue=new\n\n"},
         {2, "N", "k", values, "TRUE", Plain + Shown + "[N]\nk=x!,y,,z\n\n"},
-        {2, "N", "k", Value(nullptr), "TRUE", Plain + Shown + "[N]\nk=\n\n"},
+        {2, "N", "k", With(nullptr), "TRUE", Plain + Shown + "[N]\nk=\n\n"},
         {3, "S", "k", none, "TRUE", "[S]\nl=1\n\n" + Shown},
         {3, "S", "missing", none, "FALSE", Plain + Shown},
         {4, "S", nullptr, none, "TRUE [:S] k=a,b,a l=1", Plain + Shown},
@@ -191,9 +189,9 @@ TEST_F(CfgServer, EveryTypeOfRequest) {
         {11, "L", "list", Entry("one", FALSE, TRUE), "TRUE two",
          Plain + "[L:list]\nlabel=x\nvalue=two\n\n"},
         {11, "L", "list", Entry("one", FALSE, FALSE), "FALSE", Plain + Shown},
-        {12, "S", "k", Value("c"), "TRUE", "[S]\nl=1\nk=a,b,a,c\n\n" + Shown},
-        {13, "S", "k", Value("a"), "TRUE", "[S]\nk=b\nl=1\n\n" + Shown},
-        {13, "S", "k", Value("c"), "FALSE", Plain + Shown},
+        {12, "S", "k", With("c"), "TRUE", "[S]\nl=1\nk=a,b,a,c\n\n" + Shown},
+        {13, "S", "k", With("a"), "TRUE", "[S]\nk=b\nl=1\n\n" + Shown},
+        {13, "S", "k", With("c"), "FALSE", Plain + Shown},
     };
     for (const auto& r : requests) {
         SCOPED_TRACE(std::to_string(r.lType) + " " + r.reply);
@@ -209,7 +207,7 @@ TEST_F(CfgServer, EveryTypeOfRequest) {
         EXPECT_EQ(Process(2, "S", "k",
                           [client](CfgSvrConfigRequestO o) {
                               Put(&o->pstrClientName, client);
-                              o->pstrAltPath = Copy("config/own");
+                              o->pstrAltPath = StrDuplicate("config/own");
                               o->oValue = Word("own");
                           }),
                   "TRUE");
@@ -280,7 +278,6 @@ TEST_F(CfgServer, RequestsThatAreNotCarriedOut) {
              o->oStanza = StanzaObject("T", 1, ListOf({KeyObject("k", Huge, ListOf({}))}));
          }},
     };
-    const Leftovers before;
     const Text files = AllFiles();
     for (const auto& r : requests) {
         SCOPED_TRACE(r.what);

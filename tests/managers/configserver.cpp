@@ -22,7 +22,8 @@ int main() {
     if (ManagerStart("configserver", MsgConfigurationServerId) != TRUE ||
         MsgWaitAddHandler(CFG_SVR_CONFIG_REQUEST_MSG, Answer, nullptr) != TRUE)
         return 1;
-    ManagerReady(MsgConfigurationServerId);
+    std::puts("ready");
+    std::fflush(stdout);
     while (MsgWaitPollWithTimeout(nullptr) == TRUE) {
     }
     ContextReleaseThread();
