@@ -510,7 +510,7 @@ void AwaitState(ProcIdT id, int32 state) {
     for (int n = 0; n < 6000; n++) {
         const ProcHandleT* slot = SlotOf(id);
         if ((slot == nullptr ? eProcStateUnknown : slot->eState) == state) return;
-        MsgPendingWithTimeout(5);
+        usleep(5000);  // nothing tells of a change in shared memory
     }
     Say("never in state " + to_string(state));
 }
@@ -564,7 +564,8 @@ int Ask(const std::vector<Text>& arguments) {
     check(ProcInitializeTags(OBJ_TAG_BEGIN, 4, TRUE, 5, TRUE, 9, "the asker", OBJ_TAG_END) == TRUE,
           "joins");
     const ProcIdT own = ProcGetId();
-    check(own >= 100 && SlotOf(own)->eState == eProcStateBusy && ProcTitle() == Text("the asker") &&
+    AwaitState(own, eProcStateBusy);
+    check(own >= 100 && ProcTitle() == Text("the asker") &&
               ProcDetailsAt(SlotOf(own)->lDetailsOffset) == gtTlContext.sProcess.ptDetails &&
               ProcGetProgressBuffer()->lBufferSize > 0,
           "sees itself");
@@ -682,7 +683,8 @@ TEST(ProcessManager, ADayOfAMachine) {
     EXPECT_EQ(machine.Manager().Wait(), 1);  // one is enough
 
     Process asker = machine.InRole("ask", {machine.Path("child")});
-    EXPECT_TRUE(asker.Line().starts_with("child up "));
+    const Text first = asker.Line();
+    EXPECT_TRUE(first.starts_with("child up ")) << first;
     EXPECT_EQ(asker.Line(), "child is alone");
     EXPECT_EQ(asker.Wait(), 0);
     EXPECT_EQ(asker.Rest(), "");

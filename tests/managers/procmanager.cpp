@@ -80,6 +80,7 @@ void InitialStatus(MsgMessageO oMessage) {
         ptProcess->tRealId = oStatus->tRealProcessId;
         Register(*ptProcess);
     }
+    ptProcess->bLinked = true;
     TableSetState(*ptProcess, eProcStateInitializing);
     SendLocale(*ptProcess);
     TableSendPlace(*ptProcess, oStatus->bProgress == TRUE);
@@ -136,27 +137,33 @@ void Died(ProcIdT tId) {
     if (bRestart) ServiceRestart(tDead);
 }
 
-// A child's end is waited for, so that its id stays its own until then.
+// A child has died when both its end and that of its link have been seen.
 void Dropped(MsgMessageO oMessage) {
     ObjHolder<MsgIpcConnectS> oBody;
     if (MsgIsFrom(oMessage, MsgCommMgrAddress()) != TRUE ||
         MsgGetObject(oBody.Address(), oMessage, MsgIpcConnectMagic) != TRUE)
         return;
-    const Managed* ptProcess = TableFind(oBody.Get()->tProcessId);
+    Managed* ptProcess = TableFind(oBody.Get()->tProcessId);
     if (ptProcess == nullptr) return;
-    if (!ptProcess->bChild)
+    ptProcess->bLinked = false;
+    if (!ptProcess->bChild || ptProcess->bEnded)
         Died(ptProcess->tId);
     else if (TableState(*ptProcess) != eProcStateRestartService)
         TableSetState(*ptProcess, eProcStateZombie);
 }
 
 void CollectChildren() {
-    std::vector<ProcIdT> tEnded;
-    for (const auto& [tId, tProcess] : Table()) {
-        if (tProcess.bChild && waitpid(tProcess.tRealId, nullptr, WNOHANG) == tProcess.tRealId)
-            tEnded.push_back(tId);
+    const bool bNoLinks = gtTlContext.sMsg.oIpcChannel == nullptr;
+    std::vector<ProcIdT> tDead;
+    for (auto& [tId, tProcess] : Table()) {
+        if (!tProcess.bChild) continue;
+        if (!tProcess.bEnded && waitpid(tProcess.tRealId, nullptr, WNOHANG) == tProcess.tRealId) {
+            tProcess.bEnded = true;
+            tProcess.tRealId = -1;  // may be another process's from now on
+        }
+        if (tProcess.bEnded && (bNoLinks || !tProcess.bLinked)) tDead.push_back(tId);
     }
-    for (const ProcIdT tId : tEnded) Died(tId);
+    for (const ProcIdT tId : tDead) Died(tId);
 }
 
 // --- requests ---

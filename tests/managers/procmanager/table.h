@@ -19,7 +19,10 @@ using HeldMessage = std::unique_ptr<MsgMessageS, MessageReleaser>;
 struct Managed {
     ProcIdT tId = 0;
     ProcRealIdT tRealId = -1;  // -1 while it is not known
-    bool bChild = false;       // this process waits for its end
+    bool bChild = false;       // this process waits for its end, ...
+    bool bEnded = false;       // which has come,
+    bool bLinked =
+        false;  // but there may be words of it on the way: those come before its link goes
     int32 lSlot = 0;
     std::string title;  // the program, or empty
     bool bService = false;
