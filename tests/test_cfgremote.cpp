@@ -181,7 +181,7 @@ const Role liar("liar", [](const Arguments&) {
     return AsServer([n = 0](Message* ptMessage) mutable {
         ObjHolder<ObjIntegerS> number(ObjIntegerNew(7));
         const New<CfgSvrConfigReplyS> reply(CfgSvrConfigReplyMagic, CfgSvrConfigReplyDescriptor,
-                                            {.bSuccess = TRUE});
+                                            {0, TRUE, nullptr, nullptr, nullptr, nullptr});
         void* body = n == 1 ? static_cast<void*>(number.Get()) : n == 0 ? nullptr : reply.Get();
         MsgMessageO oRequest = ptMessage->Get();
         if (n >= 5) ListPushLastItem(reply->oValueList = ListNew(), number.Address());

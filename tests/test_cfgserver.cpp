@@ -2,61 +2,44 @@
 // to be carried out, and keys and stanzas as objects and back.
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <functional>
 #include <limits>
 #include <set>
 
 #include "core/cfgserver.h"
-#include "core/list.h"
-#include "core/objwrappers.h"
-#include "core/strbase.h"
 #include "support/files.h"
+#include "support/lists.h"
 #include "support/messages.h"
 #include "support/objects.h"
 
 namespace {
 
 using Text = std::string;
-using Reply = ObjHolder<CfgSvrConfigReplyS>;
-using Change = std::function<void(CfgSvrConfigRequestO)>;
 
-const Text ClientDir = TestHome() + "/gui/CachedPits/client/config";
+constexpr char ClientFile[] = "gui/CachedPits/client/config/test.cfg";
 const Text Plain = "[S]\nk=a,b,a\nl=1\n\n";
-const Text Shown = "[L:list]\nlabel=x\nvalue=One,two\n\n";
+const Text Displayed = "[L:list]\nlabel=x\nvalue=One,two\n\n";
 constexpr int32 Huge = std::numeric_limits<int32>::max();
 
+void* Word(const char* text) { return ObjStringNew(text); }
+void* Number() { return ObjIntegerNew(7); }
 // Takes the items over.
-ListO ListOf(std::initializer_list<void*> items, int32 lMagic = 0) {
-    ListO oList = ListNew(lMagic);
+void* Items(std::initializer_list<void*> items) {
+    ListO oList = ListNew();
     for (void* oItem : items) ListPushLastItem(oList, &oItem);
     return oList;
 }
-void* Word(const char* text) { return ObjStringNew(text); }
-void* Number() { return ObjIntegerNew(7); }
-
-// A field meant for one class, with an object of another.
-template <class T>
-void Put(T** poField, void* oObject) {
-    if (*poField != nullptr) ObjRelease(poField);
-    *poField = static_cast<T*>(oObject);
+void* Key(const char* keyword, int32 lCount, void* oValues, int32 lMaximum = 0) {
+    const CfgStnzKeyS fields = {StrDuplicate(keyword), lCount, lMaximum,
+                                static_cast<ListO>(oValues), nullptr};
+    return New<CfgStnzKeyS>(CfgStnzKeyMagic, CfgStnzKeyDescriptor, fields).Take();
 }
-void Put(char** ppstrField, const char* text) {
-    MemFree(ppstrField);
-    *ppstrField = StrDuplicate(text);
+void* Stanza(const char* title, int32 lCount, void* oKeys) {
+    const CfgStnzS fields = {nullptr, StrDuplicate(title),       lCount,
+                             lCount,  static_cast<ListO>(oKeys), nullptr};
+    return New<CfgStnzS>(CfgStnzMagic, CfgStnzDescriptor, fields).Take();
 }
-
-CfgStnzKeyO KeyObject(const char* keyword, int32 lCount, void* oValues, int32 lMaximum = 0) {
-    return New<CfgStnzKeyS>(
-               CfgStnzKeyMagic, CfgStnzKeyDescriptor,
-               {StrDuplicate(keyword), lCount, lMaximum, static_cast<ListO>(oValues), nullptr})
-        .Take();
-}
-CfgStnzO StanzaObject(const char* title, int32 lCount, void* oKeys) {
-    return New<CfgStnzS>(
-               CfgStnzMagic, CfgStnzDescriptor,
-               {nullptr, StrDuplicate(title), lCount, lCount, static_cast<ListO>(oKeys), nullptr})
-        .Take();
+void* Keyed(const char* title) {
+    return Stanza(title, 1, Items({Key("n", 2, Items({Word("1"), Word(nullptr)}))}));
 }
 
 Text KeyText(StnzKeyT* pKey) {
@@ -85,268 +68,213 @@ Text ReplyText(CfgSvrConfigReplyO oReply) {
         text += " " + StanzaText(pStanza);
     StnzReleaseKey(&pKey);
     StnzRelease(&pStanza);
-    ListNodeO oNode = oReply->oValueList == nullptr ? nullptr : oReply->oValueList->oFirst;
-    for (; oNode != nullptr; oNode = oNode->oNext) {
-        const bool stanza = ObjCheckTypeInternal(oNode->oData, ObjStanzaMagic) == TRUE;
-        text += stanza ? " " + StanzaText(static_cast<ObjStanzaO>(oNode->oData)->pValue)
-                       : " " + Text(static_cast<ObjStringO>(oNode->oData)->pstrValue);
+    for (void* oItem : ItemsOf<void*>(oReply->oValueList)) {
+        StnzT* pItem = ObjGetStanza(static_cast<ObjStanzaO>(oItem));
+        const auto* oString = static_cast<ObjStringO>(oItem);
+        text += " " + (pItem == nullptr ? Text(oString->pstrValue) : StanzaText(pItem));
     }
     return text;
 }
 
+struct Ask {
+    int32 lType = 2;
+    const char* title = "S";
+    const char* keyword = "k";
+    void* oObject = nullptr;  // value, stanza and stanza list in one; the request's
+    BooleanT bUnique = FALSE;
+    BooleanT bNoCase = FALSE;
+    const char* category = nullptr;
+    const char* client = "client";
+    const char* file = "test.cfg";
+    const char* path = nullptr;
+};
+
+// Sends the server what is asked.
+Text ReplyTo(const Ask& ask) {
+    const New<CfgSvrConfigRequestS> request(
+        CfgSvrConfigRequestMagic, CfgSvrConfigRequestDescriptor,
+        {ask.lType, StrDuplicate(ask.client), StrDuplicate(ask.category), StrDuplicate(ask.file),
+         StrDuplicate(ask.title), StrDuplicate(ask.keyword), StrDuplicate(ask.path), ask.oObject,
+         nullptr, static_cast<CfgStnzO>(ask.oObject), static_cast<ListO>(ask.oObject), FALSE,
+         ask.bUnique, ask.bNoCase, nullptr});
+    for (int holder = 2; holder <= 3 && ask.oObject != nullptr; holder++)
+        ObjIncRefCount(ask.oObject);
+    ObjHolder<CfgSvrConfigReplyS> reply;
+    const BooleanT bResult = CfgSvrProcessConfigRequest(reply.Address(), request.Get());
+    EXPECT_EQ(reply.Get()->bSuccess, bResult);
+    EXPECT_EQ(reply.Get()->lReqType, ask.lType);
+    return ReplyText(reply.Get());
+}
+
 // Every file of the home directory but locks, with its content.
-Text AllFiles() {
+std::set<Text> AllFiles() {
     std::set<Text> files;
     for (const auto& entry : std::filesystem::recursive_directory_iterator(TestHome())) {
         if (entry.is_regular_file() && entry.path().extension() != ".lck")
             files.insert(entry.path().string() + "\n" + ReadFile(entry.path()));
     }
-    Text all;
-    for (const Text& file : files) all += file;
-    return all;
+    return files;
 }
 
-class CfgServer : public ObjectTest {
- protected:
-    CfgServer() { WriteInHome("gui/CachedPits/client/config/test.cfg", Plain + Shown); }
-    static Text Process(int32 lType, const char* title, const char* keyword, const Change& change) {
-        const Request request(
-            ObjNew<CfgSvrConfigRequestS>(CfgSvrConfigRequestMagic, CfgSvrConfigRequestDescriptor));
-        request.Get()->lReqType = lType;
-        request.Get()->pstrClientName = StrDuplicate("client");
-        request.Get()->pstrStanzaFile = StrDuplicate("test.cfg");
-        request.Get()->pstrStanzaTitle = StrDuplicate(title);
-        request.Get()->pstrStanzaKeyword = StrDuplicate(keyword);
-        if (change) change(request.Get());
-        Reply reply;
-        const BooleanT bResult = CfgSvrProcessConfigRequest(reply.Address(), request.Get());
-        EXPECT_EQ(reply.Get()->bSuccess, bResult);
-        EXPECT_EQ(reply.Get()->lReqType, request.Get()->lReqType);
-        return ReplyText(reply.Get());
-    }
-};
-
-Change With(const char* text) {
-    return [text](CfgSvrConfigRequestO o) { o->oValue = Word(text); };
-}
-Change Entry(const char* text, BooleanT bUnique, BooleanT bNoCase) {
-    return [=](CfgSvrConfigRequestO o) {
-        o->oValue = Word(text);
-        o->bUnique = bUnique;
-        o->bNoCase = bNoCase;
-    };
-}
-Change Stanza(const char* title) {
-    return [title](CfgSvrConfigRequestO o) {
-        o->oStanza = StanzaObject(
-            title, 1,
-            ListOf({KeyObject("n", 2, ListOf({Word("1"), Word(nullptr)}))}, CfgStnzKeyMagic));
-    };
-}
+class CfgServer : public ObjectTest {};
 
 TEST_F(CfgServer, EveryTypeOfRequest) {
-    const Change none;
-    const Change values = [](CfgSvrConfigRequestO o) {
-        o->oValue = ListOf({Word("x,y"), Word(""), Word("z")});
-    };
-    const Change list = [](CfgSvrConfigRequestO o) {
-        StnzT* pStanza = nullptr;
-        StnzCreate(&pStanza, "C", "T", 0);
-        o->oStanzaList = ListOf({ObjStanzaNew(pStanza)}, ObjStanzaMagic);
-    };
-    const Change category = [](CfgSvrConfigRequestO o) {
-        o->pstrStanzaCatagory = StrDuplicate("L");
-    };
+    StnzT* pStanza = nullptr;
+    StnzCreate(&pStanza, "C", "T", 0);
     const struct {
-        int32 lType;
-        const char* title;
-        const char* keyword;
-        Change change;
+        Ask ask;
         Text reply;
-        Text file;
+        Text file;  // "" when it stays as it was
     } requests[] = {
-        {1, "S", "K", none, "TRUE K=a,b,a", Plain + Shown},
-        {1, "L", "list", none, "TRUE value=One,two", Plain + Shown},
-        {1, "S", "missing", none, "FALSE", Plain + Shown},
-        {2, "S", "k", With("new"), "TRUE", "[S]\nl=1\nk=new\n\n" + Shown},
-        {2, "L", "list", With("new"), "TRUE", Plain + "[L:list]\nlabel=x\nvalue=new\n\n"},
-        {2, "N", "k", values, "TRUE", Plain + Shown + "[N]\nk=x!,y,,z\n\n"},
-        {2, "N", "k", With(nullptr), "TRUE", Plain + Shown + "[N]\nk=\n\n"},
-        {3, "S", "k", none, "TRUE", "[S]\nl=1\n\n" + Shown},
-        {3, "S", "missing", none, "FALSE", Plain + Shown},
-        {4, "S", nullptr, none, "TRUE [:S] k=a,b,a l=1", Plain + Shown},
-        {4, "L", nullptr, none, "FALSE", Plain + Shown},
-        {5, nullptr, nullptr, none, "TRUE [:S] k=a,b,a l=1 [L:list] label=x value=One,two",
-         Plain + Shown},
-        {6, nullptr, nullptr, list, "TRUE", "[C:T]\n\n"},
-        {7, nullptr, nullptr, Stanza("S"), "TRUE", Plain + Shown + "[S]\nn=1,\n\n"},
-        {8, nullptr, nullptr, Stanza("S"), "TRUE", "[S]\nn=1,\n\n" + Shown},
-        {9, "list", nullptr, category, "TRUE", Plain},
-        {9, "S", nullptr, none, "TRUE", Shown},
-        {10, "L", "list", Entry("one", TRUE, FALSE), "TRUE One two one",
+        {{1, "S", "K"}, "TRUE K=a,b,a", ""},
+        {{1, "L", "list"}, "TRUE value=One,two", ""},
+        {{1, "S", "missing"}, "FALSE", ""},
+        {{2, "S", "k", Word("new")}, "TRUE", "[S]\nl=1\nk=new\n\n" + Displayed},
+        {{2, "L", "list", Word("new")}, "TRUE", Plain + "[L:list]\nlabel=x\nvalue=new\n\n"},
+        {{2, "N", "k", Items({Word("x,y"), Word(""), Word("z")})},
+         "TRUE",
+         Plain + Displayed + "[N]\nk=x!,y,,z\n\n"},
+        {{2, "N", "k", Word(nullptr)}, "TRUE", Plain + Displayed + "[N]\nk=\n\n"},
+        {{3, "S", "k"}, "TRUE", "[S]\nl=1\n\n" + Displayed},
+        {{3, "S", "missing"}, "FALSE", ""},
+        {{4, "S", nullptr}, "TRUE [:S] k=a,b,a l=1", ""},
+        {{4, "L", nullptr}, "FALSE", ""},
+        {{5, nullptr, nullptr}, "TRUE [:S] k=a,b,a l=1 [L:list] label=x value=One,two", ""},
+        {{6, nullptr, nullptr, Items({ObjStanzaNew(pStanza)})}, "TRUE", "[C:T]\n\n"},
+        {{7, nullptr, nullptr, Keyed("S")}, "TRUE", Plain + Displayed + "[S]\nn=1,\n\n"},
+        {{8, nullptr, nullptr, Keyed("S")}, "TRUE", "[S]\nn=1,\n\n" + Displayed},
+        {{9, "list", nullptr, nullptr, FALSE, FALSE, "L"}, "TRUE", Plain},
+        {{9, "S", nullptr}, "TRUE", Displayed},
+        {{10, "L", "list", Word("one"), TRUE, FALSE},
+         "TRUE One two one",
          Plain + "[L:list]\nlabel=x\nvalue=One,two,one\n\n"},
-        {10, "L", "list", Entry("one", TRUE, TRUE), "FALSE", Plain + Shown},
-        {11, "L", "list", Entry("one", FALSE, TRUE), "TRUE two",
+        {{10, "L", "list", Word("one"), TRUE, TRUE}, "FALSE", ""},
+        {{11, "L", "list", Word("one"), FALSE, TRUE},
+         "TRUE two",
          Plain + "[L:list]\nlabel=x\nvalue=two\n\n"},
-        {11, "L", "list", Entry("one", FALSE, FALSE), "FALSE", Plain + Shown},
-        {12, "S", "k", With("c"), "TRUE", "[S]\nl=1\nk=a,b,a,c\n\n" + Shown},
-        {13, "S", "k", With("a"), "TRUE", "[S]\nk=b\nl=1\n\n" + Shown},
-        {13, "S", "k", With("c"), "FALSE", Plain + Shown},
+        {{11, "L", "list", Word("one"), FALSE, FALSE}, "FALSE", ""},
+        {{12, "S", "k", Word("c")}, "TRUE", "[S]\nl=1\nk=a,b,a,c\n\n" + Displayed},
+        {{13, "S", "k", Word("a")}, "TRUE", "[S]\nk=b\nl=1\n\n" + Displayed},
+        {{13, "S", "k", Word("c")}, "FALSE", ""},
     };
     for (const auto& r : requests) {
-        SCOPED_TRACE(std::to_string(r.lType) + " " + r.reply);
-        WriteFile(ClientDir + "/test.cfg", Plain + Shown);
-        EXPECT_EQ(Process(r.lType, r.title, r.keyword, r.change), r.reply);
+        SCOPED_TRACE(std::to_string(r.ask.lType) + " " + r.reply);
+        WriteInHome(ClientFile, Plain + Displayed);
+        EXPECT_EQ(ReplyTo(r.ask), r.reply);
         // A rewritten file may end in one empty line less.
-        const Text file = ReadFile(ClientDir + "/test.cfg");
-        EXPECT_EQ(file + (file.ends_with("\n\n") ? "" : "\n"), r.file);
+        const Text file = ReadFile(TestHome() + "/" + ClientFile);
+        EXPECT_EQ(file + (file.ends_with("\n\n") ? "" : "\n"),
+                  r.file.empty() ? Plain + Displayed : r.file);
     }
     // A directory that the request names takes the place of the client's.
-    std::filesystem::create_directories(TestHome() + "/config/own");
     for (const char* client : {"client", static_cast<const char*>(nullptr)}) {
-        EXPECT_EQ(Process(2, "S", "k",
-                          [client](CfgSvrConfigRequestO o) {
-                              Put(&o->pstrClientName, client);
-                              o->pstrAltPath = StrDuplicate("config/own");
-                              o->oValue = Word("own");
-                          }),
+        WriteInHome("config/own/test.cfg", "");
+        EXPECT_EQ(ReplyTo({.oObject = Word("own"), .client = client, .path = "config/own"}),
                   "TRUE");
         EXPECT_EQ(ReadFile(TestHome() + "/config/own/test.cfg"), "[S]\nk=own\n\n");
-        std::filesystem::remove(TestHome() + "/config/own/test.cfg");
     }
 }
 
 TEST_F(CfgServer, RequestsThatAreNotCarriedOut) {
-    using O = CfgSvrConfigRequestO;
     // Where each name would lead there is a directory, so that only the check keeps it away.
-    for (const char* directory :
-         {"/gui/config", "/gui/CachedPits/config", "/out/config", "/config"})
-        std::filesystem::create_directories(TestHome() + directory);
-    const struct {
-        const char* what;
-        int32 lType;
-        Change change;
-    } requests[] = {
-        {"type 0", 0, nullptr},
-        {"type 14", 14, nullptr},
-        {"type -1", -1, nullptr},
-        {"type huge", Huge, nullptr},
-        {"no client", 2, [](O o) { Put(&o->pstrClientName, nullptr); }},
-        {"empty client", 2, [](O o) { Put(&o->pstrClientName, ""); }},
-        {"client .", 2, [](O o) { Put(&o->pstrClientName, "."); }},
-        {"client ..", 2, [](O o) { Put(&o->pstrClientName, ".."); }},
-        {"client path", 2, [](O o) { Put(&o->pstrClientName, "../../out"); }},
-        {"client below", 2, [](O o) { Put(&o->pstrClientName, "client/../../../out"); }},
-        {"no file", 2, [](O o) { Put(&o->pstrStanzaFile, nullptr); }},
-        {"empty file", 2, [](O o) { Put(&o->pstrStanzaFile, ""); }},
-        {"file ..", 2, [](O o) { Put(&o->pstrStanzaFile, "../../../../out/config/x.cfg"); }},
-        {"file within", 2, [](O o) { Put(&o->pstrStanzaFile, "./../config/x.cfg"); }},
-        {"path ..", 2, [](O o) { Put(&o->pstrAltPath, "config/../out/config"); }},
-        {"path end", 2, [](O o) { Put(&o->pstrAltPath, "out/config/.."); }},
-        {"path and client", 2,
-         [](O o) {
-             Put(&o->pstrAltPath, "config");
-             Put(&o->pstrClientName, "..");
-         }},
-        {"no title", 2, [](O o) { Put(&o->pstrStanzaTitle, nullptr); }},
-        {"no keyword", 2, [](O o) { Put(&o->pstrStanzaKeyword, nullptr); }},
-        {"no value", 2, [](O o) { Put(&o->oValue, nullptr); }},
-        {"number", 2, [](O o) { Put(&o->oValue, Number()); }},
-        {"list of numbers", 2,
-         [](O o) {
-             Put(&o->oValue, ListOf({Word("x"), Number()}));
-         }},
-        {"entry list", 10, [](O o) { Put(&o->oValue, ListOf({Word("x")})); }},
-        {"no stanza list", 6, nullptr},
-        {"stanza list number", 6, [](O o) { Put(&o->oStanzaList, Number()); }},
-        {"stanza list of numbers", 6, [](O o) { Put(&o->oStanzaList, ListOf({Number()})); }},
-        {"stanza list of nothing", 6,
-         [](O o) { Put(&o->oStanzaList, ListOf({ObjStanzaNew(nullptr)})); }},
-        {"no stanza", 7, nullptr},
-        {"stanza number", 8, [](O o) { Put(&o->oStanza, Number()); }},
-        {"no title of stanza", 7, [](O o) { o->oStanza = StanzaObject(nullptr, 0, nullptr); }},
-        {"too few keys", 7, [](O o) { o->oStanza = StanzaObject("T", 2, ListOf({})); }},
-        {"keys without count", 7,
-         [](O o) { o->oStanza = StanzaObject("T", 0, ListOf({KeyObject("k", 0, nullptr)})); }},
-        {"negative keys", 8, [](O o) { o->oStanza = StanzaObject("T", -1, nullptr); }},
-        {"keys number", 7, [](O o) { o->oStanza = StanzaObject("T", 0, Number()); }},
-        {"key number", 8, [](O o) { o->oStanza = StanzaObject("T", 1, ListOf({Number()})); }},
-        {"key without keyword", 8,
-         [](O o) { o->oStanza = StanzaObject("T", 1, ListOf({KeyObject(nullptr, 0, nullptr)})); }},
-        {"too few values", 7,
-         [](O o) {
-             o->oStanza = StanzaObject("T", 1, ListOf({KeyObject("k", Huge, ListOf({}))}));
-         }},
+    for (const char* home : {"gui/CachedPits/client", "gui", "gui/CachedPits", "out", "."})
+        WriteInHome(Text(home) + "/config/test.cfg", Plain);
+    const std::set<Text> files = AllFiles();
+    const auto refused = [&files](const Ask& ask) {
+        EXPECT_EQ(ReplyTo(ask), "FALSE");
+        return AllFiles() == files;
     };
-    const Text files = AllFiles();
-    for (const auto& r : requests) {
-        SCOPED_TRACE(r.what);
-        const Change change = [&](O o) {
-            o->oValue = Word("bad");
-            if (r.change) r.change(o);
-        };
-        EXPECT_EQ(Process(r.lType, "S", "k", change), "FALSE");
-        EXPECT_EQ(AllFiles(), files);
+    for (const int32 lType : {0, 14, -1, Huge})
+        EXPECT_TRUE(refused({.lType = lType, .oObject = Word("bad")})) << lType;
+    const std::pair<const char * Ask::*, const char*> names[] = {
+        {&Ask::client, nullptr},
+        {&Ask::client, ""},
+        {&Ask::client, "."},
+        {&Ask::client, ".."},
+        {&Ask::client, "../../out"},
+        {&Ask::client, "client/../../../out"},
+        {&Ask::file, nullptr},
+        {&Ask::file, ""},
+        {&Ask::file, "../../../../out/config/x.cfg"},
+        {&Ask::file, "./../config/x.cfg"},
+        {&Ask::path, "config/../out/config"},
+        {&Ask::path, "out/config/.."},
+        {&Ask::title, nullptr},
+        {&Ask::keyword, nullptr},
+    };
+    for (const auto& [field, name] : names) {
+        Ask ask = {.oObject = Word("bad")};
+        ask.*field = name;
+        EXPECT_TRUE(refused(ask)) << (name == nullptr ? "null" : name);
     }
+    EXPECT_TRUE(refused({.oObject = Word("bad"), .client = "..", .path = "config"}));
+    const std::pair<int32, void*> objects[] = {
+        {2, nullptr},
+        {2, Number()},
+        {2, Items({Word("x"), Number()})},
+        {10, Items({Word("x")})},
+        {6, nullptr},
+        {6, Number()},
+        {6, Items({Number()})},
+        {6, Items({ObjStanzaNew(nullptr)})},
+        {7, nullptr},
+        {8, Number()},
+        {7, Stanza(nullptr, 0, nullptr)},
+        {7, Stanza("T", 2, Items({}))},
+        {8, Stanza("T", 0, Items({Key("k", 0, nullptr)}))},
+        {7, Stanza("T", -1, nullptr)},
+        {8, Stanza("T", 0, Number())},
+        {7, Stanza("T", 1, Items({Number()}))},
+        {8, Stanza("T", 1, Items({Key(nullptr, 0, nullptr)}))},
+        {7, Stanza("T", 1, Items({Key("k", Huge, Items({}))}))},
+    };
+    for (const auto& [lType, oObject] : objects)
+        EXPECT_TRUE(refused({.lType = lType, .oObject = oObject})) << lType;
     const ObjHolder<void> number(Number());
     for (void* oRequest : {static_cast<void*>(nullptr), number.Get()}) {
-        Reply reply;
-        EXPECT_EQ(CfgSvrProcessConfigRequest(reply.Address(), static_cast<O>(oRequest)), FALSE);
+        ObjHolder<CfgSvrConfigReplyS> reply;
+        CfgSvrProcessConfigRequest(reply.Address(), static_cast<CfgSvrConfigRequestO>(oRequest));
         EXPECT_EQ(ReplyText(reply.Get()), "FALSE");
     }
-    EXPECT_EQ(CfgSvrProcessConfigRequest(nullptr, nullptr), FALSE);
 }
 
 TEST_F(CfgServer, StanzasAsObjectsAndBack) {
-    for (const char* line : {"[:empty]", "[C:t] a=1,-,3 b= a=x"}) {
-        StnzT* pStanza = nullptr;
-        const bool empty = Text(line) == "[:empty]";
-        StnzCreate(&pStanza, empty ? nullptr : "C", empty ? "empty" : "t", 5);
-        for (const auto& [keyword, values] :
-             std::initializer_list<std::pair<const char*, std::vector<const char*>>>{
-                 {"a", {"1", nullptr, "3"}}, {"b", {}}, {"a", {"x"}}}) {
-            StnzKeyT* pKey = nullptr;
-            StnzCreateKey(&pKey, keyword, 4);
-            for (const char* value : values) StnzAddValueToKey(&pKey, value);
-            if (!empty) StnzAddKeyToStanza(&pStanza, &pKey);
-            StnzReleaseKey(&pKey);
-        }
+    StnzT* stanzas[] = {NewStanza("C", "t"), nullptr};
+    StnzCreate(&stanzas[1], nullptr, "empty", 5);
+    for (StnzT* pStanza : stanzas) {
         ObjHolder<CfgStnzS> oStanza;
         StnzT* pBack = nullptr;
         EXPECT_EQ(CfgSvrStanzaObjectFromStanzaType(oStanza.Address(), pStanza), TRUE);
-        EXPECT_EQ(oStanza.Get()->lMaxKeyCount, 5);
         ASSERT_EQ(CfgSvrStanzaTypeFromStanzaObject(&pBack, oStanza.Get()), TRUE);
-        EXPECT_EQ(StanzaText(pBack), line);
-        EXPECT_EQ(StanzaText(pStanza), line);
+        EXPECT_EQ(StanzaText(pBack), pStanza == stanzas[0] ? "[C:t] k=v,-" : "[:empty]");
         StnzRelease(&pBack);
         StnzRelease(&pStanza);
     }
-    // Counts: values, maximum; the values that the key has, "" for no key, and its room.
+    // Counts: values, maximum; the values that the key has and its room, 0 for no key. A text may
+    // stand in a list many times, but takes no more room than a message could.
+    const ObjHolder<void> oLong(Word(Text(1 << 20, 'x').c_str()));
+    ListO oMany = ListNew();
+    for (int n = 0; n < 100; n++) ListAddLastItem(oMany, oLong.Get());
+    const auto pair = [] { return Items({Word("a"), Word("b")}); };
     const struct {
-        int32 lCount;
-        int32 lMaximum;
+        void* oKey;
         Text key;
         int32 lRoom;
-    } counts[] = {
-        {2, 10, "k=a,b", 10},  {2, 1, "k=a,b", 2}, {1, 0, "k=a", 1}, {0, 0, "k=", 1},
-        {2, Huge, "k=a,b", 2}, {3, 3, "", 0},      {-1, 5, "", 0},   {2, -1, "", 0},
+    } keys[] = {
+        {Key("k", 2, pair(), 10), "k=a,b", 10},  {Key("k", 2, pair(), 1), "k=a,b", 2},
+        {Key("k", 1, pair()), "k=a", 1},         {Key("k", 0, pair()), "k=", 1},
+        {Key("k", 2, pair(), Huge), "k=a,b", 2}, {Key("k", 3, pair(), 3), "", 0},
+        {Key("k", -1, pair(), 5), "", 0},        {Key("k", 2, pair(), -1), "", 0},
+        {Key("k", 100, oMany), "", 0},
     };
-    for (const auto& c : counts) {
-        const ObjHolder<CfgStnzKeyS> oKey(
-            KeyObject("k", c.lCount, ListOf({Word("a"), Word("b")}), c.lMaximum));
+    for (const auto& k : keys) {
+        const ObjHolder<void> oKey(k.oKey);
         StnzKeyT* pKey = nullptr;
-        EXPECT_EQ(CfgSvrStnzKeyTypeFromStnzKeyObject(&pKey, oKey.Get()), BooleanFrom(c.lRoom > 0));
-        EXPECT_EQ(pKey == nullptr ? "" : KeyText(pKey), c.key);
-        EXPECT_EQ(pKey == nullptr ? 0 : pKey->lMaxValueCount, c.lRoom);
+        CfgSvrStnzKeyTypeFromStnzKeyObject(&pKey, static_cast<CfgStnzKeyO>(k.oKey));
+        EXPECT_EQ(pKey == nullptr ? "" : KeyText(pKey), k.key);
+        EXPECT_EQ(pKey == nullptr ? 0 : pKey->lMaxValueCount, k.lRoom);
         StnzReleaseKey(&pKey);
     }
-    // A text that stands in a list many times takes no more room than a message could.
-    ListO oMany = ListNew();
-    const ObjHolder<ObjStringS> oLong(ObjStringNew(Text(1 << 20, 'x').c_str()));
-    for (int n = 0; n < 100; n++) ListAddLastItem(oMany, oLong.Get());
-    const ObjHolder<CfgStnzKeyS> oKey(KeyObject("k", 100, oMany));
-    StnzKeyT* pKey = nullptr;
-    EXPECT_EQ(CfgSvrStnzKeyTypeFromStnzKeyObject(&pKey, oKey.Get()), FALSE);
 }
 
 }  // namespace

@@ -22,8 +22,7 @@ int main() {
     if (ManagerStart("configserver", MsgConfigurationServerId) != TRUE ||
         MsgWaitAddHandler(CFG_SVR_CONFIG_REQUEST_MSG, Answer, nullptr) != TRUE)
         return 1;
-    std::puts("ready");
-    std::fflush(stdout);
+    ManagerReady(MsgConfigurationServerId);
     while (MsgWaitPollWithTimeout(nullptr) == TRUE) {
     }
     ContextReleaseThread();
