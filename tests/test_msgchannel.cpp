@@ -28,6 +28,7 @@
 #include "support/files.h"
 #include "support/leftovers.h"
 #include "support/messages.h"
+#include "support/peer.h"
 
 using Text = std::string;
 using bytes::Byte;
@@ -75,13 +76,8 @@ struct Link {
 
     // A connection over the loopback interface; the result is the other end of *other.
     static int Connected(int* other) {
-        NetSocketT listening = -1, accepted = -1;
         NetAddressT at;
-        NetOpen(&listening, NET_TYPE_TCP, AF_INET);
-        NetInitializeIpAddress(&at, "127.0.0.1", 0, AF_INET);
-        NetBind(listening, &at);
-        NetListen(listening, 1);
-        NetGetLocalAddress(&at, listening);
+        NetSocketT listening = ListenOnLoopback(&at), accepted = -1;
         *other = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         EXPECT_EQ(connect(*other, reinterpret_cast<sockaddr*>(&at), 16), 0);
         EXPECT_EQ(NetAccept(&accepted, listening, nullptr), NET_ERROR_NONE);

@@ -192,13 +192,8 @@ void PendingAttempts() {
     Check(outcome(MSG_CHANNEL_ERROR_TIMEOUT), "no end of the time");
     Check(gtTlContext.sMsg.oConnectingList->lItemCount == 0, "still pending");
     // A port at which nobody listens any more, and one that takes the connection and closes it.
-    NetSocketT listening = -1, accepted = -1;
     NetAddressT at;
-    NetOpen(&listening, NET_TYPE_TCP, AF_INET);
-    NetInitializeIpAddress(&at, "127.0.0.1", 0, AF_INET);
-    NetBind(listening, &at);
-    NetListen(listening, 5);
-    NetGetLocalAddress(&at, listening);
+    NetSocketT listening = ListenOnLoopback(&at), accepted = -1;
     auto* address = ObjNew<NetAddressS>(NetAddressMagic, "n32;");
     address->tAddress = at;
     ListPushLastItem(addresses.Get(), &address);
@@ -312,12 +307,8 @@ INSTANTIATE_TEST_SUITE_P(
 TEST(MsgNoManager, AnAdoptedProcessGivesUpEarly) {
     const Machine machine;
     // A port that was free a moment ago.
-    NetSocketT free = -1;
     NetAddressT at;
-    NetOpen(&free, NET_TYPE_TCP, AF_INET);
-    NetInitializeIpAddress(&at, "127.0.0.1", 0, AF_INET);
-    NetBind(free, &at);
-    NetGetLocalAddress(&at, free);
+    NetSocketT free = ListenOnLoopback(&at);
     NetClose(&free);
     WriteFile(machine.Home() + "/config/configure.cfg",
               "[Machine]\nComms TcpPort=" + std::to_string(NetGetIpPort(&at)) +

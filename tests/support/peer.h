@@ -1,6 +1,8 @@
 // What processes of the tests that send messages share.
 #pragma once
 
+#include <sys/socket.h>
+
 #include <chrono>
 #include <cstdio>
 #include <string>
@@ -34,6 +36,17 @@ inline TimeTimeoutO In(int32 seconds, int32 milliseconds = 0) {
 // Joins the processes of the machine that its communications manager serves.
 inline bool Connect(ProcIdT id) {
     return ProcSetId(id) == TRUE && MsgIpcConnect(eMsgProcTypeProcess) == TRUE;
+}
+
+// Listens on a port of the loopback interface that the system gives; *at says where.
+inline NetSocketT ListenOnLoopback(NetAddressT* at) {
+    NetSocketT listening = -1;
+    NetOpen(&listening, NET_TYPE_TCP, AF_INET);
+    NetInitializeIpAddress(at, "127.0.0.1", 0, AF_INET);
+    NetBind(listening, at);
+    NetListen(listening, 5);
+    NetGetLocalAddress(at, listening);
+    return listening;
 }
 
 // A line for the test that has started this process.
