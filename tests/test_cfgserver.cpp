@@ -208,6 +208,7 @@ TEST_F(CfgServer, RequestsThatAreNotCarriedOut) {
         EXPECT_TRUE(refused(ask)) << (name == nullptr ? "null" : name);
     }
     EXPECT_TRUE(refused({.oObject = Word("bad"), .client = "..", .path = "config"}));
+    EXPECT_TRUE(refused({10, nullptr, "k", Word("bad")}));
     const std::pair<int32, void*> objects[] = {
         {2, nullptr},
         {2, Number()},
