@@ -15,8 +15,8 @@ constexpr int32 MachInfoDefaultVersion = 6003;  // major * 1000 + minor
 
 // Has the local machine's network manager look for the machine, so that its stanza is there
 // afterwards where the manager can get it; nothing to do for the local one. TRUE when the manager
-// has answered. That may take its time: the call waits until then, or until a notice says that there
-// is no manager, while other messages are handled (msgwait.h).
+// has answered. That may take its time: the call waits until then, or until a notice says that
+// there is no manager, while other messages are handled (msgwait.h).
 BooleanT MachInfoFind(const char* pstrMachine);
 
 // What travels then.
