@@ -231,6 +231,7 @@ int End(const std::vector<Text>& arguments) {
         std::printf("%d%s", code, managers->Heard(true).c_str());
         std::fflush(stdout);
     };
+    std::atexit([] { std::printf("%s", memory->details.Attached() == 1 ? "" : "attached"); });
     ProcAddCleanupRoutine(tell, nullptr);
     if (how == "twice") ProcAddCleanupRoutine([](void*, int32) { raise(SIGTERM); }, nullptr);
     if (how == "signal") raise(SIGTERM);
