@@ -78,6 +78,33 @@ class CfgSvrCall {
     ObjHolder<CfgSvrConfigReplyS> m_oReply;
 };
 
+// Where an item is kept.
+struct CfgSvrItemT {
+    const char* pstrClient;
+    const char* pstrServer;
+    const char* pstrStanzaFile;
+    const char* pstrStanzaTitle;
+    const char* pstrKeyword;
+    const char* pstrAltPath;
+};
+
+// The item's value, as fnConvert makes it of its key, which is null when there is none.
+template <class Fn>
+BooleanT CfgSvrGetItem(int32 lMessage, const char* pstrOperation, const CfgSvrItemT& tItem,
+                       Fn fnConvert) {
+    TraceMessageInline(lMessage, 0, 4, "%s", pstrOperation);
+    CfgKeyHolder tKey;
+    CfgSvrGetKey(tKey.Address(), tItem.pstrClient, tItem.pstrServer, tItem.pstrStanzaFile,
+                 tItem.pstrStanzaTitle, tItem.pstrKeyword, tItem.pstrAltPath);
+    return CfgSvrReport(fnConvert(tKey.Get()), pstrOperation);
+}
+
+BooleanT CfgSvrSetText(const CfgSvrItemT& tItem, const char* pstrValue) {
+    const ObjHolder<ObjStringS> oValue(ObjStringNew(pstrValue));
+    return CfgSvrSetKey(tItem.pstrClient, tItem.pstrServer, tItem.pstrStanzaFile,
+                        tItem.pstrStanzaTitle, tItem.pstrKeyword, tItem.pstrAltPath, oValue.Get());
+}
+
 }  // namespace
 
 // --- reading items ---
@@ -111,51 +138,46 @@ BooleanT CfgSvrGetString(char** ppstrValue, const char* pstrClient, const char* 
                          const char* pstrStanzaFile, const char* pstrStanzaTitle,
                          const char* pstrKeyword, const char* pstrAltPath,
                          const char* pstrDefault) {
-    TraceMessageInline(72, 0, 4, "CfgSvrGetString");
-    CfgKeyHolder tKey;
-    CfgSvrGetKey(tKey.Address(), pstrClient, pstrServer, pstrStanzaFile, pstrStanzaTitle,
-                 pstrKeyword, pstrAltPath);
-    return CfgSvrReport(CfgKeyToString(ppstrValue, tKey.Get(), pstrDefault), "CfgSvrGetString");
+    return CfgSvrGetItem(
+        72, "CfgSvrGetString",
+        {pstrClient, pstrServer, pstrStanzaFile, pstrStanzaTitle, pstrKeyword, pstrAltPath},
+        [&](StnzKeyT* pKey) { return CfgKeyToString(ppstrValue, pKey, pstrDefault); });
 }
 
 BooleanT CfgSvrGetInteger(int32* plValue, const char* pstrClient, const char* pstrServer,
                           const char* pstrStanzaFile, const char* pstrStanzaTitle,
                           const char* pstrKeyword, const char* pstrAltPath, int32 lDefault) {
-    TraceMessageInline(73, 0, 4, "CfgSvrGetInteger");
-    CfgKeyHolder tKey;
-    CfgSvrGetKey(tKey.Address(), pstrClient, pstrServer, pstrStanzaFile, pstrStanzaTitle,
-                 pstrKeyword, pstrAltPath);
-    return CfgSvrReport(CfgKeyToInteger(plValue, tKey.Get(), lDefault), "CfgSvrGetInteger");
+    return CfgSvrGetItem(
+        73, "CfgSvrGetInteger",
+        {pstrClient, pstrServer, pstrStanzaFile, pstrStanzaTitle, pstrKeyword, pstrAltPath},
+        [&](StnzKeyT* pKey) { return CfgKeyToInteger(plValue, pKey, lDefault); });
 }
 
 BooleanT CfgSvrGetInt64(int64* pllValue, const char* pstrClient, const char* pstrServer,
                         const char* pstrStanzaFile, const char* pstrStanzaTitle,
                         const char* pstrKeyword, const char* pstrAltPath, int64 llDefault) {
-    TraceMessageInline(74, 0, 4, "CfgSvrGetInt64");
-    CfgKeyHolder tKey;
-    CfgSvrGetKey(tKey.Address(), pstrClient, pstrServer, pstrStanzaFile, pstrStanzaTitle,
-                 pstrKeyword, pstrAltPath);
-    return CfgSvrReport(CfgKeyToInt64(pllValue, tKey.Get(), llDefault), "CfgSvrGetInt64");
+    return CfgSvrGetItem(
+        74, "CfgSvrGetInt64",
+        {pstrClient, pstrServer, pstrStanzaFile, pstrStanzaTitle, pstrKeyword, pstrAltPath},
+        [&](StnzKeyT* pKey) { return CfgKeyToInt64(pllValue, pKey, llDefault); });
 }
 
 BooleanT CfgSvrGetBoolean(BooleanT* pbValue, const char* pstrClient, const char* pstrServer,
                           const char* pstrStanzaFile, const char* pstrStanzaTitle,
                           const char* pstrKeyword, const char* pstrAltPath, BooleanT bDefault) {
-    TraceMessageInline(75, 0, 4, "CfgSvrGetBoolean");
-    CfgKeyHolder tKey;
-    CfgSvrGetKey(tKey.Address(), pstrClient, pstrServer, pstrStanzaFile, pstrStanzaTitle,
-                 pstrKeyword, pstrAltPath);
-    return CfgSvrReport(CfgKeyToBoolean(pbValue, tKey.Get(), bDefault), "CfgSvrGetBoolean");
+    return CfgSvrGetItem(
+        75, "CfgSvrGetBoolean",
+        {pstrClient, pstrServer, pstrStanzaFile, pstrStanzaTitle, pstrKeyword, pstrAltPath},
+        [&](StnzKeyT* pKey) { return CfgKeyToBoolean(pbValue, pKey, bDefault); });
 }
 
 BooleanT CfgSvrGetValueList(ListO* poValueList, const char* pstrClient, const char* pstrServer,
                             const char* pstrStanzaFile, const char* pstrStanzaTitle,
                             const char* pstrKeyword, const char* pstrAltPath) {
-    TraceMessageInline(76, 0, 4, "CfgSvrGetValueList");
-    CfgKeyHolder tKey;
-    CfgSvrGetKey(tKey.Address(), pstrClient, pstrServer, pstrStanzaFile, pstrStanzaTitle,
-                 pstrKeyword, pstrAltPath);
-    return CfgSvrReport(CfgKeyToValueList(poValueList, tKey.Get()), "CfgSvrGetValueList");
+    return CfgSvrGetItem(
+        76, "CfgSvrGetValueList",
+        {pstrClient, pstrServer, pstrStanzaFile, pstrStanzaTitle, pstrKeyword, pstrAltPath},
+        [&](StnzKeyT* pKey) { return CfgKeyToValueList(poValueList, pKey); });
 }
 
 // --- writing items ---
@@ -173,9 +195,9 @@ BooleanT CfgSvrSetString(const char* pstrClient, const char* pstrServer, const c
                          const char* pstrStanzaTitle, const char* pstrKeyword,
                          const char* pstrAltPath, const char* pstrValue) {
     TraceMessageInline(78, 0, 4, "CfgSvrSetString");
-    const ObjHolder<ObjStringS> oValue(ObjStringNew(pstrValue));
-    return CfgSvrSetKey(pstrClient, pstrServer, pstrStanzaFile, pstrStanzaTitle, pstrKeyword,
-                        pstrAltPath, oValue.Get());
+    return CfgSvrSetText(
+        {pstrClient, pstrServer, pstrStanzaFile, pstrStanzaTitle, pstrKeyword, pstrAltPath},
+        pstrValue);
 }
 
 BooleanT CfgSvrSetInteger(const char* pstrClient, const char* pstrServer,
@@ -184,9 +206,9 @@ BooleanT CfgSvrSetInteger(const char* pstrClient, const char* pstrServer,
     TraceMessageInline(79, 0, 4, "CfgSvrSetInteger");
     PoolPtr<char> pstrValue;
     StrFromInteger(pstrValue.Address(), lValue);
-    const ObjHolder<ObjStringS> oValue(ObjStringNew(pstrValue.Get()));
-    return CfgSvrSetKey(pstrClient, pstrServer, pstrStanzaFile, pstrStanzaTitle, pstrKeyword,
-                        pstrAltPath, oValue.Get());
+    return CfgSvrSetText(
+        {pstrClient, pstrServer, pstrStanzaFile, pstrStanzaTitle, pstrKeyword, pstrAltPath},
+        pstrValue.Get());
 }
 
 BooleanT CfgSvrSetInt64(const char* pstrClient, const char* pstrServer, const char* pstrStanzaFile,
@@ -195,9 +217,9 @@ BooleanT CfgSvrSetInt64(const char* pstrClient, const char* pstrServer, const ch
     TraceMessageInline(80, 0, 4, "CfgSvrSetInt64");
     PoolPtr<char> pstrValue;
     StrFromInt64(pstrValue.Address(), llValue);
-    const ObjHolder<ObjStringS> oValue(ObjStringNew(pstrValue.Get()));
-    return CfgSvrSetKey(pstrClient, pstrServer, pstrStanzaFile, pstrStanzaTitle, pstrKeyword,
-                        pstrAltPath, oValue.Get());
+    return CfgSvrSetText(
+        {pstrClient, pstrServer, pstrStanzaFile, pstrStanzaTitle, pstrKeyword, pstrAltPath},
+        pstrValue.Get());
 }
 
 BooleanT CfgSvrSetBoolean(const char* pstrClient, const char* pstrServer,
@@ -206,9 +228,9 @@ BooleanT CfgSvrSetBoolean(const char* pstrClient, const char* pstrServer,
     TraceMessageInline(81, 0, 4, "CfgSvrSetBoolean");
     PoolPtr<char> pstrValue;
     StrFromBoolean(pstrValue.Address(), bValue);
-    const ObjHolder<ObjStringS> oValue(ObjStringNew(pstrValue.Get()));
-    return CfgSvrSetKey(pstrClient, pstrServer, pstrStanzaFile, pstrStanzaTitle, pstrKeyword,
-                        pstrAltPath, oValue.Get());
+    return CfgSvrSetText(
+        {pstrClient, pstrServer, pstrStanzaFile, pstrStanzaTitle, pstrKeyword, pstrAltPath},
+        pstrValue.Get());
 }
 
 BooleanT CfgSvrSetValueList(const char* pstrClient, const char* pstrServer,
