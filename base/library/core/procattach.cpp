@@ -18,14 +18,10 @@ TRACE_MODULE("PROCESS")
 
 namespace {
 
-// An attached segment, detached at the end of its life.
+// A segment and its size. Nothing detaches it at the exit of the process: what else runs then may
+// still count in it.
 class ProcSegment {
  public:
-    ProcSegment() = default;
-    ~ProcSegment() { Detach(); }
-    ProcSegment(const ProcSegment&) = delete;
-    ProcSegment& operator=(const ProcSegment&) = delete;
-
     // While it is attached its id stands for no other segment, so the size is its own.
     bool Attach(ShmIdT tId, bool bReadOnly) {
         const BooleanT bAttached =
@@ -36,10 +32,6 @@ class ProcSegment {
         if (m_pBase != nullptr) ShmDetach(&m_pBase);
         m_pBase = nullptr;
         m_llSize = 0;
-    }
-    void Swap(ProcSegment& tOther) {
-        std::swap(m_pBase, tOther.m_pBase);
-        std::swap(m_llSize, tOther.m_llSize);
     }
     void* Base() const { return m_pBase; }
 
@@ -106,8 +98,16 @@ ProcProcessTableT* ProcFindTable(const ProcSegment& tSegment) {
         0, int64{sizeof(ProcProcessTableT)} + llSlots * int64{sizeof(ProcHandleT)});
 }
 
-// What the message leads to.
+// What the message leads to. Segments that nobody has taken go with it.
 struct ProcPlacesT {
+    ProcPlacesT() = default;
+    ~ProcPlacesT() {
+        tDetailsSegment.Detach();
+        tTableSegment.Detach();
+    }
+    ProcPlacesT(const ProcPlacesT&) = delete;
+    ProcPlacesT& operator=(const ProcPlacesT&) = delete;
+
     ProcSegment tDetailsSegment;
     ProcSegment tTableSegment;
     ProcDetailsT* ptDetails = nullptr;
@@ -152,8 +152,8 @@ BooleanT ProcAttachSharedMemory(MsgPacketO oPacket, BooleanT bViewer) {
         !ProcFindPlaces(&tPlaces, *oBody.Get(), bViewer == TRUE))
         return FALSE;
     ProcDetachSharedMemory();
-    gtDetailsSegment.Swap(tPlaces.tDetailsSegment);
-    gtTableSegment.Swap(tPlaces.tTableSegment);
+    std::swap(gtDetailsSegment, tPlaces.tDetailsSegment);
+    std::swap(gtTableSegment, tPlaces.tTableSegment);
     TesselContextProcessS& tProcess = gtTlContext.sProcess;
     tProcess.ptSharedMemoryBase = gtDetailsSegment.Base();
     tProcess.ptProgressBuffer = tPlaces.ptProgress;
