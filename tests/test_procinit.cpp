@@ -341,65 +341,51 @@ TEST(ProcInit, TraceFiles) {
 // --- the shared memory ---
 
 TEST(ProcAttach, EveryPlaceIsInsideItsSegment) {
-    enum Where { Field, Details, Table, Title };  // a field's number, offsets of words, a length
+    // A field by number, the same for a viewer, words by offset, the table's for one, a length.
+    enum Where { Field, Viewed, Details, Table, Title };
     constexpr int32 segment = 0, table = 1, record = 2, progress = 3, kiln = 4;
     constexpr int32 traceRoom = Whole - TraceAt - 16, progressRoom = Whole - ProgressAt - 8;
     const struct {
         Where where;
-        int32 at, value;
-        BooleanT viewer, attached;
+        int32 at;
+        std::vector<int32> good, bad;
     } cases[] = {
-        {Field, record, DetailsAt, FALSE, TRUE},  // as it should be
-        {Field, record, DetailsAt, TRUE, TRUE},
-        {Field, segment, -1, FALSE, FALSE},
-        {Field, segment, INT_MAX, FALSE, FALSE},
-        {Field, table, -1, FALSE, TRUE},  // not looked at
-        {Field, table, -1, TRUE, FALSE},
-        {Table, 0, -1, TRUE, FALSE},
-        {Table, 0, Slots + 1, TRUE, FALSE},
-        {Table, 0, INT_MAX, TRUE, FALSE},
-        {Field, record, -8, FALSE, FALSE},
-        {Field, record, DetailsAt + 1, FALSE, FALSE},
-        {Field, record, Whole - 116, FALSE, FALSE},
-        {Field, record, INT_MAX & ~7, FALSE, FALSE},
-        {Details, TraceAt, traceRoom, FALSE, TRUE},
-        {Details, TraceAt, traceRoom + 1, FALSE, FALSE},
-        {Details, TraceAt, INT_MAX, FALSE, FALSE},
-        {Details, TraceAt, -1, FALSE, FALSE},
-        {Title, 0, 79, FALSE, TRUE},
-        {Title, 0, 80, FALSE, FALSE},
-        {Field, progress, 0, FALSE, TRUE},  // none
-        {Field, progress, -4, FALSE, FALSE},
-        {Field, progress, Whole - 4, FALSE, FALSE},
-        {Field, progress, Whole, FALSE, FALSE},
-        {Details, ProgressAt, progressRoom, FALSE, TRUE},
-        {Details, ProgressAt, progressRoom + 1, FALSE, FALSE},
-        {Details, ProgressAt, INT_MIN, FALSE, FALSE},
-        {Details, ProgressAt + 4, ProgressBytes, FALSE, TRUE},
-        {Details, ProgressAt + 4, ProgressBytes + 1, FALSE, FALSE},
-        {Details, ProgressAt + 4, -1, FALSE, FALSE},
-        {Field, kiln, KilnAt + 1, FALSE, FALSE},
-        {Field, kiln, KilnAt + 8, FALSE, FALSE},
-        {Field, kiln, INT_MIN, FALSE, FALSE},
+        {Field, segment, {}, {-1, INT_MAX}},
+        {Field, table, {-1}, {}},
+        {Viewed, table, {}, {-1}},
+        {Viewed, record, {DetailsAt}, {}},
+        {Field, record, {DetailsAt}, {-8, DetailsAt + 1, Whole - 116, INT_MAX & ~7}},
+        {Field, progress, {0, ProgressAt}, {-4, Whole - 4, Whole}},
+        {Field, kiln, {KilnAt}, {KilnAt + 1, KilnAt + 8, INT_MIN}},
+        {Table, 0, {0, Slots}, {-1, Slots + 1, INT_MAX}},
+        {Title, 0, {79}, {80}},
+        {Details, TraceAt, {traceRoom}, {traceRoom + 1, INT_MAX, -1}},
+        {Details, ProgressAt, {progressRoom}, {progressRoom + 1, INT_MIN}},
+        {Details, ProgressAt + 4, {ProgressBytes}, {ProgressBytes + 1, -1}},
     };
     const NothingLeft nothing;
-    for (const auto& c : cases) {
+    const auto attach = [](Where where, int32 at, int32 value, BooleanT attached) {
+        SCOPED_TRACE(to_string(where) + " " + to_string(at) + " " + to_string(value));
+        const BooleanT viewer = BooleanFrom(where == Viewed || where == Table);
         const Memory memory;
         const Place place(memory);
-        SCOPED_TRACE(to_string(c.where) + " " + to_string(c.at) + " " + to_string(c.value));
-        if (c.where == Field) (&place->tDetailsId)[c.at] = c.value;
-        if (c.where == Details) memory.details.Word(c.at) = c.value;
-        if (c.where == Table) memory.table.Word(c.at) = c.value;
-        if (c.where == Title)
-            std::memset(memory.details.At<char>(DetailsAt), 'x', static_cast<size_t>(c.value));
-        EXPECT_EQ(ProcAttachSharedMemory(Said(PMGR_ATTACH_TO_SHM_MSG, place.Get()).Get(), c.viewer),
-                  c.attached);
-        EXPECT_EQ(ProcTitle() != nullptr, c.attached == TRUE);
-        EXPECT_EQ(memory.details.Attached(), 1 + c.attached);
-        EXPECT_EQ(memory.table.Attached(), 1 + (c.attached & c.viewer));
+        if (where <= Viewed) (&place->tDetailsId)[at] = value;
+        if (where == Details) memory.details.Word(at) = value;
+        if (where == Table) memory.table.Word(at) = value;
+        if (where == Title)
+            std::memset(memory.details.At<char>(DetailsAt), 'x', static_cast<size_t>(value));
+        EXPECT_EQ(ProcAttachSharedMemory(Said(PMGR_ATTACH_TO_SHM_MSG, place.Get()).Get(), viewer),
+                  attached);
+        EXPECT_EQ(ProcTitle() != nullptr, attached == TRUE);
+        EXPECT_EQ(memory.details.Attached(), 1 + attached);
+        EXPECT_EQ(memory.table.Attached(), 1 + (attached & viewer));
         ProcDetachSharedMemory();
         EXPECT_EQ(memory.details.Attached() + memory.table.Attached(), 2);
         ProcSetName(nullptr);
+    };
+    for (const auto& c : cases) {
+        for (const int32 value : c.good) attach(c.where, c.at, value, TRUE);
+        for (const int32 value : c.bad) attach(c.where, c.at, value, FALSE);
     }
     EXPECT_EQ(ProcAttachSharedMemory(Said(PMGR_ATTACH_TO_SHM_MSG).Get(), FALSE), FALSE);
 }
