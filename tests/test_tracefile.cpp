@@ -184,6 +184,19 @@ TEST_F(TraceFile, LeavesTheToolItsFile) {
     unlink(go.c_str());
 }
 
+// Nor is a new file of the same name opened before that.
+TEST_F(TraceFile, OpensAFileAgainAfterTheTool) {
+    Configure("Lines per File=1000\n");
+    const Text done = TestHome() + "/done";
+    InstallTool("sleep 0.1; rm \"$2\"; touch \"$KRHOME/done\"\n");
+    ASSERT_EQ(TraceToFileNoConfig("job.log"), TRUE);
+    ASSERT_EQ(TraceToFileNoConfig("job.log"), TRUE);
+    unlink(Tool.c_str());
+    TraceLines(1);
+    EXPECT_EQ(unlink(done.c_str()), 0);
+    EXPECT_EQ(Numbers(ReadFile(TraceDir + "/job-000.log")), (std::vector<int>{0}));
+}
+
 TEST_F(TraceFile, SynchronousAndReferenceTime) {
     Configure("");
     KilnTimeOffsetT reference = {};

@@ -156,8 +156,9 @@ BooleanT TraceEnabled();
 // Writes every recorded message as a line to a file of that name in the trace directory, beginning
 // with what a shared buffer holds already. With "Lines per File" set there are numbered files, each
 // begun by a block of lines about the machine; a file that is full is closed and packed in the
-// background by the archive tool of the home directory. An empty name or null ends the file and the
-// sink. TRUE when a file was opened. A name with "%" in it is refused, with nothing changed.
+// background by the archive tool of the home directory; a file of the same name is opened when the
+// tool has ended. An empty name or null ends the file and the sink. TRUE when a file was opened. A
+// name with "%" in it is refused, with nothing changed.
 BooleanT TraceToFileNoConfig(const char* pstrFile);
 BooleanT TraceToFile(const char* pstrFile);  // TRUE, with nothing done, unless TraceEnabled
 

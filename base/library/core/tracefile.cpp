@@ -58,6 +58,15 @@ bool TraceIsPacking(const char* pstrPath) {
                        [&](const TracePackingT& tPacking) { return tPacking.tPath == pstrPath; });
 }
 
+// A new file of the same name would be packed half and deleted.
+void TraceAwaitTool(const std::string& tPath) {
+    std::erase_if(gatPacking, [&](const TracePackingT& tPacking) {
+        if (tPacking.tPath != tPath) return false;
+        SysRepeat([&] { return waitpid(tPacking.tTool, nullptr, 0); });
+        return true;
+    });
+}
+
 // The pattern with a number in its place; of files without rotation the pattern is the path.
 std::string TraceFilePath(int32 lIndex) {
     const TesselContextTraceS& tTrace = gtTlContext.sTrace;
@@ -147,6 +156,7 @@ BooleanT TraceOpenFile() {
     }
     const std::string tPath = TraceFilePath(tTrace.lIndex);
     if (tTrace.pstrPath == nullptr) return FALSE;
+    TraceAwaitTool(tPath);
     std::memcpy(tTrace.pstrPath, tPath.c_str(), tPath.size() + 1);
     tTrace.lIndex++;
     umask(0);
