@@ -200,7 +200,6 @@ int main() {
         bServe = Handle(&oPacket);
         if (oPacket != nullptr) ObjRelease(&oPacket);
     }
-    MsgQuickExit(TRUE);
-    ContextReleaseThread();
+    ManagerEnd();
     return 0;
 }

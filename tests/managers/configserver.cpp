@@ -1,6 +1,7 @@
 // A small configuration server: answers requests until it is told to end.
 //
-//   configserver      KRHOME names the home directory, below which the clients' files lie
+//   configserver [13]      KRHOME names the home directory, below which the clients' files lie.
+//                          13: started by the process manager
 #include "core/cfgserver.h"
 #include "core/msgwait.h"
 #include "manager.h"
@@ -18,13 +19,14 @@ MsgWaitResultE Answer(MsgMessageO oMessage, void* /*oCookie*/) {
 
 }  // namespace
 
-int main() {
-    if (ManagerStart("configserver", MsgConfigurationServerId) != TRUE ||
+int main(int argc, char** argv) {
+    const char* pstrId = argc > 1 ? argv[1] : nullptr;
+    if (ManagerStart("configserver", MsgConfigurationServerId, pstrId) != TRUE ||
         MsgWaitAddHandler(CFG_SVR_CONFIG_REQUEST_MSG, Answer, nullptr) != TRUE)
         return 1;
     ManagerReady(MsgConfigurationServerId);
     while (MsgWaitPollWithTimeout(nullptr) == TRUE) {
     }
-    ContextReleaseThread();
+    ManagerEnd();
     return 0;
 }

@@ -2,8 +2,9 @@
 // it reads again when it starts, and answers queries: every entry that the criteria let through as
 // a message like the one that brought it, then the end of the request.
 //
-//   logdaemon [LANGUAGE]    KRHOME names the home directory, whose "logs/log" holds the records. A
-//                           text is searched for in what a reader of the language would see.
+//   logdaemon [7|LANGUAGE]    KRHOME names the home directory, whose "logs/log" holds the records.
+//                             A text is searched for in what a reader of the language would see.
+//                             7: started by the process manager
 //
 // Criteria: what is null, 0 or an empty list lets everything through. Of the warning levels bit n
 // stands for the n-th one of LogListWarningLevels. A source, when there is one, is the client.
@@ -147,8 +148,9 @@ void Answer(MsgPacketO oPacket) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (ManagerStart("logdaemon", MsgLogDaemonId) != TRUE || Load() != TRUE) return 1;
-    LogSetLocale(argc > 1 ? argv[1] : nullptr);
+    const char* pstrArgument = argc > 1 ? argv[1] : nullptr;
+    if (ManagerStart("logdaemon", MsgLogDaemonId, pstrArgument) != TRUE || Load() != TRUE) return 1;
+    LogSetLocale(ManagerIsManaged() ? nullptr : pstrArgument);
     ManagerReady(0);
     for (bool bServe = true; bServe;) {
         ObjHolder<MsgPacketS> oPacket;
@@ -170,7 +172,6 @@ int main(int argc, char** argv) {
                 break;
         }
     }
-    MsgQuickExit(TRUE);
-    ContextReleaseThread();
+    ManagerEnd();
     return 0;
 }

@@ -7,17 +7,21 @@
 #include <cstdio>
 #include <cstring>
 #include <iterator>
+#include <string>
 
 #include "core/cfg.h"
 #include "core/context.h"
 #include "core/list.h"
 #include "core/msgchannel.h"
-#include "core/process.h"
+#include "core/procinit.h"
 
 // Brings the library up in the home directory that KRHOME names. FALSE, told on standard error.
-inline BooleanT ManagerStart(const char* pstrName, ProcIdT tId) {
-    if (ContextInitialize() == TRUE && ProcSetId(tId) == TRUE &&
-        MsgIpcConnect(eMsgProcTypeProcess) == TRUE)
+// With its id as the first argument the manager is one of the processes of the process manager.
+inline BooleanT ManagerStart(const char* pstrName, ProcIdT tId, const char* pstrId = nullptr) {
+    const bool bManaged = pstrId != nullptr && std::to_string(tId) == pstrId;
+    if (bManaged ? ProcInitialize(pstrId, FALSE) == TRUE
+                 : ContextInitialize() == TRUE && ProcSetId(tId) == TRUE &&
+                       MsgIpcConnect(eMsgProcTypeProcess) == TRUE)
         return TRUE;
     std::fprintf(stderr, "%s: cannot start\n", pstrName);
     return FALSE;
@@ -29,10 +33,24 @@ inline MsgAddressO AddressOf(const char* pstrMachine, ProcIdT tId) {
     return oAddress;
 }
 
+inline bool ManagerIsManaged() { return gtTlContext.sProcess.ptDetails != nullptr; }
+
 // Tells whoever has started the manager that it serves, on a port where it has one.
 inline void ManagerReady(int32 lPort) {
+    if (ManagerIsManaged()) {
+        ProcSendSODReady(ePSODROK);
+        return;
+    }
     std::printf("ready %d\n", lPort);
     std::fflush(stdout);
+}
+
+inline void ManagerEnd() {
+    MsgQuickExit(TRUE);
+    if (ManagerIsManaged())
+        ProcRelease(0);
+    else
+        ContextReleaseThread();
 }
 
 // --- calls to the manager ---

@@ -321,7 +321,6 @@ int main() {
         ObjRelease(&oPacket);
     }
     gtMachines.clear();
-    MsgQuickExit(TRUE);
-    ContextReleaseThread();
+    ManagerEnd();
     return 0;
 }

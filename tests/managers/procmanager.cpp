@@ -2,7 +2,8 @@
 // gives processes their ids and their places in the shared memory, starts programs, at the start of
 // the day and for tasks, keeps the state of every process, tells of deaths, and ends the machine:
 // first the programs of the end of the day, then every process is asked to end, and what stays is
-// killed; the managers of the network and of communications are the last.
+// killed: those whose ids are their own on every machine, such as the log daemon, after all others,
+// which may need them until then. The managers of the network and of communications are the last.
 //
 //   procmanager      KRHOME names the home directory, "Process Manager" of its "programs.cfg" a
 //                    file for the keys of the shared memory. SIGTERM and PMGR_KILL_YOURSELF_MSG of
@@ -29,6 +30,7 @@ constexpr int32 KillTypeAsk = 0, KillTypeTerminate = 1;  // any other: at once
 enum class PhaseE { StartOfDay, Serving, EndOfDay, Asked, Killed, Over };
 PhaseE gePhase = PhaseE::StartOfDay;
 Clock::time_point gtPhaseEnd;
+ProcIdT gtEnding = TableFirstFreeId;  // from this id on processes are ended
 int giExitCode = 0;
 volatile std::sig_atomic_t giTerminate = 0;
 
@@ -259,23 +261,29 @@ void Enter(PhaseE ePhase, int32 lSeconds) {
 void AskAll() {
     int32 lSeconds = 10;
     CfgGetInteger(&lSeconds, "procmgr.cfg", "Shutdown", "Wait", lSeconds);
-    for (const auto& [tId, tProcess] : Table()) SendTo(tId, PMGR_KILL_YOURSELF_MSG, nullptr);
+    for (const auto& [tId, tProcess] : Table())
+        if (tId >= gtEnding) SendTo(tId, PMGR_KILL_YOURSELF_MSG, nullptr);
     Enter(PhaseE::Asked, lSeconds);
 }
 
 void KillAll() {
-    for (const auto& [tId, tProcess] : Table()) ProcKill(tProcess.tRealId);
+    for (const auto& [tId, tProcess] : Table())
+        if (tId >= gtEnding) ProcKill(tProcess.tRealId);
     Enter(PhaseE::Killed, 10);
 }
 
-void EndManagers() {
+void EndTheRest() {
+    if (gtEnding != 0) {
+        gtEnding = 0;
+        return AskAll();
+    }
     SendTo(MsgNetworkManagerId, PMGR_KILL_YOURSELF_MSG, nullptr);
     SendTo(MsgCommunicationsManagerId, PMGR_KILL_YOURSELF_MSG, nullptr);
     gePhase = PhaseE::Over;
 }
 
 void Step() {
-    const bool bAllGone = Table().empty();
+    const bool bAllGone = Table().lower_bound(gtEnding) == Table().end();
     const bool bLate = Clock::now() >= gtPhaseEnd;
     if (gePhase == PhaseE::StartOfDay) {
         const DayE eDay = StartOfDayStep();
@@ -289,7 +297,7 @@ void Step() {
         KillAll();
     } else if ((gePhase == PhaseE::Asked && bAllGone) ||
                (gePhase == PhaseE::Killed && (bAllGone || bLate))) {
-        EndManagers();
+        EndTheRest();
     }
 }
 
@@ -323,6 +331,7 @@ void Handle(MsgMessageO oMessage) {
             if (MsgIsFromLocalMachine(oMessage) == TRUE) BeginEnd();
             return;
         case MSG_LOST_RECEIVE_QUEUE_MSG:  // no process can be reached any more
+            gtEnding = 0;
             if (gePhase < PhaseE::Killed) KillAll();
             return;
         default:
@@ -359,7 +368,6 @@ int main() {
     // The last words leave before the link does.
     for (int i = 0; i < 100 && gtTlContext.sMsg.oIpcChannel != nullptr; i++)
         MsgPendingWithTimeout(100);
-    MsgQuickExit(TRUE);
-    ContextReleaseThread();
+    ManagerEnd();
     return giExitCode;
 }

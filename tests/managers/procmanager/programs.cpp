@@ -87,8 +87,12 @@ ProcIdT StartNext(Day* ptDay) {
 }  // namespace
 
 Managed* ProgramStart(const std::string& name, const std::string& title, ProcErrorE* peError) {
-    Managed* ptProcess = TableAdd(0, title);
+    int32 lId = 0;
     ProcProcessInfoT tStarted = {};
+    CfgGetInteger(&lId, "programs.cfg", name.c_str(), "Id", 0);
+    *peError = eProcErrorAlreadyRunning;
+    if (lId != 0 && TableFind(lId) != nullptr) return nullptr;
+    Managed* ptProcess = TableAdd(lId, title);
     *peError = eProcErrorTooManyProcesses;
     if (ptProcess == nullptr) return nullptr;
     *peError = eProcErrorSpawnFailed;

@@ -3,9 +3,9 @@
 
 #include "table.h"
 
-// Starts a program under a new id, with a title. Its path is "unix" of its section in
-// "programs.cfg", else its name, below the home directory unless it is absolute. Null on failure,
-// with the code of the error.
+// Starts a program, with a title. Its section in "programs.cfg" may say "unix", its path, which is
+// its name otherwise and lies below the home directory unless it is absolute, and "Id", the id
+// under which it alone runs; others get a new one. Null on failure, with the code of the error.
 Managed* ProgramStart(const std::string& name, const std::string& title, ProcErrorE* peError);
 
 // The programs of "procmgr.cfg" are started in their order. A step starts what can be started and

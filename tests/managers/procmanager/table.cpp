@@ -12,7 +12,6 @@
 namespace {
 
 constexpr int32 Slots = 48;
-constexpr ProcIdT FirstFreeId = 100;  // those below are given to programs by name
 constexpr int32 TraceBytes = 16384, ProgressBytes = 1024;
 constexpr int32 DetailsSize = sizeof(ProcDetailsT) + TraceBytes;
 constexpr int32 ProgressSize = sizeof(ProgressBufHeaderT) + ProgressBytes;
@@ -23,7 +22,7 @@ constexpr int32 TableSize = sizeof(ProcProcessTableT) + Slots * sizeof(ProcHandl
 static_assert(DetailsAt >= sizeof(KilnTimeOffsetT) && DetailsSize % 8 == 0);
 
 std::map<ProcIdT, Managed> gtProcesses;
-ProcIdT gtNextId = FirstFreeId;
+ProcIdT gtNextId = TableFirstFreeId;
 ShmIdT gtDetailsId = ShmIdNone, gtTableId = ShmIdNone;
 ByteT* gpDetails = nullptr;
 ProcHandleT* gptSlots = nullptr;

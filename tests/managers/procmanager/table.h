@@ -16,6 +16,8 @@ struct MessageReleaser {
 };
 using HeldMessage = std::unique_ptr<MsgMessageS, MessageReleaser>;
 
+constexpr ProcIdT TableFirstFreeId = 100;  // those below are given to programs by name
+
 struct Managed {
     ProcIdT tId = 0;
     ProcRealIdT tRealId = -1;  // -1 while it is not known
