@@ -3,7 +3,8 @@
 #   make                  the tool (build/bin/zlibcompress), the library (build/lib/libtessel.a), tests
 #   make run              packs and unpacks 100 MB of this machine's files and checks every byte;
 #                         then traces 100,000 lines into rotating files and finds every one again;
-#                         then lets two processes talk over a channel
+#                         then lets two processes talk over a channel; then runs a whole machine
+#                         of managers and services for a short day
 #   make test             all tests
 #   make bench            all comparisons; BENCH="alloc list" for some of them
 #   make fuzz             every fuzzer for FUZZ_SECONDS
@@ -24,8 +25,8 @@ all:
 	@scripts/setup.sh build test && scripts/build.sh release
 
 run:
-	@scripts/setup.sh build test && scripts/build.sh release zlibcompress tracing asking commsmanager && \
-		scripts/run.sh && scripts/run-tracing.sh && scripts/run-messages.sh
+	@scripts/setup.sh build test && scripts/build.sh release zlibcompress examples managers && \
+		scripts/run.sh && scripts/run-tracing.sh && scripts/run-messages.sh && scripts/run-system.sh
 
 test: all
 	@$(CTEST) build
