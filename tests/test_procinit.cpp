@@ -614,6 +614,24 @@ int Ask(const std::vector<Text>& arguments) {
 }
 const Role askRole("ask", Ask);
 
+// A process of that id which asks to be told of another one's death, and goes on when the manager
+// knows it or ("0") waits for what it is told.
+int Watch(const std::vector<Text>& arguments) {
+    if (ProcInitialize(arguments[0].c_str(), FALSE) != TRUE) return 9;
+    const Address watched(At(".:" + arguments[1]));
+    if (arguments[1] != "0") ProcInformOnDeath(watched.Get());
+    if (arguments[2] == "goes") ProcIsProcessRunning(1, SysLocalMachineName());
+    if (arguments[2] == "goes") ProcCleanup(0);
+    for (Say("there");;) {
+        Message message;
+        if (MsgReceive(message.Address(), nullptr) != TRUE) continue;
+        if (MsgType(message.Get()) == PMGR_PROCESS_DIED_MSG)
+            Say("told of " + ObjectText(message.Get()->oObject));
+        if (MsgType(message.Get()) == PMGR_KILL_YOURSELF_MSG) ProcCleanup(0);
+    }
+}
+const Role watchRole("watch", Watch);
+
 // A machine with a process manager, and programs that are this one in the role of that name.
 struct ManagedMachine : Machine {
     ManagedMachine() {
@@ -699,4 +717,23 @@ TEST(ProcessManager, ADayThatCannotBegin) {
     EXPECT_EQ(manager.Wait(), 1);
     EXPECT_EQ(machine.Comms().Wait(), 0);
     EXPECT_EQ(SegmentsOf(id), 0);
+}
+
+TEST(ProcessManager, TellsOnlyWhoHasAsked) {
+    ManagedMachine machine;
+    ASSERT_TRUE(machine.Start());
+    Process manager = machine.Manager();
+    ASSERT_EQ(manager.Line(), "ready 0");
+    Process dying = machine.InRole("watch", {"60", "0", "waits"});
+    EXPECT_EQ(dying.Line(), "there");
+    EXPECT_EQ(machine.InRole("watch", {"50", "60", "goes"}).Wait(), 0);
+    Process successor = machine.InRole("watch", {"50", "0", "waits"});
+    Process other = machine.InRole("watch", {"51", "60", "waits"});
+    EXPECT_EQ(successor.Line() + other.Line(), "therethere");
+    dying.Signal(SIGKILL);
+    EXPECT_EQ(other.Line(), "told of PmgrProcessDied(.:60)");
+    manager.Signal(SIGTERM);
+    EXPECT_EQ(manager.Wait(), 0);
+    EXPECT_EQ(successor.Wait(), 0);
+    EXPECT_EQ(successor.Rest(), "");
 }

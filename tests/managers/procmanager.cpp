@@ -134,6 +134,8 @@ void Died(ProcIdT tId) {
         const ObjHolder<MsgAddressS> oWatcher(AddressOf(machine.c_str(), tWatcher));
         TellDied(oWatcher.Get(), oDead.Get());
     }
+    for (auto& [tOther, tProcess] : Table())
+        tProcess.tWatchers.erase({MsgGetMachineName(MsgLocalAddress()), tId});
     TaskFailed(&tDead);
     StartOfDayDied(tId);
     if (bRestart) ServiceRestart(tDead);
