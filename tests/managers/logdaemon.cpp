@@ -1,6 +1,6 @@
-// A small log daemon. It keeps the log images that come to it, one behind the other in a file that
-// it reads again when it starts, and answers queries: every entry that the criteria let through as
-// a message like the one that brought it, then the end of the request.
+// A small log daemon. It keeps the log images that come to it, one behind the other in a file and
+// nowhere else, and answers queries: every entry that the criteria let through as a message like
+// the one that brought it, then the end of the request.
 //
 //   logdaemon [7|LANGUAGE]    KRHOME names the home directory, whose "logs/log" holds the records.
 //                             A text is searched for in what a reader of the language would see.
@@ -27,7 +27,7 @@ namespace {
 
 using Image = std::string;
 
-std::vector<Image> gtEntries;  // in order of arrival
+std::string gPath;
 std::ofstream gtFile;
 
 const ByteT* Bytes(const Image& image) { return reinterpret_cast<const ByteT*>(image.data()); }
@@ -39,23 +39,29 @@ std::string Taken(char* pstrText) {
 
 // --- the file ---
 
-// A record that was cut in the middle of its writing, and what may stand behind it, goes.
+// The records in order of arrival, up to one that was cut in the middle of its writing.
+std::vector<Image> Entries() {
+    std::vector<Image> entries;
+    std::ifstream file(gPath, std::ios::binary);
+    const std::string all{std::istreambuf_iterator<char>(file), {}};
+    for (std::size_t at = 0; at < all.size(); at += entries.back().size()) {
+        const auto* ptImage = reinterpret_cast<const ByteT*>(all.data() + at);
+        if (LogIsImage(ptImage, static_cast<int32>(all.size() - at)) != TRUE) break;
+        entries.emplace_back(all, at, static_cast<std::size_t>(LogGetRecordSize(ptImage)));
+    }
+    return entries;
+}
+
+// What cannot be read goes, so that new records stand behind whole ones.
 BooleanT Load() {
     const std::string directory = Taken(PathHomeBuild("logs", nullptr));
-    const std::string path = directory + "/log";
+    gPath = directory + "/log";
     if (PathIsADirectory(directory.c_str()) != TRUE &&
         PathCreateDirectory(directory.c_str()) != TRUE)
         return FALSE;
-    std::ifstream old(path, std::ios::binary);
-    const std::string all{std::istreambuf_iterator<char>(old), {}};
-    for (std::size_t at = 0; at < all.size();) {
-        const auto* ptImage = reinterpret_cast<const ByteT*>(all.data() + at);
-        if (LogIsImage(ptImage, static_cast<int32>(all.size() - at)) != TRUE) break;
-        gtEntries.emplace_back(all, at, static_cast<std::size_t>(LogGetRecordSize(ptImage)));
-        at += gtEntries.back().size();
-    }
-    gtFile.open(path, std::ios::binary | std::ios::trunc);
-    for (const Image& image : gtEntries) gtFile << image;
+    const std::vector<Image> entries = Entries();
+    gtFile.open(gPath, std::ios::binary | std::ios::trunc);
+    for (const Image& image : entries) gtFile << image;
     gtFile.flush();
     return BooleanFrom(gtFile.good());
 }
@@ -66,8 +72,7 @@ void Keep(MsgPacketO oPacket) {
     const auto* ptImage = reinterpret_cast<const char*>(LogGetRawImage(oMessage.Get()));
     if (ptImage == nullptr) return;
     const int32 lSize = LogGetRecordSize(reinterpret_cast<const ByteT*>(ptImage));
-    gtEntries.emplace_back(ptImage, static_cast<std::size_t>(lSize));
-    gtFile << gtEntries.back() << std::flush;
+    gtFile.write(ptImage, lSize).flush();
 }
 
 // --- queries ---
@@ -133,8 +138,9 @@ void Answer(MsgPacketO oPacket) {
     if (MsgAddressFromPacketAddress(oFrom.Address(), &tSource) != TRUE) return;
     if (MsgObjectFromPacket(oRequest.Address(), oPacket, logdRequestEntriesMagic) == TRUE) {
         const logdRequestEntriesS& tRequest = *oRequest.Get();
+        const std::vector<Image> entries = Entries();
         std::vector<const Image*> wanted;
-        for (const Image& image : gtEntries) {
+        for (const Image& image : entries) {
             if (Wanted(tRequest, Bytes(image))) wanted.push_back(&image);
         }
         if (tRequest.bNewFirst == TRUE) std::reverse(wanted.begin(), wanted.end());
