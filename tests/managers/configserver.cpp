@@ -20,8 +20,8 @@ MsgWaitResultE Answer(MsgMessageO oMessage, void* /*oCookie*/) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    const char* pstrId = argc > 1 ? argv[1] : nullptr;
-    if (ManagerStart("configserver", MsgConfigurationServerId, pstrId) != TRUE ||
+    const char* pstrArgument = argc > 1 ? argv[1] : nullptr;
+    if (ManagerJoin("configserver", MsgConfigurationServerId, pstrArgument) != TRUE ||
         MsgWaitAddHandler(CFG_SVR_CONFIG_REQUEST_MSG, Answer, nullptr) != TRUE)
         return 1;
     ManagerReady(MsgConfigurationServerId);

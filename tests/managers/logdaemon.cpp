@@ -131,6 +131,11 @@ void SendEntry(MsgAddressO oTo, const Image& image) {
     MsgSendObject(oTo, LOGD_LOG_MSG, oEntry.Get());
 }
 
+void Pong(MsgPacketO oPacket) {
+    ObjHolder<MsgMessageS> oMessage;
+    if (MsgMessageFromPacket(oMessage.Address(), oPacket) == TRUE) MsgPong(oMessage.Get());
+}
+
 void Answer(MsgPacketO oPacket) {
     ObjHolder<logdRequestEntriesS> oRequest;
     ObjHolder<MsgAddressS> oFrom;
@@ -155,8 +160,8 @@ void Answer(MsgPacketO oPacket) {
 
 int main(int argc, char** argv) {
     const char* pstrArgument = argc > 1 ? argv[1] : nullptr;
-    if (ManagerStart("logdaemon", MsgLogDaemonId, pstrArgument) != TRUE || Load() != TRUE) return 1;
-    LogSetLocale(ManagerIsManaged() ? nullptr : pstrArgument);
+    if (ManagerJoin("logdaemon", MsgLogDaemonId, pstrArgument) != TRUE || Load() != TRUE) return 1;
+    LogSetLocale(gbOfTheDay ? nullptr : pstrArgument);
     ManagerReady(0);
     for (bool bServe = true; bServe;) {
         ObjHolder<MsgPacketS> oPacket;
@@ -167,6 +172,9 @@ int main(int argc, char** argv) {
                 break;
             case LOGD_REQUEST_ENTRIES_MSG:
                 Answer(oPacket.Get());
+                break;
+            case MSG_PING_MSG:
+                Pong(oPacket.Get());
                 break;
             case PMGR_KILL_YOURSELF_MSG:
             case MSG_LOST_RECEIVE_QUEUE_MSG:

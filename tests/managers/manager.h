@@ -16,15 +16,24 @@
 #include "core/procinit.h"
 
 // Brings the library up in the home directory that KRHOME names. FALSE, told on standard error.
-// With its id as the first argument the manager is one of the processes of the process manager.
-inline BooleanT ManagerStart(const char* pstrName, ProcIdT tId, const char* pstrId = nullptr) {
-    const bool bManaged = pstrId != nullptr && std::to_string(tId) == pstrId;
-    if (bManaged ? ProcInitialize(pstrId, FALSE) == TRUE
-                 : ContextInitialize() == TRUE && ProcSetId(tId) == TRUE &&
-                       MsgIpcConnect(eMsgProcTypeProcess) == TRUE)
+inline BooleanT ManagerStart(const char* pstrName, ProcIdT tId) {
+    if (ContextInitialize() == TRUE && ProcSetId(tId) == TRUE &&
+        MsgIpcConnect(eMsgProcTypeProcess) == TRUE)
         return TRUE;
     std::fprintf(stderr, "%s: cannot start\n", pstrName);
     return FALSE;
+}
+
+inline bool gbOfTheDay = false;  // the process manager has started this one
+
+// The same, as one of the managed processes where a process manager runs. One that it has started
+// itself has its id as the first argument.
+inline BooleanT ManagerJoin(const char* pstrName, ProcIdT tId, const char* pstrArgument) {
+    const std::string id = std::to_string(tId);
+    gbOfTheDay = pstrArgument != nullptr && id == pstrArgument;
+    if (ContextInitialize() != TRUE || ProcPmgrIsRunning(FALSE) != TRUE)
+        return ManagerStart(pstrName, tId);
+    return ProcInitializeTags(OBJ_TAG_BEGIN, 7, id.c_str(), 9, pstrName, OBJ_TAG_END);
 }
 
 inline MsgAddressO AddressOf(const char* pstrMachine, ProcIdT tId) {
@@ -37,10 +46,8 @@ inline bool ManagerIsManaged() { return gtTlContext.sProcess.ptDetails != nullpt
 
 // Tells whoever has started the manager that it serves, on a port where it has one.
 inline void ManagerReady(int32 lPort) {
-    if (ManagerIsManaged()) {
-        ProcSendSODReady(ePSODROK);
-        return;
-    }
+    if (ManagerIsManaged()) ProcSendSODReady(ePSODROK);
+    if (gbOfTheDay) return;
     std::printf("ready %d\n", lPort);
     std::fflush(stdout);
 }

@@ -329,6 +329,9 @@ void Handle(MsgMessageO oMessage) {
             return SendState(oMessage);
         case CMGR_DROPPED_CHANNEL_MSG:
             return Dropped(oMessage);
+        case MSG_PING_MSG:
+            MsgPong(oMessage);
+            return;
         case PMGR_KILL_YOURSELF_MSG:
             if (MsgIsFromLocalMachine(oMessage) == TRUE) BeginEnd();
             return;
