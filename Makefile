@@ -8,6 +8,7 @@
 #   make test             all tests
 #   make bench            all comparisons; BENCH="alloc list" for some of them
 #   make fuzz             every fuzzer for FUZZ_SECONDS
+#   make soak             a machine under load for SOAK_SECONDS, a process killed every second
 #   make lint             clang-format, warnings of g++ and clang++, clang-tidy
 #   make sanitize         all tests under AddressSanitizer and UndefinedBehaviorSanitizer
 #   make test-ilp32       all tests as 32-bit programs
@@ -17,10 +18,12 @@
 # Missing Debian packages are installed first; TESSEL_SETUP=no prevents that.
 PREFIX ?= /usr/local
 FUZZ_SECONDS ?= 60
+SOAK_SECONDS ?= 900
+SOAK_SEED ?= 1
 export CMAKE_GENERATOR ?= Ninja
 CTEST = ctest --output-on-failure --no-tests=error -j $$(nproc) --test-dir
 
-.PHONY: all run test bench fuzz lint sanitize test-ilp32 check-install install clean
+.PHONY: all run test bench fuzz soak lint sanitize test-ilp32 check-install install clean
 all:
 	@scripts/setup.sh build test && scripts/build.sh release
 
@@ -36,6 +39,9 @@ bench:
 
 fuzz:
 	@scripts/setup.sh build fuzz && scripts/fuzz.sh $(FUZZ_SECONDS)
+
+soak: all
+	@scripts/soak.sh $(SOAK_SECONDS) $(SOAK_SEED)
 
 lint:
 	@scripts/setup.sh build test lint && scripts/lint.sh
