@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -480,8 +481,8 @@ TEST_F(Channels, BlockedSendersRead) {
     }
 }
 
-// Before it says that it is ready, the other process sends over another channel more than sockets
-// hold, and goes on only when that has been taken.
+// Before it connects, a third process of its machine has died; before it says that it is ready, it
+// sends over another channel more than sockets hold, and goes on only when that has been taken.
 TEST_F(Channels, OpenersReadWhileTheyWait) {
     Link data, ipc(eMsgChannelNonBlocking, eMsgChannelDoNotWaitForOk, true);
     gtTlContext.sMsg.oIpcChannel = ipc.channel.Get();
@@ -492,6 +493,11 @@ TEST_F(Channels, OpenersReadWhileTheyWait) {
         const Text packet = ipc.Hear(300);  // all there is: the port and a number are its end
         int32 port = 0;
         if (packet.size() > 200) std::memcpy(&port, &packet[packet.size() - 8], sizeof(port));
+        ipc.Say(
+            FromProcess(1, PMGR_PROCESS_DIED_MSG,
+                        bytes::Object(0xc9c6bd5d, "o;", AddressBytes(SysLocalMachineName(), 72))));
+        for (int unread = 1; unread > 0;)
+            ioctl(MsgChannelSocket(ipc.channel.Get()), FIONREAD, &unread);
         for (const auto& [family, host] : {std::pair(AF_INET, "127.0.0.1"), {AF_INET6, "::1"}}) {
             NetAddressT at;
             if (back != -1) close(back);
@@ -510,7 +516,7 @@ TEST_F(Channels, OpenersReadWhileTheyWait) {
                                      eMsgChannelWaitForAccept, eMsgChannelWaitForOk),
               TRUE);
     target.join();
-    EXPECT_EQ(Received(1), "7001 " + Id(data) + ">" + Id(data) + " other");
+    EXPECT_EQ(Received(2), "1006 .:1>.:57 other, 7001 " + Id(data) + ">" + Id(data) + " other");
     gtTlContext.sMsg.oIpcChannel = nullptr;
     close(back);
     MsgChannelClose(&opened);

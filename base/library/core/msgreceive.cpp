@@ -61,10 +61,15 @@ ListNodeO MsgFindWanted(const MsgWantedT& tWanted) {
 
 // --- notices that end a wait ---
 
-bool MsgDiedOnMachine(MsgPacketO oPacket, const MsgPeerT& tPeer) {
+// Whose death ends a wait for a process: its own, or that of any process of its machine.
+enum class MsgDeathE { OfPeer, OnMachine };
+
+bool MsgProcessDied(MsgPacketO oPacket, const MsgPeerT& tPeer, MsgDeathE eDeath) {
     ObjHolder<PmgrProcessDiedS> oBody;
-    return MsgObjectFromPacket(oBody.Address(), oPacket, PmgrProcessDiedMagic) == TRUE &&
-           tPeer.IsOn(MsgGetMachineName(oBody.Get()->oAddress));
+    if (MsgObjectFromPacket(oBody.Address(), oPacket, PmgrProcessDiedMagic) != TRUE) return false;
+    return eDeath == MsgDeathE::OnMachine
+               ? tPeer.IsOn(MsgGetMachineName(oBody.Get()->oAddress))
+               : MsgAddressEqual(oBody.Get()->oAddress, tPeer.oProcess.Get()) == TRUE;
 }
 
 bool MsgProcessUnreachable(MsgPacketO oPacket, const MsgPeerT& tPeer) {
@@ -85,7 +90,7 @@ bool MsgMachineUnreachable(const MsgHeaderT& tHeader, const MsgPeerT& tPeer) {
            tHeader.tSource.tMachineId == tId;
 }
 
-bool MsgEndsWait(MsgPacketO oPacket, const MsgPeerT& tPeer) {
+bool MsgEndsWait(MsgPacketO oPacket, const MsgPeerT& tPeer, MsgDeathE eDeath) {
     const MsgHeaderT* ptHeader = MsgPacketHeader(oPacket);
     if (ptHeader == nullptr) return false;
     switch (ptHeader->tMsgType) {
@@ -93,7 +98,7 @@ bool MsgEndsWait(MsgPacketO oPacket, const MsgPeerT& tPeer) {
         case MSG_LOST_SEND_QUEUE_MSG:
             return true;
         case PMGR_PROCESS_DIED_MSG:
-            return MsgDiedOnMachine(oPacket, tPeer);
+            return MsgProcessDied(oPacket, tPeer, eDeath);
         case CMGR_PROCESS_UNREACHABLE_MSG:
             return MsgProcessUnreachable(oPacket, tPeer);
         case CMGR_MACHINE_DOWN_MSG:
@@ -107,10 +112,11 @@ bool MsgEndsWait(MsgPacketO oPacket, const MsgPeerT& tPeer) {
     }
 }
 
-bool MsgWaitIsOver(const MsgPeerT& tPeer, int32 lKnown) {
+bool MsgWaitIsOver(const MsgPeerT& tPeer, MsgDeathE eDeath, int32 lKnown) {
     ListNodeO oNode = MsgState().oReceiveList->oFirst;
     for (; oNode != nullptr; oNode = oNode->oNext) {
-        if (lKnown-- <= 0 && MsgEndsWait(static_cast<MsgPacketO>(oNode->oData), tPeer)) return true;
+        if (lKnown-- <= 0 && MsgEndsWait(static_cast<MsgPacketO>(oNode->oData), tPeer, eDeath))
+            return true;
     }
     return false;
 }
@@ -259,7 +265,7 @@ BooleanT MsgNotifyBetween(MsgAddressO oDestination, MsgAddressO oSource, MsgType
 }
 
 BooleanT MsgPeerIsGone(MsgAddressO oAddress, int32 lKnown) {
-    return BooleanFrom(MsgWaitIsOver(MsgPeerT(oAddress), lKnown));
+    return BooleanFrom(MsgWaitIsOver(MsgPeerT(oAddress), MsgDeathE::OfPeer, lKnown));
 }
 
 // --- the receive list ---
@@ -379,7 +385,7 @@ BooleanT MsgReceiveMsgTypeFromAddress(MsgMessageO* poMessage, MsgTypeT tMsgType,
             bResult = MsgTakeNode(poMessage, oNode);
             break;
         }
-        if (MsgWaitIsOver(tPeer, 0) || MsgHasExpired(oTimeout)) break;
+        if (MsgWaitIsOver(tPeer, MsgDeathE::OnMachine, 0) || MsgHasExpired(oTimeout)) break;
         MsgTurn(oTimeout);
     }
     TraceMessageInline(166, 0, 4, "%s = MsgReceiveTypeFromAddress(%p, %d, %p, %p)",
