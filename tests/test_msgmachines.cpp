@@ -16,10 +16,9 @@
 #include "core/process.h"
 #include "core/strdynam.h"
 #include "support/leftovers.h"
-#include "support/machine.h"
 #include "support/messages.h"
-#include "support/networks.h"
 #include "support/peer.h"
+#include "support/world.h"
 
 namespace {
 
@@ -34,7 +33,6 @@ constexpr int32 Largest = 4 << 20;
 constexpr int Rounds = 3;
 #endif
 constexpr int32 Sizes[] = {0, 1, 300, 65536, Largest, 7, 5000};
-constexpr int32 ManagerPort = 20500;
 constexpr ProcIdT EchoId = 200, SecondId = 201, AskerId = 100;
 constexpr MsgTypeT AskType = 5000, AnswerType = 5001, WhoType = 5002, SinkType = 5003,
                    StopType = 5004;
@@ -549,58 +547,11 @@ const Role watchRole("watch", [](const std::vector<std::string>& arguments) {
 
 // --- the machines ---
 
-class World {
- public:
-    explicit World(int count) : m_networks(count) {
-        for (int n = 0; n < count && Problem().empty(); n++) {
-            m_machines.push_back(std::make_unique<Machine>(m_networks.Name(n)));
-            At(n).Configure("tlnmgr.cfg", "[Network]\nManager Port=" + std::to_string(ManagerPort) +
-                                              "\n" + (count == 2 ? "Peer Timeout=2\n" : "") +
-                                              "Connect Timeout=1\n");
-        }
-    }
-    const std::string& Problem() const { return m_networks.Problem(); }
-    Machine& At(int n) { return *m_machines[static_cast<std::size_t>(n)]; }
-    Networks& Lines() { return m_networks; }
-    // The numbers of a machine differ between those that know it.
-    std::string Stanza(int of, int by, const std::string& addresses) {
-        return "[" + m_networks.Name(of) + "]\nId=" + std::to_string(10 * of + by + 20) +
-               "\nManager Port=" + std::to_string(ManagerPort) + "\n" + addresses;
-    }
-    // They know each other at one address.
-    void Introduce(bool inet6) {
-        for (int by = 0; by < Count(); by++) {
-            std::string stanzas;
-            for (int of = 0; of < Count(); of++) {
-                if (of == by) continue;
-                stanzas +=
-                    Stanza(of, by,
-                           "Contact Address=" +
-                               (inet6 ? m_networks.Inet6(of, by) : m_networks.Inet(of, by)) + "\n");
-            }
-            At(by).KnowMachines(stanzas);
-        }
-    }
-    bool Start() {
-        for (const auto& machine : m_machines) {
-            if (!machine->Start() || !machine->StartNetwork()) return false;
-        }
-        return true;
-    }
-    int Count() const { return static_cast<int>(m_machines.size()); }
-    int Stop(int n, const std::vector<std::string>& ids) {
-        std::vector<std::string> arguments = {m_networks.Name(n)};
-        arguments.insert(arguments.end(), ids.begin(), ids.end());
-        return At(n).InRole("stop", arguments).Wait();
-    }
-
- private:
-    Networks m_networks;
-    std::vector<std::unique_ptr<Machine>> m_machines;
-};
-
-#define NEED_NETWORKS(world) \
-    if (!(world).Problem().empty()) GTEST_SKIP() << "no networks can be made: " << (world).Problem()
+int Stop(World& world, int n, const std::vector<std::string>& ids) {
+    std::vector<std::string> arguments = {world.At(n).Name()};
+    arguments.insert(arguments.end(), ids.begin(), ids.end());
+    return world.At(n).InRole("stop", arguments).Wait();
+}
 
 const std::string EchoName = std::to_string(EchoId);
 
@@ -623,7 +574,7 @@ void AskEachOther(World& world, const std::string& family) {
     for (int n = 0; n < world.Count(); n++) world.At(n).Network().Signal(SIGCONT);
     for (Process& asker : askers) EXPECT_EQ(asker.Wait(120), 0) << asker.Rest();
     for (int n = 0; n < world.Count(); n++) {
-        EXPECT_EQ(world.Stop(n, {EchoName}), 0);
+        EXPECT_EQ(Stop(world, n, {EchoName}), 0);
         Process& stopped = echoes[static_cast<std::size_t>(n)];
         EXPECT_EQ(stopped.Wait(), 0) << stopped.Rest();
     }
@@ -668,10 +619,10 @@ TEST(Machines, DataChannelsKeepToThePortsOfTheFirewall) {
     WriteFile(world.At(1).Home() + firewall, section + "Out Ports=22001\n");
     Process call = world.At(0).InRole("call", {world.At(1).Name(), "2"});
     EXPECT_EQ(echoes.Line(), "refused 0");
-    EXPECT_EQ(world.Stop(0, {std::to_string(AskerId)}), 0);
+    EXPECT_EQ(Stop(world, 0, {std::to_string(AskerId)}), 0);
     EXPECT_EQ(call.Wait(), 0);
     EXPECT_EQ(echoes.Line(), "channel down");
-    EXPECT_EQ(world.Stop(1, {EchoName}), 0);
+    EXPECT_EQ(Stop(world, 1, {EchoName}), 0);
     EXPECT_EQ(echoes.Wait(), 0) << echoes.Rest();
 }
 
@@ -693,7 +644,7 @@ TEST(Machines, AddressesThatDoNotAnswerArePassedOver) {
     ASSERT_TRUE(answered.starts_with("answered "));
     const int seconds = std::stoi(answered.substr(9));
     EXPECT_TRUE(seconds >= 2 && seconds < 6) << seconds;  // one for each silent address
-    EXPECT_EQ(world.Stop(1, {EchoName}), 0);
+    EXPECT_EQ(Stop(world, 1, {EchoName}), 0);
     EXPECT_EQ(echoes.Wait(), 0) << echoes.Rest();
 }
 
@@ -727,10 +678,10 @@ TEST(Machines, ALineThatIsCutEndsWhatDependsOnIt) {
     EXPECT_EQ(watch.Line(), "unreachable");
 
     ASSERT_TRUE(world.Lines().Mend(1, 0));
-    EXPECT_EQ(world.Stop(0, {std::to_string(AskerId)}), 0);
+    EXPECT_EQ(Stop(world, 0, {std::to_string(AskerId)}), 0);
     ASSERT_EQ(watch.Line(), "watching") << watch.Rest();
     echoes.Signal(SIGKILL);
     EXPECT_EQ(watch.Wait(), 0) << watch.Rest();
-    EXPECT_EQ(world.Stop(1, {std::to_string(SecondId)}), 0);
+    EXPECT_EQ(Stop(world, 1, {std::to_string(SecondId)}), 0);
     EXPECT_EQ(second.Wait(), 0) << second.Rest();
 }

@@ -635,18 +635,12 @@ const Role watchRole("watch", Watch);
 // A machine with a process manager, and programs that are this one in the role of that name.
 struct ManagedMachine : Machine {
     ManagedMachine() {
-        std::filesystem::create_directories(Home() + "/bin");
-        WriteFile(Home() + "/bin/keys", "");
-        Configure("programs.cfg", "[Process Manager]\nunix=bin/keys\n[echo]\nunix=bin/echo\n");
-        for (const Text name : {"first", "stubborn", "never", "evening", "echo", "child"}) {
-            WriteFile(Path(name), Text("#!/bin/sh\nexec ") + TEST_EMULATOR + " " +
-                                      std::filesystem::read_symlink("/proc/self/exe").string() +
-                                      " --role program " + name + " $1\n");
-            chmod(Path(name).c_str(), 0700);
-        }
+        Configure("programs.cfg", "[echo]\nunix=bin/echo\n");
+        for (const Text name : {"first", "stubborn", "never", "evening", "echo", "child"})
+            AddProgram(name);
     }
     Text Path(const Text& name) const { return Home() + "/bin/" + name; }
-    Process Manager() const { return Process({TEST_MANAGERS "/procmanager"}, Home()); }
+    Process StartManager() const { return Process({TEST_MANAGERS "/procmanager"}, Home()); }
 };
 
 // Segments that the process has made, as the system lists them.
@@ -679,13 +673,13 @@ TEST(ProcessManager, ADayOfAMachine) {
                       "[Locked]\nProgram=echo\nPassword=secret\nOnce=TRUE\n"
                       "[Missing]\nProgram=bin/none\n[Fails]\nProgram=/bin/false\n");
     ASSERT_TRUE(machine.Start());
-    Process manager = machine.Manager();
+    Process manager = machine.StartManager();
     const pid_t id = manager.Id();
     Text said;
     for (Text line; line != "ready 0"; said += line + "\n") ASSERT_NE(line = manager.Line(), "");
     EXPECT_TRUE(said.starts_with("first up "));
     EXPECT_EQ(SegmentsOf(id), 2);
-    EXPECT_EQ(machine.Manager().Wait(), 1);  // one is enough
+    EXPECT_EQ(machine.StartManager().Wait(), 1);  // one is enough
 
     Process asker = machine.InRole("ask", {machine.Path("child")});
     const Text first = asker.Line();
@@ -712,7 +706,7 @@ TEST(ProcessManager, ADayThatCannotBegin) {
     ManagedMachine machine;
     machine.Configure("procmgr.cfg", "[Start of Day:bin/missing]\nRun on Client=TRUE\n");
     ASSERT_TRUE(machine.Start());
-    Process manager = machine.Manager();
+    Process manager = machine.StartManager();
     const pid_t id = manager.Id();
     EXPECT_EQ(manager.Wait(), 1);
     EXPECT_EQ(machine.Comms().Wait(), 0);
