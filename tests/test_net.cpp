@@ -280,6 +280,7 @@ TEST_P(Net, TransfersUnderSignalsAndThroughSmallBuffers) {
         for (std::size_t i = 0; i < sent.size(); i++) sent[i] = static_cast<char>(i * i >> 7);
         // The peer is a process that sends all, receives all in small pieces, and compares.
         const pid_t child = fork();
+        ASSERT_GE(child, 0);
         if (child == 0) {
             const auto pass = [&](auto move, char* data) {
                 for (std::size_t at = 0, all = sent.size(); at < all;)

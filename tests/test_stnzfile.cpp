@@ -442,6 +442,7 @@ TEST(StnzFile, KilledWhileRewriting) {
     for (int round = 0; round < 60; round++) {
         const auto first = fileNumber();
         const pid_t child = fork();
+        ASSERT_GE(child, 0);
         if (child == 0) {
             for (int version = 1; replace(version) == TRUE;) version++;
             _exit(1);

@@ -100,11 +100,7 @@ Process Process::InRole(const std::string& role, const std::vector<std::string>&
 }
 
 Process::~Process() {
-    if (m_id > 0) {
-        kill(m_id, SIGCONT);
-        kill(m_id, SIGKILL);
-        waitpid(m_id, nullptr, 0);
-    }
+    Kill();
     for (const int end : {m_input, m_output})
         if (end != -1) close(end);
 }
@@ -153,7 +149,18 @@ void Process::Signal(int number) const {
     if (m_id > 0) kill(m_id, number);
 }
 
+// The one place that kills. Without a process there is none to kill: to the system the id -1 means
+// every process there is.
+void Process::Kill() {
+    if (m_id <= 0) return;
+    kill(m_id, SIGCONT);
+    kill(m_id, SIGKILL);
+    waitpid(m_id, nullptr, 0);
+    m_id = -1;
+}
+
 int Process::Wait(int seconds) {
+    if (m_id <= 0) return -3;
     const auto end = Clock::now() + std::chrono::seconds(seconds);
     // The pipe is at its end when the process is, unless a child of its holds it too.
     while (ReadMore(MillisecondsUntil(end))) {
@@ -162,10 +169,7 @@ int Process::Wait(int seconds) {
     pid_t ended = 0;
     while ((ended = waitpid(m_id, &status, WNOHANG)) == 0 && Clock::now() < end) usleep(1000);
     if (ended != m_id) {
-        kill(m_id, SIGCONT);
-        kill(m_id, SIGKILL);
-        waitpid(m_id, &status, 0);
-        m_id = -1;
+        Kill();
         return -2;
     }
     m_id = -1;

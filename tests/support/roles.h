@@ -41,11 +41,13 @@ class Process {
     void Write(const std::string& text) const;  // to its standard input
     void Signal(int number) const;
     // Its exit code, once it has ended; -1 when a signal ended it, -2 when the seconds were over,
-    // after which it has been killed. What it still printed is added to what was not read yet.
+    // after which it has been killed, -3 at once when there is none to wait for. What it still
+    // printed is added to what was not read yet.
     int Wait(int seconds = 120);
     const std::string& Rest() const { return m_read; }
 
  private:
+    void Kill();
     bool ReadMore(int milliseconds);
 
     pid_t m_id = -1;
