@@ -15,10 +15,17 @@
 #include "core/msgchannel.h"
 #include "core/procinit.h"
 
-// Brings the library up in the home directory that KRHOME names. FALSE, told on standard error.
+// Brings the library up in the home directory that KRHOME names, until other processes can reach
+// this one: connecting alone does not wait for the communications manager, an answer of it does.
+// FALSE, told on standard error.
 inline BooleanT ManagerStart(const char* pstrName, ProcIdT tId) {
+    ObjHolder<MsgMessageS> oPong;
     if (ContextInitialize() == TRUE && ProcSetId(tId) == TRUE &&
-        MsgIpcConnect(eMsgProcTypeProcess) == TRUE)
+        MsgIpcConnect(eMsgProcTypeProcess) == TRUE &&
+        (tId == MsgCommunicationsManagerId ||
+         (MsgSendObject(MsgCommMgrAddress(), MSG_PING_MSG, nullptr) == TRUE &&
+          MsgReceiveMsgTypeFromAddress(oPong.Address(), MSG_PONG_MSG, MsgCommMgrAddress(),
+                                       nullptr) == TRUE)))
         return TRUE;
     std::fprintf(stderr, "%s: cannot start\n", pstrName);
     return FALSE;

@@ -33,9 +33,14 @@ inline TimeTimeoutO In(int32 seconds, int32 milliseconds = 0) {
     return timeout;
 }
 
-// Joins the processes of the machine that its communications manager serves.
+// Joins the processes of the machine that its communications manager serves. Its answer means that
+// others can reach this one from now on.
 inline bool Connect(ProcIdT id) {
-    return ProcSetId(id) == TRUE && MsgIpcConnect(eMsgProcTypeProcess) == TRUE;
+    ObjHolder<MsgMessageS> pong;
+    return ProcSetId(id) == TRUE && MsgIpcConnect(eMsgProcTypeProcess) == TRUE &&
+           MsgSendObject(MsgCommMgrAddress(), MSG_PING_MSG, nullptr) == TRUE &&
+           MsgReceiveMsgTypeFromAddress(pong.Address(), MSG_PONG_MSG, MsgCommMgrAddress(),
+                                        nullptr) == TRUE;
 }
 
 // Listens on a port of the loopback interface that the system gives; *at says where.
