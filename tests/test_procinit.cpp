@@ -716,7 +716,7 @@ TEST(ProcessManager, ADayThatCannotBegin) {
 TEST(ProcessManager, TellsOnlyWhoHasAsked) {
     ManagedMachine machine;
     ASSERT_TRUE(machine.Start());
-    Process manager = machine.Manager();
+    Process manager = machine.StartManager();
     ASSERT_EQ(manager.Line(), "ready 0");
     Process dying = machine.InRole("watch", {"60", "0", "waits"});
     EXPECT_EQ(dying.Line(), "there");
