@@ -1,6 +1,6 @@
 // A service of the machine, and what else belongs to its day: one program under several names.
 //
-//   service ID            started by the process manager: for a task, at the start or end of the day
+//   service ID            started by the process manager: for a task, or as a program of the day
 //   service own NAME      started by hand: the process manager adopts it
 //
 // A service traces as many lines as a task says, into its ring in the shared memory and into trace
