@@ -34,13 +34,14 @@ inline BooleanT ManagerStart(const char* pstrName, ProcIdT tId) {
 inline bool gbOfTheDay = false;  // the process manager has started this one
 
 // The same, as one of the managed processes where a process manager runs. One that it has started
-// itself has its id as the first argument.
+// itself has its id as the first argument, and its title from there.
 inline BooleanT ManagerJoin(const char* pstrName, ProcIdT tId, const char* pstrArgument) {
     const std::string id = std::to_string(tId);
     gbOfTheDay = pstrArgument != nullptr && id == pstrArgument;
     if (ContextInitialize() != TRUE || ProcPmgrIsRunning(FALSE) != TRUE)
         return ManagerStart(pstrName, tId);
-    return ProcInitializeTags(OBJ_TAG_BEGIN, 7, id.c_str(), 9, pstrName, OBJ_TAG_END);
+    return ProcInitializeTags(OBJ_TAG_BEGIN, 7, id.c_str(), 9, gbOfTheDay ? nullptr : pstrName,
+                              OBJ_TAG_END);
 }
 
 inline MsgAddressO AddressOf(const char* pstrMachine, ProcIdT tId) {
