@@ -1,23 +1,25 @@
 #!/usr/bin/env bash
 # A whole machine under mixed load while a process is killed every second (docs/soak.md).
 #
-#   scripts/soak.sh [SECONDS [SEED]]      900 seconds; the seed chooses whom to kill
+#   [BUILD=build/sanitize] scripts/soak.sh [SECONDS [SEED]]
 #
-# The report goes to standard output and to build/soak.md. Exit code 1 when there was a fault.
+# 900 seconds without a number; the seed chooses whom to kill. The report goes to standard output
+# and to soak.md in the directory of the build. Exit code 1 when there was a fault.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 export LC_ALL=C
 
 seconds=${1:-900}
 seed=${2:-1}
-home=$PWD/build/home-soak
+build=$PWD/${BUILD:-build}
+home=$build/home-soak
 
 rm -rf "$home"
 mkdir -p "$home"/{bin,config/map,dump,etc,gui/CachedPits/client/config,tmp,trace}
-cp build/bin/zlibcompress "$home/bin"
+cp "$build/bin/zlibcompress" "$home/bin"
 touch "$home/bin/keys" "$home/config/map/served.cfg.map"
 for role in load worker; do
-    printf '#!/bin/sh\nexec %s --role %s "$1"\n' "$PWD/build/tests/soak" $role >"$home/bin/$role"
+    printf '#!/bin/sh\nexec %s --role %s "$1"\n' "$build/tests/soak" $role >"$home/bin/$role"
     chmod +x "$home/bin/$role"
 done
 cat >"$home/config/configure.cfg" <<END
@@ -51,4 +53,4 @@ Program=load
 Program=worker
 END
 
-build/tests/soak "$home" "$seconds" "$seed" | tee build/soak.md
+"$build/tests/soak" "$home" "$seconds" "$seed" | tee "$build/soak.md"

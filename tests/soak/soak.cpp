@@ -455,7 +455,7 @@ void EndMachine() {
         if (const int code = manager.process.Wait(30); code != 0)
             Fault(Text(manager.name) + " ended with " + to_string(code));
     for (Place& place : g_places) {
-        if (place.pid > 1 && place.Adopted()) place.process.Wait(10);
+        if (place.process.Id() > 0) place.process.Wait(10);
         if (place.pid > 1 && kill(place.pid, 0) == 0)
             Fault("place " + to_string(place.number) + " outlives the machine");
     }
@@ -509,13 +509,14 @@ int main(int argc, char** argv) {
     setenv("KRHOME", argv[1], 1);
     if (!StartMachine()) return std::cerr << "the machine does not start\n", 1;
     Text kept;
-    if (StartLoad() && Run(length, interval) && Drain()) {
+    const bool whole = StartLoad() && Run(length, interval) && Drain();
+    if (whole) {
         kept = CheckLog();
         CheckConfiguration();
-        EndMachine();
-        for (const int number : {LastingService, LastingAdopted})
-            kept += "; " + CheckTrace(g_places[number]);
     }
+    EndMachine();
+    for (const int number : {LastingService, LastingAdopted})
+        if (whole) kept += "; " + CheckTrace(g_places[number]);
     std::cout << "Seed " << argv[3] << ", " << length << " seconds.\n\n"
               << PlacesText() << "\nKept: " << kept
               << ".\n\nRSS in kB / descriptors / blocks / objects:\n\n";
