@@ -321,6 +321,30 @@ TEST_F(Channels, QueuesUntilThePeerIsReady) {
     EXPECT_EQ(flushed.Hear(19), Frame(7001, Absent) + Frame(MSG_CHANNEL_FLUSHED_MSG, Absent));
 }
 
+TEST_F(Channels, PacketsThatAreOnlyQueued) {
+    Link link;
+    Packet packet, within;
+    ASSERT_EQ(MsgCreatePacket(packet.Address(), link.address, MsgLocalAddress(), 7001, nullptr),
+              TRUE);
+    for (int32 count = 1; count <= 2; count++) {
+        EXPECT_EQ(MsgChannelAddPacket(link.channel.Get(), packet.Get()), TRUE);
+        EXPECT_EQ(MsgChannelOutputCount(link.channel.Get()), count);
+    }
+    EXPECT_EQ(link.Hear(1), "");
+    // One with pointers of this process is not for a channel.
+    ASSERT_EQ(MsgSendObjectToSelf(7002, nullptr), TRUE);
+    ASSERT_EQ(MsgReceivePopPacket(within.Address()), TRUE);
+    EXPECT_EQ(MsgChannelAddPacket(link.channel.Get(), within.Get()) +
+                  MsgChannelAddPacket(link.channel.Get(), nullptr) +
+                  MsgChannelAddPacket(nullptr, packet.Get()),
+              FALSE);
+    EXPECT_EQ(Received(2), "");
+    EXPECT_EQ(link.Hear(19), Frame(7001, Absent) + Frame(7001, Absent));
+    link.Say(Frame(MSG_DISCONNECT_MSG, Absent));
+    Received(2);
+    EXPECT_EQ(MsgChannelAddPacket(link.channel.Get(), packet.Get()), FALSE);
+}
+
 TEST_F(Channels, MessagesForTheChannel) {
     Link link;
     void* auth = nullptr;
@@ -542,6 +566,12 @@ TEST_F(Channels, IdsGoRound) {
     EXPECT_EQ(Shown(named), "-:3");
     EXPECT_EQ(MsgIsLocalMachine(named), TRUE);
     EXPECT_EQ(MsgSendObject(named, 7001, nullptr), FALSE);
+    Packet packet;
+    ObjHolder<MsgChannelS> channel;
+    EXPECT_EQ(MsgGetChannel(channel.Address(), named) +
+                  MsgCreatePacket(packet.Address(), named, MsgLocalAddress(), 7001, nullptr),
+              2 * TRUE);
+    EXPECT_EQ(MsgChannelAddPacket(channel.Get(), packet.Get()), FALSE);
     EXPECT_EQ(MsgChannelClose(&named), TRUE);
     gtTlContext.sMsg.bMultipleNdmpChannels = FALSE;
 }

@@ -139,8 +139,7 @@ NetSocketT MsgChannelSocket(MsgChannelO oChannel);
 int32 MsgChannelId(MsgChannelO oChannel);
 BooleanT MsgChannelIsDown(MsgChannelO oChannel);
 BooleanT MsgChannelIsNdmp(MsgChannelO oChannel);
-int32 MsgChannelOutputCount(MsgChannelO oChannel);                       // packets to be sent
-BooleanT MsgChannelAddPacket(MsgChannelO oChannel, MsgPacketO oPacket);  // queued, not sent
+int32 MsgChannelOutputCount(MsgChannelO oChannel);  // packets to be sent
 // An object that the auditor (process 8 alone may set it) has attached to the channel.
 BooleanT MsgChannelGetAuth(void** poAuth, MsgAddressO oAddress);
 BooleanT MsgChannelSetAuth(MsgAddressO oAddress, void* oAuth);
@@ -156,6 +155,8 @@ BooleanT MsgSendObject(MsgAddressO oMsgAddress, MsgTypeT tMsgType, void* oObject
 // These take over the packet, also when they fail, and clear the variable.
 BooleanT MsgDispatch(MsgPacketO* poPacket);
 BooleanT MsgChannelDispatch(MsgChannelO oChannel, MsgPacketO* poPacket);
+// Queued, not sent; the packet stays the caller's.
+BooleanT MsgChannelAddPacket(MsgChannelO oChannel, MsgPacketO oPacket);
 BooleanT MsgChannelOutputData(MsgChannelO oChannel);  // sends what it can; FALSE once it is down
 BooleanT MsgChannelInputData(MsgChannelO oChannel);   // reads what is there; FALSE once it is down
 

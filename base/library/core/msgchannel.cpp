@@ -406,12 +406,6 @@ BooleanT MsgQueueNote(MsgChannelO oChannel, MsgAddressO oDestination, MsgTypeT t
         MsgQueueOutput(oChannel, &oPacket) == TRUE);
 }
 
-BooleanT MsgChannelAddPacket(MsgChannelO oChannel, MsgPacketO oPacket) {
-    if (!MsgIsChannelObject(oChannel) || MsgPacketHeader(oPacket) == nullptr) return FALSE;
-    ObjIncRefCount(oPacket);
-    return MsgQueueOutput(oChannel, &oPacket);
-}
-
 // --- asking them ---
 
 BooleanT MsgGetChannel(MsgChannelO* poChannel, MsgAddressO oAddress) {

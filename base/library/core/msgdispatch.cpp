@@ -27,6 +27,11 @@ bool MsgMayLeave(MsgPacketO oPacket) {
     return false;
 }
 
+bool MsgMayQueue(MsgChannelO oChannel, MsgPacketO oPacket) {
+    return MsgIsChannelObject(oChannel) && oChannel->bDown != TRUE &&
+           oChannel->bNdmpChannel != TRUE && MsgMayLeave(oPacket);
+}
+
 BooleanT MsgDispatchIpc(MsgPacketO* poPacket) {
     const ObjHolder<MsgChannelS> oIpc(MsgHold(MsgState().oIpcChannel));
     if (oIpc.Get() != nullptr && MsgChannelDispatch(oIpc.Get(), poPacket) == TRUE) return TRUE;
@@ -91,13 +96,17 @@ BooleanT MsgChannelDispatch(MsgChannelO oChannel, MsgPacketO* poPacket) {
     if (poPacket == nullptr) return FALSE;
     ObjHolder<MsgPacketS> oPacket(*poPacket);
     *poPacket = nullptr;
-    if (!MsgIsChannelObject(oChannel) || oChannel->bDown == TRUE ||
-        oChannel->bNdmpChannel == TRUE || !MsgMayLeave(oPacket.Get()))
-        return FALSE;
+    if (!MsgMayQueue(oChannel, oPacket.Get())) return FALSE;
     const bool bWasEmpty = MsgFirstOutput(oChannel) == nullptr;
     if (MsgQueueOutput(oChannel, oPacket.Address()) != TRUE) return FALSE;
     if (oChannel->bWaitingForOk == TRUE) return TRUE;
     // Behind packets that the socket did not take, another try would fail as well.
     if (!bWasEmpty && oChannel->bBlocking != TRUE) return TRUE;
     return MsgChannelOutputData(oChannel);
+}
+
+BooleanT MsgChannelAddPacket(MsgChannelO oChannel, MsgPacketO oPacket) {
+    if (!MsgMayQueue(oChannel, oPacket)) return FALSE;
+    ObjIncRefCount(oPacket);
+    return MsgQueueOutput(oChannel, &oPacket);
 }
