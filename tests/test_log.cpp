@@ -186,6 +186,8 @@ TEST_F(LogTest, Limits) {
         EXPECT_EQ(Plain(format.c_str()), "");
         const char* refused = format.c_str();
         LogMessage(1, 1, nullptr, refused, 1);
+        logdMessageO none = nullptr;
+        EXPECT_EQ(LogMessageWithContextObject(&none, 1, 1, nullptr, nullptr, refused, 1), FALSE);
     }
     LogMessage(1, 1, nullptr, nullptr);
     EXPECT_EQ(trace.CountText("Failed to create log message!"), 3);
@@ -207,6 +209,12 @@ TEST_F(LogTest, Limits) {
         EXPECT_EQ(built == Image(7, 1, "f", {}), total == 65536);
         EXPECT_EQ(trace.Count("LOGGING", 124), total == 65536);
     }
+    const ObjHolder<ObjIntegerS> five(ObjIntegerNew(5));
+    ObjHolder<logdMessageS> alone;
+    EXPECT_EQ(
+        LogMessageWithContextObject(alone.Address(), 7, 1, nullptr, five.Get(), "%s%d", "k", 3),
+        TRUE);
+    EXPECT_EQ(Built(alone.Get()), Image(7, 1, "%s%d", {"k", "3"}, Byte(2) + bytes::Integer(5)));
     int64 nothing[8] = {};
     LogMessageWithContext(7, 1, nullptr, &nothing[4], "f");  // what is no object is left out
     EXPECT_EQ(g_called, Image(7, 1, "f", {}));

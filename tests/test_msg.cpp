@@ -10,7 +10,9 @@
 #include "core/context.h"
 #include "core/list.h"
 #include "core/map.h"
+#include "core/msgchannel.h"
 #include "core/objwrappers.h"
+#include "core/strwrappers.h"
 #include "core/timeconv.h"
 #include "support/files.h"
 #include "support/leftovers.h"
@@ -210,6 +212,36 @@ TEST(MsgMachines, NumbersAndNames) {
     std::filesystem::remove(TestHome() + "/config/configure.cfg");
 }
 
+TEST(MsgMachines, WhereTheyAreReached) {
+    const struct {
+        Text stanza, all, preferred;
+        BooleanT tunnel;
+        int32 port;
+    } cases[] = {
+        {"Networks=127.0.0.5,::1,127.0.0.6\nPreferred Address=127.0.0.4,127.0.0.9\n"
+         "Contact Address=127.0.0.2,127.0.0.3\nCan Tunnel=TRUE\nTunnel Port=4711\n",
+         "127.0.0.2,\n127.0.0.4,\n127.0.0.5,\n[::1],\n127.0.0.6", "127.0.0.2", TRUE, 4711},
+        {"Networks=127.0.0.5\nPreferred Address=127.0.0.5\nTunnel Port=80\n", "127.0.0.5",
+         "127.0.0.5", FALSE, 80},
+        {"Tunnel Port=x\n", "", "", FALSE, 0},
+    };
+    const auto shown = [](ListO list) {
+        char* text = nullptr;
+        return StrFromAddressList(&text, list) == TRUE ? Owned(text) : "";
+    };
+    for (const auto& c : cases) {
+        WriteFile(MachineFile(), "[other]\nCan Tunnel=TRUE\nTunnel Port=1\n[beta]\n" + c.stanza);
+        const Address beta(At("beta:9"));
+        ObjHolder<ListS> all, preferred(ListNew(NetAddressMagic));
+        EXPECT_EQ(MsgNets(all.Address(), beta.Get()), BooleanFrom(c.all != ""));
+        EXPECT_EQ(MsgPreferredNet(beta.Get(), preferred.Get()), BooleanFrom(c.all != ""));
+        EXPECT_EQ(shown(all.Get()), c.all);
+        EXPECT_EQ(shown(preferred.Get()), c.preferred);
+        EXPECT_EQ(MsgCanTunnel(beta.Get()), c.tunnel);
+        EXPECT_EQ(MsgTunnelPort(beta.Get()), c.port);
+    }
+}
+
 TEST(MsgPackets, BytesOfEveryRoute) {
     WriteFile(MachineFile(), "[beta]\nId=7\n");
     const std::tuple<Text, Text, Ends> routes[] = {
@@ -234,6 +266,12 @@ TEST(MsgPackets, BytesOfEveryRoute) {
                 EXPECT_EQ(BytesOf(packet.Get()) == expected, oFirst == to.Get());
                 EXPECT_EQ(MsgRedirectPacket(to.Get(), packet.Get()), TRUE);
                 EXPECT_EQ(BytesOf(packet.Get()), expected);
+                Message message;
+                EXPECT_EQ(MsgMessageToPacket(none.Address(), message.Get()), FALSE);
+                EXPECT_EQ(MsgMessageFromPacket(message.Address(), packet.Get()), TRUE);
+                EXPECT_EQ(MsgMessageToPacket(none.Address(), message.Get()), TRUE);
+                ASSERT_NE(none.Get(), nullptr);
+                EXPECT_EQ(BytesOf(none.Get()), expected);
             }
         }
     }
@@ -312,7 +350,9 @@ TEST(MsgMessages, WhereTheyCameFrom) {
     for (const auto& [from, from2, bFrom, behind] : cases) {
         const Message message(From(from, 3));
         const Address address(At(from2));
-        Address source, sender;
+        Address source, sender, target;
+        EXPECT_EQ(MsgGetDestination(target.Address(), message.Get()), TRUE);
+        EXPECT_EQ(Shown(target.Get()), ".:0");
         EXPECT_EQ(MsgIsFrom(message.Get(), address.Get()), bFrom);
         EXPECT_EQ(MsgGetSource(source.Address(), message.Get()), BooleanFrom(!from.empty()));
         EXPECT_EQ(MsgGetSender(sender.Address(), message.Get()), BooleanFrom(behind != "nobody"));
@@ -323,6 +363,7 @@ TEST(MsgMessages, WhereTheyCameFrom) {
     auto* oWrong = reinterpret_cast<MsgMessageO>(wrong.Get());
     MsgAddressO oNone = nullptr;
     EXPECT_EQ(MsgGetSource(nullptr, oWrong) + MsgGetSource(&oNone, oWrong) + MsgType(oWrong), 0);
+    EXPECT_EQ(MsgGetDestination(nullptr, oWrong) + MsgGetDestination(&oNone, oWrong), FALSE);
     for (const char* line :
          {"NULL pointer for returned address", "Could not find channel 4711",
           "'NULL Object' not a source message address", "'MsgAddress' not a message object"})

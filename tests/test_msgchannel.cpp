@@ -319,6 +319,9 @@ TEST_F(Channels, QueuesUntilThePeerIsReady) {
     flushed.Say(Frame(MSG_FLUSH_CHANNEL_MSG, Absent));
     EXPECT_EQ(Received(2), "");
     EXPECT_EQ(flushed.Hear(19), Frame(7001, Absent) + Frame(MSG_CHANNEL_FLUSHED_MSG, Absent));
+    // And asked for.
+    EXPECT_EQ(MsgChannelFlush(flushed.address), TRUE);
+    EXPECT_EQ(flushed.Hear(10), Frame(MSG_FLUSH_CHANNEL_MSG, Absent).substr(0, 10));
 }
 
 TEST_F(Channels, PacketsThatAreOnlyQueued) {
@@ -551,6 +554,7 @@ TEST_F(Channels, OpenersReadWhileTheyWait) {
 TEST_F(Channels, IdsGoRound) {
     gtTlContext.sMsg.lChannelId = INT_MAX - 1;
     Link last, first;
+    EXPECT_EQ(MsgChannelInitialize(), TRUE);  // all that there is stays
     EXPECT_EQ(MsgChannelId(last.channel.Get()), INT_MAX);
     EXPECT_EQ(MsgChannelId(first.channel.Get()), 1);
     gtTlContext.sMsg.lChannelId = 0;
@@ -597,6 +601,78 @@ TEST_F(Channels, ReceiveList) {
     EXPECT_EQ(MsgPending(), TRUE);
     EXPECT_EQ(Received(1), "7002 " + Id(link) + ">" + Id(link));
     EXPECT_EQ(MsgPendingWithTimeout(20), FALSE);
+    Message polled;
+    EXPECT_EQ(MsgPoll(polled.Address()), FALSE);
+    // Messages come back in the same way; a look at the list ends where it is told to.
+    ObjHolder<ListS> messages(ListNew(MsgMessageMagic));
+    const ObjHolder<ObjIntegerS> seven(ObjIntegerNew(7));
+    for (const MsgTypeT type : {7001, 7002}) {
+        MsgMessageO made = nullptr;
+        MsgCreateMessage(&made, MsgLocalAddress(), type, seven.Get());
+        ListPushLastItem(messages.Get(), &made);
+    }
+    push(7009);
+    EXPECT_EQ(MsgPushMessages(messages.Get()), TRUE);
+    EXPECT_EQ(messages.Get()->lItemCount, 0);
+    const auto look = [](MsgPacketO packet, void* seen) {
+        *static_cast<Text*>(seen) += std::to_string(MsgPacketMsgType(packet)) + " ";
+        return BooleanFrom(MsgPacketMsgType(packet) != 7001);
+    };
+    Text seen;
+    EXPECT_EQ(MsgWalkReceiveList(look, &seen), FALSE);
+    EXPECT_EQ(seen, "7002 7001 ");
+    MsgTypeT type = 0;
+    ObjHolder<void> body;
+    ASSERT_EQ(MsgReceiveObject(&type, body.Address(), nullptr), TRUE);
+    EXPECT_EQ(std::to_string(type) + ShownBody(body.Get()), "7002 7");
+    ASSERT_EQ(MsgPoll(polled.Address()), TRUE);
+    EXPECT_EQ(Told(polled.Get()), "7001" + own + " 7");
+    EXPECT_EQ(MsgWalkReceiveList(look, &(seen = "")), TRUE);
+    EXPECT_EQ(seen, "7009 ");
+}
+
+// Sockets of the application in the same loop, and the handlers that it calls.
+TEST_F(Channels, SocketsAndHandlersOfTheApplication) {
+    int other = -1;
+    static NetSocketT socket;
+    socket = Link::Connected(&other);
+    const auto in = [] {
+        return MsgIsReadSelectSet(socket) + 2 * MsgIsWriteSelectSet(socket) +
+               4 * MsgIsExceptionSelectSet(socket);
+    };
+    int set = 1;
+    for (const auto& [add, remove] : {std::pair{&MsgAddReadSelect, &MsgRemoveReadSelect},
+                                      {&MsgAddWriteSelect, &MsgRemoveWriteSelect},
+                                      {&MsgAddExceptionSelect, &MsgRemoveExceptionSelect}}) {
+        add(socket);
+        EXPECT_EQ(in(), set);
+        remove(socket);
+        EXPECT_EQ(in(), 0);
+        set *= 2;
+    }
+    static Text called;  // the handlers, and what they have found ready
+    const auto handler = [](NetSelectMaskT mask, void* cookie) {
+        called += ShownBody(cookie) + (NetIsReadSelectSet(mask, socket) == TRUE ? "r" : "") +
+                  (NetIsWriteSelectSet(mask, socket) == TRUE ? "w" : "");
+    };
+    const ObjHolder<ObjIntegerS> one(ObjIntegerNew(1)), two(ObjIntegerNew(2));
+    EXPECT_EQ(MsgHandlerAdd(handler, one.Get()) + MsgHandlerAdd(handler, two.Get()), 2 * TRUE);
+    MsgAddReadSelect(socket);
+    EXPECT_EQ(send(other, "x", 1, 0), 1);
+    Received(1);
+    TraceCapture trace;
+    MsgCheckSelect();
+    EXPECT_EQ(trace.CountText("Socket " + std::to_string(socket) + " has read select set"), 1);
+    EXPECT_EQ(MsgHandlerRemove(handler, one.Get()), TRUE);
+    EXPECT_EQ(MsgHandlerRemove(handler, one.Get()) + MsgHandlerRemove(handler, nullptr), FALSE);
+    MsgAddWriteSelect(socket);
+    Received(1);
+    EXPECT_EQ(called, " 1r 2r 2rw");
+    EXPECT_EQ(MsgHandlerRemove(handler, two.Get()), TRUE);
+    MsgRemoveReadSelect(socket);
+    MsgRemoveWriteSelect(socket);
+    close(socket);
+    close(other);
 }
 
 TEST_F(Channels, WaitForATypeFromAnAddress) {

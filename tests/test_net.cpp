@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <ifaddrs.h>
 #include <netdb.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -334,6 +335,33 @@ TEST_P(Net, TransfersUnderSignalsAndThroughSmallBuffers) {
     setrlimit(RLIMIT_NOFILE, &limit);
 }
 
+// What is set is what the system has, and what is read is what it has.
+TEST_P(Net, OptionsOfASocket) {
+    const Socket socket(NET_TYPE_TCP, GetParam());
+    const auto has = [&](int level, int option) {
+        int value = -1;
+        socklen_t length = sizeof(value);
+        EXPECT_EQ(getsockopt(socket, level, option, &value, &length), 0);
+        return value;
+    };
+    int32 sending = 0, receiving = 0, most = 42;
+    BooleanT reuse = 7;
+    EXPECT_EQ(NetSetSendBufferSize(socket, 20000) + NetSetReceiveBufferSize(socket, 30000), 2);
+    EXPECT_EQ(NetGetSendBufferSize(&sending, socket) + NetGetReceiveBufferSize(&receiving, socket),
+              2 * TRUE);
+    EXPECT_NE(sending, receiving);
+    EXPECT_EQ(sending, has(SOL_SOCKET, SO_SNDBUF));
+    EXPECT_EQ(receiving, has(SOL_SOCKET, SO_RCVBUF));
+    for (const BooleanT on : {FALSE, TRUE}) {
+        EXPECT_EQ(NetGetReuseAddress(&reuse, socket), TRUE);
+        EXPECT_EQ(reuse, on);
+        EXPECT_EQ(NetSetReuseAddress(socket), TRUE);
+    }
+    // Not provided.
+    EXPECT_EQ(NetGetMaximumMessageSize(&most, socket) + NetTcpSetNoDelay(socket) + most, 42);
+    EXPECT_EQ(has(IPPROTO_TCP, TCP_NODELAY), 0);
+}
+
 TEST_P(Net, PeersThatEnd) {
     Text data = "1234567!", none;
     Transfer transfer;
@@ -636,6 +664,7 @@ TEST_F(NetInet, Names) {
             names += ObjGetString(static_cast<ObjStringO>(oNode->oData)) + Text(" ");
         EXPECT_EQ(names, known ? "official beta gamma " : "");
         EXPECT_EQ(Joined(addresses), known ? "127.0.0.5,\n[::1]" : "");
+        EXPECT_EQ(NetClearCaches(), TRUE);  // what is known of a host, or not, is asked anew
     }
     g_known = nullptr;
     EXPECT_EQ(before.Text(), "");

@@ -142,6 +142,9 @@ TEST_F(Requests, Tasks) {
     for (const auto& c : cases) {
         SCOPED_TRACE(Text(c.machine ? c.machine : "-") + to_string(c.task) + to_string(c.context));
         TaskSetTaskContext(c.task == 1 ? task.Get() : nullptr);
+        EXPECT_EQ(TaskGetServerName(), c.task == 1 ? task.Get()->pstrServerName : nullptr);
+        EXPECT_EQ(TaskGetServerVersion(), c.task * 7001);
+        EXPECT_EQ(TaskGetServerPatchLevel(), c.task * 3);
         const Service service(c.machine, c.process);
         void* context = c.context == 2 ? static_cast<void*>(noObject + 8) : extra.Get();
         EXPECT_EQ(ProcGiveServiceATaskExt(service.Get(), "French", "secret", TRUE, data.Get(), 9,
@@ -216,6 +219,8 @@ TEST(ProcApi, ServicesErrorsStates) {
     const auto equal = [&a](const char* machine, const char* process, int32 type) {
         return ProcAddressEqual(a.Get(), Service(machine, process, type).Get());
     };
+    EXPECT_EQ(ProcGetInterfaceTypeFromAddress(a.Get()), 4);
+    EXPECT_EQ(ProcGetInterfaceTypeFromAddress(nullptr), 0);
     EXPECT_EQ(equal("mACH", "pROC", 4), TRUE);
     EXPECT_EQ(equal("mach", "proc", 5) + equal("mach", "pro", 4) + equal("mac", "proc", 4), FALSE);
     EXPECT_EQ(equal(nullptr, "proc", 4) + ProcAddressEqual(nullptr, nullptr), FALSE);
@@ -256,6 +261,36 @@ TEST(Process, TitleInItsPlace) {
     EXPECT_EQ(ProcTitle(), Text(79, 'x'));
     EXPECT_EQ(details.lMemCount, 0x7a7a7a7a);  // the title ends before it
     ProcSetDetails(nullptr);
+}
+
+// Who is left is asked by taking off the newest.
+TEST(Process, CleanupRoutinesAreTakenOff) {
+    const ProcCleanupFnT first = [](void*, int32) {};
+    const ProcCleanupFnT second = [](void*, int32 l) { g_signalled = l; };
+    int a = 0, b = 0;
+    for (int* argument : {&a, &b}) {
+        ProcAddCleanupRoutine(first, argument);
+        ProcAddCleanupRoutine(second, argument);
+    }
+    EXPECT_EQ(ProcRemoveCleanupRoutine(first, &b), TRUE);
+    EXPECT_EQ(ProcRemoveCleanupRoutine(first, &b) + ProcRemoveCleanupRoutine(second, nullptr),
+              FALSE);
+    EXPECT_EQ(ProcRemoveCleanupRoutine(nullptr, nullptr), TRUE);
+    EXPECT_EQ(ProcRemoveCleanupRoutine(second, &b), FALSE);
+    EXPECT_EQ(ProcRemoveCleanupRoutine(first, &a) + ProcRemoveCleanupRoutine(second, &a), 2 * TRUE);
+    EXPECT_EQ(ProcRemoveCleanupRoutine(nullptr, nullptr), FALSE);
+}
+
+TEST(Process, IdsAndMemory) {
+    for (const auto& [id, name] : {std::pair{0x1a2b, "tlid00001a2b"}, {-2, "tlidfffffffe"}})
+        EXPECT_EQ(Owned(ProcIdFileName(id)), name);
+    EXPECT_EQ(ProcGetThreadId(), -1);
+    ObjGetObjectCounts(&gtTlContext.sProcess.ptObjCountBase);
+    const ObjHolder<ObjIntegerS> number(ObjIntegerNew(1));
+    TraceCapture trace;
+    ProcMemoryUsage();
+    EXPECT_EQ(trace.CountText("     1 OBJ_INTEGER"), 1);
+    MemFree(&gtTlContext.sProcess.ptObjCountBase);
 }
 
 TEST(Process, TraceLevelAndCrash) {

@@ -167,11 +167,13 @@ struct Start {
     Text script;  // what the managers say
     Text seen;    // what comes of it
     void (*set)(ProcInitializeArgsO) = nullptr;
+    BooleanT (*join)(const char* id) = nullptr;  // in its own way
 };
 
 BooleanT Join(const Start& start, const Managers& managers, const Memory& memory) {
     std::istringstream words(start.script);
     for (Text word; words >> word;) managers.Say(word, memory);
+    if (start.join != nullptr) return start.join(start.id);
     ProcInitializeArgsO args = ProcNewInitializeArgs();
     if (start.id != nullptr) args->pstrProcId = StrDuplicate(start.id);
     if (start.set != nullptr) start.set(args);
@@ -264,6 +266,35 @@ TEST(ProcInit, WhatManagersSayInEveryOrder) {
          [](ProcInitializeArgsO args) {
              args->bWaitForTask = args->bWithProgress = args->bViewer = args->bNewStyleTasks = TRUE;
              args->pstrName = StrDuplicate("child");
+         }},
+        // The other ways in.
+        {"107", "A", "107 titled <null> | |" + Initial("0,0,0,0,0,0") + Status(2) + " |", nullptr,
+         [](const char* id) {
+             const BooleanT joined =
+                 ProcInitializeWithTrace(id, TRUE, "with.log", eTraceLevelLibNormal);
+             return BooleanFrom(joined == TRUE && TraceTracingToFile() == TRUE &&
+                                TraceSetLevel(eTraceLevelUnchanged) == eTraceLevelLibNormal);
+         }},
+        {"107", "A", "107 titled <null> | |" + Initial("0,0,0,1,0,0") + Status(3) + " |", nullptr,
+         [](const char* id) {
+             return BooleanFrom(
+                 ProcInitializeWithProgress(id, FALSE, nullptr, eTraceLevelLibNormal) == TRUE &&
+                 ProcGetProgressBuffer()->lBufferSize == ProgressBytes);
+         }},
+        {nullptr, "A", "107 titled <null> | |" + Initial("1,PID,0,0,1,0") + Status(3) + " |",
+         nullptr,
+         [](const char* /*id*/) {
+             ProcProcessTableT* table = nullptr;
+             ByteT* details = nullptr;
+             return BooleanFrom(
+                 ProcInitializeViewer(&table, &details, nullptr, eTraceLevelLibNormal) == TRUE &&
+                 ProcTableSlots(table)->tProcessId == 77 && details == ProcShmAddress(0));
+         }},
+        {nullptr, "A", "failed | | |", nullptr,
+         [](const char* /*id*/) {
+             return BooleanFrom(ProcInitializeThread(nullptr, eTraceLevelLibNormal) == TRUE ||
+                                ProcInitializeThreadWithProgress(nullptr, eTraceLevelLibNormal) ==
+                                    TRUE);
          }},
         // What are no ids.
         {"12x", "A", "failed | | 1004 |"},

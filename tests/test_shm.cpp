@@ -142,6 +142,17 @@ TEST_F(Shm, SegmentsAreSharedAndRemoved) {
     });
 }
 
+TEST_F(Shm, IdsOfOthersSegments) {
+    const int made = Foreign(7);
+    ShmIdT tId = ShmIdNone;
+    EXPECT_EQ(ShmFree(nullptr) + ShmFree(&tId) + ShmSetId(nullptr, made), FALSE);
+    EXPECT_EQ(ShmSetId(&tId, made), TRUE);
+    EXPECT_EQ(tId, made);
+    EXPECT_EQ(ShmFree(&tId), FALSE);
+    EXPECT_EQ(tId, ShmIdNone);
+    EXPECT_FALSE(Lives(made));
+}
+
 TEST_F(Shm, StartOfTheProcessManagerCleansUp) {
     Child([] {
         const int first = Foreign(0), used = Foreign(9), last = Foreign(255);

@@ -51,12 +51,25 @@ TEST(Unique, FormsOfFixedIdentifiers) {
         UniqueT tValue = FromHex(form.bytes);
         EXPECT_EQ(UniqueToString(&tValue), form.text);
         EXPECT_EQ(Fields(tValue), form.fields) << form.text;
+        // One by one; those of an invalid one are 0, but there is no sub-phase.
+        const bool valid = form.bytes != "";
+        std::vector<int32> numbers(form.fields.begin() + 5, form.fields.end());
+        if (!valid) numbers = {0, 0, 0, 9};
+        int32 lJob = 9, lSubPhase = 9;
+        EXPECT_EQ(UniqueGetJobId(&tValue, &lJob), BooleanFrom(numbers[0] != 0));
+        EXPECT_EQ(UniqueGetSessionSubPhase(&lSubPhase, &tValue), BooleanFrom(valid));
+        EXPECT_EQ(numbers, (std::vector<int32>{lJob, UniqueGetSessionInstance(&tValue),
+                                               UniqueGetSessionPhase(&tValue), lSubPhase}));
         UniqueT tRead = FromHex("");
-        EXPECT_EQ(UniqueFromString(&tRead, form.text.c_str()), BooleanFrom(form.bytes != ""));
+        EXPECT_EQ(UniqueFromString(&tRead, form.text.c_str()), BooleanFrom(valid));
         tValue.tUnique[30] = tValue.tUnique[31] = 0;  // the sub-phase is not read
         EXPECT_EQ(std::memcmp(&tRead, &tValue, 32), 0) << form.text;
+        UniqueInvalidate(&tValue);
+        EXPECT_STREQ(UniqueToString(&tValue), "(invalid)");
     }
     EXPECT_STREQ(UniqueToString(nullptr), "(null)");
+    UniqueInvalidate(nullptr);
+    EXPECT_EQ(UniqueGetSessionInstance(nullptr) + UniqueGetSessionPhase(nullptr), 0);
     UniqueT tUpper = {};
     EXPECT_EQ(UniqueFromString(&tUpper, "1F0200020403020108070605EFBEADDEFFFFFFFF"), TRUE);
     EXPECT_EQ(UniqueToString(&tUpper), kBase);
@@ -119,6 +132,10 @@ TEST(Unique, NumbersAreSetOnlyInValidOnes) {
     EXPECT_EQ(UniqueToString(&tValue), kBase + " fffffffb fffffffb fffb 8000");
     UniqueSetSessionPhase(&tValue, 4);
     EXPECT_EQ(UniqueToString(&tValue), kBase + " fffffffb fffffffb 0004 0000");
+    ObjHolder<ObjUniqueS> oNew(ObjUniqueNewSessionId(-1, 2, 0x10003)), oCreated;
+    EXPECT_EQ(ObjUniqueCreateSessionId(oCreated.Address(), -1, 2, 0x10003), TRUE);
+    for (const ObjUniqueO oSession : {oNew.Get(), oCreated.Get()})
+        EXPECT_STREQ(UniqueToString(ObjGetUnique(oSession)) + 40, " ffffffff 00000002 0003 0000");
 }
 
 TEST(Unique, ComparisonsLookAtTheirPart) {
@@ -142,7 +159,9 @@ TEST(Unique, ComparisonsLookAtTheirPart) {
                                       UniqueInstanceCompare(&a, &b), UniqueCompare(&a, &b)}),
                   test.order);
         EXPECT_EQ(UniqueInstanceCompare(&b, &a), -test.order[2]);
-        const ObjHolder<ObjUniqueS> oA(ObjUniqueNew(&a)), oB(ObjUniqueNew(&b));
+        const ObjHolder<ObjUniqueS> oA(ObjUniqueNew(&a));
+        ObjHolder<ObjUniqueS> oB;
+        EXPECT_EQ(ObjUniqueCreate(oB.Address(), &b), TRUE);
         // One more of these holds for each part that is equal.
         const std::vector<BooleanT> equal = {
             UniqueBaseEqual(&a, &b), UniqueJobEqual(&a, &b), UniqueInstanceEqual(&a, &b),
