@@ -51,7 +51,7 @@ inline bool InChildren(int count, const std::function<int(int number)>& function
     std::vector<pid_t> children;
     for (int number = 0; number < count; ++number) {
         children.push_back(fork());
-        if (children.back() == 0) _exit(function(number));
+        if (children.back() == 0) EndChild(function(number));
     }
     int failed = 0;
     for (const pid_t child : children) {

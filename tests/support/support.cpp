@@ -16,6 +16,8 @@
 
 namespace fs = std::filesystem;
 
+extern "C" void __gcov_dump() __attribute__((weak));
+
 namespace {
 
 std::vector<TraceCapture::Record> g_records;
@@ -179,11 +181,16 @@ RunResult Run(const std::vector<std::string>& arguments,
     });
 }
 
+void EndChild(int code) {
+    if (__gcov_dump != nullptr) __gcov_dump();
+    _exit(code);
+}
+
 RunResult RunForked(int (*function)(void*), void* argument) {
     return Fork([&] {
         const int code = function(argument);
         std::fflush(stdout);
-        _exit(code);
+        EndChild(code);
     });
 }
 
