@@ -69,6 +69,12 @@ const std::vector<Text> ThreadNames = [] {
     return names;
 }();
 
+// What is asked before anything is initialised.
+int g_kept;
+const std::vector<bool> BeforeStart = {
+    ContextIsInitialized() == TRUE, ContextThreadIsInitialized() == TRUE,
+    ContextSetThreadData(&g_kept) == TRUE, ContextGetThreadData() != nullptr};
+
 Text Calls(const char* prefix, std::vector<Text> names, std::size_t count = 26) {
     Text text;
     for (std::size_t i = 0; i < count; i++) text += prefix + names[i];
@@ -107,6 +113,22 @@ TEST(Context, StartsOnceAndAgainAfterRelease) {
     EXPECT_EQ(ContextInitializeThread(), TRUE);
     EXPECT_NE(TraceGetBuffer(), nullptr);
     EXPECT_EQ(g_calls, Released() + Calls("", ThreadNames));
+}
+
+TEST(Context, IsOneAndUnthreaded) {
+    EXPECT_EQ(BeforeStart, std::vector<bool>(4, false));
+    EXPECT_EQ(ContextGetThreadData(), nullptr);
+    EXPECT_EQ(ContextAllowThreading(), FALSE);
+    EXPECT_EQ(ContextIsThreaded() + ContextIsMultiThreaded(), FALSE);
+    EXPECT_EQ(ContextIsInitialized() + ContextThreadIsInitialized(), 2 * TRUE);
+    static TesselContextT other = {};
+    ContextSet(&other);
+    EXPECT_EQ(ContextGet(), &gtTlContext);
+    EXPECT_EQ(ContextSetThreadData(&g_kept), TRUE);
+    EXPECT_EQ(ContextGetThreadData(), &g_kept);
+    EXPECT_EQ(gtTlContext.pThreadData, &g_kept);
+    EXPECT_EQ(ContextSetThreadData(nullptr), TRUE);
+    EXPECT_EQ(ContextGetThreadData(), nullptr);
 }
 
 TEST(Context, ObjectsOneOfEachClass) {
