@@ -370,6 +370,11 @@ TEST_F(ListTest, RefusesWrongArguments) {
     EXPECT_EQ(ListRemoveItem(static_cast<ListNodeO>(oWrong)), FALSE);
     EXPECT_EQ(ListAddLastItem(oUntyped.Get(), nullptr), FALSE);
     EXPECT_EQ(ListAddObject(oList, oNumber.Get()), FALSE);
+    {
+        const TraceCapture trace;
+        ListCleanup();  // says that it was called, and no more
+        EXPECT_EQ(trace.CountText("ListCleanup"), 1);
+    }
     TraceCapture quiet(-1);
     for (const int32 lPosition : {0, 2})
         EXPECT_EQ(ListGetNthItem(&oWrong, oList, lPosition), FALSE);

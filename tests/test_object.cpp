@@ -365,6 +365,14 @@ TEST(Sorting, StopsAtABadComparisonAndLosesNothing) {
     }
 }
 
+// Applies a list that the caller got as its own arguments.
+void SetFromList(void* o, ...) {
+    std::va_list list;
+    va_start(list, o);
+    ObjSetFromTagsVAListInternal(o, list);
+    va_end(list);
+}
+
 TEST(Tags, SetFieldsByTheirIndex) {
     ObjHolder<AllS> o(NewAll());
     ObjSetFromTags(o.Get(), OBJ_TAG_BEGIN, 0, FALSE, 1, 42, 2, "new", OBJ_TAG_END);
@@ -375,11 +383,15 @@ TEST(Tags, SetFieldsByTheirIndex) {
     EXPECT_TRUE(trace.Records().empty());
     ObjSetFromTagsVA(o.Get(), OBJ_TAG_BEGIN, 1, 43, 3, nullptr, OBJ_TAG_END);
     EXPECT_EQ(o.Get()->lValue, 43);
+    SetFromList(o.Get(), OBJ_TAG_BEGIN, 2, "listed", 0, TRUE, 1, 44, OBJ_TAG_END);
+    EXPECT_EQ(std::pair(o.Get()->bValue, o.Get()->lValue), std::pair(TRUE, 44));
+    EXPECT_STREQ(o.Get()->pstrValue, "listed");
     ObjSetFromTagsVA(o.Get(), OBJ_TAG_BEGIN, 99, 1, OBJ_TAG_END);
     EXPECT_EQ(trace.Count("OBJECT", 160), 2);
     ObjSetFromTagsVA(o.Get(), 5, 6, OBJ_TAG_END);
+    SetFromList(o.Get(), 5, 6, OBJ_TAG_END);
     ObjSetFromTags(o.Get(), 5, 6, OBJ_TAG_END);
-    EXPECT_EQ(trace.Count("OBJECT", 161), 1);
+    EXPECT_EQ(trace.Count("OBJECT", 161), 2);
     EXPECT_EQ(trace.Count("OBJECT", 159), 1);
 }
 

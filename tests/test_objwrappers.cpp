@@ -50,9 +50,44 @@ TEST_F(WrapperTest, DataFieldCopiesOrTakesItsBlock) {
     EXPECT_EQ(ObjGetDataFieldSize(oNothing.Get()), 0);
 }
 
+TEST_F(WrapperTest, NumbersAreOfTheirClass) {
+    ObjHolder<ObjBooleanS> oBoolean;
+    ObjHolder<ObjIntegerS> oInteger;
+    ObjHolder<ObjInt64S> oInt64;
+    ASSERT_EQ(ObjBooleanCreate(oBoolean.Address(), TRUE), TRUE);
+    ASSERT_EQ(ObjIntegerCreate(oInteger.Address(), -3), TRUE);
+    ASSERT_EQ(ObjInt64Create(oInt64.Address(), INT64_MIN), TRUE);
+    // Reads an object as each class, and as each class but its own sets it to 5.
+    const auto read = [](void* object) {
+        auto* oB = static_cast<ObjBooleanO>(object);
+        auto* oI = static_cast<ObjIntegerO>(object);
+        auto* oL = static_cast<ObjInt64O>(object);
+        for (const int32 magic : {ObjBooleanMagic, ObjIntegerMagic, ObjInt64Magic}) {
+            if (ObjCheckTypeInternal(object, magic) == TRUE) continue;
+            EXPECT_EQ(magic == ObjBooleanMagic   ? ObjSetBoolean(oB, 5)
+                      : magic == ObjIntegerMagic ? ObjSetInteger(oI, 5)
+                                                 : ObjSetInt64(oL, 5),
+                      FALSE);
+        }
+        return std::tuple<BooleanT, int32, int64>(ObjGetBoolean(oB), ObjGetInteger(oI),
+                                                  ObjGetInt64(oL));
+    };
+    EXPECT_EQ(read(oBoolean.Get()), std::tuple(TRUE, 0, 0));
+    EXPECT_EQ(read(oInteger.Get()), std::tuple(FALSE, -3, 0));
+    EXPECT_EQ(read(oInt64.Get()), std::tuple(FALSE, 0, INT64_MIN));
+    EXPECT_EQ(read(nullptr), std::tuple(FALSE, 0, 0));
+    EXPECT_EQ(ObjSetBoolean(oBoolean.Get(), FALSE), TRUE);
+    EXPECT_EQ(ObjSetInteger(oInteger.Get(), INT32_MAX), TRUE);
+    EXPECT_EQ(ObjSetInt64(oInt64.Get(), INT64_MAX), TRUE);
+    EXPECT_EQ(read(oBoolean.Get()), std::tuple(FALSE, 0, 0));
+    EXPECT_EQ(read(oInteger.Get()), std::tuple(FALSE, INT32_MAX, 0));
+    EXPECT_EQ(read(oInt64.Get()), std::tuple(FALSE, 0, INT64_MAX));
+}
+
 TEST_F(WrapperTest, StanzaIsTakenAndViewInfoIsCopied) {
     StnzT *pFirst = NewStanza(nullptr, "first"), *pSecond = NewStanza(nullptr, "second");
-    ObjHolder<ObjStanzaS> oStanza(ObjStanzaNew(pFirst));
+    ObjHolder<ObjStanzaS> oStanza;
+    ASSERT_EQ(ObjStanzaCreate(oStanza.Address(), pFirst), TRUE);
     EXPECT_EQ(ObjGetStanza(oStanza.Get()), pFirst);
     EXPECT_EQ(ObjSetStanza(oStanza.Get(), nullptr), FALSE);
     EXPECT_EQ(ObjSetStanza(oStanza.Get(), pSecond), TRUE);  // the first is the caller's again
