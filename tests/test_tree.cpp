@@ -95,8 +95,8 @@ void ExpectSiblings(TreeO oTree, TreeNodeO oParent, TreeNodeO oNode, TreeNodeO o
         if (row.node == nullptr) row.node = oNode;
         ASSERT_EQ(std::tuple(oNode, depth, oNode->oData, oNode->bOpen, Holders(oNode)),
                   std::tuple(row.node, row.depth, row.item, BooleanFrom(row.open), 1));
-        ASSERT_EQ(std::tuple(oNode->oTree, oNode->oParent, oNode->oPrevious),
-                  std::tuple(oTree, oParent, oPrevious));
+        ASSERT_EQ(std::tuple(oNode->oTree, TreeFromNode(oNode), oNode->oParent, oNode->oPrevious),
+                  std::tuple(oTree, oTree, oParent, oPrevious));
         ASSERT_NO_FATAL_FAILURE(
             ExpectSiblings(oTree, oNode, oNode->oChild, oNode->oLastChild, depth + 1, rows, at));
         oPrevious = oNode;
@@ -288,6 +288,14 @@ class Trees {
                       BooleanFrom(previous < rows.size()));
             ASSERT_EQ(oPrevious, nodeAt(previous));
         }
+        TreeNodeO oBefore = nullptr, oAfter = nullptr;
+        const bool first = siblings.front() == at, last = siblings.back() == at;
+        ASSERT_EQ(TreePrevSibling(&oBefore, oNode), BooleanFrom(!first));
+        ASSERT_EQ(TreeNextSibling(&oAfter, oNode), BooleanFrom(!last));
+        const auto self = std::find(siblings.begin(), siblings.end(), at);
+        ASSERT_EQ(oBefore, first ? nullptr : rows[*(self - 1)].node);
+        ASSERT_EQ(oAfter, last ? nullptr : rows[*(self + 1)].node);
+        ASSERT_EQ(TreeNodeHasParent(oNode), BooleanFrom(rows[at].depth > 0));
         const auto count = static_cast<int32>(rows.Children(at).size());
         TreeNodeO oChild = oNode;
         ASSERT_EQ(TreeRelativeNode(oNode, TREE_SIBLING_LAST), rows[siblings.back()].node);
@@ -441,6 +449,8 @@ TEST_F(TreeTest, SearchesWhereItIsTold) {
     TreeNodeOpen(t.a2);
     EXPECT_EQ(TreeSearchBranch(&oFound, t.A, IsCookie, oX, TRUE), TRUE);
     EXPECT_EQ(oFound, t.x);
+    for (int times = 0; times < 2; ++times) EXPECT_EQ(TreeNodeClose(t.a2), TRUE);
+    EXPECT_EQ(TreeSearchBranch(&oFound, t.A, IsCookie, oX, TRUE), FALSE);
     EXPECT_EQ(TreeFindNodeFromNode(&oFound, t.x, oB1), TRUE);
     EXPECT_EQ(oFound, t.b1);
 }
@@ -478,6 +488,10 @@ TEST_F(TreeTest, RefusesWrongArguments) {
     EXPECT_EQ(TreeWalk(oTree, nullptr, &log, FALSE), FALSE);
     EXPECT_EQ(TreeWalkFromNode(nullptr, Record, &log, FALSE), TRUE);
     EXPECT_EQ(TreeAddBranchToRoot(oTree, nullptr), FALSE);
+    auto* oNoNode = static_cast<TreeNodeO>(oItem);
+    EXPECT_EQ(TreeFromNode(oNoNode), nullptr);
+    EXPECT_EQ(TreeNodeClose(oNoNode) + TreeNodeHasParent(oNoNode), FALSE);
+    TreeCleanup();  // leaves every tree
     EXPECT_EQ(TreeWalk(oTree, Record, &log, FALSE), TRUE);
     EXPECT_EQ(log.nodes, (Nodes{t.A, t.a1, t.a2, t.x, t.B}));
 }
