@@ -8,6 +8,8 @@
 #include "core/filesys.h"
 #include "core/path.h"
 #include "core/pathwrappers.h"
+#include "core/stnzbase.h"
+#include "core/stnzfile.h"
 #include "machines/solaris.h"
 #include "support/files.h"
 #include "support/lists.h"
@@ -65,6 +67,19 @@ TEST(PathBuilding, Components) {
         {PathHomeBuild("/x", "y/", "z", nullptr), home + "/x/y//z"},
         {PathHomeBuild(nullptr, nullptr), home}};
     for (const auto& [built, expected] : cases) EXPECT_EQ(Owned(built), expected);
+    // Always with a "/" between the two.
+    for (const auto add : {PathAddDir, PathAddFilename}) {
+        char* built = nullptr;
+        EXPECT_EQ(add(&built, "a/", "b"), TRUE);
+        EXPECT_EQ(Owned(built), "a//b");
+        EXPECT_EQ(add(&built, "", "b"), TRUE);
+        EXPECT_EQ(Owned(built), "/b");
+        EXPECT_EQ(add(&built, "a", nullptr) + add(&built, nullptr, "b"), FALSE);
+    }
+    StnzKeyT* key = nullptr;
+    EXPECT_EQ(StnzLineToKey(&key, "k=x/,,y,z"), TRUE);
+    EXPECT_EQ(Owned(PathRelativeFromKey(key)), "x//y/z");
+    StnzReleaseKey(&key);
     // Items that hold no text leave no trace, not even a separator.
     ObjHolder<ListS> mixed(ListNew());
     void* items[] = {ObjIntegerNew(1), ObjStringNew("x"), ObjStringNew(nullptr), ObjStringNew("y")};
@@ -149,6 +164,35 @@ TEST(PathApplications, Parameters) {
         EXPECT_EQ(Owned(name), nameWanted) << path;
         EXPECT_EQ(Owned(instance), instanceWanted) << path;
         EXPECT_EQ(Owned(restore), restoreWanted) << path;
+    }
+    char* file = nullptr;
+    EXPECT_EQ(PathGetAppLibrary("Db", &file), TRUE);
+    EXPECT_EQ(Owned(file), TestHome() + "/apps/Db/libhalo_Db.so");
+    EXPECT_EQ(PathGetAppConfig("Db", &file), TRUE);
+    EXPECT_EQ(Owned(file), TestHome() + "/apps/Db/halo_Db.cfg");
+    EXPECT_EQ(PathGetAppLibrary("", &file) + PathGetAppConfig("", &file), FALSE);
+}
+
+TEST(PathDirectories, TheCurrentOne) {
+    const Dir dir;
+    // The longest path that is told, and one byte more.
+    for (const std::size_t length : {std::size_t{2047}, std::size_t{2048}}) {
+        const RunResult result = InChild([&] {
+            bool good = PathSetDirectory(dir.Path().c_str()) == TRUE;
+            for (std::size_t left = length - dir.Path().size(), step = 0; left > 0; left -= step) {
+                step = left > 201 ? 200 : left;
+                const Name name(std::string(step - 1, 'd'));
+                mkdir(name, 0700);
+                good = good && PathSetDirectory(name) == TRUE;
+            }
+            if (!good || PathSetDirectory("missing") == TRUE || errno != ENOENT) return 1;
+            const std::string expected = std::filesystem::current_path();
+            char* current = nullptr;
+            const bool told = PathGetCurrentDirectory(&current) == TRUE;
+            if (expected.size() != length || told != (length < 2048)) return 2;
+            return Owned(current) == (told ? expected : "<null>") ? 0 : 3;
+        });
+        EXPECT_EQ(result.exitCode, 0);
     }
 }
 
