@@ -127,6 +127,34 @@ TEST(StnzFile, Reading) {
     }
 }
 
+TEST(StnzFile, Lines) {
+    // Line, T when it looks like a title or K like a key, category and title.
+    const std::tuple<const char*, char, Text, Text> table[] = {
+        {"[c:t]", 'T', "c", "t"},
+        {" \t[ c : t a ] x=y", 'T', "c", "t a"},
+        {"[t=]", 'T', "<null>", "t="},
+        {"[]", 'T', "<null>", "<null>"},
+        {"[:t]", 'T', "<null>", "<null>"},
+        {"[c:]", 'T', "<null>", "<null>"},
+        {"[t", '-', "<null>", "<null>"},
+        {"t]", '-', "<null>", "<null>"},
+        {" k = v", 'K', "<null>", "<null>"},
+        {"k[t]=", 'K', "<null>", "<null>"},
+        {"=v", '-', "<null>", "<null>"},
+        {"[t=v", '-', "<null>", "<null>"},
+        {"", '-', "<null>", "<null>"}};
+    for (const auto& [line, kind, category, title] : table) {
+        EXPECT_EQ(StnzLineIsTitle(line), BooleanFrom(kind == 'T')) << line;
+        EXPECT_EQ(StnzLineIsKey(line), BooleanFrom(kind == 'K')) << line;
+        char *categoryFound = nullptr, *titleFound = nullptr;
+        EXPECT_EQ(StnzLineToTitle(&categoryFound, &titleFound, line),
+                  BooleanFrom(title != "<null>"))
+            << line;
+        EXPECT_EQ(Owned(categoryFound), category) << line;
+        EXPECT_EQ(Owned(titleFound), title) << line;
+    }
+}
+
 // What is written is read back as it was: random stanzas of all that names and values can hold.
 TEST(StnzFile, RoundTrip) {
     std::mt19937 random(5);
@@ -488,7 +516,7 @@ TEST(StnzFile, OpeningWaitsForTheLock) {
     StnzFileO file = nullptr;
     ASSERT_EQ(StnzOpenFile(&file, dir("f"), 516), TRUE);
     const pid_t child = fork();
-    if (child == 0) _exit(ShowFile(dir("f")) == "u{k=1}" ? 0 : 1);
+    if (child == 0) EndChild(ShowFile(dir("f")) == "u{k=1}" ? 0 : 1);
     const auto waits = [&] {
         const Lines locks = Split(ReadFile("/proc/locks"));
         return std::any_of(locks.begin(), locks.end(), [&](const Text& lock) {

@@ -51,12 +51,19 @@ TEST(StanzaValues, Getters) {
     StnzT* stanza = nullptr;
     ASSERT_EQ(StnzListFindStanza(&stanza, list, "c", "T"), TRUE);
     for (const auto& [keyword, asText, asNumber, asLarge, asBoolean, asValues] : table) {
-        // Number and string through the list, the others from the stanza.
+        // Number and string through the list, the others also from the stanza.
         char* text = nullptr;
         int32 number = 0;
-        int64 large = 0;
-        BooleanT boolean = FALSE;
-        ObjHolder<ListS> values;
+        int64 large = 0, largeInList = 0;
+        BooleanT boolean = FALSE, booleanInList = FALSE;
+        ObjHolder<ListS> values, valuesInList;
+        EXPECT_EQ(StnzListGetInt64(&largeInList, list, "c", "t", keyword, 8), TRUE);
+        EXPECT_EQ(StnzListGetBoolean(&booleanInList, list, "c", "t", keyword, TRUE), TRUE);
+        EXPECT_EQ(StnzListGetValueList(valuesInList.Address(), list, "c", "t", keyword),
+                  BooleanFrom(keyword != Text("missing")));
+        EXPECT_EQ(TextsOf(valuesInList.Get()), asValues) << keyword;
+        EXPECT_EQ(largeInList, asLarge) << keyword;
+        EXPECT_EQ(booleanInList, asBoolean) << keyword;
         EXPECT_EQ(StnzListGetString(&text, list, "c", "t", keyword, "d"), TRUE);
         EXPECT_EQ(StnzListGetInteger(&number, list, "c", "t", keyword, 7), TRUE);
         EXPECT_EQ(StnzGetInt64(stanza, keyword, 8, &large), TRUE);
