@@ -132,6 +132,8 @@ TEST(Sys, Sizes) {
         EXPECT_EQ(SysIntegerToUnitString(&pstrText, static_cast<int32>(llSize)), TRUE);
         EXPECT_EQ(Owned(pstrText), text);
     }
+    EXPECT_EQ(SysSetLocale("C"), FALSE);  // there is no other
+    EXPECT_EQ(SysIsDefaultLocale(), TRUE);
     EXPECT_EQ(SysConvertToMegs(-1048575) + SysConvertToMegs(int64{3} << 40), 3 << 20);
     EXPECT_EQ(SysUnpackInt64(nullptr) + SysUnpackInt64(&"\0\1\0\0\0\0\0\0"[1]), 1);
 }
@@ -226,6 +228,13 @@ TEST(Signals, HandlersAndMasks) {
         if ((installed.sa_flags & (SA_RESTART | SA_NODEFER | SA_RESETHAND)) != 0 ||
             sigismember(&installed.sa_mask, SIGALRM) != 1)
             return 2;
+        SigSetT set;
+        sigfillset(&set);
+        sigdelset(&set, SIGALRM);
+        SigHoldSet(&set);
+        sigdelset(&set, SIGUSR2);
+        SigReleaseSet(&set);
+        if (!Held(SIGUSR2) || Held(SIGALRM) || Held(SIGUSR1)) return 8;
         if (SigSet(SIGKILL, SIG_IGN) != SIG_ERR || SigErrorCode() != EINVAL) return 3;
         // The pause ends with the alarm; what is held meanwhile comes after it.
         SigHold(SIGUSR1);
@@ -251,7 +260,10 @@ TEST(Signals, EndASleep) {
     SysSleep(INT32_MAX);
     SysSleep(INT32_MIN);
     EXPECT_EQ(g_signals, "A");
-    SigSet(SIGALRM, SIG_DFL);
+    const TraceCapture trace;
+    SigCleanup();  // says that it was called, and leaves the handlers
+    EXPECT_EQ(trace.CountText("SigCleanup"), 1);
+    EXPECT_EQ(SigSet(SIGALRM, SIG_DFL), NoteAlarm);
 }
 
 TEST(Process, WhatAProgramIsStartedWith) {
