@@ -91,6 +91,11 @@ TEST(TimeConv, LocalFieldsAndBack) {
                 ASSERT_EQ(TimeFromBreakdown(&back, &got), TRUE);
                 ASSERT_EQ(back, twice ? clock + 3600 : clock) << zone << " " << Show(got);
                 ASSERT_EQ(TimeMakeTime(&fields), clock);
+                if (second != 0) continue;
+                fields.tm_hour = fields.tm_min = fields.tm_sec = 0;
+                fields.tm_isdst = -1;
+                ASSERT_EQ(TimeFromDate(&back, &got.tDate), TRUE);
+                ASSERT_EQ(back, std::mktime(&fields)) << zone << " " << Show(got);
             }
             if (day % 7 != 3) continue;  // texts, at a time that moves through the day
             const TimeT clock = day * Day + day * 37 % Day;
@@ -113,6 +118,7 @@ TEST(TimeConv, LocalFieldsAndBack) {
         TimeT clock = 7;
         EXPECT_EQ(TimeFromBreakdown(&clock, &local), BooleanFrom(expected != 7)) << Show(local);
         EXPECT_EQ(clock, expected) << Show(local);
+        EXPECT_EQ(TimeFromDate(&clock, &local.tDate), BooleanFrom(expected != 7)) << Show(local);
     }
 }
 
@@ -402,7 +408,13 @@ TEST(TimeCalendar, Limits) {
         {{1970, 6, 1, 0}, FALSE}, {{1971, 1, 1, 0}, TRUE},    {{1900, 2, 29, 0}, FALSE},
         {{2000, 2, 29, 0}, TRUE}, {{2100, 2, 29, 0}, FALSE},  {{2005, 4, 31, 0}, FALSE},
         {{2005, 4, 0, 0}, FALSE}, {{10000, 12, 31, 0}, TRUE}, {{10001, 1, 1, 0}, FALSE}};
-    for (const auto& [date, valid] : dates) EXPECT_EQ(TimeValidDate(&date), valid) << date.lYear;
+    for (const auto& [date, valid] : dates) {
+        EXPECT_EQ(TimeValidDate(&date), valid) << date.lYear;
+        const TimeBreakdownT lastSecond = {{23, 59, 59}, date}, tooLate = {{24, 0, 0}, date};
+        EXPECT_EQ(TimeValidBreakdown(&lastSecond), valid) << date.lYear;
+        EXPECT_EQ(TimeValidBreakdown(&tooLate), FALSE) << date.lYear;
+    }
+    EXPECT_EQ(TimeValidBreakdown(nullptr), FALSE);
     TraceCapture trace;
     EXPECT_EQ(TimeDaysInMonth(2, 999), -1);
     EXPECT_EQ(trace.CountText("Invalid arguments"), 1);
