@@ -1,6 +1,7 @@
 // Configuration items in both layouts, byte-exact files after each change, the remote decision, and
 // many processes at one file.
 #include <sys/mman.h>
+#include <sys/utsname.h>
 
 #include <chrono>
 
@@ -11,6 +12,7 @@
 #include "core/context.h"
 #include "core/stnzlist.h"
 #include "core/strbase.h"
+#include "core/sys.h"
 #include "core/task.h"
 #include "support/files.h"
 #include "support/lists.h"
@@ -77,14 +79,29 @@ TEST_F(Cfg, TypedValues) {
         }
     }
     int64 wide = 0;
-    EXPECT_EQ(CfgGetInt64(&wide, File, "item", "big", 1), TRUE);
-    EXPECT_EQ(wide, -9000000000);
-    EXPECT_EQ(CfgGetInt64(&wide, "nofile.cfg", "item", "big", 1), FALSE);
-    EXPECT_EQ(wide, 1);
-    ListO oValues = nullptr;
-    EXPECT_EQ(CfgGetValueList(&oValues, File, "item", "list"), TRUE);
-    EXPECT_EQ(Taken(oValues), "a|b|<null>|c|");
-    EXPECT_EQ(CfgGetValueList(&oValues, File, "item", "missing"), FALSE);
+    ObjHolder<ListS> oAll;
+    ASSERT_EQ(CfgGetStanzaList(oAll.Address(), File), TRUE);
+    for (ListO oList : {static_cast<ListO>(nullptr), oAll.Get()}) {  // the file, the list
+        SCOPED_TRACE(oList == nullptr ? "in the file" : "in the list");
+        EXPECT_EQ(oList == nullptr ? CfgGetInt64(&wide, File, "item", "big", 1)
+                                   : CfgGetInt64FromList(oList, "ITEM", "BIG", &wide, 1),
+                  TRUE);
+        EXPECT_EQ(wide, -9000000000);
+        EXPECT_EQ(oList == nullptr ? CfgGetInt64(&wide, "nofile.cfg", "item", "big", 1)
+                                   : CfgGetInt64FromList(oList, "item", "missing", &wide, 1),
+                  FALSE);
+        EXPECT_EQ(wide, 1);
+        const auto values = [&](const char* keyword) {
+            ListO oValues = nullptr;
+            const BooleanT found = oList == nullptr
+                                       ? CfgGetValueList(&oValues, File, "item", keyword)
+                                       : CfgGetValueListFromList(oList, "item", keyword, &oValues);
+            return std::to_string(found) + " " + Taken(oValues);
+        };
+        EXPECT_EQ(values("list"), "1 a|b|<null>|c|");
+        EXPECT_EQ(values("number"), "1 43|");
+        EXPECT_EQ(values("missing"), "0 ");
+    }
     StnzKeyT* key = nullptr;
     EXPECT_EQ(CfgGetKey(File, "Item", "TWICE", &key), TRUE);
     EXPECT_STREQ(key->pstrKeyword, "TWICE");  // as the caller spells it
@@ -234,6 +251,15 @@ TEST_F(Cfg, Tools) {
         EXPECT_EQ(Owned(text), version);
     }
     unlink((TestHome() + "/RELEASEDEF").c_str());
+    utsname system = {};
+    ASSERT_EQ(uname(&system), 0);
+    EXPECT_EQ(CfgGetSystemVersion(&text), TRUE);
+    EXPECT_EQ(Owned(text), Text(system.sysname) + " Release " + system.release + " Version " +
+                               system.version + " on a " + system.machine);
+    const char* machine = nullptr;
+    EXPECT_EQ(CfgGetTesselName(&machine), TRUE);
+    EXPECT_EQ(machine, SysLocalMachineName());  // the very text
+    EXPECT_EQ(CfgGetTesselName(nullptr), FALSE);
 
     const Text page = "[Configurator]\nPage Name=";
     const std::pair<Text, Text> files[] = {

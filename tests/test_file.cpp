@@ -26,6 +26,14 @@ extern "C" struct dirent64* readdir64(DIR* directory) {
     return entry;
 }
 
+static int g_fsyncs;
+
+extern "C" int fsync(int handle) {
+    static auto* const real = reinterpret_cast<int (*)(int)>(dlsym(RTLD_NEXT, "fsync"));
+    g_fsyncs++;
+    return real(handle);
+}
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -100,7 +108,7 @@ struct LockHolder {
             Handle file(path, 6);
             ready.Put(FileLockSetNoWait(file.handle, type) == TRUE ? "y" : "n");
             end.CloseWriting();
-            _exit(end.Take());
+            EndChild(end.Take());
         }
         ready.CloseWriting();
         EXPECT_EQ(ready.Take(), 'y');
@@ -157,6 +165,7 @@ TEST(FileSys, FailuresAreReportedAndLeaveErrno) {
     fs::create_directories(full + "/entry");
     Handle reader(dir("file"), 1);
     Handle device("/dev/full", 4);
+    const Pipe data;
     FileHandleT handle = 4711;
     int32 count = 0;
     // Message, level, status and errno, call.
@@ -166,6 +175,9 @@ TEST(FileSys, FailuresAreReportedAndLeaveErrno) {
         {35, -1, ENOENT, [&] { return FileSysOpenLocked(&handle, missing, 1); }},
         {7, -1, ENOSPC, [&] { return FileSysWrite(&count, device.handle, "x", 1); }},
         {33, -1, EINVAL, [&] { return FileSysTruncate(reader.handle); }},
+        {30, 3, EBADF, [&] { return FileSysSynchronous(1 << 20); }},
+        {42, -1, ESPIPE, [&] { return FileSysSeekStart(data.ends[0]); }},
+        {49, -1, ESPIPE, [&] { return FileSysSeekEnd(data.ends[0]); }},
         {46, -1, EINVAL, [&] { return FileSysSeek(reader.handle, -1); }},
         {526, -1, EISDIR, [&] { return FileDelete(full); }},
         {532, 3, ENOTEMPTY, [&] { return FileDirDelete(full); }},
@@ -197,6 +209,16 @@ TEST(FileSys, PositionsBeyondFourGigabytes) {
     char bytes[32] = {};
     EXPECT_EQ(FileSysRead(&count, file.handle, bytes, sizeof(bytes)), TRUE);
     EXPECT_EQ(std::string(bytes, static_cast<std::size_t>(count)), "3456789");
+    const std::pair<BooleanT (*)(FileHandleT), int64> ends[] = {{FileSysSeekStart, 0},
+                                                                {FileSysSeekEnd, far + 10}};
+    for (const auto& [seek, expected] : ends) {
+        int64 offset = -1;
+        EXPECT_EQ(seek(file.handle), TRUE);
+        EXPECT_EQ(FileSysGetOffset(&offset, file.handle), TRUE);
+        EXPECT_EQ(offset, expected);
+        EXPECT_EQ(FileSysGetOffset(&offset, FileHandleClosed), FALSE);
+        EXPECT_EQ(offset, expected);
+    }
     EXPECT_EQ(FileSysSkip(file.handle, -8), TRUE);
     EXPECT_EQ(FileSysTruncate(file.handle), TRUE);
     EXPECT_EQ(FileSysSize(&size, file.handle), TRUE);
@@ -209,6 +231,28 @@ TEST(FileSys, PositionsBeyondFourGigabytes) {
     ASSERT_EQ(symlink("nowhere", dir("dangling")), 0);
     EXPECT_EQ(DirGetContentsSize(&size, dir.Path().c_str()), TRUE);
     EXPECT_EQ(size, far + 2 + (int64{3} << 30) + 4);
+}
+
+TEST(FileSys, SynchronousWritesWaitForTheDevice) {
+    const Dir dir;
+    const Pipe data;  // has no device to wait for
+    int32 count = 0;
+    int numbers[2] = {};
+    for (int& number : numbers) {
+        Handle file(dir("f"), 6);
+        number = file.fd();
+        for (const int waits : {0, 1}) {
+            // A number that was another file's begins without waiting.
+            EXPECT_TRUE(waits == 0 || FileSysSynchronous(number) == TRUE);
+            if ((fcntl(number, F_GETFL) & O_SYNC) == O_SYNC) continue;  // the system waits
+            g_fsyncs = 0;
+            EXPECT_EQ(FileSysWrite(&count, number, "x", 1), TRUE);
+            EXPECT_EQ(g_fsyncs, waits);
+        }
+    }
+    EXPECT_EQ(numbers[0], numbers[1]);
+    EXPECT_EQ(FileSysSynchronous(data.ends[1]), TRUE);
+    EXPECT_EQ(FileSysWrite(&count, data.ends[1], "x", 1), TRUE);
 }
 
 TEST(FileSys, InterruptedCallsAreRepeated) {
@@ -269,6 +313,12 @@ TEST(FileStreams, BufferedWriteFailsWhenItIsClosed) {
     EXPECT_EQ(FileSysFPutString(stream, "little"), TRUE);
     EXPECT_EQ(FileSysFClose(&stream), FALSE);
     EXPECT_EQ(stream, nullptr);
+    // The descriptor under a stream.
+    ASSERT_EQ(FileSysFOpen(&stream, "/dev/full", 260), TRUE);
+    const FileHandleT handle = FileHandleFromFILE(stream);
+    EXPECT_EQ(fs::read_symlink(ProcPath(static_cast<int>(handle))), "/dev/full");
+    EXPECT_EQ(FileSysFClose(&stream), TRUE);
+    EXPECT_EQ(FileHandleFromFILE(nullptr), FileHandleClosed);
 }
 
 TEST(FileBase, Kinds) {
@@ -287,20 +337,41 @@ TEST(FileBase, Kinds) {
     EXPECT_EQ(status.lMode, S_IFREG | 0640);
     EXPECT_EQ(status.tAccessed, 1000000001);
     EXPECT_EQ(status.tModified, 1000000002);
-    // For each: F a file, D a directory, R read-only, S with a status, L with one of its own.
+    // For each: F a file, D a directory, R read-only, H the same of its descriptor, S with a
+    // status, L with one of its own.
     const std::pair<const char*, const char*> cases[] = {
-        {"file", "FSL"},   {"dir", "DRSL"},   {"fifo", "FRSL"}, {"tofile", "FSL"},
-        {"todir", "DRSL"}, {"dangling", "L"}, {"missing", ""}};
+        {"file", "FSL"},    {"dir", "DRHSL"},  {"fifo", "FRHSL"}, {"tofile", "FSL"},
+        {"todir", "DRHSL"}, {"dangling", "L"}, {"missing", ""}};
     for (const auto& [name, kinds] : cases) {
         const Name path = dir(name);
         std::string found;
         if (FileExists(path) == TRUE) found += 'F';
         if (FileIsDir(path) == TRUE) found += 'D';
         if (FileIsReadOnly(path) == TRUE) found += 'R';
+        const FileCloser opened(open(path, O_RDONLY | O_NONBLOCK));
+        if (FileHandleIsReadOnly(opened.Get()) == TRUE) found += 'H';
         if (FileStat(nullptr, path, TRUE) == TRUE) found += 'S';
         if (FileStat(nullptr, path, FALSE) == TRUE) found += 'L';
         EXPECT_EQ(found, kinds) << name;
     }
+}
+
+TEST(FileBase, Owners) {
+    const Dir dir;
+    WriteFile(dir("file"), "");
+    const bool allowed = chown(dir("file"), 4710, 4710) == 0;
+    const int32 cases[][4] = {{4711, -1, 4711, 4710}, {-1, 4712, 4711, 4712}, {5, 6, 5, 6}};
+    for (const auto& [owner, group, newOwner, newGroup] : cases) {
+        errno = 0;
+        EXPECT_EQ(FileChangeOwner(dir("file"), owner, group), BooleanFrom(allowed));
+        EXPECT_EQ(errno, allowed ? 0 : EPERM);
+        struct stat status = {};
+        ASSERT_EQ(stat(dir("file"), &status), 0);
+        EXPECT_EQ(status.st_uid, allowed ? static_cast<uid_t>(newOwner) : getuid());
+        EXPECT_EQ(status.st_gid, allowed ? static_cast<gid_t>(newGroup) : getgid());
+    }
+    EXPECT_EQ(FileChangeOwner(dir("missing"), 1, 1), FALSE);
+    EXPECT_EQ(errno, ENOENT);
 }
 
 TEST(FileBase, Copies) {
@@ -443,6 +514,8 @@ TEST(FileTmp, Streams) {
         EXPECT_EQ(FileTmpClose(&descriptor), TRUE);
     }
     EXPECT_EQ(FileTmpDelete(name), TRUE);
+    EXPECT_EQ(FileTmpOpenUnique(&descriptor), FALSE);
+    EXPECT_EQ(descriptor, nullptr);
 }
 
 TEST(FileTmp, DeletesWhatOneOwnerHas) {

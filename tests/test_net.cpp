@@ -23,6 +23,7 @@
 #include "../base/library/core/netinternal.h"
 #include "../base/library/machines/netdir.h"
 #include "core/cfg.h"
+#include "core/cfgtools.h"
 #include "core/list.h"
 #include "core/objserial.h"
 #include "core/objwrappers.h"
@@ -32,6 +33,7 @@
 #include "support/faults.h"
 #include "support/files.h"
 #include "support/leftovers.h"
+#include "support/lists.h"
 
 using Text = std::string;
 using Family = std::int16_t;
@@ -653,6 +655,8 @@ TEST_F(NetInet, Names) {
     List list(ListNew(NetAddressMagic));
     EXPECT_EQ(NetGetHostAddress(list.Get(), "127.0.0.9", AF_INET), TRUE);
     EXPECT_EQ(Joined(list).substr(0, 9), "127.0.0.9");
+    auto* own = ObjNew<HostDetailsS>(HostDetailsMagic, "o;o;");
+    ObjRelease(&own);  // its class stays
     const Leftovers before;
     for (const bool known : {true, false}) {
         g_known = known ? "alpha" : "omega";
@@ -665,6 +669,12 @@ TEST_F(NetInet, Names) {
         EXPECT_EQ(names, known ? "official beta gamma " : "");
         EXPECT_EQ(Joined(addresses), known ? "127.0.0.5,\n[::1]" : "");
         EXPECT_EQ(NetClearCaches(), TRUE);  // what is known of a host, or not, is asked anew
+        if (!known) continue;
+        g_known = name;
+        ASSERT_EQ(CfgGetHostDetails(&own), TRUE);
+        EXPECT_EQ(TextsOf(own->oHostNames), TextsOf(aliases.Get()));
+        EXPECT_EQ(ObjCompare(own->oIpAddrs, addresses.Get()), TRUE);
+        ObjRelease(&own);
     }
     g_known = nullptr;
     EXPECT_EQ(before.Text(), "");

@@ -85,8 +85,7 @@ struct RunResult {
 RunResult Run(const std::vector<std::string>& arguments,
               const std::vector<std::string>& environment = {});
 
-// Ends a child process at once. In a coverage build its counts are written, as _exit alone does
-// not.
+// Ends a child process as _exit does; in a coverage build its counts are written first.
 [[noreturn]] void EndChild(int code);
 
 // Runs a function in a child process and reports how the child ended; exit code is the function's
