@@ -16,7 +16,7 @@
 
 namespace fs = std::filesystem;
 
-extern "C" void __gcov_dump() __attribute__((weak));
+extern "C" void __gcov_dump() __attribute__((weak));  // there in a coverage build
 
 namespace {
 
