@@ -16,7 +16,8 @@
 
 namespace fs = std::filesystem;
 
-extern "C" void __gcov_dump() __attribute__((weak));  // there in a coverage build
+// There in a coverage build.
+void WriteCounts() asm("__gcov_dump") __attribute__((weak));
 
 namespace {
 
@@ -182,7 +183,7 @@ RunResult Run(const std::vector<std::string>& arguments,
 }
 
 void EndChild(int code) {
-    if (__gcov_dump != nullptr) __gcov_dump();
+    if (WriteCounts != nullptr) WriteCounts();
     _exit(code);
 }
 
