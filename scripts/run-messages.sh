@@ -22,7 +22,7 @@ trap stop EXIT
 # Waits until the file has a line that begins so.
 await() {
     for ((waited = 0; waited < 200; waited++)); do
-        if grep -q "^$2" "$1"; then return 0; fi
+        if grep -qs "^$2" "$1"; then return 0; fi
         sleep 0.05
     done
     fail "no line \"$2\" in $1"
