@@ -339,7 +339,7 @@ bool Drain() {
     Every second(1);
     const auto drained = [begin] {
         return std::all_of(std::begin(g_places), std::end(g_places),
-                           [begin](const Place& p) {
+                           [](const Place& p) {
                                return p.state == State::Live && p.status.quiet == 1 &&
                                       p.status.open == 0;
                            }) &&
