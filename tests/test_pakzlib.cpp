@@ -32,7 +32,7 @@ class PakZlib : public ArchiveTest {
         ASSERT_EQ(PakZlibFinalize(&oContext), TRUE);
         EXPECT_TRUE(ReadFile(m_archive) == bytes::Archive(files));
     }
-    const NothingLeft m_nothing;
+    NothingLeft m_nothing;
 };
 
 // --- the format ---
