@@ -15,7 +15,7 @@
 
 using bytes::Integer, bytes::List, bytes::Long, bytes::Object, bytes::String;
 using bytes::SharedAgain, bytes::SharedFirst;
-using std::string_literals::operator""s;
+using namespace std::string_literals;
 
 namespace {
 
