@@ -12,6 +12,7 @@
 #   make lint             clang-format, warnings of g++ and clang++, clang-tidy
 #   make sanitize         all tests under AddressSanitizer and UndefinedBehaviorSanitizer
 #   make test-ilp32       all tests as 32-bit programs
+#   make coverage         names the functions of the headers that no test calls
 #   make check-install    programs outside the tree, built on what an installation holds
 #   make install          tool, library, headers and the skeleton of a home directory below PREFIX
 #
@@ -23,7 +24,7 @@ SOAK_SEED ?= 1
 export CMAKE_GENERATOR ?= Ninja
 CTEST = ctest --output-on-failure --no-tests=error -j $$(nproc) --test-dir
 
-.PHONY: all run test bench fuzz soak lint sanitize test-ilp32 check-install install clean
+.PHONY: coverage all run test bench fuzz soak lint sanitize test-ilp32 check-install install clean
 all:
 	@scripts/setup.sh build test && scripts/build.sh release
 
@@ -51,6 +52,9 @@ sanitize:
 
 test-ilp32:
 	@scripts/setup.sh build ilp32 && scripts/build.sh ilp32 && $(CTEST) build/ilp32
+
+coverage:
+	@scripts/setup.sh build test && scripts/coverage.sh
 
 check-install: all
 	@scripts/run-install.sh
