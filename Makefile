@@ -11,6 +11,7 @@
 #   make soak             a machine under load for SOAK_SECONDS, a process killed every second
 #   make lint             clang-format, warnings of g++ and clang++, clang-tidy
 #   make sanitize         all tests under AddressSanitizer and UndefinedBehaviorSanitizer
+#   make sanitize-threads the tests of the archive tool under ThreadSanitizer
 #   make test-ilp32       all tests as 32-bit programs
 #   make coverage         names the functions of the headers that no test calls
 #   make check-install    programs outside the tree, built on what an installation holds
@@ -24,7 +25,7 @@ SOAK_SEED ?= 1
 export CMAKE_GENERATOR ?= Ninja
 CTEST = ctest --output-on-failure --no-tests=error -j $$(nproc) --test-dir
 
-.PHONY: coverage all run test bench fuzz soak lint sanitize test-ilp32 check-install install clean
+.PHONY: coverage all run test bench fuzz soak lint sanitize sanitize-threads test-ilp32 check-install install clean
 all:
 	@scripts/setup.sh build test && scripts/build.sh release
 
@@ -49,6 +50,9 @@ lint:
 
 sanitize:
 	@scripts/setup.sh build test && scripts/sanitize.sh
+
+sanitize-threads:
+	@scripts/setup.sh build test && scripts/sanitize.sh threads
 
 test-ilp32:
 	@scripts/setup.sh build ilp32 && scripts/build.sh ilp32 && $(CTEST) build/ilp32

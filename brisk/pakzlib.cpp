@@ -1,20 +1,23 @@
 // The writer collects each file in chunks of 65,536 bytes, compresses each chunk on its own into
 // the temporary file and notes its length in the file's header; finalisation writes the header list
-// and copies the temporary file behind it. The reader goes the other way, driven by the chunk
-// lengths alone, strictly in sequence.
+// and copies the temporary file behind it.
+//
+// Bytes come in two ways. What a program feeds is collected in the pending file's buffer and
+// compressed at once. The chunks of a file are read into a line that compresses them with workers;
+// a chunk is taken from it, written and recorded where the other way would compress it: when its
+// successor is fed, the last one when the file is complete. So both give the same archive, and the
+// same messages when something fails.
 #include "pakzlib.h"
 
 #include <zlib.h>
 
-#include <cstring>
-#include <string_view>
-
+#include "chunkline.h"
+#include "chunksteps.h"
 #include "core/filebase.h"
 #include "core/filesys.h"
 #include "core/filetmp.h"
 #include "core/memory.h"
 #include "core/objserial.h"
-#include "core/objwalk.h"
 #include "core/path.h"
 #include "core/process.h"
 #include "core/strbase.h"
@@ -28,22 +31,7 @@ namespace {
 constexpr int32 PakZlibCopySize = 131072;
 constexpr int32 PakZlibSizeField = 4;  // the header list's length in front of it
 
-using Block = PoolPtr<ByteT>;
-
-Block NewBlock(int32 lSize) {
-    return Block(static_cast<ByteT*>(MemAllocateFromPool(lSize, MemPool())));
-}
-
-BooleanT WriteAll(FileHandleT tHandle, void* pBytes, int32 lSize) {
-    int32 lWritten = 0;
-    return BooleanFrom(FileSysWrite(&lWritten, tHandle, pBytes, lSize) == TRUE &&
-                       lWritten == lSize);
-}
-
-BooleanT ReadExactly(FileHandleT tHandle, void* pBytes, int32 lSize) {
-    int32 lRead = 0;
-    return BooleanFrom(FileSysRead(&lRead, tHandle, pBytes, lSize) == TRUE && lRead == lSize);
-}
+constexpr int32 CompressedRoom(int32 lLength) { return 2 * lLength + 12; }
 
 // The archive's length fields hold 32 bits; sums of larger files wrap.
 void AddWrapping(int32& lSum, int32 lMore) {
@@ -102,37 +90,43 @@ BooleanT PakZlibAddFileHeader(PakZlibContextO oContext, PakZlibFileHeaderO oHead
     return ListAddLastItem(oContext->oHeaders, oHeader);
 }
 
-BooleanT PakZlibCompressBuffer(int32* plCompressedLength, PakZlibContextO oContext,
-                               const void* pBuffer, int32 lBufLen) {
-    const int32 lRoom = 2 * lBufLen + 12;
-    const Block tOutput = NewBlock(lRoom);
-    if (tOutput.Get() == nullptr) return FALSE;
-    auto iCompressed = static_cast<uLongf>(lRoom);
-    if (compress(tOutput.Get(), &iCompressed, static_cast<const Bytef*>(pBuffer),
-                 static_cast<uLong>(lBufLen)) != Z_OK) {
+// Writes what compressing a chunk gave to the temporary file.
+BooleanT WriteCompressed(int32* plCompressedLength, PakZlibContextO oContext,
+                         const ChunkJobT& tJob) {
+    if (tJob.iResult != Z_OK) {
         TraceMessageInline(20, 0, -1, "Failed to compress buffer");
         return FALSE;
     }
-    const auto lCompressed = static_cast<int32>(iCompressed);
     int32 lWritten = 0;
-    if (FileSysWrite(&lWritten, oContext->tTempFileHandle, tOutput.Get(), lCompressed) != TRUE ||
-        lWritten != lCompressed) {
+    if (FileSysWrite(&lWritten, oContext->tTempFileHandle, tJob.pOutput, tJob.lOutputLength) !=
+            TRUE ||
+        lWritten != tJob.lOutputLength) {
         TakeBack(oContext->tTempFileHandle, lWritten);
         return FALSE;
     }
-    *plCompressedLength = lCompressed;
+    *plCompressedLength = lWritten;
     return TRUE;
 }
 
-BooleanT PakZlibCompressBufferedChunk(PakZlibContextO oContext) {
-    PakZlibPendingFileHeaderO oPending = Pending(oContext);
-    PakZlibFileHeaderO oHeader = oPending->oHeader;
-    int32 lCompressed = 0;
-    ObjIntegerO oLength = nullptr;
-    if (PakZlibCompressBuffer(&lCompressed, oContext, oPending->acBuffer, oPending->lBufLen) ==
-        TRUE) {
-        oLength = ObjIntegerNew(lCompressed);
-    }
+BooleanT PakZlibCompressBuffer(int32* plCompressedLength, PakZlibContextO oContext,
+                               const ByteT* pBuffer, int32 lBufLen) {
+    const PakZlibBlock tOutput = PakZlibNewBlock(CompressedRoom(lBufLen));
+    if (tOutput.Get() == nullptr) return FALSE;
+    ChunkJobT tJob = {.pInput = pBuffer,
+                      .lInputLength = lBufLen,
+                      .pOutput = tOutput.Get(),
+                      .lOutputRoom = CompressedRoom(lBufLen),
+                      .lOutputLength = 0,
+                      .iResult = 0,
+                      .bDone = false};
+    ChunkCompress(tJob);
+    return WriteCompressed(plCompressedLength, oContext, tJob);
+}
+
+// Notes a chunk in the header of the file being fed; bWritten tells whether it was written.
+BooleanT RecordChunk(PakZlibContextO oContext, BooleanT bWritten, int32 lCompressed, int32 lPlain) {
+    PakZlibFileHeaderO oHeader = Pending(oContext)->oHeader;
+    ObjIntegerO oLength = bWritten == TRUE ? ObjIntegerNew(lCompressed) : nullptr;
     if (oLength == nullptr || ListPushLastItem(oHeader->oChunkLengths, &oLength) != TRUE) {
         ObjRelease(&oLength);
         TraceMessageInline(26, 0, -1, "Compression failed");
@@ -140,18 +134,43 @@ BooleanT PakZlibCompressBufferedChunk(PakZlibContextO oContext) {
     }
     AddWrapping(oHeader->lChunkCount, 1);
     AddWrapping(oHeader->lCompressedLength, lCompressed);
-    AddWrapping(oHeader->lUncompressedLength, oPending->lBufLen);
+    AddWrapping(oHeader->lUncompressedLength, lPlain);
+    return TRUE;
+}
+
+BooleanT PakZlibCompressBufferedChunk(PakZlibContextO oContext) {
+    PakZlibPendingFileHeaderO oPending = Pending(oContext);
+    int32 lCompressed = 0;
+    const BooleanT bWritten =
+        PakZlibCompressBuffer(&lCompressed, oContext, oPending->acBuffer, oPending->lBufLen);
+    if (RecordChunk(oContext, bWritten, lCompressed, oPending->lBufLen) != TRUE) return FALSE;
     MemZero(oPending->acBuffer, PakZlibChunkSize);
     oPending->lBufLen = 0;
     return TRUE;
+}
+
+// The same with the oldest chunk of a line.
+BooleanT TakeCompressedChunk(PakZlibContextO oContext, ChunkLine& tLine) {
+    const ChunkJobT& tJob = tLine.Finish();
+    int32 lCompressed = 0;
+    const BooleanT bWritten = WriteCompressed(&lCompressed, oContext, tJob);
+    const BooleanT bResult = RecordChunk(oContext, bWritten, lCompressed, tJob.lInputLength);
+    tLine.Release();
+    return bResult;
+}
+
+// What a chunk that had to make way for the next one came to.
+BooleanT MadeWay(BooleanT bCompressed) {
+    if (bCompressed != TRUE)
+        TraceMessageInline(29, 0, -1, "Failed to compress buffered data chunk");
+    return bCompressed;
 }
 
 // Appends data to the chunk being collected; a chunk that it would overfill is compressed first.
 BooleanT CollectChunk(PakZlibContextO oContext, const void* pBuffer, int32 lBufLen) {
     PakZlibPendingFileHeaderO oPending = Pending(oContext);
     if (oPending->lBufLen + lBufLen > PakZlibChunkSize &&
-        PakZlibCompressBufferedChunk(oContext) != TRUE) {
-        TraceMessageInline(29, 0, -1, "Failed to compress buffered data chunk");
+        MadeWay(PakZlibCompressBufferedChunk(oContext)) != TRUE) {
         return FALSE;
     }
     MemCopy(oPending->acBuffer + oPending->lBufLen, pBuffer, lBufLen);
@@ -159,8 +178,9 @@ BooleanT CollectChunk(PakZlibContextO oContext, const void* pBuffer, int32 lBufL
     return TRUE;
 }
 
-BooleanT CompleteFile(PakZlibContextO oContext) {
-    if (PakZlibCompressBufferedChunk(oContext) != TRUE) {
+// Adds the file being fed to the archive; bCompressed tells whether its last chunk is in.
+BooleanT CompleteFile(PakZlibContextO oContext, BooleanT bCompressed) {
+    if (bCompressed != TRUE) {
         TraceMessageInline(30, 0, -1, "Failed to compress buffered data chunk");
         return FALSE;
     }
@@ -173,29 +193,112 @@ BooleanT CompleteFile(PakZlibContextO oContext) {
     return TRUE;
 }
 
-// Feeds an open file of llSize bytes to the archive. TRUE when exactly that many were there.
-BooleanT CompressOpenFile(PakZlibContextO oContext, FileHandleT tHandle, int64 llSize,
-                          const char* pstrName) {
-    const Block tChunk = NewBlock(PakZlibChunkSize);
-    if (tChunk.Get() == nullptr) return FALSE;
+// Ends the feeding of a file.
+void LeaveFile(PakZlibContextO oContext, BooleanT bComplete) {
+    if (bComplete == TRUE) {
+        ObjRelease(&oContext->oPendingChunkHeader);
+    } else {
+        DropPending(oContext);
+    }
+}
+
+// The file being fed is now pstrFileName; FALSE when it is another or cannot be.
+BooleanT EnterFile(PakZlibContextO oContext, const char* pstrFileName, bool bGoodData) {
+    TraceMessageInline(27, 0, 1, "PakZlibCompressInChunks (START)");
+    PoolPtr<char> tLeaf;
+    if (!bGoodData || !IsContext(oContext) || pstrFileName == nullptr ||
+        PathLeaf(tLeaf.Address(), pstrFileName) != TRUE) {
+        TraceMessageInline(32, 0, -1, "Invalid args to PakZlibCompressInChunks");
+        return FALSE;
+    }
+    if (Pending(oContext) == nullptr) {
+        oContext->oPendingChunkHeader = NewPendingFile(tLeaf.Get());
+        return BooleanFrom(Pending(oContext) != nullptr);
+    }
+    if (StrCompare(Pending(oContext)->oHeader->pstrFileName, tLeaf.Get()) != 0) {
+        TraceMessageInline(28, 0, -1, "Current and pending headers differ");
+        return FALSE;
+    }
+    return TRUE;
+}
+
+// Feeds the chunk that was read last: the chunk before it, if there is one, is taken from the line,
+// and the last one itself too.
+BooleanT FeedFromLine(PakZlibContextO oContext, const char* pstrName, ChunkLine& tLine, bool bFirst,
+                      bool bLast) {
+    if (EnterFile(oContext, pstrName, true) != TRUE) return FALSE;
+    BooleanT bResult = bFirst ? TRUE : MadeWay(TakeCompressedChunk(oContext, tLine));
+    if (!bLast) return bResult;
+    if (bResult == TRUE) bResult = CompleteFile(oContext, TakeCompressedChunk(oContext, tLine));
+    LeaveFile(oContext, bResult);
+    return bResult;
+}
+
+// Reads on until the line is full, the last chunk of llLeft bytes is read, or one is not whole.
+void ReadAhead(ChunkLine& tLine, FileHandleT tHandle, int64& llLeft) {
+    while (llLeft >= 0 && tLine.HasRoom()) {
+        const FileReadT tRead = tLine.Read(tHandle, PakZlibChunkSize);
+        const bool bGoesOn = tRead.lBytes == PakZlibChunkSize && llLeft > PakZlibChunkSize;
+        llLeft = bGoesOn ? llLeft - tRead.lBytes : -1;
+    }
+}
+
+// Feeds llSize bytes chunk by chunk. TRUE when exactly that many were there.
+template <class R, class F>
+BooleanT FeedChunks(int64 llSize, R fnRead, F fnFeed) {
     int64 llLeft = llSize;
-    bool bLast = false;
-    while (!bLast) {
+    for (bool bLast = false; !bLast;) {
         bLast = llLeft <= PakZlibChunkSize;
         int32 lRead = 0;
-        if (FileSysRead(&lRead, tHandle, tChunk.Get(), PakZlibChunkSize) != TRUE ||
-            PakZlibCompressInChunks(oContext, pstrName, tChunk.Get(), lRead, BooleanFrom(bLast)) !=
-                TRUE) {
-            return FALSE;
-        }
+        if (fnRead(&lRead) != TRUE || fnFeed(lRead, bLast) != TRUE) return FALSE;
         llLeft -= lRead;
         if (lRead < PakZlibChunkSize) break;
     }
     return BooleanFrom(llLeft == 0);
 }
 
+// Feeds an open file to an archive in which no file is being fed.
+BooleanT CompressOpenFile(PakZlibContextO oContext, FileHandleT tHandle, int64 llSize,
+                          const char* pstrName) {
+    const int64 llChunks = llSize / PakZlibChunkSize + (llSize % PakZlibChunkSize != 0 ? 1 : 0);
+    ChunkLine tLine({.fnStep = ChunkCompress,
+                     .lInputRoom = PakZlibChunkSize,
+                     .lOutputRoom = CompressedRoom(PakZlibChunkSize),
+                     .lLeast = 2},
+                    llChunks, true);
+    if (!tLine.IsWhole()) return FALSE;
+    int64 llToRead = llSize;
+    bool bFirst = true;
+    return FeedChunks(
+        llSize,
+        [&](int32* plRead) {
+            ReadAhead(tLine, tHandle, llToRead);
+            return FileSysReadOutcome(plRead, tLine.Outcome(bFirst ? 0 : 1));
+        },
+        [&](int32, bool bLast) {
+            const BooleanT bResult = FeedFromLine(oContext, pstrName, tLine, bFirst, bLast);
+            bFirst = false;
+            return bResult;
+        });
+}
+
+// Feeds an open file behind what was fed of it before.
+BooleanT ContinueWithOpenFile(PakZlibContextO oContext, FileHandleT tHandle, int64 llSize,
+                              const char* pstrName) {
+    const PakZlibBlock tChunk = PakZlibNewBlock(PakZlibChunkSize);
+    if (tChunk.Get() == nullptr) return FALSE;
+    return FeedChunks(
+        llSize,
+        [&](int32* plRead) { return FileSysRead(plRead, tHandle, tChunk.Get(), PakZlibChunkSize); },
+        [&](int32 lRead, bool bLast) {
+            return PakZlibCompressInChunks(oContext, pstrName, tChunk.Get(), lRead,
+                                           BooleanFrom(bLast));
+        });
+}
+
 BooleanT PakZlibCopyTempToOutput(PakZlibContextO oContext) {
-    const Block tCopy = NewBlock(PakZlibCopySize);
+    FileSysCopyInside(oContext->tTempFileHandle, oContext->tOutputFileHandle);
+    const PakZlibBlock tCopy = PakZlibNewBlock(PakZlibCopySize);
     if (tCopy.Get() == nullptr) return FALSE;
     // To the end of the file: a read that is merely short must not cut the archive.
     while (true) {
@@ -204,7 +307,7 @@ BooleanT PakZlibCopyTempToOutput(PakZlibContextO oContext) {
             return FALSE;
         }
         if (lRead == 0) return TRUE;
-        if (WriteAll(oContext->tOutputFileHandle, tCopy.Get(), lRead) != TRUE) return FALSE;
+        if (PakZlibWriteAll(oContext->tOutputFileHandle, tCopy.Get(), lRead) != TRUE) return FALSE;
     }
 }
 
@@ -217,7 +320,7 @@ BooleanT WriteHeaderBlock(PakZlibContextO oContext, ByteT* pBlock, int32 lSize) 
     for (int32 lByte = 0; lByte < PakZlibSizeField; lByte++) {
         pBlock[lByte] = static_cast<ByteT>(static_cast<uint32>(lWritten) >> (8 * lByte));
     }
-    if (WriteAll(oContext->tOutputFileHandle, pBlock, lSize) != TRUE) {
+    if (PakZlibWriteAll(oContext->tOutputFileHandle, pBlock, lSize) != TRUE) {
         TraceMessageInline(11, 0, -1, "Failed to write compressed file headers");
         return FALSE;
     }
@@ -237,8 +340,8 @@ BooleanT WriteHeaders(PakZlibContextO oContext) {
         return FALSE;
     }
     // One below the largest number is memory that no block can have; the pool says so.
-    const Block tBlock =
-        NewBlock(lSize > INT32_MAX - PakZlibSizeField ? INT32_MAX : lSize + PakZlibSizeField);
+    const PakZlibBlock tBlock = PakZlibNewBlock(
+        lSize > INT32_MAX - PakZlibSizeField ? INT32_MAX : lSize + PakZlibSizeField);
     if (tBlock.Get() == nullptr) return FALSE;
     return WriteHeaderBlock(oContext, tBlock.Get(), lSize + PakZlibSizeField);
 }
@@ -254,109 +357,18 @@ BooleanT WriteArchive(PakZlibContextO oContext) {
         TraceMessageInline(13, 0, -1, "Failed to re-open temp compress file");
         return FALSE;
     }
+    int64 llTempSize = 0;
+    int64 llHeaderSize = 0;
+    if (FileSysSize(&llTempSize, oContext->tTempFileHandle) == TRUE &&
+        FileSysGetOffset(&llHeaderSize, oContext->tOutputFileHandle) == TRUE) {
+        FileSysReserve(oContext->tOutputFileHandle, llHeaderSize + llTempSize);
+    }
     if (PakZlibCopyTempToOutput(oContext) != TRUE) {
+        FileSysUnreserve(oContext->tOutputFileHandle);
         TraceMessageInline(14, 0, -1, "Failed to copy compressed files");
         return FALSE;
     }
     return TRUE;
-}
-
-// --- reading ---
-
-// A stored name is one component; anything else could lead out of the target directory.
-bool IsPlainName(const char* pstrName) {
-    if (pstrName == nullptr) return false;
-    const std::string_view tName(pstrName);
-    return !tName.empty() && tName != "." && tName != ".." &&
-           tName.find('/') == std::string_view::npos;
-}
-
-BooleanT UncompressChunks(FileHandleT tCompressedHandle, ListO oChunkLengths,
-                          FileHandleT tDestHandle) {
-    const Block tCompressed = NewBlock(PakZlibLargestCompressed);
-    const Block tDest = NewBlock(PakZlibChunkSize);
-    if (tCompressed.Get() == nullptr || tDest.Get() == nullptr) return FALSE;
-    for (ListNodeO oNode = oChunkLengths->oFirst; oNode != nullptr; oNode = oNode->oNext) {
-        int32 lWritten = 0;
-        const int32 lLength = ObjGetInteger(static_cast<ObjIntegerO>(oNode->oData));
-        if (PakZlibReadUncompressWrite(&lWritten, lLength, tCompressedHandle, tDestHandle,
-                                       tCompressed.Get(), tDest.Get(), PakZlibChunkSize) != TRUE) {
-            TraceMessageInline(40, 0, -1, "Decompression failed");
-            return FALSE;
-        }
-    }
-    return TRUE;
-}
-
-// The length of the header list, or 0 when there is none.
-int32 ReadHeaderSize(FileHandleT tHandle) {
-    ByteT aBytes[PakZlibSizeField];
-    if (ReadExactly(tHandle, aBytes, PakZlibSizeField) != TRUE) {
-        TraceMessageInline(55, 0, -1, "Failed to read header size");
-        return 0;
-    }
-    uint32 lBits = 0;
-    for (int32 lByte = 0; lByte < PakZlibSizeField; lByte++) {
-        lBits |= static_cast<uint32>(aBytes[lByte]) << (8 * lByte);
-    }
-    const auto lSize = static_cast<int32>(lBits);
-    if (lSize >= 1) return lSize;
-    TraceMessageInline(54, 0, -1, "Invalid header size");
-    return 0;
-}
-
-// Hands over what the header block describes, which may be no list at all.
-BooleanT ReadHeaderList(void** poList, FileHandleT tHandle, int32 lSize) {
-    int64 llFileSize = 0;
-    // Nothing is allocated for a length that the file does not hold.
-    const bool bHeld =
-        FileSysSize(&llFileSize, tHandle) == TRUE && llFileSize - PakZlibSizeField >= lSize;
-    const Block tBlock = NewBlock(bHeld ? lSize : 0);
-    if (!bHeld || tBlock.Get() == nullptr || ReadExactly(tHandle, tBlock.Get(), lSize) != TRUE) {
-        TraceMessageInline(53, 0, -1, "Failed to read compress file headers");
-        return FALSE;
-    }
-    // This program's own shape of a file header is known before the archive can give another.
-    if (ObjTemplateNewInternal(sizeof(PakZlibFileHeaderS), PakZlibFileHeaderMagic,
-                               "s;s;i;i;i;o;o;o;", nullptr) == nullptr ||
-        ObjReconstructFromMemorySized(poList, tBlock.Get(), lSize) != TRUE) {
-        TraceMessageInline(52, 0, -1, "Failed to reconstruct headers list");
-        return FALSE;
-    }
-    return TRUE;
-}
-
-ObjWalkResultE CollectShared(void* pCookie, void** poObject) {
-    const ObjHeaderT* ptHeader = static_cast<const ObjHeaderT*>(*poObject) - 1;
-    if (ptHeader->lRefCount > 1) ListAddLastItem(static_cast<ListO>(pCookie), *poObject);
-    return eObjWalkResultContinue;
-}
-
-// An archive can describe objects that hold each other, which no release frees. Each such circle
-// has an object with more than one holder: that is emptied first.
-void ReleaseHeaders(void** poHeaders) {
-    const ObjHolder<ListS> oShared(ListNew());
-    ObjWalk(poHeaders, CollectShared, oShared.Get(), nullptr);
-    ObjReleaseInternal(poHeaders);
-    if (oShared.Get() == nullptr) return;
-    for (ListNodeO oNode = oShared.Get()->oFirst; oNode != nullptr; oNode = oNode->oNext) {
-        ObjReleaseContents(oNode->oData);
-    }
-}
-
-BooleanT UncompressArchive(FileHandleT tHandle, const char* pstrTargetDir) {
-    const int32 lSize = ReadHeaderSize(tHandle);
-    void* oHeaders = nullptr;
-    if (lSize < 1 || ReadHeaderList(&oHeaders, tHandle, lSize) != TRUE) return FALSE;
-    const BooleanT bResult =
-        PakZlibUncompressFromHeaderList(tHandle, static_cast<ListO>(oHeaders), pstrTargetDir);
-    if (bResult == TRUE) {
-        TraceMessageInline(50, 0, 0, "Decompression succeeded");
-    } else {
-        TraceMessageInline(51, 0, -1, "Failed to uncompress files");
-    }
-    ReleaseHeaders(&oHeaders);
-    return bResult;
 }
 
 }  // namespace
@@ -419,11 +431,12 @@ BooleanT PakZlibCompressFile(PakZlibContextO oContext, const char* pstrPath,
         TraceMessageInline(24, 0, -1, "Failed to stat file %s", pstrPath);
         return FALSE;
     }
-    const bool bStarts = IsContext(oContext) && Pending(oContext) == nullptr;
-    const BooleanT bResult = CompressOpenFile(oContext, tFile.Get(), tStat.llFileSize,
-                                              pstrFileName != nullptr ? pstrFileName : pstrPath);
+    const char* pstrName = pstrFileName != nullptr ? pstrFileName : pstrPath;
+    if (!IsContext(oContext) || Pending(oContext) != nullptr)
+        return ContinueWithOpenFile(oContext, tFile.Get(), tStat.llFileSize, pstrName);
+    const BooleanT bResult = CompressOpenFile(oContext, tFile.Get(), tStat.llFileSize, pstrName);
     // Half a file must not be continued by the next attempt.
-    if (bResult != TRUE && bStarts && Pending(oContext) != nullptr) DropPending(oContext);
+    if (bResult != TRUE && Pending(oContext) != nullptr) DropPending(oContext);
     return bResult;
 }
 
@@ -452,7 +465,7 @@ BooleanT PakZlibCompressObject(PakZlibContextO oContext, void* oObject, const ch
                            lSize);
         return FALSE;
     }
-    const Block tStream = NewBlock(lSize < 0 ? 0 : lSize);
+    const PakZlibBlock tStream = PakZlibNewBlock(lSize < 0 ? 0 : lSize);
     int32 lWritten = 0;
     if (lSize < 0 || tStream.Get() == nullptr ||
         ObjSerializeToMemory(oObject, tStream.Get(), &lWritten) != TRUE) {
@@ -472,31 +485,14 @@ BooleanT PakZlibCompressObject(PakZlibContextO oContext, void* oObject, const ch
 
 BooleanT PakZlibCompressInChunks(PakZlibContextO oContext, const char* pstrFileName, void* pBuffer,
                                  int32 lBufLen, BooleanT bLastChunk) {
-    TraceMessageInline(27, 0, 1, "PakZlibCompressInChunks (START)");
-    PoolPtr<char> tLeaf;
-    if (!IsContext(oContext) || pstrFileName == nullptr || lBufLen < 0 ||
-        lBufLen > PakZlibChunkSize || (pBuffer == nullptr && lBufLen > 0) ||
-        PathLeaf(tLeaf.Address(), pstrFileName) != TRUE) {
-        TraceMessageInline(32, 0, -1, "Invalid args to PakZlibCompressInChunks");
-        return FALSE;
-    }
-    if (Pending(oContext) != nullptr &&
-        StrCompare(Pending(oContext)->oHeader->pstrFileName, tLeaf.Get()) != 0) {
-        TraceMessageInline(28, 0, -1, "Current and pending headers differ");
-        return FALSE;
-    }
-    if (Pending(oContext) == nullptr) {
-        oContext->oPendingChunkHeader = NewPendingFile(tLeaf.Get());
-        if (Pending(oContext) == nullptr) return FALSE;
-    }
+    const bool bGoodData =
+        lBufLen >= 0 && lBufLen <= PakZlibChunkSize && (pBuffer != nullptr || lBufLen == 0);
+    if (EnterFile(oContext, pstrFileName, bGoodData) != TRUE) return FALSE;
     BooleanT bResult = CollectChunk(oContext, pBuffer, lBufLen);
     if (bLastChunk == TRUE) {
-        if (bResult == TRUE) bResult = CompleteFile(oContext);
-        if (bResult == TRUE) {
-            ObjRelease(&oContext->oPendingChunkHeader);
-        } else {
-            DropPending(oContext);
-        }
+        if (bResult == TRUE)
+            bResult = CompleteFile(oContext, PakZlibCompressBufferedChunk(oContext));
+        LeaveFile(oContext, bResult);
     }
     return bResult;
 }
@@ -526,103 +522,4 @@ BooleanT PakZlibCleanupContext(PakZlibContextO* poContext) {
     const BooleanT bClosed = FileSysClose(&oContext->tOutputFileHandle);
     ObjRelease(poContext);
     return bClosed;
-}
-
-BooleanT PakZlibUncompress(const char* pstrCompressedFile, const char* pstrTargetDir) {
-    if (pstrCompressedFile == nullptr || pstrTargetDir == nullptr) return FALSE;
-    if (FileExists(pstrCompressedFile) != TRUE) {
-        TraceMessageInline(46, 0, -1, "Supplied compressed file %s does not exist",
-                           pstrCompressedFile);
-        return FALSE;
-    }
-    if (PathIsADirectory(pstrTargetDir) != TRUE) {
-        TraceMessageInline(47, 0, 0, "Target uncompress directory %s does not exist",
-                           pstrTargetDir);
-        if (PathCreateDirectory(pstrTargetDir) != TRUE) {
-            TraceMessageInline(48, 0, -1, "Failed to create target uncompress directory %s",
-                               pstrTargetDir);
-            return FALSE;
-        }
-    }
-    FileCloser tArchive;
-    if (FileSysOpen(tArchive.Address(), pstrCompressedFile, FileModeReadBinary) != TRUE) {
-        TraceMessageInline(49, 0, -1, "Failed to open compressed file %s for reading",
-                           pstrCompressedFile);
-        return FALSE;
-    }
-    return UncompressArchive(tArchive.Get(), pstrTargetDir);
-}
-
-BooleanT PakZlibUncompressFromHeaderList(FileHandleT tCompressedHandle, ListO oHeaderList,
-                                         const char* pstrOutputDir) {
-    if (ListIsList(oHeaderList) != TRUE || oHeaderList->lItemCount < 1 ||
-        pstrOutputDir == nullptr) {
-        TraceMessageInline(45, 0, -1, "Invalid args to PakZlibUncompressFromHeaderList");
-        return FALSE;
-    }
-    for (ListNodeO oNode = oHeaderList->oFirst; oNode != nullptr; oNode = oNode->oNext) {
-        if (PakZlibUncompressFile(tCompressedHandle, static_cast<PakZlibFileHeaderO>(oNode->oData),
-                                  pstrOutputDir) != TRUE) {
-            return FALSE;
-        }
-    }
-    return TRUE;
-}
-
-BooleanT PakZlibUncompressFile(FileHandleT tCompressedHandle, PakZlibFileHeaderO oHeader,
-                               const char* pstrOutputDir) {
-    if (ObjCheckTypeInternal(oHeader, PakZlibFileHeaderMagic) != TRUE || pstrOutputDir == nullptr) {
-        TraceMessageInline(44, 0, -1, "Invalid args to PakZlibUncompressFile");
-        return FALSE;
-    }
-    if (!IsPlainName(oHeader->pstrFileName)) {
-        TraceMessageInline(57, 0, -1, "Refused to restore a file under the name '%s'",
-                           oHeader->pstrFileName == nullptr ? "" : oHeader->pstrFileName);
-        return FALSE;
-    }
-    const PoolPtr<char> tPath(PathBuild(pstrOutputDir, oHeader->pstrFileName, nullptr));
-    FileCloser tDest;
-    if (tPath.Get() == nullptr ||
-        FileSysOpen(tDest.Address(), tPath.Get(), FileModeWriteBinary) != TRUE) {
-        TraceMessageInline(43, 0, -1, "Failed to open uncompress file %s for writing", tPath.Get());
-        return FALSE;
-    }
-    if (ListIsList(oHeader->oChunkLengths) != TRUE || oHeader->oChunkLengths->lItemCount < 1) {
-        TraceMessageInline(42, 0, -1, "Compression error, no chunks to uncompress");
-        return FALSE;
-    }
-    if (UncompressChunks(tCompressedHandle, oHeader->oChunkLengths, tDest.Get()) != TRUE) {
-        return FALSE;
-    }
-    // A file that the system could not close may lack what was written last.
-    if (FileSysClose(tDest.Address()) != TRUE) {
-        TraceMessageInline(38, 0, -1, "Failed to write uncompressed data");
-        return FALSE;
-    }
-    return TRUE;
-}
-
-BooleanT PakZlibReadUncompressWrite(int32* plWritten, int32 lReadLen, FileHandleT tCompressedHandle,
-                                    FileHandleT tDestHandle, ByteT* pCompressedBuffer,
-                                    ByteT* pDestBuffer, int32 lDestBufSize) {
-    if (lReadLen < 0 || lReadLen > PakZlibLargestCompressed ||
-        ReadExactly(tCompressedHandle, pCompressedBuffer, lReadLen) != TRUE) {
-        TraceMessageInline(39, 0, -1, "Failed to read uncompressed data");
-        return FALSE;
-    }
-    auto iExpanded = static_cast<uLongf>(lDestBufSize);
-    const int iResult =
-        uncompress(pDestBuffer, &iExpanded, pCompressedBuffer, static_cast<uLong>(lReadLen));
-    if (iResult != Z_OK) {
-        // The text takes no argument; the result travels as the status code.
-        TraceMessageInline(37, iResult, -1, "Uncompress error &d");
-        return FALSE;
-    }
-    const auto lExpanded = static_cast<int32>(iExpanded);
-    if (WriteAll(tDestHandle, pDestBuffer, lExpanded) != TRUE) {
-        TraceMessageInline(38, 0, -1, "Failed to write uncompressed data");
-        return FALSE;
-    }
-    if (plWritten != nullptr) *plWritten = lExpanded;
-    return TRUE;
 }

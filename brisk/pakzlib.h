@@ -5,6 +5,10 @@
 // precedes them is known only at the end. The format is laid down in docs/formats.md.
 //
 // Every operation reports failure by FALSE and a trace line of module "PAKZLIB".
+//
+// The chunks of a file are compressed and expanded by worker threads, as many as the process has
+// processors. That is not to be seen but in the time it takes: all the rest happens in the calling
+// thread and in the order of the chunks, and no thread outlives the call.
 #pragma once
 
 #include "core/list.h"
@@ -52,6 +56,10 @@ struct PakZlibPendingFileHeaderS {
 };
 using PakZlibPendingFileHeaderO = PakZlibPendingFileHeaderS*;
 constexpr int32 PakZlibPendingFileHeaderMagic = ObjMagic(0xca1113ce);
+
+// The most workers from now on for a file, 0 for none. A file of one chunk never has any.
+constexpr int32 PakZlibAllProcessors = -1;  // as many as ProcessorCount says for each file
+void PakZlibUseWorkers(int32 lWorkers);
 
 // --- writing ---
 

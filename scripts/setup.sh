@@ -9,12 +9,12 @@ set -euo pipefail
 
 packages_of() {
     case $1 in
-        build) echo cmake ninja-build g++ zlib1g-dev libcrypt-dev ;;
+        build) echo cmake ninja-build g++ zlib1g-dev libdeflate-dev libcrypt-dev ;;
         test) echo libgtest-dev iproute2 pkg-config ;;
         lint) echo clang clang-format clang-tidy ;;
         ilp32) echo g++-multilib lib32z1-dev googletest qemu-user-static ;;
         fuzz) echo clang libclang-rt-dev llvm ;;
-        bench) echo libbenchmark-dev libglib2.0-dev libnng-dev libspdlog-dev libsqlite3-dev libzmq3-dev pigz pkg-config ;;
+        bench) echo gzip libbenchmark-dev libdeflate-tools libglib2.0-dev libnng-dev libspdlog-dev libsqlite3-dev libzmq3-dev pigz pkg-config ;;
         *) echo "setup: no group is named $1 (build test lint ilp32 fuzz bench)" >&2; return 2 ;;
     esac
 }

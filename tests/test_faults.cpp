@@ -4,6 +4,8 @@
 // call means for the result.
 #include <zlib.h>
 
+#include <map>
+
 #include "core/filebase.h"
 #include "core/filesys.h"
 #include "support/archives.h"
@@ -20,14 +22,27 @@ struct File {
 };
 using Files = std::vector<File>;
 
-const Files Large = {{"large", bytes::RandomBytes(200000, 1)}};
+// Chunk i, counted from 1, begins with the byte i.
+std::string Numbered(std::size_t size) {
+    std::string content = bytes::RandomBytes(size, 1);
+    for (std::size_t at = 0; at < size; at += 65536)
+        content[at] = static_cast<char>(at / 65536 + 1);
+    return content;
+}
+
+const Files Large = {{"large", Numbered(200000)}};
 const Files LargeAndSmall = {Large[0], {"small", "0123456789"}};
 const Files Small = {{"small", "0123456789"}};
 
-std::string ArchiveOf(const Files& files) {
+const std::string& ArchiveOf(const Files& files) {
+    static std::map<std::string, std::string> made;  // by the names
+    std::string names;
     std::vector<bytes::File> chunked;
+    for (const File& file : files) names += file.name + "/";
+    std::string& archive = made[names];
+    if (!archive.empty()) return archive;
     for (const File& file : files) chunked.push_back(bytes::Chunked(file.name, file.content));
-    return bytes::Archive(chunked);
+    return archive = bytes::Archive(chunked);
 }
 
 char Pack(PakZlibContextO* poContext, const std::string& archive, const std::string& source) {
@@ -41,7 +56,7 @@ struct Attempt {
     const Files& files;
     std::function<void()> arm;
     const Dir dir;
-    const std::string expected = ArchiveOf(files);
+    const std::string& expected = ArchiveOf(files);
 };
 
 void Check(bool good, const char* what) {
@@ -120,17 +135,29 @@ std::string Sweep(bool pack, const Files& files, Fault fault) {
     return letters;
 }
 
-using Faults = ArchiveTest;
+using Faults = ArchiveTestWithWorkers;
+WITH_WORKERS(Faults);
 
-TEST_F(Faults, EveryFailingCallIsReported) {
-    // The letters of packing and unpacking.
-    const std::tuple<Call, std::vector<int>, int, std::string, std::string> rows[] = {
+TEST_P(Faults, EveryFailingCallIsReported) {
+    // A file of four chunks has four threads at the most; it goes on without any that is not made.
+    const auto workers = static_cast<std::size_t>(std::min(GetParam(), 4));
+    const std::string threads(workers, Packed), restoring(workers, AllRestored);
+    struct Row {
+        Call call;
+        std::vector<int> errors;
+        int times;
+        std::string pack, unpack;
+        bool copyRefused = false;
+    };
+    const Row rows[] = {
         // Opening for writing is tried twice, the second time without truncation; not so for the
         // temporary file, which must be new.
         {Call::Open, {EIO}, 2, "IICF", "NNN"},
         {Call::Open, {ENOSPC}, 1, "PICF", "NRR"},
-        {Call::Read, {EIO, EAGAIN}, 1, "CCCCFFF", "NNNNNNN"},
-        {Call::Write, {EAGAIN, ENOSPC}, 1, "CCCCFFF", "NNNNN"},
+        {Call::Read, {EIO, EAGAIN}, 1, "CCCCF", "NNNNNNN"},
+        {Call::Read, {EIO}, 1, "CCCCFFF", "NNNNNNN", true},
+        {Call::Write, {EAGAIN, ENOSPC}, 1, "CCCCF", "NNNNN"},
+        {Call::Write, {EIO}, 1, "CCCCFFF", "NNNNN", true},
         // Closing what was only read loses nothing.
         {Call::Close, {EIO}, 1, "PFPF", "NNR"},
         // The archive is complete all the same.
@@ -139,29 +166,42 @@ TEST_F(Faults, EveryFailingCallIsReported) {
         // Of the archive and of the source, which is no directory, exists and has a size; of the
         // archive and of the target.
         {Call::Stat, {EIO}, 1, "PPCC", "NR"},
-        {Call::Fstat, {EIO}, 1, "", "N"},
+        // Of the temporary file, for the size that is set aside; of the archive.
+        {Call::Fstat, {EIO}, 1, "P", "N"},
         {Call::Compress, {Z_MEM_ERROR}, 1, "CCCC", ""},
         {Call::Uncompress, {Z_MEM_ERROR}, 1, "", "NNNNN"},
         // Short transfers, of 3 bytes. Where the writer copies it goes on after them.
-        {Call::Read, {0}, 1, "CCCCPPP", "NNNNNNN"},
-        {Call::Write, {0}, 1, "CCCCFFF", "NNNNN"},
+        {Call::Read, {0}, 1, "CCCCP", "NNNNNNN"},
+        {Call::Read, {0}, 1, "CCCCPPP", "NNNNNNN", true},
+        {Call::Write, {0}, 1, "CCCCF", "NNNNN"},
+        {Call::Write, {0}, 1, "CCCCFFF", "NNNNN", true},
+        // What the system would do for us and does not is done without it.
+        {Call::Copy, {EXDEV, EIO, ENOSPC, 0}, 1, "PP", ""},
+        {Call::Allocate, {ENOSPC, EOPNOTSUPP}, 1, "P", "R"},
+        {Call::Thread, {EAGAIN}, 1, threads, restoring},
+        {Call::Thread, {EAGAIN}, FaultForEver, threads, restoring},
     };
-    for (const auto& [call, errors, times, pack, unpack] : rows) {
-        for (const int error : errors) {
-            SCOPED_TRACE(testing::Message() << "call " << static_cast<int>(call) << " error "
-                                            << error << " times " << times);
-            const Fault fault = {.call = call, .error = error, .times = times, .atMost = 3};
-            EXPECT_EQ(Sweep(true, Large, fault), pack);
-            EXPECT_EQ(Sweep(false, LargeAndSmall, fault), unpack);
+    for (const Row& row : rows) {
+        for (const int error : row.errors) {
+            SCOPED_TRACE(testing::Message() << "call " << static_cast<int>(row.call) << " error "
+                                            << error << " times " << row.times);
+            const Fault fault = {.call = row.call,
+                                 .error = error,
+                                 .times = row.times,
+                                 .atMost = 3,
+                                 .copyRefused = row.copyRefused};
+            EXPECT_EQ(Sweep(true, Large, fault), row.pack);
+            EXPECT_EQ(Sweep(false, LargeAndSmall, fault), row.unpack);
         }
     }
 }
 
-TEST_F(Faults, InterruptedCallsAreRepeated) {
+TEST_P(Faults, InterruptedCallsAreRepeated) {
     // Numbers of calls when packing and unpacking.
     const std::tuple<Call, std::size_t, std::size_t> rows[] = {
-        {Call::Open, 4, 3},   {Call::Read, 7, 7},  {Call::Write, 7, 5}, {Call::Close, 4, 3},
-        {Call::Unlink, 1, 0}, {Call::Mkdir, 0, 1}, {Call::Stat, 4, 2},  {Call::Fstat, 0, 1}};
+        {Call::Open, 4, 3},   {Call::Read, 5, 7},    {Call::Write, 5, 5}, {Call::Close, 4, 3},
+        {Call::Unlink, 1, 0}, {Call::Mkdir, 0, 1},   {Call::Stat, 4, 2},  {Call::Fstat, 1, 1},
+        {Call::Copy, 2, 0},   {Call::Allocate, 1, 1}};
     for (const auto& [call, pack, unpack] : rows) {
         SCOPED_TRACE(static_cast<int>(call));
         // A call is never closed again, as its descriptor may be another's by then.
@@ -171,7 +211,7 @@ TEST_F(Faults, InterruptedCallsAreRepeated) {
     }
 }
 
-TEST_F(Faults, MemoryIsAskedForTwiceThenTheProcessStops) {
+TEST_P(Faults, MemoryIsAskedForTwiceThenTheProcessStops) {
     for (const bool pack : {true, false}) {
         const std::string once = Sweep(pack, Small, {.call = Call::Malloc, .error = ENOMEM});
         EXPECT_GT(once.size(), 10U);
@@ -182,7 +222,7 @@ TEST_F(Faults, MemoryIsAskedForTwiceThenTheProcessStops) {
     }
 }
 
-TEST_F(Faults, FullDisk) {
+TEST_P(Faults, FullDisk) {
     const std::size_t archive = ArchiveOf(Large).size();
     const std::size_t headers = 4 + 18 + 67 + 5 + 4 * 16;
     const std::size_t data = archive - headers;
@@ -197,17 +237,20 @@ TEST_F(Faults, FullDisk) {
         {false, NotReached, {200010}}};
     for (const auto& [pack, letter, rooms] : cases) {
         for (const std::size_t room : rooms) {
-            const auto arm = [room] { FaultArmFullDisk(room); };
-            EXPECT_EQ(Try(pack, pack ? Large : LargeAndSmall, arm), letter) << pack << " " << room;
+            for (const bool copyRefused : {false, true}) {
+                const auto arm = [&] { FaultArmFullDisk(room, copyRefused); };
+                EXPECT_EQ(Try(pack, pack ? Large : LargeAndSmall, arm), letter)
+                    << pack << " " << room << " " << copyRefused;
+            }
         }
     }
 }
 
-TEST_F(Faults, FailuresAreNamed) {
+TEST_P(Faults, FailuresAreNamed) {
     // Packing or unpacking, and the numbers of the messages.
     const std::tuple<bool, Fault, std::vector<int32>> rows[] = {
         {true, Fault{.call = Call::Stat, .nth = 4, .error = EIO}, {24}},
-        {true, Fault{.call = Call::Compress, .error = Z_MEM_ERROR}, {20, 26, 29}},
+        {true, Fault{.call = Call::Compress, .error = Z_MEM_ERROR, .marked = 1}, {20, 26, 29}},
         {true, Fault{.call = Call::Write, .nth = 1, .error = ENOSPC}, {26, 29}},
         {true, Fault{.call = Call::Write, .nth = 4, .error = ENOSPC}, {26, 30}},
         {true, Fault{.call = Call::Write, .nth = 5, .error = ENOSPC}, {11}},
@@ -222,7 +265,7 @@ TEST_F(Faults, FailuresAreNamed) {
         {false, Fault{.call = Call::Read, .nth = 2, .error = EIO}, {53}},
         {false, Fault{.call = Call::Open, .nth = 2, .error = EIO, .times = 2}, {43, 51}},
         {false, Fault{.call = Call::Read, .nth = 3, .error = EIO}, {39, 40, 51}},
-        {false, Fault{.call = Call::Uncompress, .nth = 1, .error = Z_MEM_ERROR}, {37, 40, 51}},
+        {false, Fault{.call = Call::Uncompress, .error = Z_MEM_ERROR, .marked = 1}, {37, 40, 51}},
         {false, Fault{.call = Call::Write, .nth = 1, .error = ENOSPC}, {38, 40, 51}},
         {false, Fault{.call = Call::Close, .nth = 1, .error = EIO}, {38, 51}},
     };
@@ -245,8 +288,78 @@ TEST_F(Faults, FailuresAreNamed) {
     EXPECT_EQ(ListDir(TmpDir), std::vector<std::string>());
 }
 
+// Everything that can be seen of packing or unpacking a file of nine chunks under a fault: the
+// result, every message in order, and what lies on the disk afterwards.
+struct Seen {
+    char letter;
+    std::vector<std::string> messages;
+    std::string archive, temporary, restored;
+    bool operator==(const Seen&) const = default;
+};
+
+Seen Watch(bool pack, const Dir& dir, const Fault& fault, int32 workers) {
+    Seen seen = {};
+    PakZlibContextO oContext = nullptr;
+    PakZlibUseWorkers(workers);
+    {
+        const TraceCapture trace;
+        FaultArm(fault);
+        if (pack) {
+            seen.letter = Pack(&oContext, dir("archive"), dir("nine"));
+        } else {
+            const BooleanT bResult = PakZlibUncompress(dir("restorable"), dir("target"));
+            seen.letter = bResult == TRUE ? AllRestored : NotRestored;
+        }
+        FaultDisarm();
+        for (const TraceCapture::Record& record : trace.Records())
+            seen.messages.push_back(record.module + " " + std::to_string(record.number) + " " +
+                                    std::to_string(record.status));
+    }
+    seen.archive = ReadFile(dir("archive"));
+    for (const std::string& name : ListDir(TmpDir)) seen.temporary += ReadFile(TmpDir + "/" + name);
+    seen.restored = ReadFile(dir("target/nine"));
+    if (oContext != nullptr) PakZlibCleanupContext(&oContext);
+    PakZlibUseWorkers(PakZlibAllProcessors);
+    std::remove(dir("archive"));
+    std::remove(dir("target/nine"));
+    return seen;
+}
+
+TEST_F(ArchiveTest, WorkersAreNotSeen) {
+    const Dir dir;
+    const Files nine = {{"nine", Numbered(9 * 65536 - 100)}};
+    WriteFile(dir("nine"), nine[0].content);
+    WriteFile(dir("restorable"), ArchiveOf(nine));
+    std::filesystem::create_directory(std::string(dir("target")));
+    // No fault, then one at every chunk.
+    std::vector<std::pair<bool, Fault>> faults = {{true, {.call = Call::Rename}},
+                                                  {false, {.call = Call::Rename}}};
+    for (const bool pack : {true, false}) {
+        for (int chunk = 1; chunk <= 9; chunk++) {
+            const Call step = pack ? Call::Compress : Call::Uncompress;
+            faults.push_back({pack, {.call = step, .error = Z_MEM_ERROR, .marked = chunk}});
+            const int read = chunk + (pack ? 0 : 2);
+            faults.push_back({pack, {.call = Call::Read, .nth = read, .error = EIO}});
+            faults.push_back({pack, {.call = Call::Read, .nth = read, .atMost = 100}});
+            faults.push_back({pack, {.call = Call::Write, .nth = chunk, .error = ENOSPC}});
+            faults.push_back({pack, {.call = Call::Write, .nth = chunk, .atMost = 100}});
+        }
+    }
+    const NothingLeft nothing;
+    for (const auto& [pack, fault] : faults) {
+        const Seen alone = Watch(pack, dir, fault, 0);
+        for (const int32 workers : {1, 2, 7}) {
+            Fault same = fault;
+            same.together = workers > 1 && fault.marked >= 1 && fault.marked < 9;
+            EXPECT_TRUE(Watch(pack, dir, same, workers) == alone)
+                << (pack ? "packing, call " : "unpacking, call ") << static_cast<int>(fault.call)
+                << " number " << fault.nth << " chunk " << fault.marked << " workers " << workers;
+        }
+    }
+}
+
 // A file that could not be packed leaves no trace in the archive that is finished nevertheless.
-TEST_F(Faults, ArchiveGoesOnAfterAFailedFile) {
+TEST_P(Faults, ArchiveGoesOnAfterAFailedFile) {
     const Fault faults[] = {
         {.call = Call::Write, .nth = 1, .error = ENOSPC},
         {.call = Call::Write, .nth = 3, .atMost = 7},
@@ -273,7 +386,7 @@ TEST_F(Faults, ArchiveGoesOnAfterAFailedFile) {
 }
 
 // Processes without an identifier of their own draw the same temporary names.
-TEST_F(Faults, TemporaryFileOfAnotherIsLeftAlone) {
+TEST_P(Faults, TemporaryFileOfAnotherIsLeftAlone) {
     const Dir dir;
     WriteFile(dir("large"), Large[0].content);
     PakZlibContextO oContext = nullptr;
@@ -290,7 +403,7 @@ TEST_F(Faults, TemporaryFileOfAnotherIsLeftAlone) {
     }
 }
 
-TEST_F(Faults, RenamingThatFails) {
+TEST_P(Faults, RenamingThatFails) {
     const Dir dir;
     const Name to = dir("to");
     const NothingLeft nothing;

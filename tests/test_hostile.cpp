@@ -81,9 +81,9 @@ long PeakMemory() {
 }
 
 // No test changes anything outside the target directory or leaves objects.
-class Hostile : public ArchiveTest {
+class Hostile : public ArchiveTestWithWorkers {
  protected:
-    Hostile() : ArchiveTest("root/target") {
+    Hostile() : ArchiveTestWithWorkers("root/target") {
         for (const char* directory : {"root/a/b", "root/target/b"})
             fs::create_directories(m_dir / directory);
         for (const char* file : {"root/x", "root/name", "root/a/name", "name"})
@@ -128,7 +128,9 @@ class Hostile : public ArchiveTest {
     const int32 m_objects = ObjCount();
 };
 
-TEST_F(Hostile, CutAnywhere) {
+WITH_WORKERS(Hostile);
+
+TEST_P(Hostile, CutAnywhere) {
     const std::string archive = bytes::Archive(TwoFiles);
     ASSERT_EQ(Restore(archive), TRUE);
     const NothingLeft nothing;
@@ -136,7 +138,7 @@ TEST_F(Hostile, CutAnywhere) {
         EXPECT_EQ(Restore(archive.substr(0, size)), FALSE) << size;
 }
 
-TEST_F(Hostile, EveryNumberLies) {
+TEST_P(Hostile, EveryNumberLies) {
     // Over every byte of the header list, so over every length, count, magic and reference.
     const std::string archive = bytes::Archive(TwoFiles);
     const std::size_t headers = 4 + 18 + (67 + 5 + 16) + (67 + 6 + 2 * 16);
@@ -155,7 +157,7 @@ TEST_F(Hostile, EveryNumberLies) {
     EXPECT_GT(restored, 100);
 }
 
-TEST_F(Hostile, RandomDamage) {
+TEST_P(Hostile, RandomDamage) {
     const std::string archive = bytes::Archive(TwoFiles);
     const long before = PeakMemory();
     std::mt19937 random(20240229);
@@ -179,7 +181,7 @@ TEST_F(Hostile, RandomDamage) {
     EXPECT_LT(PeakMemory() - before, MemoryLimit);
 }
 
-TEST_F(Hostile, NamesStayInTheTarget) {
+TEST_P(Hostile, NamesStayInTheTarget) {
     const std::string nul(1, '\0');
     const std::vector<std::string> refused = {"../x",
                                               "../a/name",
@@ -210,7 +212,7 @@ TEST_F(Hostile, NamesStayInTheTarget) {
     }
 }
 
-TEST_F(Hostile, GraphsOfEveryShape) {
+TEST_P(Hostile, GraphsOfEveryShape) {
     const std::string self =
         bytes::SharedFirst(7, bytes::Object(ForeignMagic, "o;", bytes::SharedAgain(7)));
     const std::string selfList = bytes::SharedFirst(1, bytes::List({bytes::SharedAgain(1)}));
@@ -268,7 +270,7 @@ TEST_F(Hostile, GraphsOfEveryShape) {
 }
 
 // Lengths, counts and shapes that announce more than there is.
-TEST_F(Hostile, NothingIsAllocatedForALie) {
+TEST_P(Hostile, NothingIsAllocatedForALie) {
     const auto object = [](const std::string& descriptor, const std::string& fields) {
         return WithExt(bytes::Object(ForeignMagic + 1, descriptor, fields));
     };
@@ -302,7 +304,7 @@ TEST_F(Hostile, NothingIsAllocatedForALie) {
 
 // Objects of the library's own classes: those that hold pointers are refused, and all in another
 // shape.
-TEST_F(Hostile, ClassesOfTheLibrary) {
+TEST_P(Hostile, ClassesOfTheLibrary) {
     const std::string pointers = Long(0x41414141) + Long(0x41414141) + Long(0x41414141);
     const std::tuple<const char*, std::uint32_t, const char*, std::string, BooleanT> cases[] = {
         {"map", 0xc938e027, "i;i;i;i;p;p;p;d;",

@@ -1,5 +1,6 @@
 // The archive writer and reader as a program on the library uses them. Archives are compared with
 // ones made from the format alone.
+#include "core/filesys.h"
 #include "core/objserial.h"
 #include "support/archives.h"
 #include "support/lists.h"
@@ -18,7 +19,10 @@ std::string FromHex(const std::string& text) {
 
 class PakZlib : public ArchiveTest {
  protected:
-    void TearDown() override { EXPECT_EQ(ListDir(TmpDir), std::vector<std::string>()); }
+    void TearDown() override {
+        EXPECT_EQ(ListDir(TmpDir), std::vector<std::string>());
+        PakZlibUseWorkers(PakZlibAllProcessors);
+    }
     std::string Put(const std::string& name, const std::string& content) {
         WriteFile(m_dir / name, content);
         return m_dir / name;
@@ -60,13 +64,18 @@ TEST_F(PakZlib, EverySizeIsPackedByTheFormatAndRestored) {
         for (const bool text : {true, false}) {
             SCOPED_TRACE(std::to_string(size) + (text ? " of text" : " at random"));
             const std::string content = (text ? bytes::RandomText : bytes::RandomBytes)(size, 1);
-            PakZlibContextO oContext = Open();
+            const std::string expected = bytes::Archive({bytes::Chunked("stored", content)});
             const std::string path = Put("source", content);
-            ASSERT_EQ(PakZlibCompressFile(oContext, path.c_str(), "a/b/stored"), TRUE);
-            ExpectFinished(oContext, {bytes::Chunked("stored", content)});
-            ASSERT_EQ(Restore(), TRUE);
-            EXPECT_TRUE(Restored("stored") == content);
-            std::remove(m_archive.c_str());
+            for (const int32 workers : {0, 1, 2, 7, PakZlibAllProcessors}) {
+                PakZlibUseWorkers(workers);
+                PakZlibContextO oContext = Open();
+                ASSERT_EQ(PakZlibCompressFile(oContext, path.c_str(), "a/b/stored"), TRUE);
+                ASSERT_EQ(PakZlibFinalize(&oContext), TRUE);
+                EXPECT_TRUE(ReadFile(m_archive) == expected) << workers;
+                ASSERT_EQ(Restore(), TRUE);
+                EXPECT_TRUE(Restored("stored") == content) << workers;
+                std::remove(m_archive.c_str());
+            }
         }
     }
 }
@@ -157,6 +166,15 @@ TEST_F(PakZlib, FeedsOfAnySizeAreCollectedIntoChunks) {
             TRUE);
     }
     ExpectFinished(oContext, {{"fed", cut({7, 65536, 65536, 65536, 100})}});
+    std::remove(m_archive.c_str());
+
+    // So is a file behind them.
+    feeds = cut({7, 65536, 65536, 5});
+    const std::string rest = Put("rest", feeds[1] + feeds[2] + feeds[3]);
+    oContext = Open();
+    ASSERT_EQ(PakZlibCompressInChunks(oContext, "fed", feeds[0].data(), 7, FALSE), TRUE);
+    ASSERT_EQ(PakZlibCompressFile(oContext, rest.c_str(), "fed"), TRUE);
+    ExpectFinished(oContext, {{"fed", cut({7, 65536, 65536, 5})}});
 }
 
 TEST_F(PakZlib, OneFileIsFedAtATime) {
@@ -205,6 +223,76 @@ TEST_F(PakZlib, FileThatGrowsFails) {
         EXPECT_EQ(oContext, nullptr);
         std::remove(m_archive.c_str());
     }
+}
+
+// --- files that the caller opened ---
+
+// Whatever is read ahead: the archive stands behind the last chunk that was taken from it, and a
+// pipe is asked for no chunk before the one in front of it is written.
+TEST_F(PakZlib, NoMoreIsReadThanWasRestored) {
+    bytes::File file = {"name", {}};
+    for (int chunk = 0; chunk < 9; chunk++)
+        file.pieces.push_back(bytes::RandomBytes(65536, static_cast<unsigned>(chunk)));
+    bytes::File small = {"name", {}};
+    for (const std::string& piece : file.pieces) small.pieces.push_back(piece.substr(0, 1000));
+    const auto restore = [&](FileHandleT tHandle, const bytes::File& of) {
+        const std::string header = bytes::HeaderOf(of).Encode();
+        ObjHolder<void> oHeader;
+        EXPECT_EQ(ObjReconstructFromMemorySized(oHeader.Address(), header.data(),
+                                                static_cast<int32>(header.size())),
+                  TRUE);
+        return PakZlibUncompressFile(tHandle, static_cast<PakZlibFileHeaderO>(oHeader.Get()),
+                                     m_target.c_str());
+    };
+    mkdir(m_target.c_str(), 0700);
+    for (const std::size_t damaged : {9U, 6U}) {
+        std::string chunks = "first";
+        int64 end = 0;
+        for (std::size_t i = 0; i < 9; i++) {
+            std::string chunk = bytes::Compress(file.pieces[i]);
+            if (i == damaged) chunk[100] ^= 1;
+            chunks += chunk;
+            if (i <= damaged) end = static_cast<int64>(chunks.size());
+        }
+        FileCloser tArchive;
+        ASSERT_EQ(FileSysOpen(tArchive.Address(), Put("chunks", chunks + "last").c_str(),
+                              FileModeReadBinary),
+                  TRUE);
+        ASSERT_EQ(FileSysSeek(tArchive.Get(), 5), TRUE);
+        PakZlibUseWorkers(7);
+        EXPECT_EQ(restore(tArchive.Get(), file), BooleanFrom(damaged == 9));
+        int64 offset = 0;
+        EXPECT_EQ(FileSysGetOffset(&offset, tArchive.Get()), TRUE);
+        EXPECT_EQ(offset, end);
+        EXPECT_EQ(Restored("name").size(), 65536U * damaged);
+        struct stat status = {};
+        ASSERT_EQ(stat((m_target + "/name").c_str(), &status), 0);
+        EXPECT_LE(status.st_blocks * 512, 65536 * (static_cast<int64>(damaged) + 1));
+    }
+
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    const std::string restored = m_target + "/name";
+    std::remove(restored.c_str());
+    const pid_t writer = fork();
+    if (writer == 0) {
+        close(ends[0]);
+        alarm(60);
+        for (std::size_t i = 0; i < 9; i++) {
+            while (ReadFile(restored).size() < 1000 * i) sched_yield();
+            const std::string chunk = bytes::Compress(small.pieces[i]);
+            if (write(ends[1], chunk.data(), chunk.size()) != static_cast<ssize_t>(chunk.size()))
+                _exit(1);
+        }
+        _exit(0);
+    }
+    close(ends[1]);
+    const BooleanT bResult = restore(ends[0], small);
+    close(ends[0]);
+    int status = -1;
+    EXPECT_EQ(waitpid(writer, &status, 0), writer);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(bResult, TRUE);
 }
 
 // --- failures ---

@@ -203,9 +203,9 @@ TEST_F(Tool, ArchiveThatCannotBeUnpacked) {
     EXPECT_EQ(ReadFile(m_target + "/2"), "");
 }
 
-// Only where a limit of the memory can be set: AddressSanitizer needs its own memory, and an
+// Only where a limit of the memory can be set: the sanitizers need their own memory, and an
 // emulator is not held by the limit of what it runs.
-#if !defined(__SANITIZE_ADDRESS__) && !defined(TEST_IS_EMULATED)
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) && !defined(TEST_IS_EMULATED)
 TEST_F(Tool, MemoryThatCannotBeHadStopsTheProcess) {
     // A header list that is as long as it says, but longer than the memory that there is.
     struct rlimit previous;

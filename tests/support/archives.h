@@ -7,14 +7,17 @@
 #include "support/files.h"
 #include "support/leftovers.h"
 
-inline const std::string TmpDir = TestHome() + "/tmp";
+// Thousands of files come and go: all lie in memory where there is such a place.
+inline const std::string TmpDir = [] {
+    if (Exists("/dev/shm")) setenv("TMPDIR", "/dev/shm", 0);
+    return TestHome() + "/tmp";
+}();
 
 class ArchiveTest : public testing::Test {
  protected:
     // Classes, each with the shape of its own, and the path of the temporary directory are kept
     // from their first use on.
     static void SetUpTestSuite() {
-        if (Exists("/dev/shm")) setenv("TMPDIR", "/dev/shm", 0);  // for thousands of files
         const TempDir dir;
         PakZlibContextO oContext = nullptr;
         const ObjHolder<ObjStringS> oText(ObjStringNew("text"));
@@ -35,3 +38,13 @@ class ArchiveTest : public testing::Test {
     const std::string m_archive = m_dir / "archive";
     const std::string m_target;
 };
+
+// The same with each number of workers: what can be seen does not depend on it.
+class ArchiveTestWithWorkers : public ArchiveTest, public testing::WithParamInterface<int32> {
+ protected:
+    explicit ArchiveTestWithWorkers(const std::string& target = "target") : ArchiveTest(target) {
+        PakZlibUseWorkers(GetParam());
+    }
+    ~ArchiveTestWithWorkers() override { PakZlibUseWorkers(PakZlibAllProcessors); }
+};
+#define WITH_WORKERS(suite) INSTANTIATE_TEST_SUITE_P(Workers, suite, testing::Values(0, 1, 2, 7))

@@ -1,27 +1,35 @@
 // Stands between the program and the C library by the linker's --wrap.
 #include "support/faults.h"
 
+#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <zlib.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
+
+#ifdef TESSEL_HAVE_LIBDEFLATE
+#include <libdeflate.h>
+#endif
 
 namespace {
 
 Fault g_fault;
 bool g_armed = false;
-int g_calls = 0;  // of the armed kind
-int g_hits = 0;
+// Compressions and expansions are called by workers too.
+std::atomic<int> g_calls = 0;  // of the armed kind
+std::atomic<int> g_hits = 0;
 bool g_diskFull = false;
+bool g_copyRefused = false;
 std::size_t g_room = 0;
 
 bool Hit(Call call) {
     if (!g_armed || g_fault.call != call) return false;
-    g_calls++;
-    if (g_calls < g_fault.nth || g_calls - g_fault.nth >= g_fault.times) return false;
+    const int calls = ++g_calls;
+    if (calls < g_fault.nth || calls - g_fault.nth >= g_fault.times) return false;
     g_hits++;
     return true;
 }
@@ -41,17 +49,56 @@ bool Transfer(Call call, std::size_t& size) {
     return g_fault.error == 0;
 }
 
+// Length of this write; FALSE when the disk has no room for any.
+bool FindRoom(std::size_t& size) {
+    if (!g_diskFull) return true;
+    if (size > g_room) {
+        g_hits++;
+        size = g_room;
+        if (g_room == 0) {
+            errno = ENOSPC;
+            return false;
+        }
+    }
+    g_room -= size;
+    return true;
+}
+
+std::atomic<bool> g_nextBegun = false, g_markedFailed = false;
+
+void Await(const std::atomic<bool>& event) {
+    while (g_fault.together && !event) sched_yield();
+}
+
+// Whether compressing or expanding the chunk with this first byte, -1 for an empty one, fails.
+bool ChunkFails(Call call, int first) {
+    if (!g_armed || g_fault.call != call || g_fault.marked < 0) return Hit(call);
+    if (first == g_fault.marked + 1) {
+        g_nextBegun = true;
+        Await(g_markedFailed);
+    }
+    if (first != g_fault.marked) return false;
+    Await(g_nextBegun);
+    g_hits++;
+    g_markedFailed = true;
+    return true;
+}
+
 }  // namespace
 
 void FaultArm(const Fault& fault) {
     g_fault = fault;
     g_armed = true;
+    g_copyRefused = fault.copyRefused;
     g_calls = 0;
     g_hits = 0;
+    g_nextBegun = false;
+    g_markedFailed = false;
 }
 
-void FaultArmFullDisk(std::size_t room) {
+void FaultArmFullDisk(std::size_t room, bool copyRefused) {
     g_diskFull = true;
+    g_copyRefused = copyRefused;
     g_room = room;
     g_hits = 0;
 }
@@ -59,6 +106,7 @@ void FaultArmFullDisk(std::size_t room) {
 int FaultDisarm() {
     g_armed = false;
     g_diskFull = false;
+    g_copyRefused = false;
     return g_hits;
 }
 
@@ -86,6 +134,13 @@ WRAPPED(int, Compress, "compress",
         (Bytef * dest, uLongf* destLen, const Bytef* source, uLong sourceLen));
 WRAPPED(int, Uncompress, "uncompress",
         (Bytef * dest, uLongf* destLen, const Bytef* source, uLong sourceLen));
+WRAPPED(ssize_t, Copy, "copy_file_range",
+        (int in, off_t* inOffset, int out, off_t* outOffset, std::size_t size, unsigned flags));
+WRAPPED(int, Allocate, "fallocate", (int fd, int mode, off_t offset, off_t size));
+WRAPPED(int, Allocate64, "fallocate64", (int fd, int mode, off_t offset, off_t size));
+WRAPPED(int, Thread, "pthread_create",
+        (pthread_t * thread, const pthread_attr_t* attributes, void* (*run)(void*),
+         void* argument));
 
 void* WrapMalloc(std::size_t size) { return Fails(Call::Malloc) ? nullptr : RealMalloc(size); }
 
@@ -113,16 +168,7 @@ ssize_t WrapRead(int fd, void* buffer, std::size_t size) {
 }
 
 ssize_t WrapWrite(int fd, const void* buffer, std::size_t size) {
-    if (g_diskFull && size > g_room) {
-        g_hits++;
-        size = g_room;
-        if (g_room == 0) {
-            errno = ENOSPC;
-            return -1;
-        }
-    }
-    g_room -= g_diskFull ? size : 0;
-    return Transfer(Call::Write, size) ? RealWrite(fd, buffer, size) : -1;
+    return FindRoom(size) && Transfer(Call::Write, size) ? RealWrite(fd, buffer, size) : -1;
 }
 
 int WrapClose(int fd) {
@@ -155,11 +201,53 @@ int WrapFstat(int fd, void* status) { return Fails(Call::Fstat) ? -1 : RealFstat
 int WrapFstat64(int fd, void* status) { return Fails(Call::Fstat) ? -1 : RealFstat64(fd, status); }
 
 int WrapCompress(Bytef* dest, uLongf* destLen, const Bytef* source, uLong sourceLen) {
-    if (Hit(Call::Compress)) return g_fault.error;
+    if (ChunkFails(Call::Compress, sourceLen == 0 ? -1 : *source)) return g_fault.error;
     return RealCompress(dest, destLen, source, sourceLen);
 }
 
 int WrapUncompress(Bytef* dest, uLongf* destLen, const Bytef* source, uLong sourceLen) {
-    if (Hit(Call::Uncompress)) return g_fault.error;
-    return RealUncompress(dest, destLen, source, sourceLen);
+    const int result = RealUncompress(dest, destLen, source, sourceLen);
+    return ChunkFails(Call::Uncompress, *destLen == 0 ? -1 : *dest) ? g_fault.error : result;
+}
+
+#ifdef TESSEL_HAVE_LIBDEFLATE
+WRAPPED(libdeflate_result, Deflate, "libdeflate_zlib_decompress",
+        (libdeflate_decompressor * state, const void* in, std::size_t inSize, void* out,
+         std::size_t outSize, std::size_t* outLength));
+
+// Faults of expanding are those of uncompress, which decides what is refused here.
+libdeflate_result WrapDeflate(libdeflate_decompressor* state, const void* in, std::size_t inSize,
+                              void* out, std::size_t outSize, std::size_t* outLength) {
+    if (g_armed && g_fault.call == Call::Uncompress) return LIBDEFLATE_BAD_DATA;
+    return RealDeflate(state, in, inSize, out, outSize, outLength);
+}
+#endif
+
+// More is asked for than there is to copy.
+ssize_t WrapCopy(int in, off_t* inOffset, int out, off_t* outOffset, std::size_t size,
+                 unsigned flags) {
+    if (g_copyRefused) {
+        errno = EXDEV;
+        return -1;
+    }
+    struct stat status = {};
+    const off_t at = lseek(in, 0, SEEK_CUR);
+    if (g_diskFull && fstat(in, &status) == 0)
+        size = std::min(size, static_cast<std::size_t>(status.st_size - at));
+    if (size > 0 && !FindRoom(size)) return -1;
+    return Transfer(Call::Copy, size) ? RealCopy(in, inOffset, out, outOffset, size, flags) : -1;
+}
+
+int WrapAllocate(int fd, int mode, off_t offset, off_t size) {
+    return Fails(Call::Allocate) ? -1 : RealAllocate(fd, mode, offset, size);
+}
+
+int WrapAllocate64(int fd, int mode, off_t offset, off_t size) {
+    return Fails(Call::Allocate) ? -1 : RealAllocate64(fd, mode, offset, size);
+}
+
+int WrapThread(pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*),
+               void* argument) {
+    if (Fails(Call::Thread)) return g_fault.error;
+    return RealThread(thread, attributes, run, argument);
 }

@@ -20,6 +20,9 @@ enum class Call {
     Fstat,  // by descriptor
     Compress,
     Uncompress,
+    Copy,      // inside the system
+    Allocate,  // blocks of a file
+    Thread,
 };
 
 struct Fault {
@@ -27,14 +30,19 @@ struct Fault {
     int nth = 1;    // the first call hit, counted from 1 since FaultArm
     int error = 0;  // errno of the call, or result of a compression; 0: no failure
     int times = 1;  // calls hit in a row
-    // Read and write without an error: bytes that the call moves at the most.
+    // Compressions and expansions: instead, that of the chunk whose first byte this is.
+    int marked = -1;
+    // It fails while that of the chunk whose first byte is the next number is being done.
+    bool together = false;
+    // Read, write and copy without an error: bytes that the call moves at the most.
     std::size_t atMost = 0;
+    bool copyRefused = false;  // copies inside the system besides
 };
 
 constexpr int FaultForEver = 1 << 30;
 
 void FaultArm(const Fault& fault);
 // From now on writes find room for this many bytes, all files taken together.
-void FaultArmFullDisk(std::size_t room);
+void FaultArmFullDisk(std::size_t room, bool copyRefused = false);
 // Ends the faults; the number of calls that were hit.
 int FaultDisarm();

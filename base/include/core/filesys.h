@@ -49,6 +49,27 @@ BooleanT FileSysRead(int32* plBytesRead, FileHandleT tHandle, void* pBuffer, int
 BooleanT FileSysWrite(int32* plBytesWritten, FileHandleT tHandle, const void* pBuffer,
                       int32 lRequestLength);
 
+// FileSysRead in two steps, for a caller that reads ahead: the first reads and says nothing, the
+// second traces and returns what came of it, when its turn has come.
+struct FileReadT {
+    int32 lBytes;  // 0 at the end of the file, and on failure
+    int iError;    // errno of the failure, 0 without one, -1 for invalid arguments
+};
+FileReadT FileSysReadQuietly(FileHandleT tHandle, void* pBuffer, int32 lRequestLength);
+BooleanT FileSysReadOutcome(int32* plBytesRead, const FileReadT& tRead);
+
+// Lets the system copy from the one file's offset to the other's, as far as it can (to the end, not
+// at all between some file systems), and moves both offsets on. Says nothing: who copies the rest
+// with FileSysRead and FileSysWrite meets what stopped it.
+void FileSysCopyInside(FileHandleT tFrom, FileHandleT tTo);
+
+// Asks the file system for the blocks of a file that will grow to llSize bytes, so that they can
+// lie together; size and contents stay as they are. Only a favour: nothing is said where there is
+// no room or no such service, and the caller's writes will show. FileSysUnreserve gives back what
+// lies behind the end of the file.
+void FileSysReserve(FileHandleT tHandle, int64 llSize);
+void FileSysUnreserve(FileHandleT tHandle);
+
 // Cuts the file at the current offset.
 BooleanT FileSysTruncate(FileHandleT tFileHandle);
 

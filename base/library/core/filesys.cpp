@@ -7,6 +7,7 @@
 #include "core/filesys.h"
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -174,20 +175,28 @@ BooleanT FileSysClose(FileHandleT* ptHandle) {
     return FALSE;
 }
 
-BooleanT FileSysRead(int32* plBytesRead, FileHandleT tHandle, void* pBuffer, int32 lRequestLength) {
-    if (plBytesRead == nullptr) return FALSE;
-    *plBytesRead = 0;
-    if (tHandle == FileHandleClosed || pBuffer == nullptr || lRequestLength < 0) return FALSE;
+FileReadT FileSysReadQuietly(FileHandleT tHandle, void* pBuffer, int32 lRequestLength) {
+    if (tHandle == FileHandleClosed || pBuffer == nullptr || lRequestLength < 0) return {0, -1};
     const ssize_t lRead = SysRepeat([&] {
         return read(static_cast<int>(tHandle), pBuffer, static_cast<std::size_t>(lRequestLength));
     });
-    if (lRead < 0) {
+    return lRead < 0 ? FileReadT{0, errno} : FileReadT{static_cast<int32>(lRead), 0};
+}
+
+BooleanT FileSysReadOutcome(int32* plBytesRead, const FileReadT& tRead) {
+    if (plBytesRead == nullptr) return FALSE;
+    *plBytesRead = tRead.lBytes;
+    if (tRead.iError > 0) {
+        errno = tRead.iError;
         const ErrnoKeeper tErrno;
         TraceMessageInline(5, tErrno.Code(), -1, "Failed to read: %s", tErrno.Text());
-        return FALSE;
     }
-    *plBytesRead = static_cast<int32>(lRead);
-    return TRUE;
+    return BooleanFrom(tRead.iError == 0);
+}
+
+BooleanT FileSysRead(int32* plBytesRead, FileHandleT tHandle, void* pBuffer, int32 lRequestLength) {
+    if (plBytesRead == nullptr) return FALSE;
+    return FileSysReadOutcome(plBytesRead, FileSysReadQuietly(tHandle, pBuffer, lRequestLength));
 }
 
 BooleanT FileSysWrite(int32* plBytesWritten, FileHandleT tHandle, const void* pBuffer,
@@ -205,6 +214,41 @@ BooleanT FileSysWrite(int32* plBytesWritten, FileHandleT tHandle, const void* pB
     }
     *plBytesWritten = static_cast<int32>(lWritten);
     return TRUE;
+}
+
+void FileSysCopyInside(FileHandleT tFrom, FileHandleT tTo) {
+    constexpr std::size_t AtOnce = std::size_t{1} << 30;
+    const ErrnoKeeper tErrno;
+    // A file that is written synchronously takes its bytes from FileSysWrite.
+    if (tFrom == FileHandleClosed || tTo == FileHandleClosed || FileSysIsSynchronous(tTo)) return;
+    while (SysRepeat([&] {
+               return copy_file_range(static_cast<int>(tFrom), nullptr, static_cast<int>(tTo),
+                                      nullptr, AtOnce, 0);
+           }) > 0) {
+    }
+}
+
+void FileSysReserve(FileHandleT tHandle, int64 llSize) {
+    const ErrnoKeeper tErrno;
+    // Some file systems raise SIGXFSZ for the asking already.
+    rlimit tLimit = {};
+    if (llSize < 1 || getrlimit(RLIMIT_FSIZE, &tLimit) != 0 ||
+        static_cast<uint64>(llSize) > tLimit.rlim_cur) {
+        return;
+    }
+    const int iHandle = static_cast<int>(tHandle);
+    if (SysRepeat([&] { return fallocate(iHandle, FALLOC_FL_KEEP_SIZE, 0, llSize); }) != 0 &&
+        errno != EOPNOTSUPP) {
+        FileSysUnreserve(tHandle);  // what it got before there was no more
+    }
+}
+
+void FileSysUnreserve(FileHandleT tHandle) {
+    const ErrnoKeeper tErrno;
+    const int iHandle = static_cast<int>(tHandle);
+    struct stat tStat = {};
+    if (fstat(iHandle, &tStat) == 0 && S_ISREG(tStat.st_mode))
+        SysRepeat([&] { return ftruncate(iHandle, tStat.st_size); });
 }
 
 BooleanT FileSysTruncate(FileHandleT tFileHandle) {

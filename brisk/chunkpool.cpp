@@ -1,0 +1,105 @@
+// The ring of jobs and the threads.
+//
+// Three numbers that only grow say where everything stands: jobs below the oldest one are released,
+// those below m_llBegun are done or being worked on, those below m_llNext are handed over. A worker
+// holds the lock while it takes the next number and while it marks a job as done, never while it
+// works. The owner alone changes the first and the last number, so it reads them without the lock.
+#include "chunkpool.h"
+
+#include <csignal>
+
+namespace {
+
+// zlib and libdeflate keep their state on the heap.
+constexpr std::size_t WorkerStackSize = 256 * 1024;
+
+// Threads that the calling one makes while this lives take no signals.
+class SignalsHeld {
+ public:
+    SignalsHeld() {
+        sigset_t tAll;
+        sigfillset(&tAll);
+        pthread_sigmask(SIG_SETMASK, &tAll, &m_tBefore);
+    }
+    ~SignalsHeld() { pthread_sigmask(SIG_SETMASK, &m_tBefore, nullptr); }
+    SignalsHeld(const SignalsHeld&) = delete;
+    SignalsHeld& operator=(const SignalsHeld&) = delete;
+
+ private:
+    sigset_t m_tBefore;
+};
+
+}  // namespace
+
+ChunkPool::ChunkPool(ChunkStepF fnStep, ChunkJobT* ptJobs, int32 lJobs, int32 lWorkers)
+    : m_fnStep(fnStep),
+      m_ptJobs(ptJobs),
+      m_lJobs(lJobs),
+      m_lMoreWorkers(lWorkers < MostWorkers ? lWorkers : MostWorkers) {}
+
+ChunkPool::~ChunkPool() {
+    {
+        const std::lock_guard<std::mutex> tGuard(m_tLock);
+        m_bEnding = true;
+    }
+    m_tWorkIsThere.notify_all();
+    while (m_lWorkers > 0) pthread_join(m_atWorkers[--m_lWorkers], nullptr);
+}
+
+void ChunkPool::Submit() {
+    if (m_lMoreWorkers > 0) StartWorker();
+    {
+        const std::lock_guard<std::mutex> tGuard(m_tLock);
+        Job(m_llNext).bDone = false;
+        m_llNext++;
+    }
+    m_tWorkIsThere.notify_one();
+}
+
+const ChunkJobT& ChunkPool::Finish() {
+    ChunkJobT& tJob = Job(m_llOldest);
+    std::unique_lock<std::mutex> tGuard(m_tLock);
+    if (m_llBegun == m_llOldest) {
+        m_llBegun++;
+        tGuard.unlock();
+        m_fnStep(tJob);
+        return tJob;
+    }
+    m_llAwaited = m_llOldest;
+    m_tJobIsDone.wait(tGuard, [&] { return tJob.bDone; });
+    m_llAwaited = -1;
+    return tJob;
+}
+
+void ChunkPool::StartWorker() {
+    m_lMoreWorkers--;
+    pthread_attr_t tAttributes;
+    if (pthread_attr_init(&tAttributes) != 0) return;
+    pthread_attr_setstacksize(&tAttributes, WorkerStackSize);
+    const SignalsHeld tHeld;
+    if (pthread_create(&m_atWorkers[m_lWorkers], &tAttributes, Run, this) == 0) {
+        m_lWorkers++;
+    } else {
+        m_lMoreWorkers = 0;
+    }
+    pthread_attr_destroy(&tAttributes);
+}
+
+void* ChunkPool::Run(void* pPool) {
+    static_cast<ChunkPool*>(pPool)->Work();
+    return nullptr;
+}
+
+void ChunkPool::Work() {
+    std::unique_lock<std::mutex> tGuard(m_tLock);
+    while (true) {
+        m_tWorkIsThere.wait(tGuard, [&] { return m_bEnding || m_llBegun < m_llNext; });
+        if (m_bEnding) return;
+        const int64 llNumber = m_llBegun++;
+        tGuard.unlock();
+        m_fnStep(Job(llNumber));
+        tGuard.lock();
+        Job(llNumber).bDone = true;
+        if (llNumber == m_llAwaited) m_tJobIsDone.notify_one();
+    }
+}
