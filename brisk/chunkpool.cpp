@@ -1,9 +1,10 @@
 // The ring of jobs and the threads.
 //
 // Three numbers that only grow say where everything stands: jobs below the oldest one are released,
-// those below m_llBegun are done or being worked on, those below m_llNext are handed over. A worker
-// holds the lock while it takes the next number and while it marks a job as done, never while it
-// works. The owner alone changes the first and the last number, so it reads them without the lock.
+// those below m_llBegun are done or being worked on, those below m_llNext are handed over. Who
+// works holds the lock while it takes the next number and while it marks a job as done, never in
+// between. The owner alone changes the first and the last number, so it reads them without the
+// lock.
 #include "chunkpool.h"
 
 #include <csignal>
@@ -57,18 +58,23 @@ void ChunkPool::Submit() {
 }
 
 const ChunkJobT& ChunkPool::Finish() {
-    ChunkJobT& tJob = Job(m_llOldest);
+    const ChunkJobT& tOldest = Job(m_llOldest);
     std::unique_lock<std::mutex> tGuard(m_tLock);
-    if (m_llBegun == m_llOldest) {
-        m_llBegun++;
-        tGuard.unlock();
-        m_fnStep(tJob);
-        return tJob;
-    }
+    // Waking a thread costs more than a small chunk, so the owner works rather than waits.
+    while (!tOldest.bDone && m_llBegun < m_llNext) DoNext(tGuard);
     m_llAwaited = m_llOldest;
-    m_tJobIsDone.wait(tGuard, [&] { return tJob.bDone; });
+    m_tJobIsDone.wait(tGuard, [&] { return tOldest.bDone; });
     m_llAwaited = -1;
-    return tJob;
+    return tOldest;
+}
+
+void ChunkPool::DoNext(std::unique_lock<std::mutex>& tGuard) {
+    const int64 llNumber = m_llBegun++;
+    tGuard.unlock();
+    m_fnStep(Job(llNumber));
+    tGuard.lock();
+    Job(llNumber).bDone = true;
+    if (llNumber == m_llAwaited) m_tJobIsDone.notify_one();
 }
 
 void ChunkPool::StartWorker() {
@@ -95,11 +101,6 @@ void ChunkPool::Work() {
     while (true) {
         m_tWorkIsThere.wait(tGuard, [&] { return m_bEnding || m_llBegun < m_llNext; });
         if (m_bEnding) return;
-        const int64 llNumber = m_llBegun++;
-        tGuard.unlock();
-        m_fnStep(Job(llNumber));
-        tGuard.lock();
-        Job(llNumber).bDone = true;
-        if (llNumber == m_llAwaited) m_tJobIsDone.notify_one();
+        DoNext(tGuard);
     }
 }

@@ -5,8 +5,8 @@
 // of its job and nothing else: whatever belongs to the library (pools, objects, files, traces) is
 // the owner's. Workers take no signals.
 //
-// A job that no worker has begun when the owner wants it back is done by the owner. So the pool
-// works, one job after the other, without workers and when the system makes no thread.
+// An owner that would have to wait for a job does one that no worker has begun. So the pool works,
+// one job after the other, without workers and when the system makes no thread.
 #pragma once
 
 #include <pthread.h>
@@ -52,6 +52,7 @@ class ChunkPool {
  private:
     static void* Run(void* pPool);
     void Work();
+    void DoNext(std::unique_lock<std::mutex>& tGuard);  // under the lock, given up meanwhile
     void StartWorker();
 
     const ChunkStepF m_fnStep;
