@@ -126,19 +126,21 @@ TEST_F(LogTest, BytesOfAnImage) {
         Build(eLogLevelWarning | LogOperatorBit, &session, object.Get(), "%d %s", -1, "x");
     EXPECT_EQ(testing::PrintToString(image), testing::PrintToString(expected));
     EXPECT_EQ(LogSetClass(nullptr), Text("JOBS"));
-    EXPECT_EQ(LogGetTimeStamp(At(image)), 0x12345678);
-    EXPECT_EQ(LogGetLogId(At(image)), 7);
-    EXPECT_EQ(LogGetWarnLevel(At(image)), 80);
+    UniqueT read;
+    EXPECT_EQ(LogGetSessionId(&read, At(image)), TRUE);
+    EXPECT_EQ(std::memcmp(&read, &session, sizeof(read)), 0);
+    EXPECT_EQ(std::tuple(LogGetTimeStamp(At(image)), LogGetLogId(At(image)),
+                         LogGetWarnLevel(At(image)), LogGetJobId(At(image))),
+              std::tuple(0x12345678, 7, 80, 0x17161514));
     EXPECT_EQ(LogIsOperatorMsg(At(image)) + LogHasSessionId(At(image)) + LogHasObject(At(image)),
               3);
-    EXPECT_EQ(LogGetJobId(At(image)), 0x17161514);
     EXPECT_EQ(Owned(LogGetClientString(At(image))) + Owned(LogGetClassString(At(image))),
               "hostJOBS");
     EXPECT_EQ(Owned(LogGetLogString(At(image), "1 x")), "-1 x");
     EXPECT_EQ(LogGetLogString(At(image), "1 X"), nullptr);
-    ObjHolder<void> read, none;
-    ASSERT_EQ(LogGetObject(read.Address(), At(image)), TRUE);
-    EXPECT_EQ(ObjCompare(read.Get(), object.Get()), TRUE);
+    ObjHolder<void> found, none;
+    ASSERT_EQ(LogGetObject(found.Address(), At(image)), TRUE);
+    EXPECT_EQ(ObjCompare(found.Get(), object.Get()), TRUE);
 
     EXPECT_EQ(Build(300, nullptr, nullptr, "plain"), Image(7, 127, "plain", {}));
     const Text plain = Image(7, 80, "plain", {});
@@ -260,23 +262,26 @@ TEST_F(LogTest, Languages) {
               "8 \"\"\n9 \"50 %\"\n5 \"spaet\"\n10 \"" +
                   Text(300, 'l') + "\"\n");
     WriteFile(directory + "logs1011.ctl", "101100096 \"kein Port\"\n");
-    TraceCapture trace(3);
-    // clang-format off
-    const struct { int32 id; const char* german; } cases[] = {
-        {7, "a, b und %d"}, {5, "a von b"}, {6, "nur a"}, {99900001, "geteilt"}, {8, ""},
-        {9, "50 a"}, {10, "a-b"}, {101100096, "kein Port"}, {101200096, "a-b"}, {-5, "a-b"}};
-    // clang-format on
-    const Text languages[] = {"",        "Deutsch", "uk english", "Deutsch",
-                              "klingon", "..",      "Deutsch",    "UK English"};
-    for (const Text& language : languages) {
-        const bool german = language == "Deutsch";
+    const std::pair<int32, const char*> german[] = {{7, "a, b und %d"},
+                                                    {5, "a von b"},
+                                                    {6, "nur a"},
+                                                    {99900001, "geteilt"},
+                                                    {8, ""},
+                                                    {9, "50 a"},
+                                                    {10, "a-b"},
+                                                    {101100096, "kein Port"},
+                                                    {101200096, "a-b"},
+                                                    {-5, "a-b"}};
+    for (const Text language :
+         {"", "Deutsch", "uk english", "Deutsch", "klingon", "..", "Deutsch", "UK English"}) {
         EXPECT_EQ(LogSetLocale(language.empty() ? nullptr : language.c_str()),
                   BooleanFrom(language != "klingon" && language != ".."));
-        for (const auto& [id, text] : cases)
-            EXPECT_EQ(Shown(Image(id, 1, "%s-%s", {"a", "b"})), german ? text : "a-b") << id;
+        for (const auto& [id, text] : german)
+            EXPECT_EQ(Shown(Image(id, 1, "%s-%s", {"a", "b"})),
+                      language == "Deutsch" ? text : "a-b")
+                << id;
     }
     LogSetLocale("Deutsch");
-    trace.Clear();
     Shown(Image(7, 1, "f", {}));  // reads the entries before it too
     WriteFile(directory + "logs.ctl", "");
     EXPECT_EQ(Shown(Image(5, 1, "f", {"1"})), "1 von %s");
@@ -325,17 +330,15 @@ TEST_F(LogTest, WaysOfAMessage) {
 // The records from the first to the header's end; "?" for what is none.
 Text Readable() {
     const Text file = ReadFile(File());
-    if (file.size() < 20 || file.substr(0, 4) != "R5GT" ||
-        file.substr(8, 12) != Long(20) + Text(8, '\0'))
-        return "?";
-    uint32 end = 0;
-    for (int at = 7; at >= 4; at--) end = end << 8 | static_cast<ByteT>(file[at]);
+    int32 end = 0;
+    if (file.size() >= 20) std::memcpy(&end, file.data() + 4, sizeof(end));
+    if (file.substr(0, 20) != "R5GT" + Long(end) + Long(20) + Text(8, '\0')) return "?";
     Text texts;
-    std::size_t at = 20;
-    while (at < end && end <= file.size() &&
-           LogIsImage(At(file) + at, static_cast<int32>(end - at)) == TRUE) {
-        texts += Shown(file.substr(at));
-        at += static_cast<std::size_t>(LogGetRecordSize(At(file) + at));
+    int32 at = 20;
+    while (at < end && end <= static_cast<int32>(file.size()) &&
+           LogIsImage(At(file) + at, end - at) == TRUE) {
+        texts += Shown(file.substr(static_cast<std::size_t>(at)));
+        at += LogGetRecordSize(At(file) + at);
     }
     return at == end ? texts : texts + "?";
 }
@@ -403,18 +406,22 @@ TEST_F(LogTest, LevelsAndQueries) {
     EXPECT_EQ(list, "16 32 48 64 80 96 112 127 ");
 
     const ObjHolder<logdCriteriaS> criteria(LogNewCriteria());
-    criteria.Get()->lJobId = 3;
-    criteria.Get()->tStop = 9;
-    criteria.Get()->bThisSessionOnly = TRUE;
+    UniqueT session;
+    std::memset(&session, 0x11, sizeof(session));
+    ListO clients = ListNew();
+    ObjIntegerO client = ObjIntegerNew(5);
+    ListPushLastItem(clients, &client);
+    *criteria.Get() = {TRUE, session, 3, 6, ListNew(), clients, 8, 9, FALSE, StrDuplicate("text"),
+                       TRUE};
     const ObjHolder<logdRequestEntriesS> request(LogBuildRequest(TRUE, 50, criteria.Get(), "src"));
-    const Text none(1, '\0');
     const Text expected = bytes::Object(
         0xCAB70538, "b;i;o;s;",
         Byte(1) + Long(50) +
             bytes::SharedFirst(
                 1, bytes::Object(0xCA94B52D, "b;u;i;i;o;o;i;i;b;s;b;",
-                                 none + Text(32, '\0') + Long(3) + Long(0) + none + none + Long(0) +
-                                     Long(9) + none + Long(0) + Byte(1))) +
+                                 Byte(1) + Text(32, '\x11') + Long(3) + Long(6) + bytes::List({}) +
+                                     bytes::List({bytes::Integer(5)}) + Long(8) + Long(9) +
+                                     Byte(0) + bytes::String("text") + Byte(1))) +
             bytes::String("src"));
     Text stream(static_cast<std::size_t>(ObjSerializedSize(request.Get())), '\0');
     ObjSerializeToMemory(request.Get(), stream.data(), nullptr);
@@ -433,13 +440,14 @@ TEST_F(LogTest, MessagesOfTheLibrary) {
     ObjHolder<void> object;
     ASSERT_EQ(LogGetObject(object.Address(), At(g_called)), TRUE);
     const Text lines = static_cast<ObjStringO>(object.Get())->pstrValue;
-    EXPECT_NE(lines.find("Objects: Count"), Text::npos);
-    EXPECT_NE(lines.find("Total Objects listed"), Text::npos);
-    EXPECT_NE(Shown(g_called).find(" blocks of memory"), Text::npos);
+    for (const char* part : {"Objects: Count", "Total Objects listed", " blocks of memory"})
+        EXPECT_NE((lines + Shown(g_called)).find(part), Text::npos) << part;
 
     // A firewall whose only port is taken.
     NetSocketT taken = -1;
-    NetAddressT at;
+    ObjHolder<ListS> addresses(ListNew(NetAddressMagic));
+    auto* target = ObjNew<NetAddressS>(NetAddressMagic, "n32;");
+    NetAddressT& at = target->tAddress;
     NetOpen(&taken, NET_TYPE_TCP, AF_INET);
     NetInitializeIpAddress(&at, "0.0.0.0", 0, AF_INET);
     NetBind(taken, &at);
@@ -447,10 +455,8 @@ TEST_F(LogTest, MessagesOfTheLibrary) {
     NetGetLocalAddress(&at, taken);
     WriteFile(TestHome() + "/config/firewall.cfg",
               "[MsgChannel]\nOut Ports=" + std::to_string(NetGetIpPort(&at)) + "\n");
-    ObjHolder<ListS> addresses(ListNew(NetAddressMagic));
-    ObjHolder<NetAddressS> target(ObjNew<NetAddressS>(NetAddressMagic, "n32;"));
-    NetInitializeIpAddress(&target.Get()->tAddress, "127.0.0.1", 0, AF_INET);
-    ListPushLastItem(addresses.Get(), target.Address());
+    NetInitializeIpAddress(&at, "127.0.0.1", 0, AF_INET);
+    ListPushLastItem(addresses.Get(), &target);
     ObjHolder<MsgAddressS> opener;
     MsgCreateAddress(opener.Address(), "elsewhere", 12);
     g_called = "";
