@@ -1,173 +1,326 @@
+// The maps of plain entries and of objects: what they have in common, against one model, and what
+// each has of its own.
+#include <cerrno>
+#include <map>
 #include <string>
 
+#include "core/list.h"
 #include "core/map.h"
-#include "support/mapmodel.h"
+#include "core/objmap.h"
+#include "core/path.h"
+#include "support/faults.h"
+#include "support/files.h"
 #include "support/objects.h"
-#include "support/support.h"
 
 namespace {
 
-struct Entry {
-    int32 key;
-    int32 value;
-};
-Entries gReleased;  // entries that the release callback was given
+using Pair = std::pair<int32, int32>;  // key and value
+using Pairs = std::vector<Pair>;
 
-int32 FindKey(void* key, void* entry) {
-    return *static_cast<int32*>(key) - static_cast<Entry*>(entry)->key;
-}
-int32 LocateEntry(void* a, void* b) {
-    return static_cast<Entry*>(a)->key - static_cast<Entry*>(b)->key;
-}
-void ReleaseEntry(void* entry) {
-    const auto* e = static_cast<Entry*>(entry);
-    gReleased.emplace_back(e->key, e->value);
-}
-BooleanT Collect(void* entry, void* entries) {
-    const auto* e = static_cast<Entry*>(entry);
-    static_cast<Entries*>(entries)->emplace_back(e->key, e->value);
-    return TRUE;
-}
-
-class Map : public ObjectTest {
- public:
-    MapO Make(int32 growSize) {
-        EXPECT_EQ(
-            MapCreate(m_map.Address(), sizeof(Entry), growSize, LocateEntry, FindKey, ReleaseEntry),
-            TRUE);
-        return m_map.Get();
+struct Plain {
+    using Handle = MapO;
+    static Pair Of(void* entry) { return *static_cast<Pair*>(entry); }
+    static BooleanT With(BooleanT (*operation)(MapO, void*), MapO map, Pair pair) {
+        return operation(map, &pair);
     }
-    BooleanT Insert(int32 key, int32 value) { return With(MapInsertEntry, key, value); }
-    BooleanT Update(int32 key, int32 value) { return With(MapUpdateEntry, key, value); }
-    BooleanT Remove(int32 key) { return With(MapRemoveEntry, key, 0); }
-    BooleanT Delete(int32 key) { return MapDeleteEntry(m_map.Get(), &key); }
-    void Find(int32 key, const int32* value) {
+    static void ExpectFound(MapO map, int32 key, const Pair* expected) {
         void* found = nullptr;
-        Entry copy = {0, -1};
-        const BooleanT present = BooleanFrom(value != nullptr);
-        ASSERT_EQ(MapFindEntry(&found, m_map.Get(), &key), present);
-        ASSERT_EQ(MapFindEntry(nullptr, m_map.Get(), &key), present);
-        ASSERT_EQ(MapFindAndCopyEntry(&copy, m_map.Get(), &key), present);
-        ASSERT_EQ(copy.value, value != nullptr ? *value : -1);
-        ASSERT_EQ(found != nullptr, value != nullptr);
+        Pair copy;
+        const BooleanT present = BooleanFrom(expected != nullptr);
+        ASSERT_EQ(MapFindEntry(&found, map, &key), present);
+        ASSERT_EQ(MapFindEntry(nullptr, map, &key), present);
+        ASSERT_EQ(MapFindAndCopyEntry(&copy, map, &key), present);
+        ASSERT_EQ(found != nullptr, expected != nullptr);
+        ASSERT_EQ(copy, expected == nullptr ? Pair() : *expected);
     }
-    BooleanT ReleaseAll() { return MapReleaseEntries(m_map.Get()); }
-    void ReleaseMap() { EXPECT_EQ(ObjRelease(m_map.Address()), TRUE); }
-    Entries Contents() {
-        Entries entries;
-        EXPECT_EQ(MapWalk(m_map.Get(), Collect, &entries), TRUE);
-        EXPECT_EQ(MapSize(m_map.Get()), static_cast<int32>(entries.size()));
-        return entries;
-    }
-    static Entries Released() { return std::exchange(gReleased, {}); }
+    static constexpr auto Create = [](MapO* map, auto... rest) {
+        return MapCreate(map, sizeof(Pair), rest...);
+    };
+    static constexpr auto Insert = MapInsertEntry, Update = MapUpdateEntry, Remove = MapRemoveEntry,
+                          Delete = MapDeleteEntry;
+    static constexpr auto Size = MapSize;
+    static constexpr auto Walk = MapWalk;
+    static constexpr auto Search = MapSearch;
+    static constexpr auto ReleaseAll = MapReleaseEntries;
+    static constexpr char Module[] = "MAP", Duplicate[] = "Entry is already in map";
+};
 
+struct Objects {
+    using Handle = ObjMapO;
+    // The key is in the upper half of an integer object.
+    static Pair Of(void* entry) { return {Value(entry) >> 16, Value(entry) & 0xffff}; }
+    static BooleanT With(BooleanT (*operation)(ObjMapO, void*), ObjMapO map, Pair pair) {
+        const ObjHolder<ObjIntegerS> entry(ObjIntegerNew(pair.first * 0x10000 + pair.second));
+        return operation(map, entry.Get());
+    }
+    static void ExpectFound(ObjMapO map, int32 key, const Pair* expected) {
+        ObjHolder<void> found;
+        ASSERT_EQ(ObjMapFind(nullptr, map, &key), BooleanFrom(expected != nullptr));
+        ASSERT_EQ(ObjMapFind(found.Address(), map, &key), BooleanFrom(expected != nullptr));
+        ASSERT_TRUE(expected == nullptr || Of(found.Get()) == *expected);
+    }
+    static constexpr auto Create = [](ObjMapO* map, auto... rest) {
+        return ObjMapCreateInternal(map, ObjIntegerMagic, rest...);
+    };
+    static constexpr auto Insert = ObjMapInsert, Update = ObjMapUpdate, Remove = ObjMapRemove,
+                          Delete = ObjMapDelete;
+    static constexpr auto Size = ObjMapSize;
+    static constexpr auto Walk = ObjMapWalk;
+    static constexpr auto ReleaseAll = ObjMapReleaseEntries;
+    static BooleanT Search(void** result, ObjMapO map, ObjMapCallbackFnT callback, void* argument) {
+        ObjHolder<void> found;
+        const BooleanT done = ObjMapSearch(found.Address(), map, callback, argument);
+        *result = found.Get();
+        return done;
+    }
+    static constexpr char Module[] = "OBJMAP", Duplicate[] = "Object is already in map";
+};
+
+template <class Kind>
+class Maps : public ObjectTest {
  protected:
+    using Handle = typename Kind::Handle;
+    static int32 Locate(void* a, void* b) { return Kind::Of(a).first - Kind::Of(b).first; }
+    static int32 FindKey(void* key, void* entry) {
+        return *static_cast<int32*>(key) - Kind::Of(entry).first;
+    }
+    static BooleanT Collect(void* entry, void* pairs) {
+        static_cast<Pairs*>(pairs)->push_back(Kind::Of(entry));
+        return TRUE;
+    }
+    static void Release(void* entry) { Collect(entry, &s_released); }
+
+    Handle Make(int32 growSize, int32 (*find)(void*, void*) = FindKey) {
+        EXPECT_EQ(Kind::Create(&m_map, growSize, Locate, find, Release), TRUE);
+        return m_map;
+    }
+    BooleanT Insert(int32 key, int32 value = 0) {
+        return Kind::With(Kind::Insert, m_map, {key, value});
+    }
     void TearDown() override {
-        if (m_map.Get() != nullptr) ReleaseMap();
-        Released();
+        s_released.clear();
+        if (m_map != nullptr) ObjRelease(&m_map);
         ObjectTest::TearDown();
     }
-    ObjHolder<MapS> m_map;
-
- private:
-    BooleanT With(BooleanT (*function)(MapO, void*), int32 key, int32 value) {
-        Entry entry = {key, value};
-        return function(m_map.Get(), &entry);
-    }
+    Handle m_map = nullptr;
+    inline static Pairs s_released;  // what the release callback was given
 };
+using Kinds = testing::Types<Plain, Objects>;
+TYPED_TEST_SUITE(Maps, Kinds);
+using MapTest = Maps<Plain>;
+using ObjMapTest = Maps<Objects>;
 
-}  // namespace
+// Random operations: small room and few keys, so that every case comes up.
+TYPED_TEST(Maps, AgreesWithModel) {
+    using Kind = TypeParam;
+    std::mt19937 engine(7);
+    std::map<int32, int32> model;
+    auto map = this->Make(3);
+    for (int32 step = 0; step < 20000; step++) {
+        SCOPED_TRACE(step);
+        int32 key = static_cast<int32>(engine() % 40) - 20;
+        const auto found = model.find(key);
+        const Pair pair = found == model.end() ? Pair() : Pair(*found);
+        const BooleanT present = BooleanFrom(found != model.end());
+        Pairs released;
+        const auto erase = [&] {
+            if (present == TRUE) released.push_back(pair);
+            model.erase(key);
+            return present;
+        };
+        switch (engine() % 6) {
+            case 0:
+                ASSERT_EQ(this->Insert(key, step), BooleanFrom(present != TRUE));
+                model.emplace(key, step);
+                break;
+            case 1:
+                erase();
+                model[key] = step;
+                ASSERT_EQ(Kind::With(Kind::Update, map, {key, step}), TRUE);
+                break;
+            case 2:
+                ASSERT_EQ(Kind::With(Kind::Remove, map, {key, 0}), erase());
+                break;
+            case 3:
+                ASSERT_EQ(Kind::Delete(map, &key), erase());
+                break;
+            case 4:
+                ASSERT_NO_FATAL_FAILURE(
+                    Kind::ExpectFound(map, key, present == TRUE ? &pair : nullptr));
+                break;
+            default:
+                if (engine() % 200 != 0 || step > 19000) break;
+                released.assign(model.begin(), model.end());
+                model.clear();
+                ASSERT_EQ(Kind::ReleaseAll(map), TRUE);
+        }
+        Pairs contents;
+        ASSERT_EQ(Kind::Walk(map, this->Collect, &contents), TRUE);
+        ASSERT_EQ(contents, Pairs(model.begin(), model.end()));
+        ASSERT_EQ(Kind::Size(map), static_cast<int32>(model.size()));
+        ASSERT_EQ(std::exchange(this->s_released, {}), released);
+    }
+    // What is left goes with the map, each entry through the callback while it is whole.
+    ASSERT_FALSE(model.empty());
+    ObjRelease(&this->m_map);
+    EXPECT_EQ(this->s_released, Pairs(model.begin(), model.end()));
+}
 
-TEST_F(Map, CreateChecksItsArguments) {
-    MapO map = nullptr;
-    EXPECT_EQ(MapCreate(nullptr, 8, 4, LocateEntry, FindKey, nullptr), FALSE);
-    EXPECT_EQ(MapCreate(&map, 0, 4, LocateEntry, FindKey, nullptr), FALSE);
-    EXPECT_EQ(MapCreate(&map, 8, -1, LocateEntry, FindKey, nullptr), FALSE);
-    EXPECT_EQ(MapCreate(&map, 8, 4, nullptr, FindKey, nullptr), FALSE);
-    EXPECT_EQ(MapCreate(&map, 1 << 20, 1 << 20, LocateEntry, FindKey, nullptr), FALSE);
-    EXPECT_EQ(map, nullptr);
+TYPED_TEST(Maps, RoomGrowsByTheGrowSize) {
+    // From 0 a standard size.
+    for (const auto& [growSize, rooms] :
+         {std::pair{2, std::vector<int32>{2, 2, 4, 4, 6}}, {0, std::vector<int32>(64, 64)}}) {
+        auto map = this->Make(growSize);
+        for (const int32 room : rooms) {
+            EXPECT_EQ(this->Insert(-map->lEntryCount), TRUE);
+            EXPECT_EQ(map->lMaximumEntries, room);
+        }
+        EXPECT_EQ(TypeParam::ReleaseAll(map), TRUE);
+        EXPECT_EQ(map->lMaximumEntries, rooms.back());
+        for (int32 key = 0; key <= rooms.back(); key++) this->Insert(key);
+        EXPECT_EQ(map->lMaximumEntries, growSize == 0 ? 128 : 8);
+        TraceCapture trace;
+        EXPECT_EQ(this->Insert(1, 11), FALSE);
+        EXPECT_EQ(trace.Text(TypeParam::Module, 5), TypeParam::Duplicate);
+        EXPECT_EQ(TypeParam::With(TypeParam::Update, map, {1, 12}), TRUE);
+        EXPECT_EQ(trace.Count(TypeParam::Module, 5), 1);  // updating is silent
+        ObjRelease(&this->m_map);
+    }
+}
 
+BooleanT Reject(void* /*entry*/, void* count) {
+    --*static_cast<int32*>(count);
+    return FALSE;
+}
+
+TYPED_TEST(Maps, WalkAndSearchStop) {
+    using Kind = TypeParam;
+    auto map = this->Make(4, nullptr);  // entries are the keys
+    void* found = nullptr;
+    int32 count = 10;
+    EXPECT_EQ(Kind::Walk(map, Reject, &count), TRUE);
+    EXPECT_EQ(Kind::Search(&found, map, Reject, &count), FALSE);
+    EXPECT_EQ(count, 10);
+    for (int32 key : {3, 1, 2}) this->Insert(key, key * 10);
+    EXPECT_EQ(Kind::Walk(map, Reject, &count), FALSE);
+    EXPECT_EQ(count, 9);
+    EXPECT_EQ(Kind::Search(&found, map, Reject, &count), FALSE);
+    EXPECT_EQ(count, 6);
+    const auto wanted = [](void* entry, void*) { return BooleanT{Kind::Of(entry).first >= 2}; };
+    EXPECT_EQ(Kind::Search(&found, map, wanted, nullptr), TRUE);
+    EXPECT_EQ(Kind::Of(found), Pair(2, 20));
+    EXPECT_EQ(Kind::With(Kind::Delete, map, {2, 0}), TRUE);
+    EXPECT_EQ(Kind::Search(&found, map, wanted, nullptr), TRUE);
+    EXPECT_EQ(Kind::Of(found), Pair(3, 30));
+}
+
+TEST_F(MapTest, RefusesWrongArguments) {
+    EXPECT_EQ(MapCreate(nullptr, 8, 4, Locate, FindKey, nullptr), FALSE);
+    for (const auto& [size, grow, locate] : {std::tuple{0, 4, &Locate},
+                                             {8, -1, &Locate},
+                                             {8, 4, nullptr},
+                                             {1 << 20, 1 << 20, &Locate}})
+        EXPECT_EQ(MapCreate(&m_map, size, grow, locate, FindKey, nullptr), FALSE);
+    EXPECT_EQ(m_map, nullptr);
     TraceCapture trace;
     Make(3);
     EXPECT_NE(trace.Text("MAP", 3).find(", 8, 3, "), std::string::npos);
-}
 
-TEST_F(Map, RoomGrowsByTheGrowSize) {
-    MapO map = Make(2);
-    std::vector<int32> room;
-    for (int32 key = 5; key > 0; --key) {
-        EXPECT_EQ(Insert(key, -key), TRUE);
-        room.push_back(map->lMaximumEntries);
-    }
-    EXPECT_EQ(room, (std::vector<int32>{2, 2, 4, 4, 6}));
-    EXPECT_EQ(ReleaseAll(), TRUE);
-    EXPECT_EQ(map->lMaximumEntries, 6);
-
-    ObjHolder<MapS> standard;  // the function that gives the order also finds
-    ASSERT_EQ(MapCreate(standard.Address(), sizeof(Entry), 0, LocateEntry, nullptr, nullptr), TRUE);
-    for (Entry entry = {0, 0}; entry.key < 65; ++entry.key) {
-        EXPECT_EQ(standard.Get()->lMaximumEntries, 64);
-        EXPECT_EQ(MapInsertEntry(standard.Get(), &entry), TRUE);
-        EXPECT_EQ(MapFindEntry(nullptr, standard.Get(), &entry), TRUE);
-    }
-    EXPECT_EQ(standard.Get()->lMaximumEntries, 128);
-}
-
-TEST_F(Map, DuplicatesAndUpdates) {
-    Make(4);
-    Insert(1, 10);
-    TraceCapture trace;
-    EXPECT_EQ(Insert(1, 11), FALSE);
-    EXPECT_EQ(trace.Text("MAP", 5), "Entry is already in map");
-    EXPECT_EQ(Update(1, 12), TRUE);
-    EXPECT_EQ(trace.Count("MAP", 4), 1);  // updating is silent
-}
-
-TEST_F(Map, WalkAndSearchStop) {
-    MapO map = Make(4);
-    void* found = nullptr;
-    const auto reject = [](void*, void* calls) {
-        ++*static_cast<int*>(calls);
-        return FALSE;
-    };
-    int calls = 0;
-    EXPECT_EQ(MapWalk(map, reject, &calls), TRUE);
-    EXPECT_EQ(MapSearch(&found, map, reject, &calls), FALSE);
-    EXPECT_EQ(calls, 0);
-
-    for (int32 key : {3, 1, 2}) Insert(key, key * 10);
-    EXPECT_EQ(MapWalk(map, reject, &calls), FALSE);
-    EXPECT_EQ(calls, 1);
-    EXPECT_EQ(MapSearch(&found, map, reject, &calls), FALSE);
-    EXPECT_EQ(calls, 4);
-    const auto wanted = [](void* entry, void* key) {
-        return BooleanFrom(static_cast<Entry*>(entry)->key >= *static_cast<int32*>(key));
-    };
-    int32 key = 2;
-    EXPECT_EQ(MapSearch(&found, map, wanted, &key), TRUE);
-    EXPECT_EQ(static_cast<Entry*>(found)->value, 20);
-    const auto two = [](void*, void*) -> BooleanT { return 2; };
-    EXPECT_EQ(MapWalk(map, two, nullptr), 2);
-}
-
-TEST_F(Map, RefusesWhatIsNoMap) {
+    Insert(1);
+    EXPECT_EQ(MapWalk(
+                  m_map, [](void*, void*) -> BooleanT { return 2; }, nullptr),
+              2);
     ObjHolder<ObjIntegerS> integer(ObjIntegerNew(5));
-    Entry entry = {1, 1};
-    Entry copy = {7, 7};
+    Pair entry;
     void* found = nullptr;
     for (MapO wrong : {MapO{nullptr}, reinterpret_cast<MapO>(integer.Get())}) {
-        for (const auto function : {MapInsertEntry, MapUpdateEntry, MapRemoveEntry, MapDeleteEntry})
-            EXPECT_EQ(function(wrong, &entry), FALSE);
-        EXPECT_EQ(MapFindEntry(&found, wrong, &entry), FALSE);
-        EXPECT_EQ(MapFindAndCopyEntry(&copy, wrong, &entry), FALSE);
-        EXPECT_EQ(MapWalk(wrong, Collect, nullptr), FALSE);
-        EXPECT_EQ(MapSearch(&found, wrong, Collect, nullptr), FALSE);
-        EXPECT_EQ(MapReleaseEntries(wrong), FALSE);
-        EXPECT_EQ(MapSize(wrong), -1);
+        for (const BooleanT result :
+             {MapInsertEntry(wrong, &entry), MapUpdateEntry(wrong, &entry),
+              MapRemoveEntry(wrong, &entry), MapDeleteEntry(wrong, &entry),
+              MapFindEntry(&found, wrong, &entry), MapFindAndCopyEntry(&entry, wrong, &entry),
+              MapWalk(wrong, Collect, nullptr), MapSearch(&found, wrong, Collect, nullptr),
+              MapReleaseEntries(wrong), MapSize(wrong) + 1})
+            EXPECT_EQ(result, FALSE);
     }
 }
 
-TEST_F(Map, AgreesWithModel) {
-    Make(3);
-    ExpectLikeModel(*this, 7);
+TEST_F(ObjMapTest, SurvivesAFailedGrowth) {
+    ObjMapO map = Make(1);
+    Insert(1);
+    // In a process of its own: blocks that the system refused are counted all the same.
+    const RunResult refused = InChild([&] {
+        const ObjHolder<ObjIntegerS> entry(ObjIntegerNew(5));
+        const IgnoreCrash ignore;
+        TraceCapture trace;
+        FaultArm({.call = Call::Malloc, .error = ENOMEM, .times = FaultForEver});
+        const BooleanT inserted = ObjMapInsert(map, entry.Get());
+        FaultDisarm();
+        EXPECT_EQ(std::tuple(inserted, Holders(entry.Get()), map->lMaximumEntries),
+                  std::tuple(FALSE, 1, 1));
+        EXPECT_TRUE(trace.Text("OBJMAP", 6).starts_with("ObjMapIsert: failed MemAllocate of "));
+        EXPECT_EQ(trace.Level("OBJMAP", 6), -1);
+        EXPECT_EQ(ObjMapInsert(map, entry.Get()), TRUE);
+        return static_cast<int>(testing::Test::HasFailure());
+    });
+    EXPECT_EQ(refused.exitCode, 0) << refused.output;
 }
+
+TEST_F(ObjMapTest, HandsOutHoldersAndTakesEntriesOfItsClass) {
+    ObjMapO map = Make(2, nullptr);  // objects are the keys
+    for (int32 key : {3, 1, 2}) Insert(key);
+    Pairs backwards;
+    EXPECT_EQ(ObjMapWalkBackwards(map, Collect, &backwards), TRUE);
+    EXPECT_EQ(backwards, (Pairs{{3, 0}, {2, 0}, {1, 0}}));
+    // What is not 0 goes on; the last result tells the rest.
+    const auto countdown = [](void*, void* count) { return --*static_cast<BooleanT*>(count); };
+    BooleanT count = 10;
+    EXPECT_EQ(ObjMapWalk(map, countdown, &count), 7);
+    EXPECT_EQ(ObjMapWalkBackwards(map, countdown, &(count = 2)), FALSE);
+    EXPECT_EQ(count, 0);
+    const auto wanted = [](void* entry, void*) {
+        return BooleanT{Objects::Of(entry).first >= 2 ? 2 : 0};
+    };
+    ObjHolder<void> found, same;
+    EXPECT_EQ(ObjMapSearch(found.Address(), map, wanted, nullptr), TRUE);
+    EXPECT_EQ(ObjMapFind(same.Address(), map, found.Get()), TRUE);
+    EXPECT_EQ(Holders(same.Get()), 3);
+    // The map is of another class than its entries.
+    for (const auto operation : {ObjMapInsert, ObjMapUpdate, ObjMapRemove}) {
+        EXPECT_EQ(operation(map, map), FALSE);
+        EXPECT_EQ(operation(static_cast<ObjMapO>(found.Get()), same.Get()), FALSE);
+    }
+    // Put in its own place, an entry that only the map holds is not lost on the way.
+    void* only = found.Get();
+    for (ObjHolder<void>* holder : {&found, &same}) ObjRelease(holder->Address());
+    EXPECT_EQ(ObjMapUpdate(map, only), TRUE);
+    EXPECT_EQ(Holders(only), 1);
+    EXPECT_EQ(ObjMapCreateInternal(&map, ObjIntegerMagic, 1 << 30, Locate, nullptr, nullptr),
+              FALSE);
+}
+
+// A copy would hold the same pointers and release them a second time.
+TEST(MapCopies, WhatOwnsByPointerHasNone) {
+    ObjHolder<ObjMapS> objects;
+    ObjMapCreateInternal(objects.Address(), ObjIntegerMagic, 1, CompareValues, nullptr, nullptr);
+    ASSERT_EQ(Objects::With(ObjMapInsert, objects.Get(), {1, 0}), TRUE);
+    ObjHolder<MapS> map;
+    ASSERT_EQ(MapCreate(map.Address(), 4, 1, CompareValues, nullptr, nullptr), TRUE);
+    Dir directory;
+    ObjHolder<PathLockS> lock;
+    ASSERT_EQ(PathLock(lock.Address(), directory.Path().c_str(), FileLockShared), ePROK);
+    const ObjHolder<ListS> list(ListNew());
+    ListAddLastItem(list.Get(), objects.Get());
+    for (void* source :
+         std::initializer_list<void*>{objects.Get(), map.Get(), lock.Get(), list.Get()}) {
+        const NothingLeft nothing;
+        void* copy = nullptr;
+        TraceCapture trace;
+        EXPECT_EQ(ObjDuplicateInternal(&copy, source, TRUE), FALSE);
+        EXPECT_EQ(ObjDuplicate(&copy, source), FALSE);
+        EXPECT_EQ(trace.Count("OBJECT", 185) + trace.Count("OBJECT", 184), 2);
+        EXPECT_EQ(copy, nullptr);
+    }
+    PathUnLock(lock.Address());
+}
+
+}  // namespace
