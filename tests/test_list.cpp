@@ -219,28 +219,26 @@ BooleanT IsOdd(void* /*pCookie*/, void* oItem) { return Value(oItem) % 2 == 0 ? 
 TEST_F(ListTest, WalksAndSearchesInBothDirections) {
     ObjHolder<ListS> oList(ListNew());
     const Items items = PushNumbers(oList.Get(), {0, 1, 2, 3, 4, 5});
-    const Items reversed(items.rbegin(), items.rend());
-    Visits part = {.stopAfter = 2};
-    EXPECT_EQ(ListWalkBackwards(oList.Get(), Visit, &part), 7);
-    EXPECT_EQ(part.items, Items(reversed.begin(), reversed.begin() + 2));
-
     ListNodeO oNode = nullptr;
-    EXPECT_EQ(ListSearch(oList.Get(), IsOdd, nullptr, &oNode), TRUE);
-    EXPECT_EQ(oNode->oData, items[1]);
-    EXPECT_EQ(ListSearchBackwards(oList.Get(), IsOdd, nullptr, &oNode), TRUE);
-    EXPECT_EQ(oNode->oData, items[5]);
     EXPECT_EQ(ListFindNode(&oNode, oList.Get(), items[3]), TRUE);
     EXPECT_EQ(oNode->oData, items[3]);
-
-    ObjHolder<ListS> oCopy;
-    ASSERT_EQ(ListDuplicate(oCopy.Address(), oList.Get()), TRUE);
-    Visits forwards = {.remove = true}, backwards = forwards;
-    EXPECT_EQ(ListWalk(oCopy.Get(), Visit, &forwards), TRUE);
-    EXPECT_EQ(ListWalk(oCopy.Get(), Visit, &forwards), TRUE);  // now empty
-    EXPECT_EQ(forwards.items, items);
-    EXPECT_EQ(ListWalkBackwards(oList.Get(), Visit, &backwards), TRUE);
-    EXPECT_EQ(backwards.items, reversed);
-    ExpectList(oCopy.Get(), {});
+    for (const bool backwards : {false, true}) {
+        const auto fnWalk = backwards ? ListWalkBackwards : ListWalk;
+        const auto fnSearch = backwards ? ListSearchBackwards : ListSearch;
+        Items expected = items;
+        if (backwards) std::ranges::reverse(expected);
+        ObjHolder<ListS> oCopy;
+        ASSERT_EQ(ListDuplicate(oCopy.Address(), oList.Get()), TRUE);
+        Visits all = {.remove = true}, part = {.stopAfter = 2};
+        EXPECT_EQ(fnWalk(oCopy.Get(), Visit, &part), 7);
+        EXPECT_EQ(part.items, Items(expected.begin(), expected.begin() + 2));
+        for (int times = 0; times < 2; times++)  // then empty
+            EXPECT_EQ(fnWalk(oCopy.Get(), Visit, &all), TRUE);
+        EXPECT_EQ(all.items, expected);
+        ExpectList(oCopy.Get(), {});
+        EXPECT_EQ(fnSearch(oList.Get(), IsOdd, nullptr, &oNode), TRUE);
+        EXPECT_EQ(oNode->oData, backwards ? items[5] : items[1]);
+    }
 }
 
 int32 Undecided(void* /*oA*/, void* /*oB*/) { return 2; }
@@ -267,8 +265,8 @@ TEST_F(ListTest, SortPassesTheCookieAndKeepsAllItemsWhenTheComparisonFails) {
 TEST_F(ListTest, HoldsOneObjectPerClass) {
     ObjHolder<ListS> oList(ListNew());
     ObjStringO oString = ObjStringNew("a");
+    void* oText = oString;
     ListPushLastItem(oList.Get(), &oString);
-    void* oText = oList.Get()->oFirst->oData;
     // The list has the only holder of the object that is put in its own place.
     ASSERT_EQ(ListAddObject(oList.Get(), oText), TRUE);
     ASSERT_EQ(ListSetNthItem(oText, oList.Get(), 1), TRUE);
@@ -277,17 +275,15 @@ TEST_F(ListTest, HoldsOneObjectPerClass) {
 
     ObjHolder<ObjBooleanS> oBoolean(ObjBooleanNew(TRUE));
     ASSERT_EQ(ListAddObject(oList.Get(), oBoolean.Get()), TRUE);
-    void* oOther = ObjStringNew("b");
-    void* oPushed = oOther;
+    void* oPushed = oText = ObjStringNew("b");
     ASSERT_EQ(ListPushObjectInternal(oList.Get(), &oPushed), TRUE);
-    ExpectList(oList.Get(), {oBoolean.Get(), oOther});
+    ExpectList(oList.Get(), {oBoolean.Get(), oText});
 
     ObjHolder<void> oFound, oPopped;
     EXPECT_EQ(ListFindObjectInternal(oFound.Address(), oList.Get(), ObjStringMagic), TRUE);
     EXPECT_EQ(ListFindObjectInternal(nullptr, oList.Get(), -1), FALSE);
     EXPECT_EQ(ListPopObjectInternal(oPopped.Address(), oList.Get(), ObjStringMagic), TRUE);
-    EXPECT_EQ(oFound.Get(), oOther);
-    EXPECT_EQ(oPopped.Get(), oOther);
+    EXPECT_EQ(std::pair(oFound.Get(), oPopped.Get()), std::pair(oText, oText));
     EXPECT_EQ(ListRemoveObjectInternal(oList.Get(), ObjBooleanMagic), TRUE);
     ExpectList(oList.Get(), {});
 }
@@ -295,8 +291,8 @@ TEST_F(ListTest, HoldsOneObjectPerClass) {
 TEST_F(ListTest, ExtensionListKeepsTheLastObjectOfAClass) {
     ObjHolder<void> oExtension, oFound;
     ObjHolder<ObjIntegerS> oFirst(ObjIntegerNew(1)), oSecond(ObjIntegerNew(2));
-    ASSERT_EQ(ListSetExtensionItem(oExtension.Address(), oFirst.Get()), TRUE);
-    ASSERT_EQ(ListSetExtensionItem(oExtension.Address(), oSecond.Get()), TRUE);
+    for (const auto* oItem : {&oFirst, &oSecond})
+        ASSERT_EQ(ListSetExtensionItem(oExtension.Address(), oItem->Get()), TRUE);
     auto* oList = static_cast<ListO>(oExtension.Get());
     ExpectList(oList, {oSecond.Get()});
     EXPECT_EQ(ListGetExtensionItem(oFound.Address(), oList, ObjIntegerMagic), TRUE);
@@ -343,44 +339,35 @@ TEST_F(ListTest, RefusesWrongArguments) {
     ObjHolder<ObjIntegerS> oNumber(ObjIntegerNew(1));
     ObjHolder<ObjStringS> oText(ObjStringNew("x"));
     ListAddLastItem(oTyped.Get(), oNumber.Get());
-    ListAddLastItem(oUntyped.Get(), oText.Get());
     ListO oList = oTyped.Get();
     void* oWrong = oText.Get();
     auto* oNoList = static_cast<ListO>(oWrong);
     int32 lCount = 0;
-    const struct {
-        std::function<BooleanT()> call;
-        const char* text;
-    } cases[] = {
+    const std::pair<std::function<BooleanT()>, const char*> cases[] = {
         {[&] { return ListAddFirstItem(oNoList, oWrong); }, "Not a list"},
         {[&] { return ListAddLastItem(oList, oWrong); }, "Invalid Object OBJ_STRING"},
         {[&] { return ListPushFirstItemInternal(oList, &oWrong); },
          "Invalid Object 'OBJ_STRING' not 'OBJ_INTEGER'"},
         {[&] { return ListGetItemCount(oNoList, &lCount) + 1; }, "ListGetItemCount - not a list"},
+        {[] { return ListCleanup(), FALSE; }, "ListCleanup"},  // and no more
     };
-    for (const auto& test : cases) {
-        SCOPED_TRACE(test.text);
-        TraceCapture trace(-1);
-        EXPECT_EQ(test.call(), FALSE);
-        EXPECT_EQ(trace.CountText(test.text), 1);
+    for (const auto& [call, text] : cases) {
+        TraceCapture trace;
+        EXPECT_EQ(call(), FALSE) << text;
+        EXPECT_EQ(trace.CountText(text), 1) << text;
     }
     EXPECT_EQ(oWrong, oText.Get());
-    EXPECT_EQ(ListInsertAfter(oList->oFirst, oWrong), FALSE);
-    EXPECT_EQ(ListNodeReplaceObject(oList->oFirst, oWrong), FALSE);
-    EXPECT_EQ(ListRemoveItem(static_cast<ListNodeO>(oWrong)), FALSE);
-    EXPECT_EQ(ListAddLastItem(oUntyped.Get(), nullptr), FALSE);
-    EXPECT_EQ(ListAddObject(oList, oNumber.Get()), FALSE);
-    {
-        const TraceCapture trace;
-        ListCleanup();  // says that it was called, and no more
-        EXPECT_EQ(trace.CountText("ListCleanup"), 1);
-    }
+    for (const BooleanT bResult :
+         {ListInsertAfter(oList->oFirst, oWrong), ListNodeReplaceObject(oList->oFirst, oWrong),
+          ListRemoveItem(static_cast<ListNodeO>(oWrong)), ListAddLastItem(oUntyped.Get(), nullptr),
+          ListAddObject(oList, oNumber.Get())})
+        EXPECT_EQ(bResult, FALSE);
     TraceCapture quiet(-1);
     for (const int32 lPosition : {0, 2})
         EXPECT_EQ(ListGetNthItem(&oWrong, oList, lPosition), FALSE);
     EXPECT_TRUE(quiet.Records().empty());
     ExpectList(oTyped.Get(), {oNumber.Get()});
-    ExpectList(oUntyped.Get(), {oText.Get()});
+    ExpectList(oUntyped.Get(), {});
 }
 
 }  // namespace
