@@ -52,9 +52,8 @@ TEST_F(StrWrappers, JoinRefusesWhatIsNoList) {
          {StrFromValueList(&text, wrong), StrFromStrList(&text, nullptr),
           StrFromStrListWithDelimiter(&joined, wrong, ","), StrFromIpList(&joined, wrong),
           StrFromAddressList(&joined, wrong), StrInsertInList(wrong, "a"),
-          StrValueListFromString(nullptr, nullptr)}) {
+          StrValueListFromString(nullptr, nullptr)})
         EXPECT_EQ(result, FALSE);
-    }
 }
 
 TEST_F(StrWrappers, ValueListFromString) {
@@ -94,45 +93,37 @@ TEST_F(StrWrappers, InsertKeepsOrder) {
 }
 
 TEST_F(StrDynam, CapacityRules) {
+    for (const auto& [text, size, room] :
+         {std::tuple{"abc", 3, 8}, {"abc", 7, 8}, {static_cast<const char*>(nullptr), 100, 100}}) {
+        ObjHolder<ObjDStringS> sized(ObjDStringNewSized(text, size));
+        EXPECT_EQ(sized.Get()->tBuffer.lSize, room);
+    }
     ObjHolder<ObjDStringS> string(ObjDStringNew("abc"));
     ObjDStringO s = string.Get();
-    const auto capacity = [&] { return s->tBuffer.lSize; };
-    EXPECT_EQ(capacity(), 8);
-    EXPECT_EQ(DStringBytesUsed(s), 4);
-    EXPECT_STREQ(DStringAppendSized(s, "defgXX", 4), "abcdefg");  // fills the buffer
-    EXPECT_EQ(capacity(), 8);
-    EXPECT_STREQ(DStringAppend(s, "h"), "abcdefgh");
-    EXPECT_EQ(capacity(), 18);
-    EXPECT_STREQ(DStringAppendSized(s, "x", 0), "abcdefgh");
-    EXPECT_STREQ(DStringAppend(s, static_cast<char*>(s->tBuffer.pData)), "abcdefghabcdefgh");
-    EXPECT_EQ(capacity(), 18);
-    EXPECT_STREQ(DStringAppend(s, static_cast<char*>(s->tBuffer.pData) + 8),
-                 "abcdefghabcdefghabcdefgh");  // from the old buffer into the new one
-    EXPECT_EQ(capacity(), 50);
-
-    EXPECT_STREQ(DStringSetSized(s, std::string(49, 'q').c_str(), 49),
-                 std::string(49, 'q').c_str());
-    EXPECT_EQ(capacity(), 50);
-    EXPECT_STREQ(DStringSet(s, std::string(50, 'r').c_str()), std::string(50, 'r').c_str());
-    EXPECT_EQ(capacity(), 102);
-    EXPECT_STREQ(DStringSetSized(s, "abc", 2), "ab");
-    EXPECT_EQ(DStringBytesUsed(s), 3);
-    EXPECT_STREQ(DStringSetSized(s, nullptr, 5), "");
-    EXPECT_EQ(DStringBytesUsed(s), 1);
-
-    EXPECT_STREQ(DStringAppendCharNTimes(s, 0x82a0, 2), "\202\240\202\240");
-    EXPECT_STREQ(DStringAppendCharNTimes(s, '-', 100),
-                 ("\202\240\202\240" + std::string(100, '-')).c_str());
-    EXPECT_EQ(capacity(), 210);
-    EXPECT_STREQ(DStringSet(s, "n="), "n=");
-    DStringAppendInteger(s, std::numeric_limits<int32>::min());
-    EXPECT_STREQ(DStringAppendInt64(s, std::numeric_limits<int64>::max()),
-                 "n=-21474836489223372036854775807");
-
-    ObjHolder<ObjDStringS> sized(ObjDStringNewSized(nullptr, 100));
-    EXPECT_EQ(sized.Get()->tBuffer.lSize, 100);
-    ObjHolder<ObjDStringS> small(ObjDStringNewSized("abc", 7));
-    EXPECT_EQ(small.Get()->tBuffer.lSize, 8);
+    const auto expect = [&](const char* result, const std::string& text, int32 capacity) {
+        EXPECT_EQ(result, text);
+        EXPECT_EQ(s->tBuffer.lSize, capacity);
+        EXPECT_EQ(DStringBytesUsed(s), static_cast<int32>(text.size()) + 1);
+    };
+    const auto data = [&] { return static_cast<char*>(s->tBuffer.pData); };
+    expect(data(), "abc", 8);
+    expect(DStringAppendSized(s, "defgXX", 4), "abcdefg", 8);  // fills the buffer
+    expect(DStringAppend(s, "h"), "abcdefgh", 18);
+    expect(DStringAppendSized(s, "x", 0), "abcdefgh", 18);
+    expect(DStringAppend(s, data()), "abcdefghabcdefgh", 18);
+    // From the old buffer into the new one.
+    expect(DStringAppend(s, data() + 8), "abcdefghabcdefghabcdefgh", 50);
+    const std::string fits(49, 'q'), longer(50, 'r'), dashes(100, '-');
+    expect(DStringSetSized(s, fits.c_str(), 49), fits, 50);
+    expect(DStringSet(s, longer.c_str()), longer, 102);
+    expect(DStringSetSized(s, "abc", 2), "ab", 102);
+    expect(DStringSetSized(s, nullptr, 5), "", 102);
+    expect(DStringAppendCharNTimes(s, 0x82a0, 2), "\202\240\202\240", 102);
+    expect(DStringAppendCharNTimes(s, '-', 100), "\202\240\202\240" + dashes, 210);
+    expect(DStringSet(s, "n="), "n=", 210);
+    DStringAppendInteger(s, INT_MIN);
+    expect(DStringAppendInt64(s, std::numeric_limits<int64>::max()),
+           "n=-21474836489223372036854775807", 210);
 }
 
 // Taking characters off the end, beside a model that decodes from the front.
