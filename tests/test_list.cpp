@@ -1,9 +1,4 @@
-#include <algorithm>
-#include <functional>
-#include <random>
-
 #include "core/list.h"
-#include "core/objwrappers.h"
 #include "support/objects.h"
 #include "support/support.h"
 

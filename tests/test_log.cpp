@@ -1,9 +1,6 @@
 // Log images against bytes written by hand, their texts in languages, the ways that a message can
 // take, and the direct-log file after a killed writer.
-#include <gtest/gtest.h>
 #include <sys/socket.h>
-
-#include <filesystem>
 
 #include "core/context.h"
 #include "core/list.h"

@@ -1,8 +1,4 @@
 // Processes of a server that log, the daemon that keeps what they log, and readers that ask it.
-#include <gtest/gtest.h>
-
-#include <csignal>
-
 #include "core/context.h"
 #include "core/log.h"
 #include "support/files.h"

@@ -1,8 +1,6 @@
 // The maps of plain entries and of objects: what they have in common, against one model, and what
 // each has of its own.
-#include <cerrno>
 #include <map>
-#include <string>
 
 #include "core/list.h"
 #include "core/map.h"

@@ -1,11 +1,4 @@
 // Templates, instances, holders, copies, comparison, order, tag lists and counters.
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <random>
-#include <string>
-#include <vector>
-
 #include "core/context.h"
 #include "core/list.h"
 #include "core/objserial.h"

@@ -1,17 +1,10 @@
 // Object streams, against bytes written down here.
-#include <unistd.h>
-
-#include <random>
-#include <string>
-#include <vector>
-
 #include "core/list.h"
 #include "core/objserial.h"
 #include "core/tree.h"
 #include "support/archivebytes.h"
 #include "support/files.h"
 #include "support/objects.h"
-#include "support/support.h"
 
 using bytes::Integer, bytes::List, bytes::Long, bytes::Object, bytes::String;
 using bytes::SharedAgain, bytes::SharedFirst;

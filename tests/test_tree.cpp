@@ -1,10 +1,6 @@
-#include <algorithm>
-#include <functional>
 #include <list>
 #include <map>
-#include <random>
 
-#include "core/objwrappers.h"
 #include "core/tree.h"
 #include "support/objects.h"
 #include "support/support.h"
