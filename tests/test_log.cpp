@@ -141,9 +141,9 @@ TEST_F(LogTest, BytesOfAnImage) {
 
     EXPECT_EQ(Build(300, nullptr, nullptr, "plain"), Image(7, 127, "plain", {}));
     const Text plain = Image(7, 80, "plain", {});
-    EXPECT_EQ(LogHasSessionId(At(plain)) + LogHasObject(At(plain)) + LogIsOperatorMsg(At(plain)) +
-                  LogGetJobId(At(plain)) + LogGetObject(none.Address(), At(plain)),
-              0);
+    for (const auto fnHas : {LogHasSessionId, LogHasObject, LogIsOperatorMsg, LogGetJobId})
+        EXPECT_EQ(fnHas(At(plain)), 0);
+    EXPECT_EQ(LogGetObject(none.Address(), At(plain)), FALSE);
 }
 
 // What becomes of the values: the arguments of the image, and the text that is shown.
@@ -181,14 +181,13 @@ TEST_F(LogTest, Limits) {
     EXPECT_EQ(Plain(Text(254, 'f').c_str()), Image(7, 1, Text(254, 'f'), {}));
     TraceCapture trace;
     LogSetSendCallback(Callback);
-    for (const Text& format : {Text(), Text(255, 'f')}) {
-        EXPECT_EQ(Plain(format.c_str()), "");
-        const char* refused = format.c_str();
+    const Text tooLong(255, 'f');
+    for (const char* refused : {"", tooLong.c_str(), static_cast<const char*>(nullptr)}) {
+        EXPECT_EQ(Plain(refused), "");
         LogMessage(1, 1, nullptr, refused, 1);
         logdMessageO none = nullptr;
         EXPECT_EQ(LogMessageWithContextObject(&none, 1, 1, nullptr, nullptr, refused, 1), FALSE);
     }
-    LogMessage(1, 1, nullptr, nullptr);
     EXPECT_EQ(trace.CountText("Failed to create log message!"), 3);
     for (const std::size_t length : {254, 255}) {
         const Text name(length, 'n');
@@ -204,8 +203,7 @@ TEST_F(LogTest, Limits) {
         trace.Clear();
         const Text built = Build(1, nullptr, object.Get(), "f");
         const Text stream = bytes::Object(0xc96cec6f, "s;", bytes::String(Text(length, 'o')));
-        EXPECT_EQ(built == Image(7, 1, "f", {}, Byte(2) + stream), total == 65535);
-        EXPECT_EQ(built == Image(7, 1, "f", {}), total == 65536);
+        EXPECT_TRUE(built == Image(7, 1, "f", {}, total == 65535 ? Byte(2) + stream : NoObject));
         EXPECT_EQ(trace.Count("LOGGING", 124), total == 65536);
     }
     const ObjHolder<ObjIntegerS> five(ObjIntegerNew(5));
@@ -219,26 +217,17 @@ TEST_F(LogTest, Limits) {
     EXPECT_EQ(g_called, Image(7, 1, "f", {}));
 }
 
-// Images from outside: nothing behind them is read, whatever they say.
+// Shorter, also when they say so. (What else images from outside may say is a matter of random
+// bytes: fuzz/fuzz_log.cpp.)
 TEST_F(LogTest, DamagedImages) {
     const Text good = Image(7, 1, "%s %d", {"ab", "1"}, Byte(2) + bytes::Integer(5));
     for (std::size_t at = 0; at < good.size(); at++) {
         EXPECT_EQ(LogIsImage(At(good), static_cast<int32>(at)), FALSE) << at;
-        const Text cut = Sized(good.substr(2, at));  // shorter, and says so
+        const Text cut = Sized(good.substr(2, at));
         // The object is the object module's business.
         EXPECT_EQ(LogIsImage(At(cut), static_cast<int32>(cut.size())),
                   BooleanFrom(cut.size() > 31));
-        for (int bit = 0; bit < 8; bit++) {
-            Text flipped = good;
-            flipped[at] = static_cast<char>(flipped[at] ^ 1 << bit);
-            const std::vector<ByteT> exact(flipped.begin(), flipped.end());
-            if (LogIsImage(exact.data(), static_cast<int32>(exact.size())) != TRUE) continue;
-            Owned(LogGetLogString(exact.data(), nullptr));
-            ObjHolder<void> object;
-            LogGetObject(object.Address(), exact.data());
-        }
     }
-    left = Leftovers();  // classes that streams bring are kept for good
     // A message whose data are no image, and classes in another shape.
     ObjHolder<logdMessageS> empty(ObjNew<logdMessageS>(logdMessageMagic, "d;"));
     EXPECT_EQ(LogGetRawImage(empty.Get()), nullptr);

@@ -220,24 +220,20 @@ class GraphMaker {
  private:
     std::size_t Draw(std::size_t below) { return m_random() % below; }
     void* MakeNew(int depth) {
-        switch (Draw(depth > 0 ? 8 : 5)) {
+        switch (Draw(depth > 0 ? 6 : 3)) {
             case 0:
                 return ObjStringNew(Draw(2) == 0 ? nullptr : std::string(Draw(50), 's').c_str());
             case 1:
-                return ObjInt64New(static_cast<int64>(m_random()) << 31);
+                return ObjStanzaNew(NewStanza(Draw(2) == 0 ? nullptr : "c", "t"));
             case 2:
                 return ObjDataFieldNew(std::string(40, 'd').data(), static_cast<int32>(Draw(40)));
-            case 3:
-                return ObjStanzaNew(NewStanza(Draw(2) == 0 ? nullptr : "c", "t"));
-            case 4:
-                return ObjIntegerNew(static_cast<int32>(m_random()));
-            case 5: {
+            case 3: {
                 AllS* o = NewAll();
                 ObjReleaseInternal(&o->oLink);
                 o->oLink = Make(depth - 1);
                 return o;
             }
-            case 6: {
+            case 4: {
                 ListO list = ListNew();
                 for (std::size_t i = Draw(6); i > 0; i--) {
                     void* item = Make(depth - 1);
@@ -276,8 +272,8 @@ TEST(Stream, RandomGraphsComeBackAsTheyWere) {
         ObjHolder<void> direct, streamed;
         ASSERT_EQ(ObjDuplicateInternal(direct.Address(), graph.Get(), TRUE), TRUE);
         ASSERT_EQ(ObjDuplicate(streamed.Address(), graph.Get()), TRUE);
-        for (void* copy : {direct.Get(), streamed.Get()})
-            EXPECT_EQ(ObjCompare(copy, graph.Get()), TRUE);
+        EXPECT_EQ(ObjCompare(direct.Get(), graph.Get()), TRUE);
+        EXPECT_EQ(ObjCompare(streamed.Get(), graph.Get()), TRUE);
         // Cut anywhere, it is refused and leaves nothing.
         const int32 before = ObjCount();
         for (std::size_t cut = 0; cut < bytes.size() && seed < 40; cut += 1 + bytes.size() / 50) {
@@ -297,13 +293,14 @@ struct NewShapeS {
     int32 lAdded;
 };
 constexpr uint32 TranslatedMagic = 0xc9c00010;
+constexpr int32 NewMagic = ObjMagic(TranslatedMagic);
 BooleanT g_translation = eObjTranslateResultModified;
 
 // The old shape had no lAdded.
 BooleanT Translate(void** poObject) {
     if (std::string(ObjGetDescriptor(*poObject)) == "i;o;i;") return eObjTranslateResultUnchanged;
     if (g_translation != eObjTranslateResultModified) return g_translation;
-    auto* fresh = ObjNew<NewShapeS>(ObjMagic(TranslatedMagic), "i;o;i;");
+    auto* fresh = ObjNew<NewShapeS>(NewMagic, "i;o;i;");
     std::memcpy(fresh, *poObject, offsetof(NewShapeS, lAdded));
     fresh->lAdded = 77;
     ObjIncRefCount(fresh->oSelf);
@@ -313,8 +310,7 @@ BooleanT Translate(void** poObject) {
 }
 
 TEST(Translators, ReplaceAnOlderShapeEverywhere) {
-    ASSERT_EQ(ObjSetTranslator<NewShapeS>(ObjMagic(TranslatedMagic), "i;o;i;", nullptr, Translate),
-              TRUE);
+    ASSERT_EQ(ObjSetTranslator<NewShapeS>(NewMagic, "i;o;i;", nullptr, Translate), TRUE);
     const std::string old =
         SharedFirst(1, Object(TranslatedMagic, "i;o;", Long(5) + SharedAgain(1)));
     const Leftovers before;
