@@ -100,19 +100,18 @@ class Lists {
                           BooleanFrom(!model.empty()));
                 if (!model.empty()) model.erase(first ? end : end - 1);
                 break;
-            case 4: {  // also to itself
-                const bool fits = which == 0 || other != 0;
-                const Items addition = m_models[other];
-                ASSERT_EQ(ListAppend(oList, m_lists[other]), BooleanFrom(fits));
-                if (fits) model.insert(model.end(), addition.begin(), addition.end());
-                break;
-            }
+            case 4:    // also to itself
             case 5: {  // also with itself
+                const bool joins = first, fits = joins || which == 0 || other != 0;
                 const Items addition = m_models[other];
-                ListJoin(oList, m_lists[other]);
-                if (which == other) break;
+                if (joins) {
+                    ListJoin(oList, m_lists[other]);
+                } else {
+                    ASSERT_EQ(ListAppend(oList, m_lists[other]), BooleanFrom(fits));
+                }
+                if (!fits || (joins && which == other)) break;
                 model.insert(model.end(), addition.begin(), addition.end());
-                m_models[other].clear();
+                if (joins) m_models[other].clear();
                 break;
             }
             case 6: {
@@ -308,8 +307,7 @@ TEST_F(ListTest, NodesAndCookieComeAndGoWithTheList) {
     ListAddFirstItem(oList, oItem.Get());
     ListInsertAfter(oList->oFirst, oItem.Get());
     EXPECT_EQ(pool.live, 3);
-    EXPECT_EQ(ListSetCookie(oList, oItem.Get()), TRUE);
-    EXPECT_EQ(ListSetCookie(oList, oItem.Get()), TRUE);
+    for (int times = 0; times < 2; times++) EXPECT_EQ(ListSetCookie(oList, oItem.Get()), TRUE);
     EXPECT_EQ(Holders(oItem.Get()), 4);
     ObjRelease(&oList);
     EXPECT_EQ(Holders(oItem.Get()), 1);

@@ -168,14 +168,12 @@ TEST(Holders, TheLastReleaseFreesWhatTheObjectOwns) {
 TEST(Holders, DamageIsSeen) {
     auto* o = ObjNew<LinkS>(LinkMagic, "o;");
     ObjHeaderT* header = reinterpret_cast<ObjHeaderT*>(o) - 1;
-    const struct {
-        int32* damaged;
-        int32 byCheck, byMagic, byRelease;  // messages
-    } cases[] = {{&header->pFooter->lMagic, 28, 146, 71}, {&header->lMagic, 27, 147, 72}};
-    for (const auto& c : cases) {
+    const std::pair<int32*, std::vector<int32>> cases[] = {
+        {&header->pFooter->lMagic, {28, 146, 71}}, {&header->lMagic, {27, 147, 72}}};
+    for (const auto& [damaged, messages] : cases) {
         TraceCapture trace;
         int32 magic = 5;
-        *c.damaged = 0x12345678;
+        *damaged = 0x12345678;
         EXPECT_EQ(ObjHasValidGlobalMagic(o), FALSE);
         EXPECT_EQ(ObjGetMagic(o, &magic), FALSE);
         EXPECT_EQ(magic, 0);
@@ -183,13 +181,12 @@ TEST(Holders, DamageIsSeen) {
         LinkS* kept = o;
         EXPECT_EQ(ObjRelease(&kept), FALSE);
         EXPECT_EQ(kept, o);
-        for (int32 number : {c.byCheck, c.byMagic, c.byRelease})
-            EXPECT_EQ(trace.Count("OBJECT", number), 1) << number;
-        if (c.damaged == &header->lMagic) {
+        for (int32 number : messages) EXPECT_EQ(trace.Count("OBJECT", number), 1) << number;
+        if (damaged == &header->lMagic) {
             EXPECT_EQ(ObjIncRefCount(o), FALSE);
             EXPECT_STREQ(ObjNameFromObject(o), "Invalid Object");
         }
-        *c.damaged = LinkMagic;
+        *damaged = LinkMagic;
     }
     EXPECT_EQ(ObjRelease(&o), TRUE);
 }
