@@ -248,16 +248,12 @@ TEST_F(LogTest, Languages) {
               "8 \"\"\n9 \"50 %\"\n5 \"spaet\"\n10 \"" +
                   Text(300, 'l') + "\"\n");
     WriteFile(directory + "logs1011.ctl", "101100096 \"kein Port\"\n");
-    const std::pair<int32, const char*> german[] = {{7, "a, b und %d"},
-                                                    {5, "a von b"},
-                                                    {6, "nur a"},
-                                                    {99900001, "geteilt"},
-                                                    {8, ""},
-                                                    {9, "50 a"},
-                                                    {10, "a-b"},
-                                                    {101100096, "kein Port"},
-                                                    {101200096, "a-b"},
-                                                    {-5, "a-b"}};
+    const TraceCapture trace(3);
+    // clang-format off
+    const std::pair<int32, const char*> german[] = {
+        {7, "a, b und %d"}, {5, "a von b"}, {6, "nur a"}, {99900001, "geteilt"}, {8, ""},
+        {9, "50 a"}, {10, "a-b"}, {101100096, "kein Port"}, {101200096, "a-b"}, {-5, "a-b"}};
+    // clang-format on
     for (const Text language :
          {"", "Deutsch", "uk english", "Deutsch", "klingon", "..", "Deutsch", "UK English"}) {
         EXPECT_EQ(LogSetLocale(language.empty() ? nullptr : language.c_str()),
