@@ -156,11 +156,10 @@ TEST(Unique, ComparisonsLookAtTheirPart) {
         ObjHolder<ObjUniqueS> oB;
         EXPECT_EQ(ObjUniqueCreate(oB.Address(), &b), TRUE);
         // One more of these holds for each part that is equal.
-        const std::vector<BooleanT> equal = {
-            UniqueBaseEqual(&a, &b), UniqueJobEqual(&a, &b), UniqueInstanceEqual(&a, &b),
-            UniqueSameSessionPhase(&a, &b), ObjUniqueEqual(oA.Get(), oB.Get())};
-        for (int part = 0; part < 5; part++)
-            EXPECT_EQ(equal[static_cast<std::size_t>(part)], BooleanFrom(part < test.equal));
+        const BooleanT equal[] = {UniqueBaseEqual(&a, &b), UniqueJobEqual(&a, &b),
+                                  UniqueInstanceEqual(&a, &b), UniqueSameSessionPhase(&a, &b),
+                                  ObjUniqueEqual(oA.Get(), oB.Get())};
+        for (int part = 0; part < 5; part++) EXPECT_EQ(equal[part], BooleanFrom(part < test.equal));
         EXPECT_EQ(ObjUniqueSameSessionId(oA.Get(), oB.Get()), BooleanFrom(test.equal >= 3));
     }
     UniqueT a = FromHex(first);
