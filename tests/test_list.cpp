@@ -322,6 +322,7 @@ TEST_F(ListTest, LongListNeedsNoStack) {
     ObjHolder<void> oCopy;
     ASSERT_EQ(ObjDuplicateInternal(oCopy.Address(), oList.Get(), TRUE), TRUE);
     EXPECT_EQ(static_cast<ListO>(oCopy.Get())->lItemCount, lLength);
+    EXPECT_EQ(static_cast<ListO>(oCopy.Get())->lItemMagic, ObjIntegerMagic);
     EXPECT_EQ(Holders(oItem.Get()), lLength + 1);
     ObjRelease(oList.Address());
     EXPECT_EQ(Holders(oItem.Get()), 1);

@@ -364,9 +364,10 @@ TEST(Counts, TheMonitorReportsWhenItIsDue) {
     TraceCapture trace;
     ObjMonitor();
     EXPECT_EQ(trace.CountText("     1 OBJ_INT64"), 1);
-    for (int32 number : {91, 92}) EXPECT_EQ(trace.Count("OBJECT", number), 1);
+    EXPECT_TRUE(trace.Has("OBJECT", 91) && trace.Has("OBJECT", 92));
+    trace.Clear();
     ObjMonitor();
-    EXPECT_EQ(trace.Count("OBJECT", 91), 1);
+    EXPECT_TRUE(trace.Records().empty());
     ObjClearMonitor();
     EXPECT_EQ(gtTlContext.sObject.ptBase, nullptr);
 }
