@@ -127,7 +127,8 @@ TEST(Unique, NumbersAreSetOnlyInValidOnes) {
     EXPECT_EQ(UniqueToString(&tValue), kBase + " fffffffb fffffffb fffb 8000");
     UniqueSetSessionPhase(&tValue, 4);
     EXPECT_EQ(UniqueToString(&tValue), kBase + " fffffffb fffffffb 0004 0000");
-    const ObjHolder<ObjUniqueS> oNew(ObjUniqueNewSessionId(-1, 2, 0x10003));
+    ObjHolder<ObjUniqueS> oNew;
+    EXPECT_EQ(ObjUniqueCreateSessionId(oNew.Address(), -1, 2, 0x10003), TRUE);
     EXPECT_STREQ(UniqueToString(ObjGetUnique(oNew.Get())) + 40, " ffffffff 00000002 0003 0000");
 }
 
