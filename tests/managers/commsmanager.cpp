@@ -8,9 +8,8 @@
 //
 //   commsmanager      KRHOME names the home directory; port 0 in its configuration asks for a free
 //                     port, which is written there
+#include <algorithm>
 #include <map>
-#include <set>
-#include <string>
 
 #include "core/trace.h"
 #include "manager.h"
@@ -22,16 +21,14 @@ struct Link {
     ProcRealIdT tRealId;
 };
 std::map<ProcIdT, Link> gtProcesses;
-std::map<ProcRealIdT, int32> gtNameless;                                  // their channels
-std::map<ProcIdT, std::set<std::pair<std::string, ProcIdT>>> gtWatchers;  // of each process here
-
-const char* ThisMachine() { return MsgGetMachineName(MsgLocalAddress()); }
+std::map<ProcRealIdT, int32> gtNameless;  // their channels
+std::map<ProcIdT, WatchersT> gtWatchers;  // of each process here
 
 // Gives the packet to the process that is its next hop.
 BooleanT Deliver(ProcIdT tId, MsgPacketO* poPacket) {
     const auto tFound = gtProcesses.find(tId);
     if (tFound == gtProcesses.end()) return FALSE;
-    const ObjHolder<MsgAddressS> oAddress(AddressOf(nullptr, tFound->second.lChannel));
+    const AddressTo oAddress(nullptr, tFound->second.lChannel);
     ObjHolder<MsgChannelS> oChannel;
     if (MsgGetChannel(oChannel.Address(), oAddress.Get()) != TRUE) return FALSE;
     return MsgChannelDispatch(oChannel.Get(), poPacket);
@@ -39,151 +36,121 @@ BooleanT Deliver(ProcIdT tId, MsgPacketO* poPacket) {
 
 // From this manager; what is for another machine leaves through the network manager.
 void Send(MsgAddressO oDestination, MsgTypeT tMsgType, void* oBody) {
-    MsgPacketO oPacket = nullptr;
-    if (MsgCreatePacket(&oPacket, oDestination, MsgLocalAddress(), tMsgType, oBody) != TRUE) return;
-    Deliver(MsgPacketHeader(oPacket)->tMsgId, &oPacket);
-    if (oPacket != nullptr) ObjRelease(&oPacket);
+    ObjHolder<MsgPacketS> oPacket;
+    if (MsgCreatePacket(oPacket.Address(), oDestination, MsgLocalAddress(), tMsgType, oBody) ==
+        TRUE)
+        Deliver(MsgPacketHeader(oPacket.Get())->tMsgId, oPacket.Address());
 }
 
 // --- processes come and go ---
 
-void Connected(MsgPacketO oPacket) {
-    ObjHolder<MsgIpcConnectS> oBody;
-    if (MsgObjectFromPacket(oBody.Address(), oPacket, MsgIpcConnectMagic) != TRUE) return;
-    const int32 lChannel = MsgPacketHeader(oPacket)->tDestination.tProcessId;
-    const ProcRealIdT tRealId = oBody.Get()->tRealProcessId;
-    if (oBody.Get()->tProcessId == 0)
-        gtNameless[tRealId] = lChannel;
+void Connected(MsgMessageO oMessage, MsgIpcConnectO oBody) {
+    const int32 lChannel = MsgGetChannelId(oMessage->oDestination);
+    if (oBody->tProcessId == 0)
+        gtNameless[oBody->tRealProcessId] = lChannel;
     else
-        gtProcesses[oBody.Get()->tProcessId] = {lChannel, tRealId};
+        gtProcesses[oBody->tProcessId] = {lChannel, oBody->tRealProcessId};
 }
 
 void TellDropped(ProcIdT tId, ProcRealIdT tRealId) {
-    const ObjHolder<MsgIpcConnectS> oBody(ObjNew<MsgIpcConnectS>(MsgIpcConnectMagic, "i;i;i;"));
-    const ObjHolder<MsgAddressS> oManager(AddressOf(ThisMachine(), MsgProcessManagerId));
-    *oBody.Get() = {eMsgProcTypeProcess, tId, tRealId};
-    Send(oManager.Get(), CMGR_DROPPED_CHANNEL_MSG, oBody.Get());
+    const New<MsgIpcConnectS> oBody(MsgIpcConnectMagic, "i;i;i;",
+                                    {eMsgProcTypeProcess, tId, tRealId});
+    Send(AddressTo(MsgProcessManagerId).Get(), CMGR_DROPPED_CHANNEL_MSG, oBody.Get());
 }
 
-void Registered(MsgPacketO oPacket) {
-    ObjHolder<MsgIpcConnectS> oBody;
-    if (MsgPacketHeader(oPacket)->tSource.tProcessId != MsgProcessManagerId ||
-        MsgObjectFromPacket(oBody.Address(), oPacket, MsgIpcConnectMagic) != TRUE)
-        return;
-    const auto tNameless = gtNameless.find(oBody.Get()->tRealProcessId);
-    if (tNameless == gtNameless.end()) {  // it has gone meanwhile
-        TellDropped(oBody.Get()->tProcessId, oBody.Get()->tRealProcessId);
-        return;
-    }
-    gtProcesses[oBody.Get()->tProcessId] = {tNameless->second, tNameless->first};
+void Registered(MsgMessageO oMessage, MsgIpcConnectO oBody) {
+    if (MsgIsFrom(oMessage, MsgProcMgrAddress()) != TRUE) return;
+    const auto tNameless = gtNameless.find(oBody->tRealProcessId);
+    if (tNameless == gtNameless.end())  // it has gone meanwhile
+        return TellDropped(oBody->tProcessId, oBody->tRealProcessId);
+    gtProcesses[oBody->tProcessId] = {tNameless->second, tNameless->first};
     gtNameless.erase(tNameless);
 }
 
 void TellWatchers(ProcIdT tDead) {
-    const auto tWatchers = gtWatchers.find(tDead);
-    if (tWatchers == gtWatchers.end()) return;
-    const ObjHolder<PmgrProcessDiedS> oDied(ObjNew<PmgrProcessDiedS>(PmgrProcessDiedMagic, "o;"));
-    oDied.Get()->oAddress = AddressOf(ThisMachine(), tDead);
-    for (const auto& [machine, tWatcher] : tWatchers->second) {
-        const ObjHolder<MsgAddressS> oWatcher(AddressOf(machine.c_str(), tWatcher));
-        Send(oWatcher.Get(), PMGR_PROCESS_DIED_MSG, oDied.Get());
-    }
-    gtWatchers.erase(tWatchers);
+    const New<PmgrProcessDiedS> oDied(PmgrProcessDiedMagic, "o;", {AddressTo(tDead).Take()});
+    for (const auto& [machine, tWatcher] : gtWatchers[tDead])
+        Send(AddressTo(machine.c_str(), tWatcher).Get(), PMGR_PROCESS_DIED_MSG, oDied.Get());
+    gtWatchers.erase(tDead);
 }
 
-void Disconnected(MsgPacketO oPacket) {
-    const int32 lChannel = MsgPacketHeader(oPacket)->tSource.tProcessId;
-    MsgAddressO oAddress = AddressOf(nullptr, lChannel);
-    MsgChannelClose(&oAddress);
+void Disconnected(MsgMessageO oMessage, void* /*oBody*/) {
+    const int32 lChannel = MsgGetChannelId(oMessage->oSource);
+    AddressTo oAddress(nullptr, lChannel);
+    MsgChannelClose(oAddress.Address());
     std::erase_if(gtNameless, [lChannel](const auto& t) { return t.second == lChannel; });
-    for (const auto& [tId, tLink] : gtProcesses) {
-        if (tLink.lChannel != lChannel) continue;
-        const ProcIdT tDead = tId;
-        const ProcRealIdT tRealId = tLink.tRealId;
-        gtProcesses.erase(tDead);
-        TellWatchers(tDead);
-        TellDropped(tDead, tRealId);
-        return;
-    }
+    const auto tFound = std::ranges::find_if(
+        gtProcesses, [lChannel](const auto& t) { return t.second.lChannel == lChannel; });
+    if (tFound == gtProcesses.end()) return;
+    const auto [tDead, tLink] = *tFound;
+    gtProcesses.erase(tFound);
+    TellWatchers(tDead);
+    TellDropped(tDead, tLink.tRealId);
 }
 
 // --- packets ---
 
 void TellUnreachable(const MsgHeaderT& tHeader) {
     ObjHolder<MsgAddressS> oSender;
-    const ObjHolder<CmgrProcessUnreachableS> oBody(
-        ObjNew<CmgrProcessUnreachableS>(CmgrProcessUnreachableMagic, "o;i;"));
-    if (tHeader.tMsgType == CMGR_PROCESS_UNREACHABLE_MSG ||
-        MsgAddressFromPacketAddress(oSender.Address(), &tHeader.tSource) != TRUE ||
-        MsgAddressFromPacketAddress(&oBody.Get()->oAddress, &tHeader.tDestination) != TRUE)
-        return;
-    oBody.Get()->tMsgType = tHeader.tMsgType;
-    Send(oSender.Get(), CMGR_PROCESS_UNREACHABLE_MSG, oBody.Get());
+    const New<CmgrProcessUnreachableS> oBody(CmgrProcessUnreachableMagic, "o;i;",
+                                             {nullptr, tHeader.tMsgType});
+    if (tHeader.tMsgType != CMGR_PROCESS_UNREACHABLE_MSG &&
+        MsgAddressFromPacketAddress(oSender.Address(), &tHeader.tSource) == TRUE &&
+        MsgAddressFromPacketAddress(&oBody.Get()->oAddress, &tHeader.tDestination) == TRUE)
+        Send(oSender.Get(), CMGR_PROCESS_UNREACHABLE_MSG, oBody.Get());
 }
 
-void Watch(MsgPacketO oPacket) {
-    ObjHolder<PmgrNotifyOnDeathS> oBody;
-    ObjHolder<MsgAddressS> oWatcher;
-    const MsgPacketAddressT tSource = MsgPacketHeader(oPacket)->tSource;
-    if (MsgObjectFromPacket(oBody.Address(), oPacket, PmgrNotifyOnDeathMagic) != TRUE ||
-        MsgAddressFromPacketAddress(oWatcher.Address(), &tSource) != TRUE)
-        return;
-    const ProcIdT tWatched = MsgGetProcessId(oBody.Get()->oAddress);
-    gtWatchers[tWatched].emplace(MsgGetMachineName(oWatcher.Get()),
-                                 MsgGetProcessId(oWatcher.Get()));
+void Watch(MsgMessageO oMessage, PmgrNotifyOnDeathO oBody) {
+    const ProcIdT tWatched = MsgGetProcessId(oBody->oAddress);
+    gtWatchers[tWatched].insert(WatcherOf(oMessage->oSource));
     if (!gtProcesses.contains(tWatched)) TellWatchers(tWatched);
 }
 
 // A notice for everybody on the machine but who brings it.
-void Broadcast(MsgPacketO oPacket) {
-    ObjHolder<CmgrMachineDownS> oBody;
-    if (MsgObjectFromPacket(oBody.Address(), oPacket, CmgrMachineDownMagic) != TRUE) return;
+void Broadcast(MsgMessageO oMessage, void* oBody) {
     const std::map<ProcIdT, Link> tProcesses = gtProcesses;
-    for (const auto& [tId, tLink] : tProcesses) {
-        if (tId == MsgPacketHeader(oPacket)->tSource.tProcessId) continue;
-        const ObjHolder<MsgAddressS> oProcess(AddressOf(ThisMachine(), tId));
-        Send(oProcess.Get(), CMGR_MACHINE_DOWN_MSG, oBody.Get());
-    }
+    for (const auto& [tId, tLink] : tProcesses)
+        if (tId != MsgGetProcessId(oMessage->oSource))
+            Send(AddressTo(tId).Get(), CMGR_MACHINE_DOWN_MSG, oBody);
 }
 
-void ForThisManager(MsgPacketO oPacket) {
-    ObjHolder<MsgMessageS> oMessage;
-    switch (MsgPacketMsgType(oPacket)) {
-        case CMGR_MACHINE_DOWN_MSG:
-            Broadcast(oPacket);
-            break;
-        case PMGR_REGISTER_PROCESS_MSG:
-            Registered(oPacket);
-            break;
-        case MSG_PING_MSG:
-            if (MsgMessageFromPacket(oMessage.Address(), oPacket) == TRUE)
-                Send(oMessage.Get()->oSource, MSG_PONG_MSG, oMessage.Get()->oObject);
-            break;
-        default:
-            break;
-    }
-}
+void Ping(MsgMessageO oMessage, void* oBody) { Send(oMessage->oSource, MSG_PONG_MSG, oBody); }
 
-// FALSE ends the manager.
-bool Handle(MsgPacketO* poPacket) {
+bool gbServe = true;
+void End(MsgMessageO /*oMessage*/, void* /*oBody*/) { gbServe = false; }
+
+constexpr ManagerHandlerT OfLinks[] = {
+    {MSG_IPC_CONNECT_MSG, MsgIpcConnectMagic, With<MsgIpcConnectS, Connected>},
+    {MSG_CHANNEL_DOWN_MSG, 0, Disconnected},
+    {MSG_FATAL_SELECT_ERROR_MSG, 0, End},
+};
+constexpr ManagerHandlerT ForThisManager[] = {
+    {PMGR_KILL_YOURSELF_MSG, 0, End},
+    {CMGR_MACHINE_DOWN_MSG, CmgrMachineDownMagic, Broadcast},
+    {PMGR_REGISTER_PROCESS_MSG, MsgIpcConnectMagic, With<MsgIpcConnectS, Registered>},
+    {MSG_PING_MSG, 0, Ping},
+};
+constexpr ManagerHandlerT ForTheProcessManager[] = {
+    {PMGR_NOTIFY_ON_DEATH_MSG, PmgrNotifyOnDeathMagic, With<PmgrNotifyOnDeathS, Watch>},
+};
+
+void Handle(MsgPacketO* poPacket) {
     const MsgHeaderT tHeader = *MsgPacketHeader(*poPacket);
-    if (tHeader.tMsgType == MSG_IPC_CONNECT_MSG) {
-        Connected(*poPacket);
-    } else if (tHeader.tMsgType == MSG_CHANNEL_DOWN_MSG) {
-        Disconnected(*poPacket);
-    } else if (tHeader.tMsgType == MSG_FATAL_SELECT_ERROR_MSG) {
-        return false;
-    } else if (tHeader.tMsgId == MsgCommunicationsManagerId) {
-        if (tHeader.tMsgType == PMGR_KILL_YOURSELF_MSG) return false;
-        ForThisManager(*poPacket);
-    } else if (tHeader.tMsgId == MsgProcessManagerId &&
-               !gtProcesses.contains(MsgProcessManagerId) &&
-               tHeader.tMsgType == PMGR_NOTIFY_ON_DEATH_MSG) {
-        Watch(*poPacket);
-    } else if (tHeader.tMsgId > 0 && Deliver(tHeader.tMsgId, poPacket) != TRUE) {
+    const auto take = [poPacket](const auto& atHandlers) {
+        ObjHolder<MsgMessageS> oMessage;
+        if (MsgMessageFromPacket(oMessage.Address(), *poPacket) == TRUE &&
+            oMessage.Get()->oSource != nullptr)
+            ManagerHandle(atHandlers, oMessage.Get());
+    };
+    if (std::ranges::any_of(OfLinks, [&](auto& t) { return t.tMsgType == tHeader.tMsgType; }))
+        take(OfLinks);
+    else if (tHeader.tMsgId == MsgCommunicationsManagerId)
+        take(ForThisManager);
+    else if (tHeader.tMsgId == MsgProcessManagerId && !gtProcesses.contains(MsgProcessManagerId) &&
+             tHeader.tMsgType == PMGR_NOTIFY_ON_DEATH_MSG)
+        take(ForTheProcessManager);
+    else if (tHeader.tMsgId > 0 && Deliver(tHeader.tMsgId, poPacket) != TRUE)
         TellUnreachable(tHeader);
-    }
-    return true;
 }
 
 constexpr ManagerPlaceT Place = {{"127.0.0.1", "::1"}, "configure.cfg", "Machine", "Comms TcpPort"};
@@ -194,11 +161,9 @@ int main() {
     if (ManagerStart("commsmanager", MsgCommunicationsManagerId) != TRUE ||
         ManagerTakeCalls<MsgChannelCreateIpc>(Place, MsgGetCommsPort()) != TRUE)
         return 1;
-    for (bool bServe = true; bServe;) {
-        MsgPacketO oPacket = nullptr;
-        if (MsgReceivePacket(&oPacket, nullptr) != TRUE) continue;
-        bServe = Handle(&oPacket);
-        if (oPacket != nullptr) ObjRelease(&oPacket);
+    while (gbServe) {
+        ObjHolder<MsgPacketS> oPacket;
+        if (MsgReceivePacket(oPacket.Address(), nullptr) == TRUE) Handle(oPacket.Address());
     }
     ManagerEnd();
     return 0;

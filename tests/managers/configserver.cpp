@@ -6,9 +6,7 @@
 #include "core/msgwait.h"
 #include "manager.h"
 
-namespace {
-
-MsgWaitResultE Answer(MsgMessageO oMessage, void* /*oCookie*/) {
+static MsgWaitResultE Answer(MsgMessageO oMessage, void* /*oCookie*/) {
     ObjHolder<CfgSvrConfigRequestS> oRequest;
     ObjHolder<CfgSvrConfigReplyS> oReply;
     MsgGetObject(oRequest.Address(), oMessage, CfgSvrConfigRequestMagic);
@@ -17,11 +15,9 @@ MsgWaitResultE Answer(MsgMessageO oMessage, void* /*oCookie*/) {
     return eMsgWaitResultHandled;
 }
 
-}  // namespace
-
 int main(int argc, char** argv) {
-    const char* pstrArgument = argc > 1 ? argv[1] : nullptr;
-    if (ManagerJoin("configserver", MsgConfigurationServerId, pstrArgument) != TRUE ||
+    if (ManagerJoin("configserver", MsgConfigurationServerId, argc > 1 ? argv[1] : nullptr) !=
+            TRUE ||
         MsgWaitAddHandler(CFG_SVR_CONFIG_REQUEST_MSG, Answer, nullptr) != TRUE)
         return 1;
     ManagerReady(MsgConfigurationServerId);

@@ -16,6 +16,7 @@
 
 #include "core/log.h"
 #include "core/memory.h"
+#include "core/msgwait.h"
 #include "core/objwrappers.h"
 #include "core/path.h"
 #include "core/strbase.h"
@@ -29,8 +30,6 @@ using Image = std::string;
 
 std::string gPath;
 std::ofstream gtFile;
-
-const ByteT* Bytes(const Image& image) { return reinterpret_cast<const ByteT*>(image.data()); }
 
 std::string Taken(char* pstrText) {
     const PoolPtr<char> tText(pstrText);
@@ -66,13 +65,13 @@ BooleanT Load() {
     return BooleanFrom(gtFile.good());
 }
 
-void Keep(MsgPacketO oPacket) {
-    ObjHolder<logdMessageS> oMessage;
-    if (MsgObjectFromPacket(oMessage.Address(), oPacket, logdMessageMagic) != TRUE) return;
-    const auto* ptImage = reinterpret_cast<const char*>(LogGetRawImage(oMessage.Get()));
-    if (ptImage == nullptr) return;
-    const int32 lSize = LogGetRecordSize(reinterpret_cast<const ByteT*>(ptImage));
-    gtFile.write(ptImage, lSize).flush();
+MsgWaitResultE Keep(MsgMessageO oMessage, void* /*oCookie*/) {
+    ObjHolder<logdMessageS> oLogged;
+    MsgGetObject(oLogged.Address(), oMessage, logdMessageMagic);
+    const ByteT* ptImage = LogGetRawImage(oLogged.Get());
+    if (ptImage != nullptr)
+        gtFile.write(reinterpret_cast<const char*>(ptImage), LogGetRecordSize(ptImage)).flush();
+    return eMsgWaitResultHandled;
 }
 
 // --- queries ---
@@ -131,60 +130,33 @@ void SendEntry(MsgAddressO oTo, const Image& image) {
     MsgSendObject(oTo, LOGD_LOG_MSG, oEntry.Get());
 }
 
-void Pong(MsgPacketO oPacket) {
-    ObjHolder<MsgMessageS> oMessage;
-    if (MsgMessageFromPacket(oMessage.Address(), oPacket) == TRUE) MsgPong(oMessage.Get());
-}
-
-void Answer(MsgPacketO oPacket) {
+MsgWaitResultE Answer(MsgMessageO oMessage, void* /*oCookie*/) {
     ObjHolder<logdRequestEntriesS> oRequest;
-    ObjHolder<MsgAddressS> oFrom;
-    const MsgPacketAddressT tSource = MsgPacketHeader(oPacket)->tSource;
-    if (MsgAddressFromPacketAddress(oFrom.Address(), &tSource) != TRUE) return;
-    if (MsgObjectFromPacket(oRequest.Address(), oPacket, logdRequestEntriesMagic) == TRUE) {
-        const logdRequestEntriesS& tRequest = *oRequest.Get();
-        const std::vector<Image> entries = Entries();
-        std::vector<const Image*> wanted;
-        for (const Image& image : entries) {
-            if (Wanted(tRequest, Bytes(image))) wanted.push_back(&image);
-        }
-        if (tRequest.bNewFirst == TRUE) std::reverse(wanted.begin(), wanted.end());
-        const auto most = static_cast<std::size_t>(std::max(tRequest.lMaxEntries, 0));
+    if (MsgGetObject(oRequest.Address(), oMessage, logdRequestEntriesMagic) == TRUE) {
+        std::vector<Image> wanted = Entries();
+        std::erase_if(wanted, [&](const Image& image) {
+            return !Wanted(*oRequest.Get(), reinterpret_cast<const ByteT*>(image.data()));
+        });
+        if (oRequest.Get()->bNewFirst == TRUE) std::reverse(wanted.begin(), wanted.end());
+        const auto most = static_cast<std::size_t>(std::max(oRequest.Get()->lMaxEntries, 0));
         if (most != 0 && wanted.size() > most) wanted.resize(most);
-        for (const Image* image : wanted) SendEntry(oFrom.Get(), *image);
+        for (const Image& image : wanted) SendEntry(oMessage->oSource, image);
     }
-    MsgSendObject(oFrom.Get(), LOGD_END_OF_REQUEST_MSG, nullptr);
+    MsgSendObject(oMessage->oSource, LOGD_END_OF_REQUEST_MSG, nullptr);
+    return eMsgWaitResultHandled;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
     const char* pstrArgument = argc > 1 ? argv[1] : nullptr;
-    if (ManagerJoin("logdaemon", MsgLogDaemonId, pstrArgument) != TRUE || Load() != TRUE) return 1;
+    if (ManagerJoin("logdaemon", MsgLogDaemonId, pstrArgument) != TRUE || Load() != TRUE ||
+        MsgWaitAddHandler(LOGD_LOG_MSG, Keep, nullptr) != TRUE ||
+        MsgWaitAddHandler(LOGD_REQUEST_ENTRIES_MSG, Answer, nullptr) != TRUE)
+        return 1;
     LogSetLocale(gbOfTheDay ? nullptr : pstrArgument);
     ManagerReady(0);
-    for (bool bServe = true; bServe;) {
-        ObjHolder<MsgPacketS> oPacket;
-        if (MsgReceivePacket(oPacket.Address(), nullptr) != TRUE) continue;
-        switch (MsgPacketMsgType(oPacket.Get())) {
-            case LOGD_LOG_MSG:
-                Keep(oPacket.Get());
-                break;
-            case LOGD_REQUEST_ENTRIES_MSG:
-                Answer(oPacket.Get());
-                break;
-            case MSG_PING_MSG:
-                Pong(oPacket.Get());
-                break;
-            case PMGR_KILL_YOURSELF_MSG:
-            case MSG_LOST_RECEIVE_QUEUE_MSG:
-            case MSG_LOST_SEND_QUEUE_MSG:
-            case MSG_FATAL_SELECT_ERROR_MSG:
-                bServe = false;
-                break;
-            default:
-                break;
-        }
+    while (MsgWaitPollWithTimeout(nullptr) == TRUE) {
     }
     ManagerEnd();
     return 0;

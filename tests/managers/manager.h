@@ -1,5 +1,5 @@
-// What the small managers of the tests share: starting under a fixed process id, addresses, and the
-// sockets on which they are called.
+// What the small managers of the tests share: starting under a fixed process id, bodies, addresses
+// and handlers of messages, and the sockets on which they are called.
 #pragma once
 
 #include <sys/socket.h>
@@ -7,7 +7,9 @@
 #include <cstdio>
 #include <cstring>
 #include <iterator>
+#include <set>
 #include <string>
+#include <utility>
 
 #include "core/cfg.h"
 #include "core/context.h"
@@ -44,12 +46,6 @@ inline BooleanT ManagerJoin(const char* pstrName, ProcIdT tId, const char* pstrA
                               OBJ_TAG_END);
 }
 
-inline MsgAddressO AddressOf(const char* pstrMachine, ProcIdT tId) {
-    MsgAddressO oAddress = nullptr;
-    MsgMakeAddress(&oAddress, pstrMachine, tId);
-    return oAddress;
-}
-
 inline bool ManagerIsManaged() { return gtTlContext.sProcess.ptDetails != nullptr; }
 
 // Tells whoever has started the manager that it serves, on a port where it has one.
@@ -66,6 +62,51 @@ inline void ManagerEnd() {
         ProcRelease(0);
     else
         ContextReleaseThread();
+}
+
+// --- messages ---
+
+// A body to send, with these fields; what they own becomes the object's.
+template <class T>
+struct New : ObjHolder<T> {
+    New(int32 lMagic, const char* pstrDescriptor, T tFields)
+        : ObjHolder<T>(ObjNew<T>(lMagic, pstrDescriptor)) {
+        *this->Get() = tFields;
+    }
+};
+
+inline const char* ThisMachine() { return MsgGetMachineName(MsgLocalAddress()); }
+
+// A process of a machine; without one the channel of that number.
+struct AddressTo : ObjHolder<MsgAddressS> {
+    AddressTo(const char* pstrMachine, ProcIdT tId) { MsgMakeAddress(Address(), pstrMachine, tId); }
+    explicit AddressTo(ProcIdT tId) : AddressTo(ThisMachine(), tId) {}
+};
+
+// Who wants to know of the death of a process.
+using WatchersT = std::set<std::pair<std::string, ProcIdT>>;
+inline WatchersT::value_type WatcherOf(MsgAddressO oAddress) {
+    return {MsgGetMachineName(oAddress), MsgGetProcessId(oAddress)};
+}
+
+// What a manager does with the messages of a type whose body is of that class; 0: of any, or none.
+struct ManagerHandlerT {
+    MsgTypeT tMsgType;
+    int32 lMagic;
+    void (*fnHandle)(MsgMessageO oMessage, void* oBody);
+};
+
+template <class BodyT, void (*fnHandle)(MsgMessageO oMessage, BodyT* oBody)>
+void With(MsgMessageO oMessage, void* oBody) {
+    fnHandle(oMessage, static_cast<BodyT*>(oBody));
+}
+
+template <std::size_t uCount>
+void ManagerHandle(const ManagerHandlerT (&atHandlers)[uCount], MsgMessageO oMessage) {
+    for (const auto& [tMsgType, lMagic, fnHandle] : atHandlers)
+        if (tMsgType == oMessage->tMsgType &&
+            (lMagic == 0 || ObjCheckTypeInternal(oMessage->oObject, lMagic) == TRUE))
+            fnHandle(oMessage, oMessage->oObject);
 }
 
 // --- calls to the manager ---

@@ -14,7 +14,6 @@
 #include <algorithm>
 #include <chrono>
 #include <map>
-#include <string>
 
 #include "core/machineinfo.h"
 #include "core/memory.h"
@@ -42,44 +41,25 @@ struct OtherMachine {
 std::map<std::string, OtherMachine> gtMachines;  // by name, as the machine file writes it
 std::map<int32, std::string> gtLinks;            // machine of each link; "" before it is known
 std::map<int32, std::string> gtAttempts;         // machine that is called, by number of the call
-int32 glAttempts = 0;
-
-std::string NameOf(MsgMachineIdT tId) {
-    PoolPtr<char> pstrName;
-    return MsgMachineIdToName(pstrName.Address(), tId) == TRUE && pstrName.Get() != nullptr
-               ? pstrName.Get()
-               : "";
-}
-
-// A packet for a process of this machine; null for a message that says what it may not.
-MsgPacketO FromLink(MsgMessageO oMessage, const std::string& machine) {
-    ObjHolder<MsgPacketS> oPacket;
-    if (MsgMessageToPacket(oPacket.Address(), oMessage) != TRUE) return nullptr;
-    const MsgHeaderT& tHeader = *MsgPacketHeader(oPacket.Get());
-    const bool bMay = NameOf(tHeader.tSource.tMachineId) == machine &&
-                      tHeader.tDestination.tMachineId == MsgMachineIdLocal &&
-                      tHeader.tDestination.tProcessId > 0;
-    return bMay ? oPacket.Take() : nullptr;
-}
+bool gbServe = true;
 
 // --- notices ---
 
 // To the sender of a message that cannot be carried, with what was in it.
 void TellUnreachable(const std::string& machine, MsgMessageO oMessage) {
-    const ObjHolder<NmgrMachineUnreachableS> oBody(
-        ObjNew<NmgrMachineUnreachableS>(NmgrMachineUnreachableMagic, "s;i;o;"));
-    const ObjHolder<MsgAddressS> oManager(AddressOf(machine.c_str(), MsgNetworkManagerId));
-    MsgPacketO oPacket = nullptr;
-    *oBody.Get() = {StrDuplicate(machine.c_str()), oMessage->tMsgType, nullptr};
+    const New<NmgrMachineUnreachableS> oBody(
+        NmgrMachineUnreachableMagic, "s;i;o;",
+        {StrDuplicate(machine.c_str()), oMessage->tMsgType, nullptr});
+    const AddressTo oManager(machine.c_str(), MsgNetworkManagerId);
+    ObjHolder<MsgPacketS> oPacket;
     MsgGetObject(&oBody.Get()->oUndelivered, oMessage, 0);
-    if (MsgCreatePacket(&oPacket, oMessage->oSource, oManager.Get(), NMGR_MACHINE_UNREACHABLE_MSG,
-                        oBody.Get()) == TRUE)
-        MsgDispatch(&oPacket);
+    if (MsgCreatePacket(oPacket.Address(), oMessage->oSource, oManager.Get(),
+                        NMGR_MACHINE_UNREACHABLE_MSG, oBody.Get()) == TRUE)
+        MsgDispatch(oPacket.Address());
 }
 
 void TellMachineDown(const std::string& machine) {
-    const ObjHolder<CmgrMachineDownS> oBody(ObjNew<CmgrMachineDownS>(CmgrMachineDownMagic, "s;"));
-    oBody.Get()->pstrMachineName = StrDuplicate(machine.c_str());
+    const New<CmgrMachineDownS> oBody(CmgrMachineDownMagic, "s;", {StrDuplicate(machine.c_str())});
     MsgSendObject(MsgCommMgrAddress(), CMGR_MACHINE_DOWN_MSG, oBody.Get());
 }
 
@@ -107,24 +87,23 @@ void EmptyWaiting(OtherMachine* ptMachine, GiveT fnGive) {
 
 // Calls the next address that can be called; when there is none, nothing that waits will leave.
 void CallNext(const std::string& machine, OtherMachine* ptMachine) {
-    const ObjHolder<MsgAddressS> oManager(AddressOf(machine.c_str(), MsgNetworkManagerId));
+    static int32 lAttempts = 0;
+    const AddressTo oManager(machine.c_str(), MsgNetworkManagerId);
     const int32 lPort = PortOf(machine);
-    ListO oAddresses = ptMachine->oAddresses.Get();
+    ObjHolder<NetAddressS> oAddress;
     ptMachine->lAttempt = 0;
-    while (lPort > 0 && oAddresses != nullptr && oAddresses->oFirst != nullptr) {
+    while (lPort > 0 && ptMachine->oAddresses.Get() != nullptr &&
+           ListPopFirstItem(ptMachine->oAddresses.Get(), oAddress.Address()) == TRUE) {
         const ObjHolder<ListS> oOne(ListNew(NetAddressMagic));
-        ObjHolder<NetAddressS> oAddress;
-        ListPopFirstItem(oAddresses, oAddress.Address());
         ListPushLastItem(oOne.Get(), oAddress.Address());
-        const int32 lAttempt = ++glAttempts;
-        const ObjHolder<ObjIntegerS> oCookie(ObjIntegerNew(lAttempt));
+        const ObjHolder<ObjIntegerS> oCookie(ObjIntegerNew(++lAttempts));
         if (MsgCompleteTcpConnectionTyped(nullptr, oManager.Get(), oCookie.Get(), oOne.Get(), lPort,
                                           eMsgChannelNonBlocking, eMsgChannelDoNotWaitForConnect,
                                           eMsgChannelNotifyDown, eMsgChannelDoNotSendOk,
                                           eMsgChannelConnectTypeNormal) != TRUE)
             continue;
-        gtAttempts[lAttempt] = machine;
-        ptMachine->lAttempt = lAttempt;
+        gtAttempts[lAttempts] = machine;
+        ptMachine->lAttempt = lAttempts;
         ptMachine->tUntil = Clock::now() + AddressTime;
         return;
     }
@@ -132,7 +111,7 @@ void CallNext(const std::string& machine, OtherMachine* ptMachine) {
 }
 
 void Call(const std::string& machine, OtherMachine* ptMachine) {
-    const ObjHolder<MsgAddressS> oManager(AddressOf(machine.c_str(), MsgNetworkManagerId));
+    const AddressTo oManager(machine.c_str(), MsgNetworkManagerId);
     if (ptMachine->lAttempt != 0) return;
     if (ptMachine->oAddresses.Get() != nullptr) ObjRelease(ptMachine->oAddresses.Address());
     MsgNets(ptMachine->oAddresses.Address(), oManager.Get());
@@ -143,8 +122,7 @@ void Call(const std::string& machine, OtherMachine* ptMachine) {
 
 // What cannot be sent goes back to its sender; that the link is down is told later.
 void SendOver(const std::string& machine, int32 lLink, MsgMessageO oMessage) {
-    const ObjHolder<MsgAddressS> oChannel(AddressOf(nullptr, lLink));
-    if (MsgSendObject(oChannel.Get(), LinkMessageType, oMessage) != TRUE)
+    if (MsgSendObject(AddressTo(nullptr, lLink).Get(), LinkMessageType, oMessage) != TRUE)
         TellUnreachable(machine, oMessage);
 }
 
@@ -157,121 +135,114 @@ void TakeLink(const std::string& machine, int32 lChannel) {
 }
 
 // A call has ended. One that took too long may still succeed after others have been made.
-void Called(MsgPacketO oPacket) {
-    ObjHolder<MsgConnectedS> oBody;
-    if (MsgObjectFromPacket(oBody.Address(), oPacket, MsgConnectedMagic) != TRUE) return;
-    const int32 lAttempt = ObjGetInteger(static_cast<ObjIntegerO>(oBody.Get()->oCookie));
+void Called(MsgMessageO /*oMessage*/, MsgConnectedO oBody) {
+    const int32 lAttempt = ObjGetInteger(static_cast<ObjIntegerO>(oBody->oCookie));
     const std::string machine = gtAttempts[lAttempt];
     OtherMachine& tMachine = gtMachines[machine];
     gtAttempts.erase(lAttempt);
-    if (oBody.Get()->bSuccess == TRUE) {
-        const ObjHolder<ObjStringS> oName(ObjStringNew(MsgGetMachineName(MsgLocalAddress())));
+    if (oBody->bSuccess == TRUE) {
+        const ObjHolder<ObjStringS> oName(ObjStringNew(ThisMachine()));
         if (tMachine.lAttempt == lAttempt) tMachine.lAttempt = 0;
-        if (MsgSendObject(oBody.Get()->oAddress, LinkNameType, oName.Get()) == TRUE)
-            TakeLink(machine, MsgGetChannelId(oBody.Get()->oAddress));
+        if (MsgSendObject(oBody->oAddress, LinkNameType, oName.Get()) == TRUE)
+            TakeLink(machine, MsgGetChannelId(oBody->oAddress));
     } else if (tMachine.lAttempt == lAttempt) {
         CallNext(machine, &tMachine);
     }
 }
 
 void CloseLink(int32 lChannel) {
-    MsgAddressO oAddress = AddressOf(nullptr, lChannel);
+    AddressTo oAddress(nullptr, lChannel);
     gtLinks.erase(lChannel);
-    MsgChannelClose(&oAddress);
+    MsgChannelClose(oAddress.Address());
 }
 
-void LinkDown(int32 lChannel) {
+void LinkDown(MsgMessageO oMessage, void* /*oBody*/) {
+    const int32 lChannel = MsgGetChannelId(oMessage->oSource);
     const std::string machine = gtLinks[lChannel];
     CloseLink(lChannel);
     const auto tMachine = gtMachines.find(machine);
     if (tMachine == gtMachines.end() || tMachine->second.lLink != lChannel) return;
     tMachine->second.lLink = 0;
-    for (auto tLink = gtLinks.begin(); tLink != gtLinks.end();) {
-        const auto [lOther, of] = *tLink++;
+    const std::map<int32, std::string> tLinks = gtLinks;
+    for (const auto& [lOther, of] : tLinks)
         if (of == machine) CloseLink(lOther);
-    }
     TellMachineDown(machine);
 }
 
 // The caller says who it is: a machine that this one knows.
-void Named(MsgPacketO oPacket, int32 lChannel) {
+void Named(MsgMessageO oMessage, void* /*oBody*/) {
     ObjHolder<ObjStringS> oName;
+    PoolPtr<char> pstrName;
     MsgMachineIdT tId = MsgMachineIdNone;
-    if (MsgObjectFromPacket(oName.Address(), oPacket, ObjStringMagic) == TRUE &&
-        MsgMachineNameToId(&tId, oName.Get()->pstrValue) == TRUE && tId > MsgMachineIdLocal)
-        TakeLink(NameOf(tId), lChannel);
+    const int32 lChannel = MsgGetChannelId(oMessage->oSource);
+    if (MsgGetObject(oName.Address(), oMessage, ObjStringMagic) == TRUE &&
+        MsgMachineNameToId(&tId, oName.Get()->pstrValue) == TRUE && tId > MsgMachineIdLocal &&
+        MsgMachineIdToName(pstrName.Address(), tId) == TRUE)
+        TakeLink(pstrName.Get(), lChannel);
     else
         CloseLink(lChannel);
 }
 
-void Arrived(MsgPacketO oPacket, int32 lChannel) {
-    ObjHolder<MsgMessageS> oMessage;
-    if (gtLinks[lChannel].empty() ||
-        MsgObjectFromPacket(oMessage.Address(), oPacket, MsgMessageMagic) != TRUE)
-        return;
-    MsgPacketO oArrived = FromLink(oMessage.Get(), gtLinks[lChannel]);
-    if (oArrived != nullptr) MsgDispatch(&oArrived);
+// A message for a process of this machine, when it says of itself what it may.
+void Arrived(MsgMessageO oMessage, MsgMessageO oArrived) {
+    const std::string& machine = gtLinks[MsgGetChannelId(oMessage->oSource)];
+    ObjHolder<MsgPacketS> oPacket;
+    if (!machine.empty() &&
+        MsgAddressMachinesEqual(oArrived->oSource, AddressTo(machine.c_str(), 0).Get()) == TRUE &&
+        MsgAddressMachinesEqual(oArrived->oDestination, MsgLocalAddress()) == TRUE &&
+        MsgGetProcessId(oArrived->oDestination) > 0 &&
+        MsgMessageToPacket(oPacket.Address(), oArrived) == TRUE)
+        MsgDispatch(oPacket.Address());
 }
 
-void Leave(MsgPacketO oPacket) {
-    ObjHolder<MsgMessageS> oMessage;
-    const std::string machine = NameOf(MsgPacketHeader(oPacket)->tDestination.tMachineId);
-    if (machine.empty() || MsgMessageFromPacket(oMessage.Address(), oPacket) != TRUE) return;
+void Leave(MsgMessageO oMessage) {
+    const char* pstrMachine = MsgGetMachineName(oMessage->oDestination);
+    if (pstrMachine == nullptr) return;
+    const std::string machine = pstrMachine;
     OtherMachine& tMachine = gtMachines[machine];
-    if (tMachine.lLink != 0) return SendOver(machine, tMachine.lLink, oMessage.Get());
-    ListPushLastItem(tMachine.oWaiting.Get(), oMessage.Address());
+    if (tMachine.lLink != 0) return SendOver(machine, tMachine.lLink, oMessage);
+    ListAddLastItem(tMachine.oWaiting.Get(), oMessage);
     Call(machine, &tMachine);
 }
 
 // Says whether this machine knows another.
-void TellDetails(MsgPacketO oPacket) {
-    ObjHolder<MsgMessageS> oMessage;
-    ObjHolder<NmgrGetCurrentMachineDetailsRequestS> oRequest;
-    if (MsgMessageFromPacket(oMessage.Address(), oPacket) != TRUE ||
-        MsgGetObject(oRequest.Address(), oMessage.Get(),
-                     NmgrGetCurrentMachineDetailsRequestMagic) != TRUE)
-        return;
+void TellDetails(MsgMessageO oMessage, NmgrGetCurrentMachineDetailsRequestO oRequest) {
     const ObjHolder<NmgrGetCurrentMachineDetailsResponseS> oReply(
         ObjNew<NmgrGetCurrentMachineDetailsResponseS>(
             NmgrGetCurrentMachineDetailsResponseMagic,
             NmgrGetCurrentMachineDetailsResponseDescriptor));
     MsgMachineIdT tId = MsgMachineIdNone;
-    oReply.Get()->bSuccess = MsgMachineNameToId(&tId, oRequest.Get()->pstrMachine);
-    oReply.Get()->pstrMachine = StrDuplicate(oRequest.Get()->pstrMachine);
-    MsgSendReply(oMessage.Get(), NMGR_GET_CURRENT_MACHINE_DETAILS_RESPONSE_MSG, oReply.Get());
+    oReply.Get()->bSuccess = MsgMachineNameToId(&tId, oRequest->pstrMachine);
+    oReply.Get()->pstrMachine = StrDuplicate(oRequest->pstrMachine);
+    MsgSendReply(oMessage, NMGR_GET_CURRENT_MACHINE_DETAILS_RESPONSE_MSG, oReply.Get());
 }
 
 // --- the loop ---
 
-// FALSE ends the manager.
-bool Handle(MsgPacketO oPacket) {
-    const MsgHeaderT tHeader = *MsgPacketHeader(oPacket);
-    const bool bFromLink = tHeader.tSource.tMachineId == MsgMachineIdNone;
-    switch (tHeader.tMsgType) {
-        case MSG_CONNECTED_MSG:
-            Called(oPacket);
-            return true;
-        case MSG_CHANNEL_DOWN_MSG:
-            LinkDown(tHeader.tSource.tProcessId);
-            return true;
-        case MSG_FATAL_SELECT_ERROR_MSG:
-        case MSG_LOST_RECEIVE_QUEUE_MSG:
-        case MSG_LOST_SEND_QUEUE_MSG:
-            return false;
-        case NMGR_GET_CURRENT_MACHINE_DETAILS_REQUEST_MSG:
-            if (tHeader.tDestination.tMachineId == MsgMachineIdLocal) TellDetails(oPacket);
-            break;
-        default:
-            break;
-    }
-    if (bFromLink && tHeader.tMsgType == LinkNameType)
-        Named(oPacket, tHeader.tSource.tProcessId);
-    else if (bFromLink && tHeader.tMsgType == LinkMessageType)
-        Arrived(oPacket, tHeader.tSource.tProcessId);
-    else if (!bFromLink && tHeader.tDestination.tMachineId > MsgMachineIdLocal)
-        Leave(oPacket);
-    return bFromLink || tHeader.tMsgType != PMGR_KILL_YOURSELF_MSG ||
-           tHeader.tDestination.tMachineId != MsgMachineIdLocal;
+void End(MsgMessageO /*oMessage*/, void* /*oBody*/) { gbServe = false; }
+
+constexpr ManagerHandlerT FromLinks[] = {
+    {LinkNameType, 0, Named},
+    {LinkMessageType, MsgMessageMagic, With<MsgMessageS, Arrived>},
+    {MSG_CHANNEL_DOWN_MSG, 0, LinkDown},
+};
+constexpr ManagerHandlerT FromThisMachine[] = {
+    {MSG_CONNECTED_MSG, MsgConnectedMagic, With<MsgConnectedS, Called>},
+    {NMGR_GET_CURRENT_MACHINE_DETAILS_REQUEST_MSG, NmgrGetCurrentMachineDetailsRequestMagic,
+     With<NmgrGetCurrentMachineDetailsRequestS, TellDetails>},
+    {PMGR_KILL_YOURSELF_MSG, 0, End},
+    {MSG_FATAL_SELECT_ERROR_MSG, 0, End},
+    {MSG_LOST_RECEIVE_QUEUE_MSG, 0, End},
+    {MSG_LOST_SEND_QUEUE_MSG, 0, End},
+};
+
+void Handle(MsgMessageO oMessage) {
+    if (MsgIsFromAChannel(oMessage) == TRUE)
+        ManagerHandle(FromLinks, oMessage);
+    else if (MsgAddressMachinesEqual(oMessage->oDestination, MsgLocalAddress()) == TRUE)
+        ManagerHandle(FromThisMachine, oMessage);
+    else
+        Leave(oMessage);
 }
 
 // Goes on to the next address of every machine whose last one was silent for too long; gives the
@@ -301,24 +272,17 @@ BooleanT TakeCall(NetSocketT tSocket) {
 // The second address where the first does not take such calls as well.
 constexpr ManagerPlaceT Place = {{"::", "0.0.0.0"}, "tlnmgr.cfg", "Network", "Manager Port"};
 
-int32 OwnPort() {
-    int32 lPort = 0;
-    CfgGetInteger(&lPort, Place.pstrFile, Place.pstrSection, Place.pstrKey, 0);
-    return lPort;
-}
-
 }  // namespace
 
 int main() {
-    if (ManagerStart("netmanager", MsgNetworkManagerId) != TRUE ||
-        ManagerTakeCalls<TakeCall>(Place, OwnPort()) != TRUE)
-        return 1;
-    for (bool bServe = true; bServe;) {
-        MsgPacketO oPacket = nullptr;
+    int32 lPort = 0;
+    if (ManagerStart("netmanager", MsgNetworkManagerId) != TRUE) return 1;
+    CfgGetInteger(&lPort, Place.pstrFile, Place.pstrSection, Place.pstrKey, 0);
+    if (ManagerTakeCalls<TakeCall>(Place, lPort) != TRUE) return 1;
+    while (gbServe) {
+        ObjHolder<MsgMessageS> oMessage;
         const ObjHolder<TimeTimeoutS> oTimeout(CheckCalls());
-        if (MsgReceivePacket(&oPacket, oTimeout.Get()) != TRUE) continue;
-        bServe = Handle(oPacket);
-        ObjRelease(&oPacket);
+        if (MsgReceive(oMessage.Address(), oTimeout.Get()) == TRUE) Handle(oMessage.Get());
     }
     gtMachines.clear();
     ManagerEnd();

@@ -10,20 +10,13 @@
 //                    this machine end it. Exit code 0, or 1 when the day could not be started.
 #include <sys/wait.h>
 
-#include <chrono>
 #include <csignal>
 #include <vector>
 
-#include "core/cfg.h"
 #include "core/syssignal.h"
-#include "manager.h"
-#include "procmanager/programs.h"
-#include "procmanager/table.h"
-#include "procmanager/tasks.h"
+#include "procmanager/parts.h"
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 constexpr int32 KillTypeAsk = 0, KillTypeTerminate = 1;  // any other: at once
 
@@ -42,84 +35,66 @@ Managed* SenderOf(MsgMessageO oMessage) {
                                                    : nullptr;
 }
 
-// The process that a body's address names, when it is one of this machine; else 0.
-ProcIdT LocalIdOf(MsgAddressO oAddress) {
-    return MsgAddressMachinesEqual(oAddress, MsgLocalAddress()) == TRUE ? MsgGetProcessId(oAddress)
-                                                                        : 0;
+bool IsLocal(MsgAddressO oAddress) {
+    return MsgAddressMachinesEqual(oAddress, MsgLocalAddress()) == TRUE;
 }
 
 // --- processes come ---
 
-void Register(const Managed& tProcess) {
-    const ObjHolder<MsgIpcConnectS> oBody(ObjNew<MsgIpcConnectS>(MsgIpcConnectMagic, "i;i;i;"));
-    *oBody.Get() = {eMsgProcTypeProcess, tProcess.tId, tProcess.tRealId};
-    SendTo(MsgCommunicationsManagerId, PMGR_REGISTER_PROCESS_MSG, oBody.Get());
-}
-
-void SendLocale(const Managed& tProcess) {
-    if (tProcess.locale.empty()) return;
-    const ObjHolder<PmgrSetLocaleS> oBody(ObjNew<PmgrSetLocaleS>(PmgrSetLocaleMagic, "s;o;"));
-    oBody.Get()->pstrLocale = StrDuplicate(tProcess.locale.c_str());
-    SendTo(tProcess.tId, PMGR_SET_LOCALE_MSG, oBody.Get());
-}
-
-void InitialStatus(MsgMessageO oMessage) {
-    ObjHolder<PmgrProcessInitialStatusS> oBody;
+void InitialStatus(MsgMessageO oMessage, PmgrProcessInitialStatusO oBody) {
     if (MsgIsFromLocalMachine(oMessage) != TRUE ||
-        MsgGetObject(oBody.Address(), oMessage, PmgrProcessInitialStatusMagic) != TRUE ||
-        ObjCheckTypeInternal(oBody.Get()->oLegacyStatus, PmgrProcessStatusMagic) != TRUE)
+        ObjCheckTypeInternal(oBody->oLegacyStatus, PmgrProcessStatusMagic) != TRUE)
         return;
-    const auto* oStatus = static_cast<PmgrProcessStatusO>(oBody.Get()->oLegacyStatus);
+    const auto* oStatus = static_cast<PmgrProcessStatusO>(oBody->oLegacyStatus);
     const bool bAdopt = oStatus->eStatus == eProcStatusAdoptMe;
-    const ProcIdT tId = bAdopt ? 0 : MsgGetProcessId(oMessage->oSource);
+    ProcIdT tId = bAdopt ? 0 : MsgGetProcessId(oMessage->oSource);
     Managed* ptProcess = TableFind(tId);
     if (ptProcess == nullptr && !Ends() && (bAdopt || tId > 0)) ptProcess = TableAdd(tId, "");
     if (ptProcess == nullptr) {
         if (bAdopt) ProcTerminate(oStatus->tRealProcessId);
         return;
     }
+    tId = ptProcess->tId;
     if (bAdopt) {
         ptProcess->tRealId = oStatus->tRealProcessId;
-        Register(*ptProcess);
+        const New<MsgIpcConnectS> oConnect(MsgIpcConnectMagic, "i;i;i;",
+                                           {eMsgProcTypeProcess, tId, ptProcess->tRealId});
+        SendTo(MsgCommunicationsManagerId, PMGR_REGISTER_PROCESS_MSG, oConnect.Get());
     }
     ptProcess->bLinked = true;
-    TableSetState(*ptProcess, eProcStateInitializing);
-    SendLocale(*ptProcess);
+    TableState(*ptProcess) = eProcStateInitializing;
+    if (!ptProcess->locale.empty()) {
+        const New<PmgrSetLocaleS> oLocale(PmgrSetLocaleMagic, "s;o;",
+                                          {StrDuplicate(ptProcess->locale.c_str()), nullptr});
+        SendTo(tId, PMGR_SET_LOCALE_MSG, oLocale.Get());
+    }
     TableSendPlace(*ptProcess, oStatus->bProgress == TRUE);
 }
 
-void Status(MsgMessageO oMessage) {
-    ObjHolder<PmgrProcessStatusS> oBody;
+void Status(MsgMessageO oMessage, PmgrProcessStatusO oBody) {
+    constexpr std::pair<int32, ProcStateE> States[] = {
+        {eProcStatusTaskRequired, eProcStateReady},
+        {eProcStatusActive, eProcStateBusy},
+        {eProcStatusAboutToDie, eProcStateDying},
+        {eProcStatusRestartService, eProcStateRestartService},
+    };
     Managed* ptProcess = SenderOf(oMessage);
-    if (ptProcess == nullptr ||
-        MsgGetObject(oBody.Address(), oMessage, PmgrProcessStatusMagic) != TRUE)
-        return;
-    switch (oBody.Get()->eStatus) {
-        case eProcStatusTaskRequired:
-            TableSetState(*ptProcess, eProcStateReady);
-            TaskDeliver(ptProcess);
-            break;
-        case eProcStatusActive:
-            TableSetState(*ptProcess, eProcStateBusy);
-            TaskDeliver(ptProcess);
-            break;
-        case eProcStatusAboutToDie:
-            TableSetState(*ptProcess, eProcStateDying);
-            break;
-        case eProcStatusRestartService:
-            TableSetState(*ptProcess, eProcStateRestartService);
-            break;
-        default:
-            break;
-    }
+    for (const auto& [lStatus, eState] : States)
+        if (ptProcess != nullptr && oBody->eStatus == lStatus) TableState(*ptProcess) = eState;
+    if (ptProcess != nullptr &&
+        (oBody->eStatus == eProcStatusTaskRequired || oBody->eStatus == eProcStatusActive))
+        TaskDeliver(ptProcess);
+}
+
+void ChangeFromReady(MsgMessageO oMessage, void* /*oBody*/) {
+    if (const Managed* ptProcess = SenderOf(oMessage); ptProcess != nullptr)
+        TableState(*ptProcess) = eProcStateBusy;
 }
 
 // --- and go ---
 
-void TellDied(MsgAddressO oWatcher, MsgAddressO oDead) {
-    const ObjHolder<PmgrProcessDiedS> oDied(ObjNew<PmgrProcessDiedS>(PmgrProcessDiedMagic, "o;"));
-    ObjIncRefCount(oDead);
-    oDied.Get()->oAddress = oDead;
+void TellDied(MsgAddressO oWatcher, ProcIdT tDead) {
+    const New<PmgrProcessDiedS> oDied(PmgrProcessDiedMagic, "o;", {AddressTo(tDead).Take()});
     MsgSendObject(oWatcher, PMGR_PROCESS_DIED_MSG, oDied.Get());
 }
 
@@ -129,31 +104,23 @@ void Died(ProcIdT tId) {
     const bool bRestart = TableState(*ptFound) == eProcStateRestartService && !Ends();
     Managed tDead = std::move(*ptFound);
     TableRemove(tId);
-    const ObjHolder<MsgAddressS> oDead(LocalAddressOf(tId));
-    for (const auto& [machine, tWatcher] : tDead.tWatchers) {
-        const ObjHolder<MsgAddressS> oWatcher(AddressOf(machine.c_str(), tWatcher));
-        TellDied(oWatcher.Get(), oDead.Get());
-    }
-    for (auto& [tOther, tProcess] : Table())
-        tProcess.tWatchers.erase({MsgGetMachineName(MsgLocalAddress()), tId});
+    for (const auto& [machine, tWatcher] : tDead.tWatchers)
+        TellDied(AddressTo(machine.c_str(), tWatcher).Get(), tId);
+    for (auto& [tOther, tProcess] : Table()) tProcess.tWatchers.erase({ThisMachine(), tId});
     TaskFailed(&tDead);
-    StartOfDayDied(tId);
+    StartOfDayReady(tId, ePSODRError);
     if (bRestart) ServiceRestart(tDead);
 }
 
 // A child has died when both its end and that of its link have been seen.
-void Dropped(MsgMessageO oMessage) {
-    ObjHolder<MsgIpcConnectS> oBody;
-    if (MsgIsFrom(oMessage, MsgCommMgrAddress()) != TRUE ||
-        MsgGetObject(oBody.Address(), oMessage, MsgIpcConnectMagic) != TRUE)
-        return;
-    Managed* ptProcess = TableFind(oBody.Get()->tProcessId);
-    if (ptProcess == nullptr) return;
+void Dropped(MsgMessageO oMessage, MsgIpcConnectO oBody) {
+    Managed* ptProcess = TableFind(oBody->tProcessId);
+    if (ptProcess == nullptr || MsgIsFrom(oMessage, MsgCommMgrAddress()) != TRUE) return;
     ptProcess->bLinked = false;
     if (!ptProcess->bChild || ptProcess->bEnded)
         Died(ptProcess->tId);
     else if (TableState(*ptProcess) != eProcStateRestartService)
-        TableSetState(*ptProcess, eProcStateZombie);
+        TableState(*ptProcess) = eProcStateZombie;
 }
 
 void CollectChildren() {
@@ -175,78 +142,60 @@ void CollectChildren() {
 // A request about a process of another machine goes to the manager there; its answer comes from
 // there.
 bool PassOn(MsgMessageO oMessage, MsgAddressO oProcess) {
-    ObjHolder<MsgAddressS> oManager;
+    const AddressTo oManager(MsgGetMachineName(oProcess), MsgProcessManagerId);
     ObjHolder<MsgPacketS> oPacket;
-    if (MsgAddressMachinesEqual(oProcess, MsgLocalAddress()) == TRUE) return false;
+    if (IsLocal(oProcess)) return false;
     if (MsgGetMachineName(oProcess) != nullptr &&
-        MsgMakeAddress(oManager.Address(), MsgGetMachineName(oProcess), MsgProcessManagerId) ==
-            TRUE &&
         MsgCreatePacket(oPacket.Address(), oManager.Get(), oMessage->oSource, oMessage->tMsgType,
                         oMessage->oObject) == TRUE)
         MsgDispatch(oPacket.Address());
     return true;
 }
 
-void Watch(MsgMessageO oMessage) {
-    ObjHolder<PmgrNotifyOnDeathS> oBody;
+void Watch(MsgMessageO oMessage, PmgrNotifyOnDeathO oBody) {
     ObjHolder<MsgAddressS> oWatcher;
-    if (MsgGetObject(oBody.Address(), oMessage, PmgrNotifyOnDeathMagic) != TRUE ||
-        MsgGetSender(oWatcher.Address(), oMessage) != TRUE ||
-        PassOn(oMessage, oBody.Get()->oAddress))
+    if (MsgGetSender(oWatcher.Address(), oMessage) != TRUE || PassOn(oMessage, oBody->oAddress))
         return;
-    const ProcIdT tId = MsgGetProcessId(oBody.Get()->oAddress);
+    const ProcIdT tId = MsgGetProcessId(oBody->oAddress);
     if (Managed* ptProcess = TableFind(tId); ptProcess != nullptr)
-        ptProcess->tWatchers.emplace(MsgGetMachineName(oWatcher.Get()),
-                                     MsgGetProcessId(oWatcher.Get()));
+        ptProcess->tWatchers.insert(WatcherOf(oWatcher.Get()));
     else if (tId > MsgNetworkManagerId)
-        TellDied(oWatcher.Get(), oBody.Get()->oAddress);
+        TellDied(oWatcher.Get(), tId);
 }
 
-void CancelWatch(MsgMessageO oMessage) {
-    ObjHolder<PmgrCancelNotifyOnDeathS> oBody;
+void CancelWatch(MsgMessageO oMessage, PmgrCancelNotifyOnDeathO oBody) {
     ObjHolder<MsgAddressS> oWatcher;
-    if (MsgGetObject(oBody.Address(), oMessage, PmgrCancelNotifyOnDeathMagic) != TRUE ||
-        MsgGetSender(oWatcher.Address(), oMessage) != TRUE ||
-        PassOn(oMessage, oBody.Get()->oAddress))
+    if (MsgGetSender(oWatcher.Address(), oMessage) != TRUE || PassOn(oMessage, oBody->oAddress))
         return;
-    Managed* ptProcess = TableFind(MsgGetProcessId(oBody.Get()->oAddress));
-    if (ptProcess != nullptr)
-        ptProcess->tWatchers.erase(
-            {MsgGetMachineName(oWatcher.Get()), MsgGetProcessId(oWatcher.Get())});
+    Managed* ptProcess = TableFind(MsgGetProcessId(oBody->oAddress));
+    if (ptProcess != nullptr) ptProcess->tWatchers.erase(WatcherOf(oWatcher.Get()));
 }
 
-void Kill(MsgMessageO oMessage) {
-    ObjHolder<PmgrKillProcessS> oBody;
-    if (MsgGetObject(oBody.Address(), oMessage, PmgrKillProcessMagic) != TRUE) return;
-    const Managed* ptProcess = TableFind(LocalIdOf(oBody.Get()->oAddress));
-    if (ptProcess == nullptr) return;
-    if (oBody.Get()->lKillType == KillTypeAsk)
+void Kill(MsgMessageO /*oMessage*/, PmgrKillProcessO oBody) {
+    const Managed* ptProcess = TableFind(MsgGetProcessId(oBody->oAddress));
+    if (ptProcess == nullptr || !IsLocal(oBody->oAddress)) return;
+    if (oBody->lKillType == KillTypeAsk)
         SendTo(ptProcess->tId, PMGR_KILL_YOURSELF_MSG, nullptr);
-    else if (oBody.Get()->lKillType == KillTypeTerminate)
+    else if (oBody->lKillType == KillTypeTerminate)
         ProcTerminate(ptProcess->tRealId);
     else
         ProcKill(ptProcess->tRealId);
 }
 
-void SendState(MsgMessageO oMessage) {
-    ObjHolder<PmgrGetProcessStateS> oBody;
-    if (MsgGetObject(oBody.Address(), oMessage, PmgrGetProcessStateMagic) != TRUE) return;
-    const ObjHolder<PmgrGetProcessStateReturnS> oReply(
-        ObjNew<PmgrGetProcessStateReturnS>(PmgrGetProcessStateReturnMagic, "o;i;"));
-    const ProcIdT tId = LocalIdOf(oBody.Get()->oAddress);
+void SendState(MsgMessageO oMessage, PmgrGetProcessStateO oBody) {
+    const ProcIdT tId = IsLocal(oBody->oAddress) ? MsgGetProcessId(oBody->oAddress) : 0;
     const Managed* ptProcess = TableFind(tId);
-    oReply.Get()->eState = ptProcess == nullptr ? eProcStateUnknown : TableState(*ptProcess);
+    const New<PmgrGetProcessStateReturnS> oReply(
+        PmgrGetProcessStateReturnMagic, "o;i;",
+        {std::exchange(oBody->oAddress, nullptr),
+         ptProcess == nullptr ? eProcStateUnknown : TableState(*ptProcess)});
     if (tId == MsgProcessManagerId) oReply.Get()->eState = eProcStateBusy;
-    std::swap(oReply.Get()->oAddress, oBody.Get()->oAddress);
     MsgSendObject(oMessage->oSource, PMGR_GET_PROCESS_STATE_RETURN_MSG, oReply.Get());
 }
 
-void StartOfDayAnswer(MsgMessageO oMessage) {
-    ObjHolder<PmgrStartOfDayReadyS> oBody;
-    const Managed* ptProcess = SenderOf(oMessage);
-    if (ptProcess != nullptr &&
-        MsgGetObject(oBody.Address(), oMessage, PmgrStartOfDayReadyMagic) == TRUE)
-        StartOfDayReady(ptProcess->tId, static_cast<PmgrStartOfDayReadyE>(oBody.Get()->lStatus));
+void StartOfDayAnswer(MsgMessageO oMessage, PmgrStartOfDayReadyO oBody) {
+    if (const Managed* ptProcess = SenderOf(oMessage); ptProcess != nullptr)
+        StartOfDayReady(ptProcess->tId, static_cast<PmgrStartOfDayReadyE>(oBody->lStatus));
 }
 
 // --- the end ---
@@ -275,10 +224,7 @@ void KillAll() {
 }
 
 void EndTheRest() {
-    if (gtEnding != 0) {
-        gtEnding = 0;
-        return AskAll();
-    }
+    if (std::exchange(gtEnding, 0) != 0) return AskAll();
     SendTo(MsgNetworkManagerId, PMGR_KILL_YOURSELF_MSG, nullptr);
     SendTo(MsgCommunicationsManagerId, PMGR_KILL_YOURSELF_MSG, nullptr);
     gePhase = PhaseE::Over;
@@ -297,52 +243,45 @@ void Step() {
         if (EndOfDayStep() == DayE::Done) AskAll();
     } else if (gePhase == PhaseE::Asked && !bAllGone && bLate) {
         KillAll();
-    } else if ((gePhase == PhaseE::Asked && bAllGone) ||
-               (gePhase == PhaseE::Killed && (bAllGone || bLate))) {
+    } else if (gePhase >= PhaseE::Asked && (bAllGone || bLate)) {
         EndTheRest();
     }
 }
 
 // --- the loop ---
 
-void Handle(MsgMessageO oMessage) {
-    switch (oMessage->tMsgType) {
-        case PMGR_PROCESS_INITIAL_STATUS_MSG:
-            return InitialStatus(oMessage);
-        case PMGR_PROCESS_STATUS_MSG:
-            return Status(oMessage);
-        case PMGR_CHANGE_FROM_READY_MSG:
-            if (const Managed* ptProcess = SenderOf(oMessage); ptProcess != nullptr)
-                TableSetState(*ptProcess, eProcStateBusy);
-            return;
-        case PMGR_START_OF_DAY_READY_MSG:
-            return StartOfDayAnswer(oMessage);
-        case PMGR_GIVE_SERVICE_A_TASK_MSG:
-            return TaskRequested(oMessage, Ends());
-        case PMGR_KILL_PROCESS_MSG:
-            return Kill(oMessage);
-        case PMGR_NOTIFY_ON_DEATH_MSG:
-            return Watch(oMessage);
-        case PMGR_CANCEL_NOTIFY_ON_DEATH_MSG:
-            return CancelWatch(oMessage);
-        case PMGR_GET_PROCESS_STATE_MSG:
-            return SendState(oMessage);
-        case CMGR_DROPPED_CHANNEL_MSG:
-            return Dropped(oMessage);
-        case MSG_PING_MSG:
-            MsgPong(oMessage);
-            return;
-        case PMGR_KILL_YOURSELF_MSG:
-            if (MsgIsFromLocalMachine(oMessage) == TRUE) BeginEnd();
-            return;
-        case MSG_LOST_RECEIVE_QUEUE_MSG:  // no process can be reached any more
-            gtEnding = 0;
-            if (gePhase < PhaseE::Killed) KillAll();
-            return;
-        default:
-            return;
-    }
+void Ping(MsgMessageO oMessage, void* /*oBody*/) { MsgPong(oMessage); }
+
+void EndAsked(MsgMessageO oMessage, void* /*oBody*/) {
+    if (MsgIsFromLocalMachine(oMessage) == TRUE) BeginEnd();
 }
+
+// No process can be reached any more.
+void LinkLost(MsgMessageO /*oMessage*/, void* /*oBody*/) {
+    gtEnding = 0;
+    if (gePhase < PhaseE::Killed) KillAll();
+}
+
+void Task(MsgMessageO oMessage, void* /*oBody*/) { TaskRequested(oMessage, Ends()); }
+
+constexpr ManagerHandlerT Handlers[] = {
+    {PMGR_PROCESS_INITIAL_STATUS_MSG, PmgrProcessInitialStatusMagic,
+     With<PmgrProcessInitialStatusS, InitialStatus>},
+    {PMGR_PROCESS_STATUS_MSG, PmgrProcessStatusMagic, With<PmgrProcessStatusS, Status>},
+    {PMGR_CHANGE_FROM_READY_MSG, 0, ChangeFromReady},
+    {PMGR_START_OF_DAY_READY_MSG, PmgrStartOfDayReadyMagic,
+     With<PmgrStartOfDayReadyS, StartOfDayAnswer>},
+    {PMGR_GIVE_SERVICE_A_TASK_MSG, 0, Task},
+    {PMGR_KILL_PROCESS_MSG, PmgrKillProcessMagic, With<PmgrKillProcessS, Kill>},
+    {PMGR_NOTIFY_ON_DEATH_MSG, PmgrNotifyOnDeathMagic, With<PmgrNotifyOnDeathS, Watch>},
+    {PMGR_CANCEL_NOTIFY_ON_DEATH_MSG, PmgrCancelNotifyOnDeathMagic,
+     With<PmgrCancelNotifyOnDeathS, CancelWatch>},
+    {PMGR_GET_PROCESS_STATE_MSG, PmgrGetProcessStateMagic, With<PmgrGetProcessStateS, SendState>},
+    {CMGR_DROPPED_CHANNEL_MSG, MsgIpcConnectMagic, With<MsgIpcConnectS, Dropped>},
+    {MSG_PING_MSG, 0, Ping},
+    {PMGR_KILL_YOURSELF_MSG, 0, EndAsked},
+    {MSG_LOST_RECEIVE_QUEUE_MSG, 0, LinkLost},
+};
 
 void Turn() {
     ObjHolder<TimeTimeoutS> oTimeout;
@@ -351,7 +290,7 @@ void Turn() {
     TimeCreateAndSetTimeout(oTimeout.Address(), 0, 100);
     if (MsgReceive(oMessage.Address(), oTimeout.Get()) == TRUE &&
         oMessage.Get()->oSource != nullptr)
-        Handle(oMessage.Get());
+        ManagerHandle(Handlers, oMessage.Get());
     CollectChildren();
     if (giTerminate != 0) BeginEnd();
     Step();

@@ -1,20 +1,14 @@
-#include "programs.h"
-
 #include <algorithm>
-#include <chrono>
 #include <optional>
 #include <vector>
 
-#include "core/cfg.h"
-#include "core/memory.h"
 #include "core/objwrappers.h"
 #include "core/path.h"
 #include "core/stnzwrappers.h"
 #include "core/strbase.h"
+#include "parts.h"
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 struct DayProgram {
     std::string name;
@@ -30,19 +24,15 @@ struct Day {
     ProcIdT tWaitedFor = 0;
     Clock::time_point tUntil;
     bool bFailed = false;
+    const DayProgram& Last() const { return tPrograms[uNext - 1]; }
 };
 std::optional<Day> gtStart, gtEnd;
 
-std::string TextOf(char* pstrText) {
-    const PoolPtr<char> pstrOwned(pstrText);
-    return pstrText == nullptr ? "" : pstrText;
-}
-
 std::string PathOf(const std::string& name) {
-    char* pstrPath = nullptr;
-    CfgGetString(&pstrPath, "programs.cfg", name.c_str(), "unix", nullptr);
-    const std::string path = pstrPath == nullptr ? name : TextOf(pstrPath);
-    return path.starts_with('/') ? path : TextOf(PathHomeBuild(path.c_str(), nullptr));
+    const std::string unix = Setting("programs.cfg", name, "unix");
+    const std::string& path = unix.empty() ? name : unix;
+    if (path.starts_with('/')) return path;
+    return PoolPtr<char>(PathHomeBuild(path.c_str(), nullptr)).Get();
 }
 
 bool RunsHere(StnzT* pStanza) {
@@ -61,20 +51,16 @@ Day ReadDay(const char* pstrCategory) {
         if (pStanza->pstrCatagory == nullptr ||
             StrCompareNoCase(pStanza->pstrCatagory, pstrCategory) != 0 || !RunsHere(pStanza))
             continue;
-        DayProgram tProgram;
+        DayProgram& tProgram = tDay.tPrograms.emplace_back();
         tProgram.name = pStanza->pstrTitle;
         StnzGetInteger(pStanza, "Run order", 0, &tProgram.lOrder);
         StnzGetBoolean(pStanza, "Wait for Ready", FALSE, &tProgram.bWaitForReady);
         StnzGetBoolean(pStanza, "Optional", FALSE, &tProgram.bOptional);
         StnzGetInteger(pStanza, "Wait", 0, &tProgram.lWait);
-        tDay.tPrograms.push_back(tProgram);
     }
     std::ranges::stable_sort(tDay.tPrograms, {}, &DayProgram::lOrder);
     return tDay;
 }
-
-// Whether the program that the day has come to last may fail.
-bool IsOptional(const Day& tDay) { return tDay.tPrograms[tDay.uNext - 1].bOptional == TRUE; }
 
 // Starts the next program; its id, or 0 when it cannot be started.
 ProcIdT StartNext(Day* ptDay) {
@@ -100,6 +86,7 @@ Managed* ProgramStart(const std::string& name, const std::string& title, ProcErr
         TableRemove(ptProcess->tId);
         return nullptr;
     }
+    *peError = eProcErrorNone;
     ptProcess->tRealId = tStarted.tRealProcessId;
     ptProcess->bChild = true;
     return ptProcess;
@@ -111,8 +98,8 @@ DayE StartOfDayStep() {
            gtStart->uNext < gtStart->tPrograms.size()) {
         const ProcIdT tStarted = StartNext(&*gtStart);
         if (tStarted == 0)
-            gtStart->bFailed = !IsOptional(*gtStart);
-        else if (gtStart->tPrograms[gtStart->uNext - 1].bWaitForReady == TRUE)
+            gtStart->bFailed = gtStart->Last().bOptional != TRUE;
+        else if (gtStart->Last().bWaitForReady == TRUE)
             gtStart->tWaitedFor = tStarted;
     }
     if (gtStart->bFailed) return DayE::Failed;
@@ -122,10 +109,8 @@ DayE StartOfDayStep() {
 void StartOfDayReady(ProcIdT tId, PmgrStartOfDayReadyE eStatus) {
     if (!gtStart || tId == 0 || tId != gtStart->tWaitedFor) return;
     gtStart->tWaitedFor = 0;
-    if (eStatus == ePSODRError) gtStart->bFailed = !IsOptional(*gtStart);
+    if (eStatus == ePSODRError) gtStart->bFailed = gtStart->Last().bOptional != TRUE;
 }
-
-void StartOfDayDied(ProcIdT tId) { StartOfDayReady(tId, ePSODRError); }
 
 DayE EndOfDayStep() {
     if (!gtEnd) gtEnd = ReadDay("End of Day");
@@ -133,7 +118,7 @@ DayE EndOfDayStep() {
         if (TableFind(gtEnd->tWaitedFor) != nullptr && Clock::now() < gtEnd->tUntil)
             return DayE::GoesOn;
         if (gtEnd->uNext == gtEnd->tPrograms.size()) return DayE::Done;
-        gtEnd->tUntil = Clock::now() + std::chrono::seconds(gtEnd->tPrograms[gtEnd->uNext].lWait);
         gtEnd->tWaitedFor = StartNext(&*gtEnd);
+        gtEnd->tUntil = Clock::now() + std::chrono::seconds(gtEnd->Last().lWait);
     }
 }

@@ -1,13 +1,10 @@
 // One segment has the reference time, then a record with its trace buffer for every slot, then a
 // progress buffer for every slot; the other has the table of processes.
-#include "table.h"
-
 #include <algorithm>
-#include <cstring>
 
-#include "core/cfg.h"
 #include "core/kilntime.h"
 #include "core/shm.h"
+#include "parts.h"
 
 namespace {
 
@@ -64,7 +61,7 @@ BooleanT TableCreate() {
     gpDetails = static_cast<ByteT*>(pDetails);
     auto* ptKilnTime = At<KilnTimeOffsetT>(KilnTimeAt);
     CfgGetInt64(&ptKilnTime->llUTCOffset, "procmgr.cfg", "Reference Time", "Offset", 0);
-    const std::string source = MsgGetMachineName(MsgLocalAddress());
+    const std::string source = ThisMachine();
     source.copy(ptKilnTime->acSourceSystem, sizeof(ptKilnTime->acSourceSystem));
     ptKilnTime->bHaveOffset = 1;
     gptSlots = reinterpret_cast<ProcHandleT*>(static_cast<ProcProcessTableT*>(pTable) + 1);
@@ -98,27 +95,12 @@ void TableRemove(ProcIdT tId) {
     gtProcesses.erase(tId);
 }
 
-ProcStateE TableState(const Managed& tProcess) {
-    return static_cast<ProcStateE>(gptSlots[tProcess.lSlot].eState);
-}
-
-void TableSetState(const Managed& tProcess, ProcStateE eState) {
-    gptSlots[tProcess.lSlot].eState = eState;
-}
+int32& TableState(const Managed& tProcess) { return gptSlots[tProcess.lSlot].eState; }
 
 void TableSendPlace(const Managed& tProcess, bool bProgress) {
-    const ObjHolder<PmgrAttachToUnixShmS> oPlace(
-        ObjNew<PmgrAttachToUnixShmS>(PmgrAttachToUnixShmMagic, "i;i;i;i;i;"));
-    *oPlace.Get() = {gtDetailsId, gtTableId, DetailsOf(tProcess.lSlot),
-                     bProgress ? ProgressOf(tProcess.lSlot) : 0, KilnTimeAt};
+    const New<PmgrAttachToUnixShmS> oPlace(
+        PmgrAttachToUnixShmMagic, "i;i;i;i;i;",
+        {gtDetailsId, gtTableId, DetailsOf(tProcess.lSlot),
+         bProgress ? ProgressOf(tProcess.lSlot) : 0, KilnTimeAt});
     SendTo(tProcess.tId, PMGR_ATTACH_TO_SHM_MSG, oPlace.Get());
-}
-
-MsgAddressO LocalAddressOf(ProcIdT tId) {
-    return AddressOf(MsgGetMachineName(MsgLocalAddress()), tId);
-}
-
-void SendTo(ProcIdT tId, MsgTypeT tMsgType, void* oBody) {
-    const ObjHolder<MsgAddressS> oAddress(LocalAddressOf(tId));
-    MsgSendObject(oAddress.Get(), tMsgType, oBody);
 }

@@ -1,10 +1,6 @@
-#include "tasks.h"
-
-#include "core/cfg.h"
-#include "core/memory.h"
 #include "core/security.h"
 #include "core/strbase.h"
-#include "programs.h"
+#include "parts.h"
 
 namespace {
 
@@ -41,7 +37,7 @@ void Answer(MsgMessageO oMessage, ProcErrorE eError, const Managed* ptProcess) {
         ObjNew<PmgrGiveServiceATaskReturnS>(PmgrGiveServiceATaskReturnMagic, "b;i;o;i;b;i;o;"));
     oAnswer.Get()->bSuccess = BooleanFrom(eError == eProcErrorNone);
     oAnswer.Get()->lErrorCode = eError;
-    if (ptProcess != nullptr) oAnswer.Get()->oAddress = LocalAddressOf(ptProcess->tId);
+    if (ptProcess != nullptr) oAnswer.Get()->oAddress = AddressTo(ptProcess->tId).Take();
     if (tRequest.oTask != nullptr) {
         oAnswer.Get()->lCookie = tRequest.oTask->lCookie;
         oAnswer.Get()->bSavePassword = tRequest.oTask->bSavePassword;
@@ -51,12 +47,6 @@ void Answer(MsgMessageO oMessage, ProcErrorE eError, const Managed* ptProcess) {
 }
 
 // --- what the service asks of a request ---
-
-std::string Setting(const char* pstrService, const char* pstrKey) {
-    PoolPtr<char> pstrValue;
-    CfgGetString(pstrValue.Address(), "services.cfg", pstrService, pstrKey, nullptr);
-    return pstrValue.Get() == nullptr ? "" : pstrValue.Get();
-}
 
 bool CookieIsRight(MsgMessageO oMessage, const Request& tRequest) {
     ObjHolder<MsgAddressS> oSender;
@@ -72,11 +62,11 @@ ProcErrorE Check(MsgMessageO oMessage, const Request& tRequest, bool bEnding) {
     if (tRequest.oService == nullptr) return eProcErrorInvalidArguments;
     const char* pstrService = tRequest.oService->pstrProcessName;
     if (!CookieIsRight(oMessage, tRequest)) return eProcErrorSecurity;
-    if (Setting(pstrService, "Program").empty()) return eProcErrorUnresolvedName;
+    if (Setting("services.cfg", pstrService, "Program").empty()) return eProcErrorUnresolvedName;
     int32 lInterface = tRequest.oService->lInterfaceType;
     CfgGetInteger(&lInterface, "services.cfg", pstrService, "Interface", lInterface);
     if (lInterface != tRequest.oService->lInterfaceType) return eProcErrorUnsupportedInterface;
-    const std::string password = Setting(pstrService, "Password");
+    const std::string password = Setting("services.cfg", pstrService, "Password");
     const char* pstrGiven = tRequest.oTask->pstrPassword;
     if (!password.empty() && (pstrGiven == nullptr || password != pstrGiven))
         return eProcErrorPassword;
@@ -97,10 +87,9 @@ Managed* FindService(const char* pstrService, bool bReady) {
 
 // A new process of the service; null on failure, with the code of the error.
 Managed* StartService(const std::string& service, ProcErrorE* peError) {
-    Managed* ptProcess = ProgramStart(Setting(service.c_str(), "Program"), service, peError);
-    if (ptProcess == nullptr) return nullptr;
-    ptProcess->bService = true;
-    *peError = eProcErrorNone;
+    Managed* ptProcess =
+        ProgramStart(Setting("services.cfg", service, "Program"), service, peError);
+    if (ptProcess != nullptr) ptProcess->bService = true;
     return ptProcess;
 }
 
@@ -121,18 +110,12 @@ ProcErrorE StartForTask(Managed** pptProcess, const Request& tRequest) {
 
 void TaskRequested(MsgMessageO oRequest, bool bEnding) {
     const Request tRequest(oRequest);
+    Managed* ptProcess = nullptr;
     ProcErrorE eError = Check(oRequest, tRequest, bEnding);
-    if (eError != eProcErrorNone) {
-        Answer(oRequest, eError, nullptr);
-        return;
-    }
-    Managed* ptProcess = FindService(tRequest.oService->pstrProcessName, true);
+    if (eError == eProcErrorNone) ptProcess = FindService(tRequest.oService->pstrProcessName, true);
     const bool bWaits = ptProcess != nullptr;
-    if (!bWaits) eError = StartForTask(&ptProcess, tRequest);
-    if (eError != eProcErrorNone) {
-        Answer(oRequest, eError, nullptr);
-        return;
-    }
+    if (eError == eProcErrorNone && !bWaits) eError = StartForTask(&ptProcess, tRequest);
+    if (eError != eProcErrorNone) return Answer(oRequest, eError, nullptr);
     ptProcess->tTask = HeldMessage(Held(oRequest));
     if (bWaits) TaskDeliver(ptProcess);
 }
@@ -141,22 +124,19 @@ void TaskDeliver(Managed* ptProcess) {
     const HeldMessage tMessage = std::move(ptProcess->tTask);
     if (tMessage == nullptr) return;
     const Request tRequest(tMessage.get());
-    // The new form begins with the old one.
-    ObjHolder<PmgrTaskExtS> oTask(ObjNew<PmgrTaskExtS>(PmgrTaskExtMagic, "o;i;o;i;o;o;"));
-    oTask.Get()->oSource = Held(tMessage->oSource);
-    oTask.Get()->lInterfaceType = tRequest.oService->lInterfaceType;
-    oTask.Get()->oUserArguments = Held(tRequest.oTask->oUserArguments);
-    oTask.Get()->lCookie = tRequest.oTask->lCookie;
-    if (tRequest.oExtended != nullptr) {
-        oTask.Get()->oTaskContext = Held(tRequest.oExtended->oTaskContext);
+    PmgrTaskS tTask = {Held(tMessage->oSource), tRequest.oService->lInterfaceType,
+                       Held(tRequest.oTask->oUserArguments), tRequest.oTask->lCookie};
+    if (tRequest.oExtended == nullptr) {
+        const New<PmgrTaskS> oTask(PmgrTaskMagic, "o;i;o;i;", tTask);
         SendTo(ptProcess->tId, PMGR_TASK_MSG, oTask.Get());
     } else {
-        ObjHolder<PmgrTaskS> oOld(ObjNew<PmgrTaskS>(PmgrTaskMagic, "o;i;o;i;"));
-        *oOld.Get() = {Held(oTask.Get()->oSource), oTask.Get()->lInterfaceType,
-                       Held(oTask.Get()->oUserArguments), oTask.Get()->lCookie};
-        SendTo(ptProcess->tId, PMGR_TASK_MSG, oOld.Get());
+        const New<PmgrTaskExtS> oTask(
+            PmgrTaskExtMagic, "o;i;o;i;o;o;",
+            {tTask.oSource, tTask.lInterfaceType, tTask.oUserArguments, tTask.lCookie,
+             Held(tRequest.oExtended->oTaskContext), nullptr});
+        SendTo(ptProcess->tId, PMGR_TASK_MSG, oTask.Get());
     }
-    TableSetState(*ptProcess, eProcStateBusy);
+    TableState(*ptProcess) = eProcStateBusy;
     Answer(tMessage.get(), eProcErrorNone, ptProcess);
 }
 
