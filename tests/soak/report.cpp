@@ -1,42 +1,31 @@
-#include "report.h"
-
-#include <dirent.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cstdint>
 #include <cstdio>
-#include <fstream>
-#include <iterator>
+#include <sstream>
 
 #include "core/context.h"
 #include "core/procinit.h"
+#include "soak.h"
 #include "support/support.h"
 
 namespace {
 
 using Text = std::string;
+using std::to_string;
 
 ProcDetailsT* DetailsOf(ProcIdT id) {
     const ProcProcessTableT* table = gtTlContext.sProcess.ptProcessTable;
-    if (table == nullptr) return nullptr;
-    const ProcHandleT* slots = ProcTableSlots(table);
-    const auto* end = slots + table->lSlotCount;
-    const auto* slot = std::find_if(slots, end, [id](auto& s) { return s.tProcessId == id; });
-    return slot == end ? nullptr : ProcDetailsAt(slot->lDetailsOffset);
+    for (int32 n = 0; table != nullptr && n < table->lSlotCount; n++)
+        if (const ProcHandleT& slot = ProcTableSlots(table)[n]; slot.tProcessId == id)
+            return ProcDetailsAt(slot.lDetailsOffset);
+    return nullptr;
 }
 
-Text Proc(pid_t pid, const char* file) { return "/proc/" + std::to_string(pid) + "/" + file; }
+Text Proc(pid_t pid, const char* file) { return "/proc/" + to_string(pid) + "/" + file; }
 
-struct Figure {
-    const char* name;
-    int Sample::*value;
-    double allowed;
-};
-const Figure figures[] = {{"RSS kB", &Sample::rss, 512},
-                          {"descriptors", &Sample::descriptors, 4},
-                          {"blocks", &Sample::blocks, 100},
-                          {"objects", &Sample::objects, 100}};
+constexpr std::size_t Rss = 0, Descriptors = 1, Blocks = 2, Objects = 3;
+constexpr std::pair<const char*, double> Figures[] = {
+    {"RSS kB", 512}, {"descriptors", 4}, {"blocks", 100}, {"objects", 100}};  // and what is allowed
 
 // A sanitizer keeps what has been freed for a long time.
 #ifdef __SANITIZE_ADDRESS__
@@ -45,45 +34,40 @@ constexpr bool Sanitized = true;
 constexpr bool Sanitized = false;
 #endif
 
-double Mean(const std::vector<Sample>& samples, int Sample::*value, std::size_t third) {
+double Mean(const std::vector<Sample>& samples, std::size_t figure, std::size_t third) {
     const std::size_t from = samples.size() * third / 3, to = samples.size() * (third + 1) / 3;
     double sum = 0;
-    for (std::size_t n = from; n < to; n++) sum += samples[n].*value;
+    for (std::size_t n = from; n < to; n++) sum += samples[n][figure];
     return to > from ? sum / static_cast<double>(to - from) : 0;
 }
 
 }  // namespace
 
 void TakeSample(Subject& subject) {
-    Sample sample;
-    std::ifstream statm(Proc(subject.pid, "statm"));
+    std::istringstream statm(ReadFile(Proc(subject.pid, "statm")));
     std::int64_t pages = 0;  // first of the address space, which a sanitizer makes very large
     statm >> pages >> pages;
-    sample.rss = static_cast<int>(pages * (sysconf(_SC_PAGESIZE) / 1024));
-    DIR* directory = opendir(Proc(subject.pid, "fd").c_str());
-    for (; directory != nullptr && readdir(directory) != nullptr;) sample.descriptors++;
-    sample.descriptors -= 2;
-    if (directory != nullptr) closedir(directory);
-    if (const ProcDetailsT* details = DetailsOf(subject.id); details != nullptr) {
-        sample.blocks = details->lMemCount;
-        sample.objects = details->lObjCount;
-    }
-    subject.samples.push_back(sample);
+    const ProcDetailsT* details = DetailsOf(subject.id);
+    subject.samples.push_back({static_cast<int>(pages * (sysconf(_SC_PAGESIZE) / 1024)),
+                               static_cast<int>(ListDir(Proc(subject.pid, "fd")).size()),
+                               details == nullptr ? -1 : details->lMemCount,
+                               details == nullptr ? -1 : details->lObjCount});
 }
 
 Text SamplesText(const std::vector<Subject>& subjects, int seconds, std::vector<Text>& faults) {
-    Text text = "| After s |";
-    for (const Subject& subject : subjects) text += " " + subject.name + " |";
-    text += "\n|---|";
-    for (std::size_t n = 0; n < subjects.size(); n++) text += "---|";
-    const std::size_t count = subjects.front().samples.size();
-    for (std::size_t n = 0; n < count; n++) {
-        text += "\n| " + std::to_string(seconds * static_cast<int>(n + 1)) + " |";
+    Text text = "| After s |", line = "\n|---|";
+    for (const Subject& subject : subjects) {
+        text += " " + subject.name + " |";
+        line += "---|";
+    }
+    text += line;
+    for (std::size_t n = 0; n < subjects.front().samples.size(); n++) {
+        text += "\n| " + to_string(seconds * static_cast<int>(n + 1)) + " |";
         for (const Subject& subject : subjects) {
             const Sample& s = subject.samples[n];
-            text += " " + std::to_string(s.rss) + " / " + std::to_string(s.descriptors);
-            if (s.blocks != -1)
-                text += " / " + std::to_string(s.blocks) + " / " + std::to_string(s.objects);
+            text += " " + to_string(s[Rss]) + " / " + to_string(s[Descriptors]);
+            if (s[Blocks] != -1)
+                text += " / " + to_string(s[Blocks]) + " / " + to_string(s[Objects]);
             text += " |";
         }
     }
@@ -91,17 +75,16 @@ Text SamplesText(const std::vector<Subject>& subjects, int seconds, std::vector<
         "\n\n| Process | Figure | Mean of second third | Mean of last third | Flat |\n"
         "|---|---|---|---|---|\n";
     for (const Subject& subject : subjects) {
-        for (const auto& [name, value, allowed] : figures) {
-            if (subject.samples.back().*value == -1 || (Sanitized && value == &Sample::rss))
-                continue;
-            const double before = Mean(subject.samples, value, 1);
-            const double after = Mean(subject.samples, value, 2);
-            const bool flat = after <= before * 1.05 + allowed;
-            char line[200];
-            std::snprintf(line, sizeof(line), "| %s | %s | %.0f | %.0f | %s |\n",
-                          subject.name.c_str(), name, before, after, flat ? "yes" : "**no**");
-            text += line;
-            if (!flat) faults.push_back(subject.name + ": " + name + " grow");
+        for (std::size_t n = Sanitized ? Descriptors : Rss; n <= Objects; n++) {
+            if (subject.samples.back()[n] == -1) continue;
+            const double before = Mean(subject.samples, n, 1), after = Mean(subject.samples, n, 2);
+            const bool flat = after <= before * 1.05 + Figures[n].second;
+            char row[200];
+            std::snprintf(row, sizeof(row), "| %s | %s | %.0f | %.0f | %s |\n",
+                          subject.name.c_str(), Figures[n].first, before, after,
+                          flat ? "yes" : "**no**");
+            text += row;
+            if (!flat) faults.push_back(subject.name + ": " + Figures[n].first + " grow");
         }
     }
     return text;
@@ -110,12 +93,10 @@ Text SamplesText(const std::vector<Subject>& subjects, int seconds, std::vector<
 Text WhatItDoes(ProcIdT id, pid_t pid) {
     Text text =
         "  kernel: " + ReadFile(Proc(pid, "wchan")) + ", call " + ReadFile(Proc(pid, "syscall"));
-    const Text status = ReadFile(Proc(pid, "status"));
-    if (const auto at = status.find("State:"); at != Text::npos)
-        text += "  " + status.substr(at, status.find('\n', at) - at) + "\n";
+    for (const Text& line : Split(ReadFile(Proc(pid, "status"))))
+        if (line.starts_with("State:")) text += "  " + line + "\n";
     ProcDetailsT* details = DetailsOf(id);
     const auto* newest = details == nullptr ? nullptr : TraceCurrentMessage(&details->tTraceBuffer);
-    if (newest != nullptr)
-        text += "  last trace: " + Text(reinterpret_cast<const char*>(newest + 1)) + "\n";
-    return text;
+    if (newest == nullptr) return text;
+    return text + "  last trace: " + reinterpret_cast<const char*>(newest + 1) + "\n";
 }

@@ -11,32 +11,24 @@
 
 #include <unistd.h>
 
-#include <cstdlib>
 #include <iostream>
 #include <map>
-#include <random>
 #include <sstream>
 
 #include "core/cfg.h"
-#include "core/context.h"
 #include "core/log.h"
-#include "core/msg.h"
-#include "core/objwrappers.h"
 #include "core/procapi.h"
 #include "core/procinit.h"
-#include "report.h"
 #include "support/files.h"
-#include "support/messages.h"
 #include "support/roles.h"
 
 namespace {
 
 using Text = std::string;
 using std::to_string;
-using Time = Clock::time_point;
 using std::chrono::seconds;
 
-constexpr int Places = 12, Services = 8;               // the others are adopted
+constexpr int Services = 8;                            // the other places are adopted
 constexpr int LastingService = 0, LastingAdopted = 8;  // never killed
 
 enum class State { Starting, Live, Killed };
@@ -48,10 +40,11 @@ struct Place {
     pid_t pid = 0;
     Process process;  // of an adopted one
     Time since, pong;
-    Status status, before;  // before: of all earlier processes together
+    Status status = {}, before = {};  // before: of all earlier processes together
     int kills = 0, young = 0;
     bool Adopted() const { return number >= Services; }
     bool Lasts() const { return number == LastingService || number == LastingAdopted; }
+    Text Name() const { return "place " + to_string(number); }
 };
 
 struct Manager {
@@ -63,7 +56,7 @@ struct Manager {
 
 Text g_home;
 std::mt19937 g_random;
-Place g_places[Places];
+std::array<Place, 12> g_places;
 Manager g_managers[] = {{"commsmanager", MsgCommunicationsManagerId, {}, {}},
                         {"procmanager", MsgProcessManagerId, {}, {}},
                         {"logdaemon", MsgLogDaemonId, {}, {}},
@@ -83,56 +76,52 @@ void SendTo(ProcIdT id, MsgTypeT type, void* body) {
 }
 
 Place* PlaceOf(ProcIdT id) {
-    auto* found = std::find_if(std::begin(g_places), std::end(g_places),
-                               [id](const Place& p) { return p.id == id; });
-    return id == 0 || found == std::end(g_places) ? nullptr : found;
+    const auto found = std::ranges::find(g_places, id, &Place::id);
+    return id == 0 || found == g_places.end() ? nullptr : &*found;
 }
 
-bool AllAre(State state) {
-    return std::all_of(std::begin(g_places), std::end(g_places),
-                       [state](const Place& p) { return p.state == state; });
+std::vector<Place*> Living() {
+    std::vector<Place*> living;
+    for (Place& place : g_places)
+        if (place.state == State::Live) living.push_back(&place);
+    return living;
 }
 
 // --- starting and killing ---
 
 void Start(Place& place) {
+    const Status last = std::exchange(place.status, {});
+    for (std::size_t n = 0; n < last.size(); n++) place.before[n] += last[n];
+    place.status[Local] = last[Local];
+    place.status[Served] = last[Served];
     place.state = State::Starting;
     place.since = Clock::now();
-    const Text words = to_string(place.number) + " " + to_string(ProcGetId()) + " " +
-                       to_string(place.status.local) + " " + to_string(place.status.served);
-    const int local = place.status.local, served = place.status.served;
-    auto sums = [](Status& sum, Status& last) {
-        std::vector<int> counts;
-        ForEachCount(last, [&counts](int count) { counts.push_back(count); });
-        std::size_t n = 0;
-        ForEachCount(sum, [&](int& count) { count += counts[n++]; });
-    };
-    sums(place.before, place.status);
-    place.status = {};
-    place.status.local = local;
-    place.status.served = served;
     place.id = 0;
+    place.pid = 0;
+    const Text words = to_string(place.number) + " " + to_string(ProcGetId()) + " " +
+                       to_string(last[Local]) + " " + to_string(last[Served]);
     if (place.Adopted()) {
         place.process = Process::InRole("load", {"", words}, g_home);
         place.pid = place.process.Id();
         return;
     }
-    place.pid = 0;
     ObjHolder<ProcAddressS> service;
     ProcCreateAddress(service.Address(), SysLocalMachineName(), "Load", 4);
     const ObjHolder<ObjStringS> text(ObjStringNew(words.c_str()));
     ProcGiveServiceATask(service.Get(), nullptr, nullptr, FALSE, text.Get(), place.number);
 }
 
-// Only what has been started here and still runs this program.
-void Kill(Place& place) {
+// One that may be; only what has been started here and still runs this program.
+void KillOne() {
+    std::vector<Place*> living = Living();
+    std::erase_if(living, [](const Place* place) { return place->Lasts(); });
+    if (living.empty()) return;
+    Place& place = *living[g_random() % living.size()];
     std::error_code error;
     const auto program =
         std::filesystem::read_symlink("/proc/" + to_string(place.pid) + "/exe", error);
-    if (place.pid <= 1 || program != std::filesystem::read_symlink("/proc/self/exe")) {
-        Fault("place " + to_string(place.number) + " is no process of the soak");
-        return;
-    }
+    if (place.pid <= 1 || program != std::filesystem::read_symlink("/proc/self/exe"))
+        return Fault(place.Name() + " is no process of the soak");
     kill(place.pid, SIGKILL);
     if (place.Adopted()) place.process = Process();
     place.state = State::Killed;
@@ -140,45 +129,16 @@ void Kill(Place& place) {
     place.kills++;
 }
 
-void KillOne() {
-    std::vector<Place*> living;
-    for (Place& place : g_places)
-        if (place.state == State::Live && !place.Lasts()) living.push_back(&place);
-    if (!living.empty()) Kill(*living[g_random() % living.size()]);
-}
-
-// Some adopted processes are killed on their way into the machine.
-void StartAnew(Place& place) {
-    while (place.Adopted() && !place.Lasts() && g_random() % 3 == 0) {
-        Process young = Process::InRole("load", {"", "-"}, g_home);
-        usleep(static_cast<useconds_t>(g_random() % 30000));
-        place.young++;
-    }
-    Start(place);
-}
-
 // --- messages ---
 
-void SendRoster() {
-    Text ids;
-    for (const Place& place : g_places)
-        if (place.state == State::Live) ids += to_string(place.id) + " ";
-    for (const Place& place : g_places) {
-        if (place.state != State::Live) continue;
-        const ::Address to(AddressOf(place.id));
-        SendText(to.Get(), RosterType, ids);
-    }
-}
-
-void Hello(ProcIdT from, const Text& words) {
-    std::istringstream text(words);
-    int number = -1;
+void Hello(MsgMessageO message, ObjStringS* text) {
+    const ProcIdT from = MsgGetProcessId(message->oSource);
+    std::istringstream words(text->pstrValue);
+    std::size_t number = g_places.size();
     pid_t pid = 0;
-    text >> number >> pid;
-    if (number < 0 || number >= Places || g_places[number].state != State::Starting) {
-        Fault("process " + to_string(from) + " came unexpectedly");
-        return;
-    }
+    words >> number >> pid;
+    if (number >= g_places.size() || g_places[number].state != State::Starting)
+        return Fault("process " + to_string(from) + " came unexpectedly");
     Place& place = g_places[number];
     place.id = from;
     place.pid = pid;
@@ -186,70 +146,67 @@ void Hello(ProcIdT from, const Text& words) {
     place.pong = Clock::now();
     const ::Address address(AddressOf(from));
     ProcInformOnDeath(address.Get());
-    SendRoster();
+    Text ids;
+    for (const Place* living : Living()) ids += to_string(living->id) + " ";
+    for (const Place* living : Living()) SendText(living->id, RosterType, ids);
 }
 
-void TakeStatus(ProcIdT from, const Text& words) {
-    Place* place = PlaceOf(from);
-    std::istringstream counts(words);
+void TakeStatus(MsgMessageO message, ObjStringS* text) {
+    Place* place = PlaceOf(MsgGetProcessId(message->oSource));
+    std::istringstream counts(text->pstrValue);
     if (place == nullptr) return;
-    ForEachCount(place->status, [&counts](int& count) { counts >> count; });
-    g_logged[from] = place->status.logged;
+    for (int& count : place->status) counts >> count;
+    g_logged[place->id] = place->status[Logged];
 }
 
-void Died(MsgMessageO message) {
-    ObjHolder<PmgrProcessDiedS> body;
-    if (MsgGetObject(body.Address(), message, PmgrProcessDiedMagic) != TRUE) return;
-    Place* place = PlaceOf(MsgGetProcessId(body.Get()->oAddress));
+// Some adopted processes are killed on their way into the machine.
+void Died(MsgMessageO /*message*/, PmgrProcessDiedS* body) {
+    Place* place = body == nullptr ? nullptr : PlaceOf(MsgGetProcessId(body->oAddress));
     if (place == nullptr) return;
-    if (place->state != State::Killed)
-        Fault("place " + to_string(place->number) + " ended by itself");
-    StartAnew(*place);
+    if (place->state != State::Killed) Fault(place->Name() + " ended by itself");
+    for (; place->Adopted() && !place->Lasts() && g_random() % 3 == 0; place->young++) {
+        const Process young = Process::InRole("load", {"", "-"}, g_home);
+        usleep(static_cast<useconds_t>(g_random() % 30000));
+    }
+    Start(*place);
 }
 
-void Pong(ProcIdT from) {
+void Pong(MsgMessageO message, void* /*body*/) {
+    const ProcIdT from = MsgGetProcessId(message->oSource);
     if (Place* place = PlaceOf(from); place != nullptr) place->pong = Clock::now();
     for (Manager& manager : g_managers)
         if (manager.id == from) manager.pong = Clock::now();
 }
 
-void TaskAnswer(MsgMessageO message) {
-    ObjHolder<PmgrGiveServiceATaskReturnS> body;
-    if (MsgGetObject(body.Address(), message, PmgrGiveServiceATaskReturnMagic) == TRUE &&
-        body.Get()->bSuccess != TRUE)
-        Fault("no process for place " + to_string(body.Get()->lCookie) + ", error " +
-              to_string(body.Get()->lErrorCode));
+void TaskAnswer(MsgMessageO /*message*/, PmgrGiveServiceATaskReturnS* body) {
+    if (body != nullptr && body->bSuccess != TRUE)
+        Fault("no process for place " + to_string(body->lCookie) + ", error " +
+              to_string(body->lErrorCode));
 }
 
-void Handle(MsgMessageO message) {
-    const ProcIdT from = MsgGetProcessId(message->oSource);
-    switch (MsgType(message)) {
-        case HelloType:
-            return Hello(from, BodyText(message));
-        case StatusType:
-            return TakeStatus(from, BodyText(message));
-        case FaultType:
-            return Fault(BodyText(message));
-        case PMGR_PROCESS_DIED_MSG:
-            return Died(message);
-        case MSG_PONG_MSG:
-            return Pong(from);
-        case PMGR_GIVE_SERVICE_A_TASK_RETURN_MSG:
-            return TaskAnswer(message);
-        case MSG_LOST_RECEIVE_QUEUE_MSG:
-            return Fault("the communications manager is gone");
-        default:
-            return;
-    }
+void Told(MsgMessageO /*message*/, ObjStringS* text) { Fault(text->pstrValue); }
+
+void LinkLost(MsgMessageO /*message*/, void* /*body*/) {
+    Fault("the communications manager is gone");
 }
+
+constexpr Handler Handlers[] = {
+    {HelloType, OnText<Hello>},
+    {StatusType, OnText<TakeStatus>},
+    {FaultType, OnText<Told>},
+    {PMGR_PROCESS_DIED_MSG, On<PmgrProcessDiedS, PmgrProcessDiedMagic, Died>},
+    {MSG_PONG_MSG, On<void, 0, Pong>},
+    {PMGR_GIVE_SERVICE_A_TASK_RETURN_MSG,
+     On<PmgrGiveServiceATaskReturnS, PmgrGiveServiceATaskReturnMagic, TaskAnswer>},
+    {MSG_LOST_RECEIVE_QUEUE_MSG, On<void, 0, LinkLost>},
+};
 
 // --- the watchdog ---
 
 void Ping() {
     const New<MsgPingS> ping(MsgPingMagic, "i;i;");
     for (const Manager& manager : g_managers) SendTo(manager.id, MSG_PING_MSG, ping.Get());
-    for (const Place& place : g_places)
-        if (place.state == State::Live) SendTo(place.id, MSG_PING_MSG, ping.Get());
+    for (const Place* place : Living()) SendTo(place->id, MSG_PING_MSG, ping.Get());
 }
 
 // True while everybody makes progress; else tells who waits.
@@ -265,12 +222,11 @@ bool Progress() {
         const char* how = place.state == State::Live       ? " does not answer\n"
                           : place.state == State::Starting ? " does not come\n"
                                                            : " is dead, and nobody tells\n";
-        waiting += "place " + to_string(place.number) + ", process " + to_string(place.id) + how +
+        waiting += place.Name() + ", process " + to_string(place.id) + how +
                    WhatItDoes(place.id, place.pid);
     }
-    if (waiting.empty()) return true;
-    Fault("deadlock:\n" + waiting);
-    return false;
+    if (!waiting.empty()) Fault("deadlock:\n" + waiting);
+    return waiting.empty();
 }
 
 // --- the run ---
@@ -289,10 +245,8 @@ struct Every {
 };
 
 void Turn() {
-    Message message;
     const TimeoutIn turn(50);
-    if (MsgReceive(message.Address(), turn.Get()) == TRUE && message.Get()->oSource != nullptr)
-        Handle(message.Get());
+    MsgWaitPollWithTimeout(turn.Get());
 }
 
 bool StartMachine() {
@@ -301,18 +255,19 @@ bool StartMachine() {
         if (!manager.process.Line().starts_with("ready")) return false;
         manager.pong = Clock::now() + seconds(60);
     }
-    return ProcInitializeViewer(nullptr, nullptr, nullptr, TraceLevelE(0)) == TRUE;
+    if (ProcInitializeViewer(nullptr, nullptr, nullptr, TraceLevelE(0)) != TRUE) return false;
+    for (const auto& [type, handle] : Handlers) MsgWaitAddHandler(type, handle, nullptr);
+    return true;
 }
 
 // Turns until all load processes are there, or the time of one is over.
 bool StartLoad() {
     for (Place& place : g_places) Start(place);
-    while (!AllAre(State::Live) && Progress()) Turn();
+    while (Living().size() < g_places.size() && Progress()) Turn();
     for (const Manager& manager : g_managers)
         g_subjects.push_back({manager.name, manager.id, manager.process.Id(), {}});
-    for (const int number : {LastingService, LastingAdopted})
-        g_subjects.push_back(
-            {"place " + to_string(number), g_places[number].id, g_places[number].pid, {}});
+    for (const Place& place : g_places)
+        if (place.Lasts()) g_subjects.push_back({place.Name(), place.id, place.pid, {}});
     g_subjects.push_back({"controller", ProcGetId(), getpid(), {}});
     return g_faults.empty();
 }
@@ -327,8 +282,7 @@ bool Run(int length, int interval) {
             Ping();
             if (!Progress()) return false;
         }
-        if (sample.Now())
-            for (Subject& subject : g_subjects) TakeSample(subject);
+        if (sample.Now()) std::ranges::for_each(g_subjects, TakeSample);
     }
     return true;
 }
@@ -338,31 +292,26 @@ bool Drain() {
     const Time begin = Clock::now();
     Every second(1);
     const auto drained = [begin] {
-        return std::all_of(std::begin(g_places), std::end(g_places),
-                           [](const Place& p) {
-                               return p.state == State::Live && p.status.quiet == 1 &&
-                                      p.status.open == 0;
-                           }) &&
-               std::all_of(std::begin(g_managers), std::end(g_managers),
-                           [begin](const Manager& m) { return m.pong > begin + seconds(3); });
+        return std::ranges::all_of(g_places,
+                                   [](const Place& p) {
+                                       return p.state == State::Live && p.status[Quiet] == 1 &&
+                                              p.status[Open] == 0;
+                                   }) &&
+               std::ranges::all_of(
+                   g_managers, [begin](const Manager& m) { return m.pong > begin + seconds(3); });
     };
-    while (!drained()) {
+    while (!drained() && Clock::now() <= begin + 4 * Due) {
         Turn();
-        if (second.Now()) {
-            for (const Place& place : g_places)
-                if (place.state == State::Live) SendTo(place.id, QuietType, nullptr);
-            Ping();
-            if (!Progress()) return false;
-        }
-        if (Clock::now() > begin + 4 * Due) {
-            for (const Place& place : g_places)
-                if (place.status.open != 0)
-                    Fault("place " + to_string(place.number) + " still waits for " +
-                          to_string(place.status.open) + " answers");
-            return false;
-        }
+        if (!second.Now()) continue;
+        for (const Place* place : Living()) SendTo(place->id, QuietType, nullptr);
+        Ping();
+        if (!Progress()) return false;
     }
-    return true;
+    const bool done = drained();
+    for (const Place& place : g_places)
+        if (!done && place.status[Open] != 0)
+            Fault(place.Name() + " still waits for " + to_string(place.status[Open]) + " answers");
+    return done;
 }
 
 // --- what is left ---
@@ -375,8 +324,8 @@ Text CheckLog() {
     int records = 0;
     for (std::size_t at = 0; at < all.size();) {
         const auto* image = reinterpret_cast<const ByteT*>(all.data() + at);
-        if (LogIsImage(image, static_cast<int32>(
-                                  std::min<std::size_t>(all.size() - at, INT_MAX))) != TRUE) {
+        const auto left = static_cast<int32>(std::min<std::size_t>(all.size() - at, INT_MAX));
+        if (LogIsImage(image, left) != TRUE) {
             Fault("the log is damaged at " + to_string(at));
             break;
         }
@@ -400,14 +349,12 @@ void CheckConfiguration() {
     WorkForClient();
     for (const Place& place : g_places) {
         const Text key = "Place " + to_string(place.number);
-        const std::pair<const char*, int> items[] = {{LocalFile, place.status.local},
-                                                     {ServedFile, place.status.served}};
-        for (const auto& [file, value] : items) {
+        for (const auto& [file, count] : {std::pair{LocalFile, Local}, {ServedFile, Served}}) {
             int32 lRead = -1;
             CfgGetInteger(&lRead, file, "Soak", key.c_str(), -1);
-            if (lRead != value)
+            if (lRead != place.status[count])
                 Fault(key + " of " + file + " is " + to_string(lRead) + ", written was " +
-                      to_string(value));
+                      to_string(place.status[count]));
         }
     }
 }
@@ -415,10 +362,12 @@ void CheckConfiguration() {
 // The lines of a process that was never killed, from all archives of its trace.
 Text CheckTrace(const Place& place) {
     const Text name = "place" + to_string(place.number), unpacked = g_home + "/tmp";
+    const Text mark = " " + place.Name() + " line ";
     const auto left = [&name](const Text& suffix) {
-        std::vector<Text> files;
-        for (const Text& file : ListDir(g_home + "/trace"))
-            if (file.starts_with(name + "-") && file.ends_with(suffix)) files.push_back(file);
+        std::vector<Text> files = ListDir(g_home + "/trace");
+        std::erase_if(files, [&](const Text& file) {
+            return !file.starts_with(name + "-") || !file.ends_with(suffix);
+        });
         return files;
     };
     const Time until = Clock::now() + 3 * Due;
@@ -432,7 +381,6 @@ Text CheckTrace(const Place& place) {
         ::Run({TEST_TOOL, "-d", g_home + "/trace/" + archive, unpacked});
         const Text log = unpacked + "/" + archive.substr(0, archive.size() - 4) + ".log";
         for (const Text& line : Split(ReadFile(log))) {
-            const Text mark = " place " + to_string(place.number) + " line ";
             const auto at = line.find(mark);
             if (at == Text::npos) continue;
             if (const int number = std::stoi(line.substr(at + mark.size())); number != ++last)
@@ -441,8 +389,8 @@ Text CheckTrace(const Place& place) {
         }
         unlink(log.c_str());
     }
-    if (last != place.status.traced)
-        Fault(name + " has traced " + to_string(place.status.traced) + " lines, kept are " +
+    if (last != place.status[Traced])
+        Fault(name + " has traced " + to_string(place.status[Traced]) + " lines, kept are " +
               to_string(last));
     return to_string(last) + " lines in " + to_string(archives.size()) + " trace files of " + name;
 }
@@ -456,8 +404,7 @@ void EndMachine() {
             Fault(Text(manager.name) + " ended with " + to_string(code));
     for (Place& place : g_places) {
         if (place.process.Id() > 0) place.process.Wait(10);
-        if (place.pid > 1 && kill(place.pid, 0) == 0)
-            Fault("place " + to_string(place.number) + " outlives the machine");
+        if (place.pid > 1 && kill(place.pid, 0) == 0) Fault(place.Name() + " outlives the machine");
     }
 }
 
@@ -468,32 +415,22 @@ Text PlacesText() {
         "| Place | Started | Killed | Killed while joining | Sent | Acknowledged | Above 100 kB "
         "| Channels | Tasks | Logged | Configuration "
         "|\n|---|---|---|---|---|---|---|---|---|---|---|\n";
-    Status all;
-    int kills = 0, young = 0;
-    const auto row = [&text](const Text& name, const Text& how, int killed, int joining, Status s) {
+    std::array<int, 9> all = {};
+    const auto row = [&text](const Text& name, const Text& how, const std::array<int, 9>& counts) {
         text += "| " + name + " | " + how + " |";
-        for (const int n : {killed, joining, s.sent, s.acked, s.big, s.channels, s.tasks, s.logged,
-                            s.local + s.served})
-            text += " " + to_string(n) + " |";
+        for (const int count : counts) text += " " + to_string(count) + " |";
         text += "\n";
     };
     for (const Place& place : g_places) {
-        Status s = place.before, last = place.status;
-        for (const auto count : {&Status::sent, &Status::acked, &Status::big, &Status::channels,
-                                 &Status::tasks, &Status::logged}) {
-            s.*count += last.*count;
-            all.*count += s.*count;
-        }
-        s.local = last.local;
-        s.served = last.served;
-        all.local += s.local;
-        all.served += s.served;
-        kills += place.kills;
-        young += place.young;
-        row(to_string(place.number), place.Adopted() ? "adopted" : "by task", place.kills,
-            place.young, s);
+        const auto total = [&place](Count n) { return place.before[n] + place.status[n]; };
+        const std::array<int, 9> counts = {
+            place.kills,  place.young,   total(Sent),
+            total(Acked), total(Big),    total(Channels),
+            total(Tasks), total(Logged), place.status[Local] + place.status[Served]};
+        for (std::size_t n = 0; n < all.size(); n++) all[n] += counts[n];
+        row(to_string(place.number), place.Adopted() ? "adopted" : "by task", counts);
     }
-    row("all", "", kills, young, all);
+    row("all", "", all);
     return text;
 }
 
@@ -505,7 +442,7 @@ int main(int argc, char** argv) {
     g_home = argv[1];
     const int length = std::stoi(argv[2]), interval = std::clamp(length / 60, 1, 15);
     g_random.seed(static_cast<unsigned>(std::stoul(argv[3])));
-    for (int n = 0; n < Places; n++) g_places[n].number = n;
+    for (int n = 0; Place & place : g_places) place.number = n++;
     setenv("KRHOME", argv[1], 1);
     if (!StartMachine()) return std::cerr << "the machine does not start\n", 1;
     Text kept;
@@ -515,8 +452,8 @@ int main(int argc, char** argv) {
         CheckConfiguration();
     }
     EndMachine();
-    for (const int number : {LastingService, LastingAdopted})
-        if (whole) kept += "; " + CheckTrace(g_places[number]);
+    for (const Place& place : g_places)
+        if (whole && place.Lasts()) kept += "; " + CheckTrace(place);
     std::cout << "Seed " << argv[3] << ", " << length << " seconds.\n\n"
               << PlacesText() << "\nKept: " << kept
               << ".\n\nRSS in kB / descriptors / blocks / objects:\n\n";
