@@ -18,8 +18,7 @@
 #include "core/task.h"
 #include "core/unique.h"
 #include "support/clientconfig.h"
-#include "support/messages.h"
-#include "support/shown.h"
+#include "support/services.h"
 #include "support/world.h"
 
 namespace {
@@ -72,18 +71,6 @@ const Role programRole("program", [](const Arguments& arguments) {
 
 // --- who asks for it ---
 
-// The next body of a type, from whomever; "nothing" when none comes.
-template <class T>
-T* Await(MsgTypeT type, int32 magic) {
-    Message message;
-    T* body = nullptr;
-    const TimeoutIn limit(30000);
-    if (MsgReceiveMsgTypeFromAddress(message.Address(), type, nullptr, limit.Get()) != TRUE ||
-        MsgGetObject(&body, message.Get(), magic) != TRUE)
-        Say("no " + Text(MsgName(type)));
-    return body;
-}
-
 int32 glCookie = 0;  // of the last task
 
 void Give(const char* machine, const char* service) {
@@ -95,27 +82,11 @@ void Give(const char* machine, const char* service) {
                             travels.Get());
 }
 
-// The id of the process that has the task, or the code of the error as a negative number.
-int32 Taken() {
-    const ObjHolder<PmgrGiveServiceATaskReturnS> answer(Await<PmgrGiveServiceATaskReturnS>(
-        PMGR_GIVE_SERVICE_A_TASK_RETURN_MSG, PmgrGiveServiceATaskReturnMagic));
-    if (answer.Get() == nullptr || answer.Get()->lCookie != glCookie) return -100;
-    return answer.Get()->bSuccess == TRUE ? MsgGetProcessId(answer.Get()->oAddress)
-                                          : -answer.Get()->lErrorCode;
-}
+int32 Taken() { return TaskTaken(glCookie); }
 
 Text Done() {
-    const ObjHolder<ObjStringS> done(Await<ObjStringS>(DoneType, ObjStringMagic));
+    const ObjHolder<ObjStringS> done(AwaitBody<ObjStringS>(DoneType, ObjStringMagic));
     return done.Get() == nullptr ? "" : done.Get()->pstrValue;
-}
-
-Text Death() {
-    const ObjHolder<PmgrProcessDiedS> died(
-        Await<PmgrProcessDiedS>(PMGR_PROCESS_DIED_MSG, PmgrProcessDiedMagic));
-    return ObjectText(died.Get());
-}
-Text DeathOf(const Text& machine, ProcIdT id) {
-    return "PmgrProcessDied(" + machine + ":" + to_string(id) + ")";
 }
 
 // What each task brings that is asked with a cookie. Gives the last process that has done one.
@@ -168,7 +139,7 @@ void DealWithProcesses(const Text& machine) {
         said += done.substr(std::min(done.find(' '), done.size())) + ", " + runs(id, machine);
         ProcInformOnDeath(worker.Get());
         ProcKillProcess(worker.Get(), kill);
-        said += Death() == DeathOf(machine, id) ? ", died, " : ", another died, ";
+        said += ToldOfDeath(machine, id) ? ", died, " : ", another died, ";
         Say(said + runs(id, machine));
     }
     Say(runs(9999, machine));
@@ -186,7 +157,7 @@ void LoseMachine(const Text& machine, ProcIdT other) {
     Give(machine.c_str(), "Worker");
     Say("asked");
     for (const ProcIdT lost : {other, id})
-        Say(Death() == DeathOf(machine, lost) ? "died" : "another died");
+        Say(ToldOfDeath(machine, lost) ? "died" : "another died");
     Say("error " + to_string(-Taken()));
 }
 
