@@ -1,7 +1,7 @@
-// Becoming a managed process. First alone: a child process has its interprocess link on one end of
-// a pair of sockets, and what its managers say lies in the other before it begins; segments are
-// made by hand. Then with managers, as processes of one machine.
+// Becoming a managed process: a child process has its interprocess link on one end of a pair of
+// sockets, and what its managers say lies in the other before it begins; segments are made by hand.
 #include <sys/shm.h>
+#include <sys/socket.h>
 
 #include <sstream>
 
@@ -14,8 +14,9 @@
 #include "core/procinit.h"
 #include "support/files.h"
 #include "support/leftovers.h"
-#include "support/machine.h"
-#include "support/services.h"
+#include "support/messages.h"
+#include "support/roles.h"
+#include "support/shown.h"
 
 using Text = std::string;
 using std::to_string;
@@ -120,7 +121,7 @@ class Managers {
         if (send(m_end, bytes.pData, static_cast<size_t>(bytes.lSize), 0) != bytes.lSize) abort();
     }
     // Types, receivers and bodies of what has been said to them; after the library's end only
-    // types.
+    // types. "PID" stands for the number that the system has given.
     Text Heard(bool bodies) const {
         Text all;
         Text bytes(65536, '\0');
@@ -131,10 +132,9 @@ class Managers {
             std::memcpy(&header, bytes.data(), sizeof(header));
             all += " " + to_string(header.tMsgType);
             if (bodies) {
-                const New<MsgPacketS> packet(MsgPacketMagic, "d;");
-                packet->tMessage.pData = MemAllocateFromPool(header.lLength, MemGetDefaultPoolId());
-                packet->tMessage.lSize = header.lLength;
-                bytes.copy(static_cast<char*>(packet->tMessage.pData), packet->tMessage.lSize);
+                void* const copy = MemAllocateFromPool(header.lLength, MemGetDefaultPoolId());
+                const New<MsgPacketS> packet(MsgPacketMagic, "d;", {{header.lLength, copy}});
+                bytes.copy(static_cast<char*>(copy), static_cast<size_t>(header.lLength));
                 ObjHolder<void> body;
                 MsgObjectFromPacketInternal(body.Address(), packet.Get(), 0);
                 all +=
@@ -142,7 +142,6 @@ class Managers {
             }
             bytes.erase(0, static_cast<size_t>(header.lLength));
         }
-        // The numbers that the system has given.
         for (const char* end : {",", ")"}) {
             const Text real = "," + to_string(getpid()) + end;
             for (size_t at; (at = all.find(real)) != Text::npos;)
@@ -160,17 +159,16 @@ struct Start {
     Text script;  // what the managers say
     Text seen;    // what comes of it
     std::function<void(ProcInitializeArgsO)> set = nullptr;
-    BooleanT (*join)(const char* id) = nullptr;  // in its own way
+    std::function<bool()> join = nullptr;  // in its own way
 };
 
-BooleanT Join(const Start& start, const Managers& managers, const Memory& memory) {
-    std::istringstream words(start.script);
-    for (Text word; words >> word;) managers.Say(word, memory);
-    if (start.join != nullptr) return start.join(start.id);
+bool Join(const Start& start, const Managers& managers, const Memory& memory) {
+    for (const Text& word : Split(start.script, ' ')) managers.Say(word, memory);
+    if (start.join != nullptr) return start.join();
     ProcInitializeArgsO args = ProcNewInitializeArgs();
     if (start.id != nullptr) args->pstrProcId = StrDuplicate(start.id);
     if (start.set != nullptr) start.set(args);
-    return ProcInitializeArgs(&args);
+    return ProcInitializeArgs(&args) == TRUE;
 }
 
 // Result, id, name, locale | what is received afterwards | what the managers have heard | errors.
@@ -180,7 +178,7 @@ Text Started(const Start& start) {
         const TraceCapture trace;
         const Managers managers;
         MsgQuickExit(TRUE);  // nobody hangs up
-        const bool joined = Join(start, managers, memory) == TRUE;
+        const bool joined = Join(start, managers, memory);
         Text text = "failed |";
         if (joined) {
             char* locale = nullptr;
@@ -217,7 +215,7 @@ int End(const std::vector<Text>& arguments) {
     const Text how = arguments[1];
     MsgQuickExit(TRUE);
     const char* id = arguments[0] == "-" ? nullptr : arguments[0].c_str();
-    const bool joined = Join({id, how == "fails" ? "5" : "A", ""}, *managers, *memory) == TRUE;
+    const bool joined = Join({id, how == "fails" ? "5" : "A", ""}, *managers, *memory);
     memory->Remove();
     MsgQuickExit(BooleanFrom(arguments[2] != "-2"));
     if (!joined) return raise(SIGTERM);
@@ -262,32 +260,30 @@ TEST(ProcInit, WhatManagersSayInEveryOrder) {
          }},
         // The other ways in.
         {"107", "A", "107 titled <null> | |" + Initial("0,0,0,0,0,0") + Status(2) + " |", nullptr,
-         [](const char* id) {
-             const BooleanT joined =
-                 ProcInitializeWithTrace(id, TRUE, "with.log", eTraceLevelLibNormal);
-             return BooleanFrom(joined == TRUE && TraceTracingToFile() == TRUE &&
-                                TraceSetLevel(eTraceLevelUnchanged) == eTraceLevelLibNormal);
+         [] {
+             return ProcInitializeWithTrace("107", TRUE, "with.log", eTraceLevelLibNormal) ==
+                        TRUE &&
+                    TraceTracingToFile() == TRUE &&
+                    TraceSetLevel(eTraceLevelUnchanged) == eTraceLevelLibNormal;
          }},
         {"107", "A", "107 titled <null> | |" + Initial("0,0,0,1,0,0") + Status(3) + " |", nullptr,
-         [](const char* id) {
-             return BooleanFrom(
-                 ProcInitializeWithProgress(id, FALSE, nullptr, eTraceLevelLibNormal) == TRUE &&
-                 ProcGetProgressBuffer()->lBufferSize == ProgressBytes);
+         [] {
+             return ProcInitializeWithProgress("107", FALSE, nullptr, eTraceLevelLibNormal) ==
+                        TRUE &&
+                    ProcGetProgressBuffer()->lBufferSize == ProgressBytes;
          }},
         {nullptr, "A", "107 titled <null> | |" + Initial("1,PID,0,0,1,0") + Status(3) + " |",
          nullptr,
-         [](const char* /*id*/) {
+         [] {
              ProcProcessTableT* table = nullptr;
              ByteT* details = nullptr;
-             return BooleanFrom(
-                 ProcInitializeViewer(&table, &details, nullptr, eTraceLevelLibNormal) == TRUE &&
-                 ProcTableSlots(table)->tProcessId == 77 && details == ProcShmAddress(0));
+             return ProcInitializeViewer(&table, &details, nullptr, eTraceLevelLibNormal) == TRUE &&
+                    ProcTableSlots(table)->tProcessId == 77 && details == ProcShmAddress(0);
          }},
         {nullptr, "A", "failed | | |", nullptr,
-         [](const char* /*id*/) {
-             return BooleanFrom(ProcInitializeThread(nullptr, eTraceLevelLibNormal) == TRUE ||
-                                ProcInitializeThreadWithProgress(nullptr, eTraceLevelLibNormal) ==
-                                    TRUE);
+         [] {
+             return ProcInitializeThread(nullptr, eTraceLevelLibNormal) == TRUE ||
+                    ProcInitializeThreadWithProgress(nullptr, eTraceLevelLibNormal) == TRUE;
          }},
         // What are no ids.
         {"12x", "A", "failed | | 1004 |"},
@@ -444,146 +440,4 @@ TEST(ProcAttach, WhatLiesInIt) {
     EXPECT_EQ(KilnTime(nullptr), FALSE);
     EXPECT_EQ(ProcShmAddress(0), nullptr);
     ProcSetName(nullptr);
-}
-
-// --- processes of a machine ---
-
-namespace {
-
-constexpr int32 Restart = 9;  // a task: the service is to be started anew
-
-// A program that the process manager starts: name, id.
-const Role programRole("program", [](const std::vector<Text>& arguments) {
-    const Text& name = arguments[0];
-    const bool isService = name == "echo";
-    if (ProcInitialize(arguments[1].c_str(), BooleanFrom(isService)) != TRUE) return 9;
-    if (!isService) Say(name + " up " + to_string(getpid()));
-    if (name == "first") ProcSendSODReady(ePSODROK);
-    if (name == "evening") ProcCleanup(0);
-    for (;;) {
-        Message message;
-        if (MsgReceive(message.Address(), nullptr) != TRUE) continue;
-        const MsgTypeT type = MsgType(message.Get());
-        if (type == PMGR_TASK_MSG) {
-            auto* task = static_cast<PmgrTaskO>(message.Get()->oObject);
-            if (ObjGetInteger(static_cast<ObjIntegerO>(task->oUserArguments)) == Restart)
-                ProcCleanup(-1);
-            ProcSendStatus(eProcStatusTaskRequired);
-        }
-        if (type != PMGR_KILL_YOURSELF_MSG || name == "stubborn") continue;
-        Say(name + " is asked to end");
-        ProcCleanup(0);
-    }
-});
-
-int32 StateOf(ProcIdT id) {
-    const ProcProcessTableT* table = gtTlContext.sProcess.ptProcessTable;
-    for (int32 n = 0; n < table->lSlotCount; n++)
-        if (ProcTableSlots(table)[n].tProcessId == id) return ProcTableSlots(table)[n].eState;
-    return eProcStateUnknown;
-}
-
-void AwaitState(ProcIdT id, int32 state) {
-    for (int n = 0; StateOf(id) != state && n < 6000; n++)
-        usleep(5000);  // nothing tells of a change in shared memory
-    if (StateOf(id) != state) Say("never in state " + to_string(state));
-}
-
-// The process that has the task.
-ProcIdT Echo(int32 number) {
-    const ObjHolder<ObjIntegerS> data(ObjIntegerNew(number));
-    ObjHolder<ProcAddressS> address;
-    ProcCreateAddress(address.Address(), SysLocalMachineName(), "Echo", 4);
-    ProcGiveServiceATask(address.Get(), nullptr, nullptr, FALSE, data.Get(), 1);
-    return TaskTaken(1);
-}
-
-// What one process asks of the managers; what is not as it should be is said.
-const Role askRole("ask", [](const std::vector<Text>& /*arguments*/) {
-    const auto check = [](bool good, const Text& what) {
-        if (!good) Say("not: " + what);
-    };
-    const auto dies = [](ProcIdT id, bool kill) {
-        const Address address(At(".:" + to_string(id)));
-        ProcInformOnDeath(address.Get());
-        if (kill) ProcKillProcess(address.Get(), 1);
-        return ToldOfDeath(".", id);
-    };
-    check(ProcInitializeTags(OBJ_TAG_BEGIN, 4, TRUE, 5, TRUE, 9, "the asker", OBJ_TAG_END) == TRUE,
-          "joins");
-    AwaitState(ProcGetId(), eProcStateBusy);
-    TimeT reference = 0;
-    KilnTime(&reference);
-    check(ProcGetId() >= 100 && ProcTitle() == Text("the asker") &&
-              ProcGetProgressBuffer()->lBufferSize > 0 &&
-              std::abs(TimeNow() - 7200 - reference) <= 2,
-          "sees itself");
-    const ProcIdT echo = Echo(5);
-    AwaitState(echo, eProcStateReady);
-    check(echo >= 100 && Echo(6) == echo, "one process does both");
-    check(dies(echo, true) && StateOf(echo) == eProcStateUnknown, "told of a death");
-    check(dies(echo, false), "told of one that is dead already");
-    const ProcIdT second = Echo(1);
-    const Address secondAddress(At(".:" + to_string(second)));
-    ProcInformOnDeath(secondAddress.Get());
-    ProcCancelInformOnDeath(secondAddress.Get());
-    ProcKillProcess(secondAddress.Get(), 2);
-    AwaitState(second, eProcStateUnknown);
-    check(ProcIsProcessRunning(second, SysLocalMachineName()) == FALSE && MsgReceiveCount() == 0,
-          "no notice that was cancelled");
-    const ProcIdT restarted = Echo(Restart);
-    AwaitState(restarted + 1, eProcStateReady);
-    check(Echo(2) == restarted + 1 && StateOf(restarted) == eProcStateUnknown, "started again");
-    ProcCleanup(0);
-    return 9;
-});
-
-// Segments that the process has made, as the system lists them.
-int64 SegmentsOf(pid_t maker) {
-    const std::vector<Text> lines = Split(ReadFile("/proc/sysvipc/shm"));
-    return std::count_if(lines.begin(), lines.end(), [maker](const Text& line) {
-        int of = 0;
-        return std::sscanf(line.c_str(), "%*d %*d %*o %*u %d", &of) == 1 && of == maker;
-    });
-}
-
-}  // namespace
-
-TEST(ProcInit, ADayOfAMachine) {
-    Machine machine;
-    machine.Configure("programs.cfg", "[echo]\nunix=bin/echo\n");
-    machine.Configure("services.cfg", "[Echo]\nProgram=echo\n");
-    for (const Text name : {"first", "stubborn", "never", "evening", "echo"})
-        machine.AddProgram(name);
-    machine.Configure("procmgr.cfg",
-                      "[Reference Time]\nOffset=7200000\n[Shutdown]\nWait=1\n"
-                      "[Start of Day:bin/stubborn]\nRun order=3\nRun on Client=TRUE\n"
-                      "[Start of Day:bin/never]\nRun order=2\nRun on Server=TRUE\n"
-                      "[Start of Day:bin/missing]\nRun order=0\nRun on Client=TRUE\nOptional=TRUE\n"
-                      "[Start of Day:bin/first]\nRun order=1\nRun on Client=TRUE\n"
-                      "Wait for Ready=TRUE\n"
-                      "[End of Day:bin/evening]\nRun on Client=TRUE\nWait=60\n");
-    ASSERT_TRUE(machine.Start());
-    Process manager({TEST_MANAGERS "/procmanager"}, machine.Home());
-    const pid_t id = manager.Id();
-    Text said;
-    for (Text line; line != "ready 0"; said += line + "\n") ASSERT_NE(line = manager.Line(), "");
-    EXPECT_TRUE(said.starts_with("first up "));
-    EXPECT_EQ(SegmentsOf(id), 2);
-
-    Process asker = machine.InRole("ask", {});
-    EXPECT_EQ(asker.Wait(), 0);
-    EXPECT_EQ(asker.Rest(), "");
-
-    manager.Signal(SIGTERM);
-    EXPECT_EQ(manager.Wait(), 0);
-    EXPECT_EQ(machine.Comms().Wait(), 0);
-    EXPECT_EQ(SegmentsOf(id), 0);
-    said += manager.Rest();
-    const auto at = [&said](const Text& line) { return said.find(line); };
-    EXPECT_LT(at("evening up "), at("first is asked to end"));
-    EXPECT_NE(at("first is asked to end\n"), Text::npos);
-    EXPECT_EQ(at("never"), Text::npos);
-    ASSERT_NE(at("stubborn up "), Text::npos);
-    EXPECT_EQ(kill(std::stoi(said.substr(at("stubborn up ") + 12)), 0), -1);
 }

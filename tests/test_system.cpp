@@ -18,7 +18,8 @@
 #include "core/task.h"
 #include "core/unique.h"
 #include "support/clientconfig.h"
-#include "support/services.h"
+#include "support/messages.h"
+#include "support/shown.h"
 #include "support/world.h"
 
 namespace {
@@ -71,6 +72,18 @@ const Role programRole("program", [](const Arguments& arguments) {
 
 // --- who asks for it ---
 
+// The body of the next message of a type, from whomever; null, which is said, when none comes.
+template <class T>
+T* AwaitBody(MsgTypeT type, int32 magic) {
+    Message message;
+    T* body = nullptr;
+    const TimeoutIn limit(30000);
+    if (MsgReceiveMsgTypeFromAddress(message.Address(), type, nullptr, limit.Get()) != TRUE ||
+        MsgGetObject(&body, message.Get(), magic) != TRUE)
+        Say("no " + Text(MsgName(type)));
+    return body;
+}
+
 int32 glCookie = 0;  // of the last task
 
 void Give(const char* machine, const char* service) {
@@ -82,8 +95,21 @@ void Give(const char* machine, const char* service) {
                             travels.Get());
 }
 
-int32 Taken() { return TaskTaken(glCookie); }
+// The id of the process that has the task, or the code of the error as a negative number.
+int32 Taken() {
+    const ObjHolder<PmgrGiveServiceATaskReturnS> answer(AwaitBody<PmgrGiveServiceATaskReturnS>(
+        PMGR_GIVE_SERVICE_A_TASK_RETURN_MSG, PmgrGiveServiceATaskReturnMagic));
+    if (answer.Get() == nullptr || answer.Get()->lCookie != glCookie) return -100;
+    return answer.Get()->bSuccess == TRUE ? MsgGetProcessId(answer.Get()->oAddress)
+                                          : -answer.Get()->lErrorCode;
+}
 
+// Whether the next death that is told of is that of the process.
+bool ToldOfDeath(const Text& machine, ProcIdT id) {
+    const ObjHolder<PmgrProcessDiedS> died(
+        AwaitBody<PmgrProcessDiedS>(PMGR_PROCESS_DIED_MSG, PmgrProcessDiedMagic));
+    return ObjectText(died.Get()) == "PmgrProcessDied(" + machine + ":" + to_string(id) + ")";
+}
 Text Done() {
     const ObjHolder<ObjStringS> done(AwaitBody<ObjStringS>(DoneType, ObjStringMagic));
     return done.Get() == nullptr ? "" : done.Get()->pstrValue;

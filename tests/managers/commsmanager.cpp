@@ -129,28 +129,27 @@ constexpr ManagerHandlerT ForThisManager[] = {
     {CMGR_MACHINE_DOWN_MSG, CmgrMachineDownMagic, Broadcast},
     {PMGR_REGISTER_PROCESS_MSG, MsgIpcConnectMagic, With<MsgIpcConnectS, Registered>},
     {MSG_PING_MSG, 0, Ping},
-};
-constexpr ManagerHandlerT ForTheProcessManager[] = {
     {PMGR_NOTIFY_ON_DEATH_MSG, PmgrNotifyOnDeathMagic, With<PmgrNotifyOnDeathS, Watch>},
 };
 
 void Handle(MsgPacketO* poPacket) {
     const MsgHeaderT tHeader = *MsgPacketHeader(*poPacket);
-    const auto take = [poPacket](const auto& atHandlers) {
+    const bool bOfLink = std::ranges::count(OfLinks, tHeader.tMsgType, &ManagerHandlerT::tMsgType);
+    const bool bWatch = tHeader.tMsgId == MsgProcessManagerId &&
+                        tHeader.tMsgType == PMGR_NOTIFY_ON_DEATH_MSG &&
+                        !gtProcesses.contains(MsgProcessManagerId);
+    if (bOfLink || bWatch || tHeader.tMsgId == MsgCommunicationsManagerId) {
         ObjHolder<MsgMessageS> oMessage;
-        if (MsgMessageFromPacket(oMessage.Address(), *poPacket) == TRUE &&
-            oMessage.Get()->oSource != nullptr)
-            ManagerHandle(atHandlers, oMessage.Get());
-    };
-    if (std::ranges::any_of(OfLinks, [&](auto& t) { return t.tMsgType == tHeader.tMsgType; }))
-        take(OfLinks);
-    else if (tHeader.tMsgId == MsgCommunicationsManagerId)
-        take(ForThisManager);
-    else if (tHeader.tMsgId == MsgProcessManagerId && !gtProcesses.contains(MsgProcessManagerId) &&
-             tHeader.tMsgType == PMGR_NOTIFY_ON_DEATH_MSG)
-        take(ForTheProcessManager);
-    else if (tHeader.tMsgId > 0 && Deliver(tHeader.tMsgId, poPacket) != TRUE)
+        if (MsgMessageFromPacket(oMessage.Address(), *poPacket) != TRUE ||
+            oMessage.Get()->oSource == nullptr)
+            return;
+        if (bOfLink)
+            ManagerHandle(OfLinks, oMessage.Get());
+        else
+            ManagerHandle(ForThisManager, oMessage.Get());
+    } else if (tHeader.tMsgId > 0 && Deliver(tHeader.tMsgId, poPacket) != TRUE) {
         TellUnreachable(tHeader);
+    }
 }
 
 constexpr ManagerPlaceT Place = {{"127.0.0.1", "::1"}, "configure.cfg", "Machine", "Comms TcpPort"};

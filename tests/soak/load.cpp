@@ -15,15 +15,12 @@
 #include <set>
 #include <sstream>
 
-#include "core/cfg.h"
-#include "core/cfgutil.h"
 #include "core/log.h"
 #include "core/memory.h"
 #include "core/procapi.h"
 #include "core/procinit.h"
-#include "core/task.h"
 #include "soak.h"
-#include "support/roles.h"
+#include "support/clientconfig.h"
 
 TRACE_MODULE("SOAK")
 
@@ -404,7 +401,7 @@ const Role load("load", [](const std::vector<Text>& arguments) {
     if (!(words >> g_place >> g_controller >> local >> served)) return 8;
     TraceToFile(("place" + to_string(g_place) + ".log").c_str());
     g_random.seed(static_cast<unsigned>(ProcGetId()));
-    WorkForClient();
+    clientconfig::WorkForClient(SysLocalMachineName());
     LogLocally();
     LogSetClass("SOAK");
     CheckKnown(LocalFile, local, g_status[Local]);
@@ -445,13 +442,3 @@ const Role worker("worker", [](const std::vector<Text>& arguments) {
 });
 
 }  // namespace
-
-void WorkForClient() {
-    const New<CfgUtilRemoteConfigDetailsS> details(
-        CfgUtilRemoteConfigDetailsMagic, "s;s;o;",
-        {StrDuplicate(SysLocalMachineName()), StrDuplicate("client"), nullptr});
-    ObjHolder<TaskContextS> task;
-    TaskCreateContext(task.Address());
-    TaskSetContextObject(task.Get(), details.Get());
-    TaskSetTaskContext(task.Get());
-}

@@ -19,7 +19,7 @@
 #include "core/log.h"
 #include "core/procapi.h"
 #include "core/procinit.h"
-#include "support/files.h"
+#include "support/clientconfig.h"
 #include "support/roles.h"
 
 namespace {
@@ -231,18 +231,12 @@ bool Progress() {
 
 // --- the run ---
 
-struct Every {
-    explicit Every(int interval) : m_interval(interval), m_next(Clock::now() + m_interval) {}
-    bool Now() {
-        if (Clock::now() < m_next) return false;
-        m_next += m_interval;
-        return true;
-    }
-
- private:
-    seconds m_interval;
-    Time m_next;
-};
+// True once in every interval.
+bool IsTime(Time& next, int interval) {
+    if (Clock::now() < next) return false;
+    next += seconds(interval);
+    return true;
+}
 
 void Turn() {
     const TimeoutIn turn(50);
@@ -274,15 +268,15 @@ bool StartLoad() {
 
 bool Run(int length, int interval) {
     const Time end = Clock::now() + seconds(length);
-    Every second(1), sample(interval);
+    Time second = Clock::now() + seconds(1), sample = Clock::now() + seconds(interval);
     while (Clock::now() < end) {
         Turn();
-        if (second.Now()) {
+        if (IsTime(second, 1)) {
             KillOne();
             Ping();
             if (!Progress()) return false;
         }
-        if (sample.Now()) std::ranges::for_each(g_subjects, TakeSample);
+        if (IsTime(sample, interval)) std::ranges::for_each(g_subjects, TakeSample);
     }
     return true;
 }
@@ -290,7 +284,7 @@ bool Run(int length, int interval) {
 // Nothing is begun any more; what is under way comes to its end.
 bool Drain() {
     const Time begin = Clock::now();
-    Every second(1);
+    Time second = begin + seconds(1);
     const auto drained = [begin] {
         return std::ranges::all_of(g_places,
                                    [](const Place& p) {
@@ -302,7 +296,7 @@ bool Drain() {
     };
     while (!drained() && Clock::now() <= begin + 4 * Due) {
         Turn();
-        if (!second.Now()) continue;
+        if (!IsTime(second, 1)) continue;
         for (const Place* place : Living()) SendTo(place->id, QuietType, nullptr);
         Ping();
         if (!Progress()) return false;
@@ -346,7 +340,7 @@ Text CheckLog() {
 }
 
 void CheckConfiguration() {
-    WorkForClient();
+    clientconfig::WorkForClient(SysLocalMachineName());
     for (const Place& place : g_places) {
         const Text key = "Place " + to_string(place.number);
         for (const auto& [file, count] : {std::pair{LocalFile, Local}, {ServedFile, Served}}) {

@@ -80,9 +80,6 @@ inline void SendText(ProcIdT to, MsgTypeT type, const std::string& text) {
     MsgSendObject(address.Get(), type, body.Get());
 }
 
-// From now on the process works for the client whose configuration the server keeps.
-void WorkForClient();
-
 // --- report.cpp: samples of processes, and whether they stay flat ---
 
 // RSS in kB and descriptors; blocks and objects in the shared memory, -1 for who shows none.

@@ -1,9 +1,9 @@
 // What an operation must not leave behind: objects, memory blocks and open descriptors.
 #pragma once
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <string>
 
 #include "core/memory.h"
@@ -17,9 +17,8 @@ class Leftovers {
     std::string Text() const {
         const Leftovers now;
         if (now.m_objects == m_objects && now.m_blocks == m_blocks &&
-            now.m_descriptors == m_descriptors) {
+            now.m_descriptors == m_descriptors)
             return {};
-        }
         return std::to_string(now.m_objects - m_objects) + " objects, " +
                std::to_string(now.m_blocks - m_blocks) + " blocks, " +
                std::to_string(now.m_descriptors - m_descriptors) + " descriptors left";
@@ -27,11 +26,8 @@ class Leftovers {
 
  private:
     static int OpenDescriptors() {
-        int count = 0;
-        DIR* dir = opendir("/proc/self/fd");
-        while (dir != nullptr && readdir(dir) != nullptr) count++;
-        if (dir != nullptr) closedir(dir);
-        return count;
+        const std::filesystem::directory_iterator open("/proc/self/fd");
+        return static_cast<int>(std::distance(begin(open), end(open)));
     }
     int32 m_objects;
     int32 m_blocks;

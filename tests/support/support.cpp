@@ -5,12 +5,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -86,10 +82,8 @@ TempDir::~TempDir() {
 
 const std::string& TestHome() {
     static const char* const given = std::getenv(TestHomeVariable);
-    if (given != nullptr) {
-        static const std::string path = given;
-        return path;
-    }
+    static const std::string path = given == nullptr ? "" : given;
+    if (given != nullptr) return path;
     static const TempDir home;
     return home.Path();
 }
@@ -144,26 +138,18 @@ TraceCapture::~TraceCapture() {
 const std::vector<TraceCapture::Record>& TraceCapture::Records() const { return g_records; }
 
 int TraceCapture::Count(const std::string& module, int32 number) const {
-    return static_cast<int>(std::count_if(
-        g_records.begin(), g_records.end(),
-        [&](const Record& record) { return record.module == module && record.number == number; }));
+    return static_cast<int>(std::ranges::count_if(
+        g_records, [&](const Record& r) { return r.module == module && r.number == number; }));
 }
 
-std::string TraceCapture::Text(const std::string& module, int32 number) const {
+TraceCapture::Record TraceCapture::First(const std::string& module, int32 number) const {
     for (const Record& record : g_records)
-        if (record.module == module && record.number == number) return record.text;
-    return {};
-}
-
-int32 TraceCapture::Level(const std::string& module, int32 number) const {
-    for (const Record& record : g_records)
-        if (record.module == module && record.number == number) return record.level;
-    return -99;
+        if (record.module == module && record.number == number) return record;
+    return {module, number, 0, -99, ""};
 }
 
 int TraceCapture::CountText(const std::string& text) const {
-    return static_cast<int>(std::count_if(g_records.begin(), g_records.end(),
-                                          [&](const Record& r) { return r.text == text; }));
+    return static_cast<int>(std::ranges::count(g_records, text, &Record::text));
 }
 
 void TraceCapture::Clear() { g_records.clear(); }
@@ -201,19 +187,4 @@ RunResult RunForked(int (*function)(void*), void* argument) {
         std::fflush(stdout);
         EndChild(code);
     });
-}
-
-struct IgnoreCrash::State {
-    struct sigaction previous;
-};
-
-IgnoreCrash::IgnoreCrash() : m_state(new State) {
-    struct sigaction ignore = {};
-    ignore.sa_handler = SIG_IGN;
-    sigaction(SIGSEGV, &ignore, &m_state->previous);
-}
-
-IgnoreCrash::~IgnoreCrash() {
-    sigaction(SIGSEGV, &m_state->previous, nullptr);
-    delete m_state;
 }

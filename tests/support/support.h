@@ -64,13 +64,19 @@ class TraceCapture {
     int Count(const std::string& module, int32 number) const;
     bool Has(const std::string& module, int32 number) const { return Count(module, number) > 0; }
     // Text and level of the first such record; empty and -99 when there is none.
-    std::string Text(const std::string& module, int32 number) const;
-    int32 Level(const std::string& module, int32 number) const;
+    std::string Text(const std::string& module, int32 number) const {
+        return First(module, number).text;
+    }
+    int32 Level(const std::string& module, int32 number) const {
+        return First(module, number).level;
+    }
     // Number of records whose text is exactly this.
     int CountText(const std::string& text) const;
     void Clear();
 
  private:
+    Record First(const std::string& module, int32 number) const;
+
     TraceLevelE m_previous;
 };
 
@@ -95,12 +101,11 @@ RunResult RunForked(int (*function)(void*), void* argument);
 // Lets the stop of ProcCrash pass (the signal is ignored) while it lives.
 class IgnoreCrash {
  public:
-    IgnoreCrash();
-    ~IgnoreCrash();
+    IgnoreCrash() : m_previous(std::signal(SIGSEGV, SIG_IGN)) {}
+    ~IgnoreCrash() { std::signal(SIGSEGV, m_previous); }
     IgnoreCrash(const IgnoreCrash&) = delete;
     IgnoreCrash& operator=(const IgnoreCrash&) = delete;
 
  private:
-    struct State;
-    State* m_state;
+    void (*m_previous)(int);
 };
