@@ -3,7 +3,7 @@
 #include <sys/shm.h>
 #include <sys/socket.h>
 
-#include <sstream>
+#include <map>
 
 #include "core/context.h"
 #include "core/kilntime.h"
@@ -103,19 +103,22 @@ class Managers {
                                  eMsgChannelBlocking, eMsgChannelNotifyDown, eMsgChannelIpcChannel,
                                  eMsgChannelDoNotWaitForOk, eMsgChannelNotGuiChannel);
     }
-    // "L=name" sets a locale ("L=" none, "L" without a body), "A" gives the place, "E" hangs up,
-    // any other word is the number of a type.
+    // "L=name" sets a locale ("L=" none, "L" without a body), "A" gives the place, "T" a task in
+    // the old form, "E" hangs up, any other word is the number of a type.
     void Say(const Text& word, const Memory& memory) const {
         if (word == "E") return static_cast<void>(shutdown(m_end, SHUT_WR));
         const Place place(memory);
         const New<PmgrSetLocaleS> locale(PmgrSetLocaleMagic, "s;o;");
+        const New<PmgrTaskS> task(PmgrTaskMagic, "o;i;o;i;");
         if (word.size() > 2) locale->pstrLocale = StrDuplicate(word.c_str() + 2);
-        const MsgTypeT type = word[0] == 'L'   ? PMGR_SET_LOCALE_MSG
-                              : word[0] == 'A' ? PMGR_ATTACH_TO_SHM_MSG
-                                               : std::stoi(word);
-        void* const body = word[0] != 'L' ? static_cast<void*>(place.Get())
-                           : word == "L"  ? nullptr
-                                          : locale.Get();
+        const std::map<char, std::pair<MsgTypeT, void*>> messages = {
+            {'L', {PMGR_SET_LOCALE_MSG, word == "L" ? nullptr : locale.Get()}},
+            {'A', {PMGR_ATTACH_TO_SHM_MSG, place.Get()}},
+            {'T', {PMGR_TASK_MSG, task.Get()}}};
+        const auto found = messages.find(word[0]);
+        const auto [type, body] = found == messages.end()
+                                      ? std::pair<MsgTypeT, void*>(std::stoi(word), place.Get())
+                                      : found->second;
         const Said said(type, body);
         const auto& bytes = said.Get()->tMessage;
         if (send(m_end, bytes.pData, static_cast<size_t>(bytes.lSize), 0) != bytes.lSize) abort();
@@ -240,8 +243,8 @@ TEST(ProcInit, WhatManagersSayInEveryOrder) {
     const Text plain = Initial("0,0,0,0,0,0") + Status(3) + " |";
     const Start starts[] = {
         {"107", "A", "107 titled <null> | |" + plain},
-        {"+107", "7001 L=Welsh 7002 1005 A 7003",
-         "107 titled Welsh | 7001 7002 1005 7003 |" + plain},
+        {"+107", "7001 L=Welsh 7002 1005 A T 7003",
+         "107 titled Welsh | 7001 7002 1005 1010 7003 |" + plain},
         {"107", "L= L L=Dutch 7001 A",
          "107 titled Dutch | 7001 |" + plain +
              " No locale in PMGR_SET_LOCALE_MSG; Bad/No object in PMGR_SET_LOCALE_MSG;"

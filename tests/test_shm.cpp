@@ -1,16 +1,7 @@
 // Keys and real segments. Each test runs in a process of its own: the path of the keys is asked for
 // once and their ids are used up. Waiting and refusals are replaced (test_shm.options).
-#include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/shm.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cerrno>
-#include <csignal>
-#include <cstring>
-#include <string>
 
 #include "core/context.h"
 #include "core/ipc.h"
@@ -29,31 +20,29 @@ bool Lives(int shmId) {
     return shmctl(shmId, IPC_STAT, &status) == 0;
 }
 
+// A segment that another process manager made.
+int Foreign(int id) { return shmget(Key(id), 100, IPC_CREAT | IPC_EXCL | 0600); }
+
 // Whatever happens in a test, no segment with a key of the installation stays.
 class Shm : public testing::Test {
  protected:
     void SetUp() override {
-        mkdir((TestHome() + "/config").c_str(), 0700);
-        WriteFile(TestHome() + "/keys", "");
-        WriteFile(m_config, "[Process Manager]\nunix=keys,other\n");
+        WriteInHome("keys", "");
+        WriteInHome("config/programs.cfg", "[Process Manager]\nunix=keys,other\n");
     }
     void TearDown() override {
         for (int id = 0; id < 256; id++) shmctl(shmget(Key(id), 0, 0), IPC_RMID, nullptr);
     }
-    template <class F>
-    static void Child(F function) {
-        const RunResult result = InChild([&] {
-            function();
-            return static_cast<int>(HasFailure());
-        });
-        EXPECT_EQ(result.exitCode, 0) << result.output << " signal " << result.signal;
-    }
-    // A segment that another process manager made.
-    static int Foreign(int id) { return shmget(Key(id), 100, IPC_CREAT | IPC_EXCL | 0600); }
-    const std::string m_config = TestHome() + "/config/programs.cfg";
 };
 
-void CountSignal(int /*iSignal*/) { gSignals++; }
+void Child(const std::function<void()>& function) {
+    const RunResult result = InChild([&] {
+        function();
+        return static_cast<int>(testing::Test::HasFailure());
+    });
+    EXPECT_EQ(result.exitCode, 0) << result.output << " signal " << result.signal;
+}
+
 char* Map(std::size_t size, int protection, int fd) {
     return static_cast<char*>(
         mmap(nullptr, size, protection, MAP_PRIVATE | (fd < 0 ? MAP_ANONYMOUS : 0), fd, 0));
@@ -76,19 +65,19 @@ int WrapShmctl(int shmId, int command, shmid_ds* status) {
 }
 
 TEST_F(Shm, KeysComeFromTheInstallation) {
-    Child([&] {
-        const std::string config = ReadFile(m_config);
-        unlink(m_config.c_str());
+    Child([] {
+        const std::string config = TestHome() + "/config/programs.cfg", text = ReadFile(config);
+        unlink(config.c_str());
         IpcKeyT tKey = 5;
         TraceCapture trace;
         EXPECT_EQ(IpcGetKey(&tKey, 1), FALSE);
         EXPECT_EQ(trace.Text("IPC", 2), "Invalid programs file?");
-        WriteFile(m_config, config);
+        WriteFile(config, text);
         for (const int id : {0, 1, 127, 128, 255}) {
             EXPECT_EQ(IpcGetKey(&tKey, id), TRUE);
             EXPECT_EQ(tKey, Key(id)) << id;
         }
-        for (const int id : {256, -1}) EXPECT_EQ(IpcGetKey(&tKey, id), FALSE);
+        EXPECT_EQ(IpcGetKey(&tKey, 256) + IpcGetKey(&tKey, -1), FALSE);
         unlink((TestHome() + "/keys").c_str());
         EXPECT_EQ(IpcGetKey(&tKey, 1), FALSE);
         EXPECT_EQ(trace.Count("IPC", 1), 2);  // the second path was kept
@@ -149,8 +138,7 @@ TEST_F(Shm, IdsOfOthersSegments) {
     EXPECT_EQ(ShmSetId(&tId, made), TRUE);
     EXPECT_EQ(tId, made);
     EXPECT_EQ(ShmFree(&tId), FALSE);
-    EXPECT_EQ(tId, ShmIdNone);
-    EXPECT_FALSE(Lives(made));
+    EXPECT_TRUE(tId == ShmIdNone && !Lives(made));
 }
 
 TEST_F(Shm, StartOfTheProcessManagerCleansUp) {
@@ -179,11 +167,11 @@ TEST_F(Shm, RefusedRemovalIsRepeatedForAWhile) {
     for (const auto& test : cases) {
         Child([&] {
             ShmIdT tId = ShmIdNone;
+            TraceCapture trace;
             ASSERT_EQ(ShmAllocate(&tId, 10), TRUE);
             const ShmIdT tSame = tId;
             gRefusals = test.refusals;
             gError = test.error;
-            TraceCapture trace;
             EXPECT_EQ(ShmFree(&tId), FALSE);
             EXPECT_EQ(gSleeps, test.sleeps);
             EXPECT_EQ(trace.Has("SHM", 11), test.refusals == 11);
@@ -204,10 +192,8 @@ TEST_F(Shm, CopyMeetsBadAddresses) {
         alignas(8) char buffer[256];
         const struct {
             const char* name;
-            void* to;
-            void* from;
-            int32 count;
-            int32 copied;  // bytes that arrive in the buffer
+            void *to, *from;
+            int32 count, copied;  // bytes asked for, and that arrive in the buffer
             BooleanT result;
         } cases[] = {
             {"whole", buffer, hole - 200, 200, 200, TRUE},
@@ -220,7 +206,8 @@ TEST_F(Shm, CopyMeetsBadAddresses) {
             {"nothing", nullptr, nullptr, 0, 0, TRUE},
             {"less than nothing", buffer, hole - 8, -1, 0, FALSE},
         };
-        std::signal(SIGSEGV, CountSignal);
+        const auto countSignal = [](int /*iSignal*/) { gSignals++; };
+        std::signal(SIGSEGV, countSignal);
         std::signal(SIGBUS, SIG_IGN);
         sigset_t blocked, after;
         sigemptyset(&blocked);
@@ -235,7 +222,7 @@ TEST_F(Shm, CopyMeetsBadAddresses) {
                 sigaction(SIGSEGV, nullptr, &segv);
                 sigaction(SIGBUS, nullptr, &bus);
                 sigprocmask(SIG_SETMASK, nullptr, &after);
-                EXPECT_TRUE(segv.sa_handler == CountSignal && bus.sa_handler == SIG_IGN &&
+                EXPECT_TRUE(segv.sa_handler == countSignal && bus.sa_handler == SIG_IGN &&
                             sigismember(&after, SIGSEGV) == (how == SIG_BLOCK))
                     << test.name;
             }

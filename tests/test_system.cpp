@@ -1,22 +1,15 @@
 // Two machines with all their managers, each with a network of its own: services of the other
-// machine, its processes, configuration that it keeps, and its log. Where such networks cannot be
-// made the tests are skipped.
-#include <gtest/gtest.h>
-
-#include <csignal>
+// machine, its processes, and configuration that it keeps. Where such networks cannot be made the
+// tests are skipped.
 #include <iostream>
-#include <set>
 
 #include "core/context.h"
-#include "core/log.h"
-#include "core/memory.h"
 #include "core/msgchannel.h"
 #include "core/objwrappers.h"
 #include "core/procapi.h"
 #include "core/procinit.h"
 #include "core/security.h"
 #include "core/task.h"
-#include "core/unique.h"
 #include "support/clientconfig.h"
 #include "support/messages.h"
 #include "support/shown.h"
@@ -31,9 +24,6 @@ using std::to_string;
 constexpr MsgTypeT DoneType = 5000;
 constexpr int32 OutCookie = 77, ProxyCookie = -78;
 constexpr int32 Interface = 4;
-constexpr int32 KillAsk = 0, KillTerminate = 1, KillAtOnce = 2;
-constexpr int LogMessages = 200, Identifiers = 2000;
-constexpr int32 LogNumberUsed = LogNumber(1000, 5);
 
 // --- the service ---
 
@@ -74,7 +64,7 @@ const Role programRole("program", [](const Arguments& arguments) {
 
 // The body of the next message of a type, from whomever; null, which is said, when none comes.
 template <class T>
-T* AwaitBody(MsgTypeT type, int32 magic) {
+T* Await(MsgTypeT type, int32 magic) {
     Message message;
     T* body = nullptr;
     const TimeoutIn limit(30000);
@@ -95,34 +85,33 @@ void Give(const char* machine, const char* service) {
                             travels.Get());
 }
 
-// The id of the process that has the task, or the code of the error as a negative number.
-int32 Taken() {
-    const ObjHolder<PmgrGiveServiceATaskReturnS> answer(AwaitBody<PmgrGiveServiceATaskReturnS>(
+// The process that has the task, 0 for none, and what it says of it, or the code of the error.
+std::pair<ProcIdT, Text> Done() {
+    const ObjHolder<PmgrGiveServiceATaskReturnS> answer(Await<PmgrGiveServiceATaskReturnS>(
         PMGR_GIVE_SERVICE_A_TASK_RETURN_MSG, PmgrGiveServiceATaskReturnMagic));
-    if (answer.Get() == nullptr || answer.Get()->lCookie != glCookie) return -100;
-    return answer.Get()->bSuccess == TRUE ? MsgGetProcessId(answer.Get()->oAddress)
-                                          : -answer.Get()->lErrorCode;
+    if (answer.Get() == nullptr || answer.Get()->lCookie != glCookie) return {0, "no answer"};
+    if (answer.Get()->bSuccess != TRUE) return {0, "error " + to_string(answer.Get()->lErrorCode)};
+    const ObjHolder<ObjStringS> done(Await<ObjStringS>(DoneType, ObjStringMagic));
+    return {MsgGetProcessId(answer.Get()->oAddress), ObjGetString(done.Get())};
+}
+
+std::pair<ProcIdT, Text> Work(const Text& machine) {
+    Give(machine.c_str(), "Worker");
+    return Done();
 }
 
 // Whether the next death that is told of is that of the process.
-bool ToldOfDeath(const Text& machine, ProcIdT id) {
+const char* Death(const Text& machine, ProcIdT id) {
     const ObjHolder<PmgrProcessDiedS> died(
-        AwaitBody<PmgrProcessDiedS>(PMGR_PROCESS_DIED_MSG, PmgrProcessDiedMagic));
-    return ObjectText(died.Get()) == "PmgrProcessDied(" + machine + ":" + to_string(id) + ")";
-}
-Text Done() {
-    const ObjHolder<ObjStringS> done(AwaitBody<ObjStringS>(DoneType, ObjStringMagic));
-    return done.Get() == nullptr ? "" : done.Get()->pstrValue;
+        Await<PmgrProcessDiedS>(PMGR_PROCESS_DIED_MSG, PmgrProcessDiedMagic));
+    const Text expected = "PmgrProcessDied(" + machine + ":" + to_string(id) + ")";
+    return ObjectText(died.Get()) == expected ? "died" : "another died";
 }
 
 // What each task brings that is asked with a cookie. Gives the last process that has done one.
 ProcIdT AskForServices(Text machine) {
     ProcIdT last = 0;
-    const struct {
-        const char* machine;
-        const char* service;
-        int32 cookie;
-    } tasks[] = {
+    const std::tuple<const char*, Text, int32> tasks[] = {
         {machine.c_str(), "Worker", OutCookie},
         {machine.c_str(), "Worker", OutCookie + 1},
         {machine.c_str(), "Worker", 0},
@@ -133,58 +122,50 @@ ProcIdT AskForServices(Text machine) {
         {"unknown", "Worker", OutCookie},
         {"lost", "Worker", OutCookie},
     };
-    for (const auto& task : tasks) {
-        Text service = task.service;
-        SecurityStoreCookie(machine.data(), service.data(), task.cookie, TRUE);
-        Give(task.machine, task.service);
-        const int32 taken = Taken();
-        if (taken > 0) last = taken;
-        Say(taken > 0 ? Done() : "error " + to_string(-taken));
+    for (auto [to, service, cookie] : tasks) {
+        SecurityStoreCookie(machine.data(), service.data(), cookie, TRUE);
+        Give(to, service.c_str());
+        const auto [id, text] = Done();
+        if (id > 0) last = id;
+        Say(text);
     }
     SecurityRemoveClient(machine.data());  // no cookie at all
-    Give(machine.c_str(), "Worker");
-    Say("error " + to_string(-Taken()));
+    Say(Work(machine).second);
     SecurityStoreCookie(machine.data(), nullptr, OutCookie, TRUE);
     return last;
 }
 
 void DealWithProcesses(const Text& machine) {
-    const auto runs = [&](ProcIdT id, const Text& where) {
-        return Text(BooleanText(ProcIsProcessRunning(id, where.c_str())));
+    const auto runs = [&machine](ProcIdT id) {
+        return Text(BooleanText(ProcIsProcessRunning(id, machine.c_str())));
     };
-    for (const int32 kill : {KillAsk, KillTerminate, KillAtOnce}) {
-        Give(machine.c_str(), "Worker");
-        const ProcIdT id = Taken();
-        Done();
+    for (const int32 kill : {0, 1, 2}) {  // ask, terminate, at once
+        const ProcIdT id = Work(machine).first;
         const Address worker(AddressOf(machine, id));
         const ObjHolder<ObjIntegerS> known(ObjIntegerNew(kill));
         ProcSetProcessContextObject(worker.Get(), known.Get());
-        Give(machine.c_str(), "Worker");
-        Text said = Taken() == id ? "same," : "another,";
-        const Text done = Done();
-        said += done.substr(std::min(done.find(' '), done.size())) + ", " + runs(id, machine);
+        const auto [again, text] = Work(machine);
+        const Text said = (again == id ? "same, " : "another, ") + runs(id) + ", " +
+                          text.substr(std::min(text.find(' '), text.size()));
         ProcInformOnDeath(worker.Get());
         ProcKillProcess(worker.Get(), kill);
-        said += ToldOfDeath(machine, id) ? ", died, " : ", another died, ";
-        Say(said + runs(id, machine));
+        const Text death = Death(machine, id);
+        Say(said + ", " + death + ", " + runs(id));
     }
-    Say(runs(9999, machine));
+    Say(runs(9999));
 }
 
 // The machine goes down while a second task has been asked: with it go all processes that have done
 // tasks for this one.
 void LoseMachine(const Text& machine, ProcIdT other) {
     Text line;
-    Give(machine.c_str(), "Worker");
-    const ProcIdT id = Taken();
-    Done();
+    const ProcIdT id = Work(machine).first;
     Say("asking");
     std::getline(std::cin, line);
     Give(machine.c_str(), "Worker");
     Say("asked");
-    for (const ProcIdT lost : {other, id})
-        Say(ToldOfDeath(machine, lost) ? "died" : "another died");
-    Say("error " + to_string(-Taken()));
+    for (const ProcIdT lost : {other, id}) Say(Death(machine, lost));
+    Say(Done().second);
 }
 
 const Role askRole("ask", [](const Arguments& arguments) {
@@ -197,8 +178,6 @@ const Role askRole("ask", [](const Arguments& arguments) {
     return 9;
 });
 
-// --- configuration, log and identifiers ---
-
 // Reads an item once for every line that it gets.
 const Role readRole("read", [](const Arguments& arguments) {
     if (!Connect(103)) return 10;
@@ -209,27 +188,6 @@ const Role readRole("read", [](const Arguments& arguments) {
         Say(to_string(SecondsSince(start)));
     }
     ContextReleaseThread();
-    return 0;
-});
-
-const Role logRole("log", [](const Arguments& arguments) {
-    if (!Connect(110)) return 10;
-    const Address daemon(AddressOf(arguments.at(0), MsgLogDaemonId));
-    LogSetClass("far");
-    if (LogSetAddress(daemon.Get()) != TRUE) return 11;
-    for (int n = 0; n < LogMessages; n++)
-        LogMessage(LogNumberUsed, eLogLevelInformation, nullptr, "Message %d", n);
-    LogUnsetAddress();
-    MsgQuickExit(FALSE);
-    ContextReleaseThread();
-    return 0;
-});
-
-const Role identifyRole("identify", [](const Arguments& /*arguments*/) {
-    for (int n = 0; n < Identifiers; n++) {
-        const ObjHolder<ObjUniqueS> made(ObjUniqueNew());
-        Say(UniqueToString(ObjGetUnique(made.Get())));
-    }
     return 0;
 });
 
@@ -258,7 +216,7 @@ class System : public testing::Test {
         clientconfig::MakeClientDirectory(B().Home());
         ASSERT_TRUE(m_world.Start());
         for (Machine* machine : {&A(), &B()}) ASSERT_TRUE(machine->Start("procmanager"));
-        for (const char* manager : {"logdaemon", "configserver"}) ASSERT_TRUE(B().Start(manager));
+        ASSERT_TRUE(B().Start("configserver"));
     }
     // Both machines end as they should.
     void TearDown() override {
@@ -291,7 +249,7 @@ TEST_F(System, ServicesAndProcessesOfAnotherMachine) {
           Text("error 3"), Text("error 18"), Text("error 19"), Text("error 17"), Text("error 3")})
         EXPECT_EQ(asker.Line(), line);
     for (const char* kill : {"0", "1", "2"})
-        EXPECT_EQ(asker.Line(), "same," + done + kill + ", TRUE, died, FALSE");
+        EXPECT_EQ(asker.Line(), "same, TRUE, " + done + kill + ", died, FALSE");
     EXPECT_EQ(asker.Line(), "FALSE");
 
     ASSERT_EQ(asker.Line(), "asking");
@@ -333,36 +291,4 @@ TEST_F(System, ConfigurationThatAnotherMachineKeeps) {
     reader.Write("2\nend\n");
     EXPECT_EQ(reader.Line(), "TRUE more");
     EXPECT_EQ(reader.Wait(), 0);
-}
-
-TEST_F(System, LogAndIdentifiers) {
-    EXPECT_EQ(OnA("log").Wait(), 0);
-    const Text path = B().Home() + "/logs/log";
-    int count = 0;
-    for (const auto start = Clock::now(); count < LogMessages && SecondsSince(start) < 30;) {
-        const Text log = ReadFile(path);
-        const auto* bytes = reinterpret_cast<const ByteT*>(log.data());
-        std::size_t at = 0;
-        for (count = 0; LogIsImage(bytes + at, static_cast<int32>(log.size() - at)) == TRUE;
-             at += static_cast<std::size_t>(LogGetRecordSize(bytes + at))) {
-            ASSERT_EQ(Owned(LogGetStringFromImage(bytes + at)), "Message " + to_string(count++));
-            ASSERT_EQ(Owned(LogGetClientString(bytes + at)), A().Name());
-            ASSERT_EQ(Owned(LogGetClassString(bytes + at)), "far");
-        }
-    }
-    EXPECT_EQ(count, LogMessages);
-
-    // The first word is the machine's, all processes make theirs at the same time.
-    std::set<Text> all, machines;
-    std::vector<Process> makers;
-    for (int n = 0; n < 4; n++) makers.push_back(m_world.At(n / 2).InRole("identify", {}));
-    for (Process& maker : makers) {
-        EXPECT_EQ(maker.Wait(), 0);
-        for (const Text& line : Split(maker.Rest())) {
-            all.insert(line);
-            machines.insert(line.substr(0, 8));
-        }
-    }
-    EXPECT_EQ(all.size(), 4U * Identifiers);
-    EXPECT_EQ(machines.size(), 2U);
 }
