@@ -1,22 +1,14 @@
 // What a process asks of process managers, and how it shows itself. What is sent is caught in the
 // place of the function that sends it and compared as text (support/shown.h).
-#include <gtest/gtest.h>
-#include <sys/wait.h>
-
-#include <cstring>
-#include <utility>
-
 #include "core/context.h"
-#include "core/list.h"
 #include "core/msgchannel.h"
 #include "core/objwrappers.h"
 #include "core/procapi.h"
-#include "core/process.h"
 #include "core/procinternal.h"
-#include "core/sys.h"
 #include "core/task.h"
 #include "support/files.h"
 #include "support/leftovers.h"
+#include "support/messages.h"
 #include "support/shown.h"
 
 using Text = std::string;
@@ -29,9 +21,6 @@ int32 g_state = -2;     // what managers answer; -2: something else
 Text g_sent;
 int g_signalled = 0;  // calls of the system
 
-struct Peer : ObjHolder<MsgAddressS> {
-    Peer(const char* machine, ProcIdT tId) { MsgMakeAddress(Address(), machine, tId); }
-};
 struct Service : ObjHolder<ProcAddressS> {
     Service(const char* machine, const char* process, int32 type = 4) {
         EXPECT_EQ(ProcCreateAddress(Address(), machine, process, type), TRUE);
@@ -43,7 +32,7 @@ Text Sent() { return std::exchange(g_sent, ""); }
 
 // What this process has sent itself.
 Text Received() {
-    ObjHolder<MsgMessageS> message;
+    Message message;
     if (MsgReceiveCount() == 0 || MsgReceive(message.Address(), nullptr) != TRUE) return "";
     return to_string(MsgType(message.Get())) + " " + ObjectText(message.Get()->oObject);
 }
@@ -77,14 +66,12 @@ BooleanT CatchObject(MsgAddressO oAddress, MsgTypeT tMsgType, void* oObject) {
     if (g_refuse) return FALSE;
     g_sent += ObjectText(oAddress) + " " + to_string(tMsgType) + " " + ObjectText(oObject) + "; ";
     if (tMsgType == PMGR_GET_PROCESS_STATE_MSG) {
-        ObjHolder<PmgrGetProcessStateReturnS> reply(
-            ObjNew<PmgrGetProcessStateReturnS>(PmgrGetProcessStateReturnMagic, "o;i;"));
-        reply.Get()->eState = g_state;
-        MsgPacketO oPacket = nullptr;
-        MsgCreatePacket(&oPacket, MsgLocalAddress(), oAddress, PMGR_GET_PROCESS_STATE_RETURN_MSG,
-                        g_state == -2 ? oObject : reply.Get());
-        MsgRequeuePacket(oPacket);
-        ObjRelease(&oPacket);
+        const New<PmgrGetProcessStateReturnS> reply(PmgrGetProcessStateReturnMagic, "o;i;",
+                                                    {nullptr, g_state});
+        Packet packet;
+        MsgCreatePacket(packet.Address(), MsgLocalAddress(), oAddress,
+                        PMGR_GET_PROCESS_STATE_RETURN_MSG, g_state == -2 ? oObject : reply.Get());
+        MsgRequeuePacket(packet.Get());
     }
     return TRUE;
 }
@@ -133,8 +120,8 @@ TEST_F(Requests, Tasks) {
     const ObjHolder<ObjIntegerS> data(ObjIntegerNew(5));
     const ObjHolder<ObjIntegerS> extra(ObjIntegerNew(6));
     int32 noObject[32] = {};
-    const ObjHolder<TaskContextS> task(ObjNew<TaskContextS>(TaskContextMagic, "s;i;i;o;o;"));
-    *task.Get() = {StrDuplicate("giver"), 7001, 3, nullptr, nullptr};
+    const New<TaskContextS> task(TaskContextMagic, "s;i;i;o;o;",
+                                 {StrDuplicate("giver"), 7001, 3, nullptr, nullptr});
     const ObjHolder<ObjIntegerS> old(ObjIntegerNew(2));
     const ObjHolder<ObjBooleanS> other(ObjBooleanNew(TRUE));
     TaskSetContextObject(task.Get(), other.Get());
@@ -181,8 +168,7 @@ TEST_F(Requests, TasksByIdAndByTags) {
 }
 
 TEST_F(Requests, Processes) {
-    const Peer there("new", 40), old("old", 42), here(SysLocalMachineName(), 41),
-        channel(nullptr, 7);
+    const Address there(At("new:40")), old(At("old:42")), here(At(".:41")), channel(At("-:7"));
     EXPECT_EQ(ProcKillProcess(there.Get(), 3) + ProcInformOnDeath(there.Get()) +
                   ProcCancelInformOnDeath(here.Get()) + ProcSendSODReady(ePSODROKButWantToDie) +
                   ProcChangeFromReady(),
@@ -250,17 +236,6 @@ TEST(Tasks, BadArgumentsAndNoServer) {
     EXPECT_EQ(TaskSetContextObject(own.Get(), nullptr) + TaskSetContextObject(nullptr, own.Get()),
               FALSE);
     EXPECT_EQ(trace.Count("TASK", 4), 2);
-}
-
-TEST(Process, TitleInItsPlace) {
-    ProcDetailsT details;
-    std::memset(&details, 'z', sizeof(details));
-    EXPECT_EQ(ProcSetTitle("no place"), FALSE);
-    ProcSetDetails(&details);
-    EXPECT_EQ(ProcSetTitle(Text(200, 'x').c_str()), TRUE);
-    EXPECT_EQ(ProcTitle(), Text(79, 'x'));
-    EXPECT_EQ(details.lMemCount, 0x7a7a7a7a);  // the title ends before it
-    ProcSetDetails(nullptr);
 }
 
 // Who is left is asked by taking off the newest.
@@ -335,10 +310,9 @@ TEST(Process, TraceFile) {
         for (const Text& name : ListDir(directory.Path())) all += name;
         return all;
     };
-    EXPECT_EQ(made(100, "conf", "FALSE", "name"), "conf100.log");
-    EXPECT_EQ(made(100, "", "TRUE", "name"), "name100.log");
-    EXPECT_EQ(made(100, "", "FALSE", "name"), "");
-    EXPECT_EQ(made(-1, "conf", "TRUE", "name"), "");
+    EXPECT_EQ(made(100, "conf", "FALSE", "name") + made(100, "", "TRUE", "name") +
+                  made(100, "", "FALSE", "name") + made(-1, "conf", "TRUE", "name"),
+              "conf100.logname100.log");
     const Text timed = made(99, "conf", "TRUE", "");
     EXPECT_LE(std::abs(std::atoll(timed.substr(4).c_str()) - TimeNow()), 60) << timed;
 }
@@ -374,10 +348,10 @@ TEST(Process, StartsAndSignals) {
 }
 
 TEST(Process, OneProcessManager) {
-    const Text file = TestHome() + "/etc/krpmgr.pid";
+    const Text file = TestHome() + "/etc/krpmgr.pid", old = "what an earlier manager has left";
     EXPECT_EQ(ProcPmgrIsRunning(FALSE), FALSE);
     EXPECT_FALSE(Exists(file));
-    WriteInHome("etc/krpmgr.pid", "what an earlier manager has left behind\n");
+    WriteInHome("etc/krpmgr.pid", old);
     // Another process reads the file: closing it here would end the lock.
     const auto asked = [&file](BooleanT bLock) {
         const RunResult result = InChild([&file, bLock] {
@@ -387,11 +361,11 @@ TEST(Process, OneProcessManager) {
         });
         return result.output;
     };
-    char acId[32];
-    std::snprintf(acId, sizeof(acId), "yes %12d\n", getpid());
-    EXPECT_EQ(asked(FALSE), "no what an earlier manager has left behind\n");
+    EXPECT_EQ(asked(FALSE), "no " + old);
     EXPECT_TRUE(asked(TRUE).starts_with("no  "));  // and its lock is gone with it
     EXPECT_EQ(ProcPmgrIsRunning(TRUE), FALSE);
+    char acId[32];
+    std::snprintf(acId, sizeof(acId), "yes %12d\n", getpid());
     for (const BooleanT bLock : {FALSE, TRUE, FALSE}) {
         EXPECT_EQ(asked(bLock), acId);
         EXPECT_EQ(ProcPmgrIsRunning(bLock), FALSE);  // this is not another one, and keeps the lock

@@ -413,8 +413,9 @@ TEST(ProcAttach, WhatLiesInIt) {
         ASSERT_EQ(ProcAttachSharedMemory(said.Get(), TRUE), TRUE);
     EXPECT_EQ(memory.details.Attached(), 2);
     EXPECT_STREQ(ProcName(), "titled");
-    ProcSetTitle("another");
-    EXPECT_STREQ(memory.details.At<char>(DetailsAt), "another");
+    EXPECT_EQ(ProcSetTitle(Text(200, 'x').c_str()), TRUE);
+    EXPECT_EQ(memory.details.At<char>(DetailsAt), Text(79, 'x'));
+    EXPECT_EQ(memory.details.Word(DetailsAt + 80), MemUsedCount());  // the title ends before it
     const ObjHolder<ObjIntegerS> object(ObjIntegerNew(1));
     EXPECT_EQ(memory.details.Word(DetailsAt + 80), MemUsedCount());
     EXPECT_EQ(memory.details.Word(DetailsAt + 92), ObjCount());
@@ -430,7 +431,7 @@ TEST(ProcAttach, WhatLiesInIt) {
     EXPECT_EQ(InChild([] { return gtTlContext.sProcess.ptProcessTable->lSlotCount = 0; }).signal,
               SIGSEGV);
     // Offsets that another process's slot may hold.
-    EXPECT_STREQ(ProcDetailsAt(DetailsAt)->strTitle, "another");
+    EXPECT_EQ(ProcDetailsAt(DetailsAt)->strTitle, Text(79, 'x'));
     EXPECT_EQ(static_cast<char*>(ProcShmAddress(Whole - 1)) - static_cast<char*>(ProcShmAddress(0)),
               Whole - 1);
     for (const int32 outside : {-8, Whole, Whole - 64, INT_MIN, INT_MAX & ~7})
@@ -439,8 +440,8 @@ TEST(ProcAttach, WhatLiesInIt) {
     ProcDetachSharedMemory();
     EXPECT_EQ(TraceGetBuffer(), own);
     EXPECT_EQ(ProcTitle(), nullptr);
+    EXPECT_EQ(ProcSetTitle("no place") + KilnTime(nullptr), FALSE);
     EXPECT_EQ(ProcGetProgressBuffer(), nullptr);
-    EXPECT_EQ(KilnTime(nullptr), FALSE);
     EXPECT_EQ(ProcShmAddress(0), nullptr);
     ProcSetName(nullptr);
 }

@@ -10,6 +10,7 @@
 #include "core/procinit.h"
 #include "core/security.h"
 #include "core/task.h"
+#include "core/unique.h"
 #include "support/clientconfig.h"
 #include "support/messages.h"
 #include "support/shown.h"
@@ -191,6 +192,13 @@ const Role readRole("read", [](const Arguments& arguments) {
     return 0;
 });
 
+// Says the word of an identifier that is the machine's.
+const Role identifyRole("identify", [](const Arguments& /*arguments*/) {
+    const ObjHolder<ObjUniqueS> made(ObjUniqueNew());
+    Say(Text(UniqueToString(ObjGetUnique(made.Get()))).substr(0, 8));
+    return 0;
+});
+
 // --- the machines ---
 
 class System : public testing::Test {
@@ -242,6 +250,7 @@ class System : public testing::Test {
 }  // namespace
 
 TEST_F(System, ServicesAndProcessesOfAnotherMachine) {
+    EXPECT_NE(A().InRole("identify", {}).Line(), B().InRole("identify", {}).Line());
     Process asker = OnA("ask");
     const Text done = " 5 for " + A().Name() + " 7001 with OBJ_STRING(bag) and ";
     for (const Text& line :
