@@ -101,12 +101,16 @@ void With(MsgMessageO oMessage, void* oBody) {
     fnHandle(oMessage, static_cast<BodyT*>(oBody));
 }
 
+// False when the table has not the type of the message.
 template <std::size_t uCount>
-void ManagerHandle(const ManagerHandlerT (&atHandlers)[uCount], MsgMessageO oMessage) {
-    for (const auto& [tMsgType, lMagic, fnHandle] : atHandlers)
-        if (tMsgType == oMessage->tMsgType &&
-            (lMagic == 0 || ObjCheckTypeInternal(oMessage->oObject, lMagic) == TRUE))
+bool ManagerHandle(const ManagerHandlerT (&atHandlers)[uCount], MsgMessageO oMessage) {
+    for (const auto& [tMsgType, lMagic, fnHandle] : atHandlers) {
+        if (tMsgType != oMessage->tMsgType) continue;
+        if (lMagic == 0 || ObjCheckTypeInternal(oMessage->oObject, lMagic) == TRUE)
             fnHandle(oMessage, oMessage->oObject);
+        return true;
+    }
+    return false;
 }
 
 // --- calls to the manager ---

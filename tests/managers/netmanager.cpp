@@ -11,37 +11,34 @@
 //                   the port to listen on (0: a free one, which is written there), "Manager Port"
 //                   of a stanza in "etc/machines.dat" that of the machine
 
-#include <algorithm>
-#include <chrono>
+#include <cstdint>
 #include <map>
 
 #include "core/machineinfo.h"
 #include "core/memory.h"
+#include "core/msgwait.h"
 #include "core/objwrappers.h"
 #include "core/path.h"
 #include "core/stnzfile.h"
 #include "core/stnzwrappers.h"
+#include "core/timer.h"
 #include "manager.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 constexpr MsgTypeT LinkNameType = 7101, LinkMessageType = 7102;
-constexpr auto AddressTime = std::chrono::seconds(2);  // that an address has to answer
+constexpr int32 AddressSeconds = 2;  // that an address has to answer
 
 struct OtherMachine {
     ObjHolder<ListS> oWaiting{ListNew(MsgMessageMagic)};  // for a link, in order
     int32 lLink = 0;              // the channel that is sent on; 0 without one
-    int32 lAttempt = 0;           // the call that is being made; 0: none
-    Clock::time_point tUntil;     // then the next address is called
+    intptr_t lAttempt = 0;        // the call that is being made; 0: none
     ObjHolder<ListS> oAddresses;  // that have not been called yet
 };
 
 std::map<std::string, OtherMachine> gtMachines;  // by name, as the machine file writes it
 std::map<int32, std::string> gtLinks;            // machine of each link; "" before it is known
-std::map<int32, std::string> gtAttempts;         // machine that is called, by number of the call
-bool gbServe = true;
+std::map<intptr_t, std::string> gtAttempts;      // machine that is called, by number of the call
 
 // --- notices ---
 
@@ -85,9 +82,11 @@ void EmptyWaiting(OtherMachine* ptMachine, GiveT fnGive) {
     }
 }
 
+void TooLate(void* pAttempt);
+
 // Calls the next address that can be called; when there is none, nothing that waits will leave.
 void CallNext(const std::string& machine, OtherMachine* ptMachine) {
-    static int32 lAttempts = 0;
+    static intptr_t lAttempts = 0;
     const AddressTo oManager(machine.c_str(), MsgNetworkManagerId);
     const int32 lPort = PortOf(machine);
     ObjHolder<NetAddressS> oAddress;
@@ -96,7 +95,7 @@ void CallNext(const std::string& machine, OtherMachine* ptMachine) {
            ListPopFirstItem(ptMachine->oAddresses.Get(), oAddress.Address()) == TRUE) {
         const ObjHolder<ListS> oOne(ListNew(NetAddressMagic));
         ListPushLastItem(oOne.Get(), oAddress.Address());
-        const ObjHolder<ObjIntegerS> oCookie(ObjIntegerNew(++lAttempts));
+        const ObjHolder<ObjIntegerS> oCookie(ObjIntegerNew(static_cast<int32>(++lAttempts)));
         if (MsgCompleteTcpConnectionTyped(nullptr, oManager.Get(), oCookie.Get(), oOne.Get(), lPort,
                                           eMsgChannelNonBlocking, eMsgChannelDoNotWaitForConnect,
                                           eMsgChannelNotifyDown, eMsgChannelDoNotSendOk,
@@ -104,10 +103,21 @@ void CallNext(const std::string& machine, OtherMachine* ptMachine) {
             continue;
         gtAttempts[lAttempts] = machine;
         ptMachine->lAttempt = lAttempts;
-        ptMachine->tUntil = Clock::now() + AddressTime;
+        ObjHolder<TimeTimeoutS> oUntil;
+        TimeCreateAndSetTimeout(oUntil.Address(), AddressSeconds, 0);
+        TimrSetAlarm(TooLate, reinterpret_cast<void*>(lAttempts), oUntil.Get());
         return;
     }
     EmptyWaiting(ptMachine, [&](MsgMessageO oMessage) { TellUnreachable(machine, oMessage); });
+}
+
+// An address is silent: the next one is called.
+void TooLate(void* pAttempt) {
+    const auto lAttempt = reinterpret_cast<intptr_t>(pAttempt);
+    const auto tCall = gtAttempts.find(lAttempt);
+    if (tCall == gtAttempts.end()) return;
+    const std::string machine = tCall->second;
+    if (gtMachines[machine].lAttempt == lAttempt) CallNext(machine, &gtMachines[machine]);
 }
 
 void Call(const std::string& machine, OtherMachine* ptMachine) {
@@ -219,8 +229,6 @@ void TellDetails(MsgMessageO oMessage, NmgrGetCurrentMachineDetailsRequestO oReq
 
 // --- the loop ---
 
-void End(MsgMessageO /*oMessage*/, void* /*oBody*/) { gbServe = false; }
-
 constexpr ManagerHandlerT FromLinks[] = {
     {LinkNameType, 0, Named},
     {LinkMessageType, MsgMessageMagic, With<MsgMessageS, Arrived>},
@@ -230,35 +238,17 @@ constexpr ManagerHandlerT FromThisMachine[] = {
     {MSG_CONNECTED_MSG, MsgConnectedMagic, With<MsgConnectedS, Called>},
     {NMGR_GET_CURRENT_MACHINE_DETAILS_REQUEST_MSG, NmgrGetCurrentMachineDetailsRequestMagic,
      With<NmgrGetCurrentMachineDetailsRequestS, TellDetails>},
-    {PMGR_KILL_YOURSELF_MSG, 0, End},
-    {MSG_FATAL_SELECT_ERROR_MSG, 0, End},
-    {MSG_LOST_RECEIVE_QUEUE_MSG, 0, End},
-    {MSG_LOST_SEND_QUEUE_MSG, 0, End},
 };
 
-void Handle(MsgMessageO oMessage) {
+// False when this manager is to end.
+bool Handle(MsgMessageO oMessage) {
     if (MsgIsFromAChannel(oMessage) == TRUE)
         ManagerHandle(FromLinks, oMessage);
-    else if (MsgAddressMachinesEqual(oMessage->oDestination, MsgLocalAddress()) == TRUE)
-        ManagerHandle(FromThisMachine, oMessage);
-    else
+    else if (MsgAddressMachinesEqual(oMessage->oDestination, MsgLocalAddress()) != TRUE)
         Leave(oMessage);
-}
-
-// Goes on to the next address of every machine whose last one was silent for too long; gives the
-// time of the next such check, null when there is none.
-TimeTimeoutO CheckCalls() {
-    auto tNext = Clock::time_point::max();
-    for (auto& [machine, tMachine] : gtMachines) {
-        if (tMachine.lAttempt != 0 && Clock::now() >= tMachine.tUntil) CallNext(machine, &tMachine);
-        if (tMachine.lAttempt != 0) tNext = std::min(tNext, tMachine.tUntil);
-    }
-    if (tNext == Clock::time_point::max()) return nullptr;
-    TimeTimeoutO oTimeout = nullptr;
-    const auto tLeft = std::chrono::duration_cast<std::chrono::milliseconds>(tNext - Clock::now());
-    TimeCreateAndSetTimeout(&oTimeout, 0,
-                            static_cast<int32>(std::max<int64>(tLeft.count(), 0)) + 1);
-    return oTimeout;
+    else if (!ManagerHandle(FromThisMachine, oMessage))
+        return MsgWaitDefaultHandlers(oMessage) < eMsgWaitResultExit;
+    return true;
 }
 
 // A call is a link whose machine is not known yet.
@@ -279,10 +269,9 @@ int main() {
     if (ManagerStart("netmanager", MsgNetworkManagerId) != TRUE) return 1;
     CfgGetInteger(&lPort, Place.pstrFile, Place.pstrSection, Place.pstrKey, 0);
     if (ManagerTakeCalls<TakeCall>(Place, lPort) != TRUE) return 1;
-    while (gbServe) {
+    for (bool bServe = true; bServe;) {
         ObjHolder<MsgMessageS> oMessage;
-        const ObjHolder<TimeTimeoutS> oTimeout(CheckCalls());
-        if (MsgReceive(oMessage.Address(), oTimeout.Get()) == TRUE) Handle(oMessage.Get());
+        if (MsgReceive(oMessage.Address(), nullptr) == TRUE) bServe = Handle(oMessage.Get());
     }
     gtMachines.clear();
     ManagerEnd();
