@@ -1,6 +1,4 @@
 // Programs of the start and the end of the day. Files before and after are written down.
-#include <gtest/gtest.h>
-
 #include "core/context.h"
 #include "core/procsod.h"
 #include "support/files.h"
@@ -16,13 +14,10 @@ Text File() { return TestHome() + "/config/procmgr.cfg"; }
 // and "#" is a stanza of no category.
 Text Stanzas(const Text& words) {
     Text all;
-    std::istringstream in(words);
-    for (Text word; in >> word;) {
-        const auto equals = word.find('=');
-        const Text name = word.substr(0, equals);
+    for (const Text& word : Split(words, ' ')) {
+        const Text name = word.substr(0, word.find('=')), order = word.substr(name.size() + 1);
         const Text category = name[0] == 'e' ? "End of Day:" : name == "#" ? "" : "Start of Day:";
-        all += "[" + category + name + "]\n";
-        if (word.substr(equals + 1) != "-") all += "Run order=" + word.substr(equals + 1) + "\n";
+        all += "[" + category + name + "]\n" + (order == "-" ? "" : "Run order=" + order + "\n");
     }
     return all;
 }
@@ -30,8 +25,7 @@ Text Stanzas(const Text& words) {
 // The words of the file as it is.
 Text Words() {
     Text all;
-    std::istringstream in(ReadFile(File()));
-    for (Text line; std::getline(in, line);) {
+    for (const Text& line : Split(ReadFile(File()))) {
         const auto start = std::max(line.rfind(':') + 1, Text::size_type{1});  // behind the bracket
         if (line.starts_with("["))
             all += (all.empty() ? "" : " ") + line.substr(start, line.size() - 1 - start) + "=";

@@ -79,47 +79,39 @@ MsgWaitResultE Keep(MsgMessageO oMessage, void* /*oCookie*/) {
 // Whether a list of texts, where there is one, holds the text.
 bool Holds(ListO oTexts, const std::string& text) {
     if (oTexts == nullptr || oTexts->oFirst == nullptr) return true;
-    for (ListNodeO oNode = oTexts->oFirst; oNode != nullptr; oNode = oNode->oNext) {
+    for (ListNodeO oNode = oTexts->oFirst; oNode != nullptr; oNode = oNode->oNext)
         if (ObjCheckTypeInternal(oNode->oData, ObjStringMagic) == TRUE &&
             text == ObjGetString(static_cast<ObjStringO>(oNode->oData)))
             return true;
-    }
     return false;
 }
 
-// The number of the level's name among the eight.
-int32 LevelOf(const ByteT* ptImage) { return std::max((LogGetWarnLevel(ptImage) - 1) / 16, 0); }
-
-bool IsOfSession(const logdCriteriaS& tCriteria, const ByteT* ptImage) {
+bool IsOfSession(const UniqueT& tWanted, const ByteT* ptImage) {
     UniqueT tSession;
-    if (tCriteria.bSession != TRUE && tCriteria.bThisSessionOnly != TRUE) return true;
     return LogGetSessionId(&tSession, ptImage) == TRUE &&
-           std::memcmp(&tSession, &tCriteria.tSessionId, sizeof(tSession)) == 0;
+           std::memcmp(&tSession, &tWanted, sizeof(tSession)) == 0;
 }
 
 bool Matches(const logdCriteriaS& tCriteria, const ByteT* ptImage) {
     const TimeT tTime = LogGetTimeStamp(ptImage);
-    if (!IsOfSession(tCriteria, ptImage) ||
-        (tCriteria.lJobId != 0 && tCriteria.lJobId != LogGetJobId(ptImage)) ||
-        (tCriteria.lWarningLevels != 0 &&
-         (tCriteria.lWarningLevels >> LevelOf(ptImage) & 1) == 0) ||
-        (tCriteria.tStart != 0 && tTime < tCriteria.tStart) ||
-        (tCriteria.tStop != 0 && tTime > tCriteria.tStop) ||
-        (tCriteria.bOperatorOnly == TRUE && LogIsOperatorMsg(ptImage) != TRUE) ||
-        !Holds(tCriteria.oClasses, Taken(LogGetClassString(ptImage))) ||
-        !Holds(tCriteria.oClients, Taken(LogGetClientString(ptImage))))
-        return false;
-    const PoolPtr<char> pstrText(LogGetLogString(ptImage, tCriteria.pstrText));
-    return pstrText.Get() != nullptr;
+    const int32 lLevel = std::max((LogGetWarnLevel(ptImage) - 1) / 16, 0);  // among the eight
+    const bool bSession = tCriteria.bSession == TRUE || tCriteria.bThisSessionOnly == TRUE;
+    return (!bSession || IsOfSession(tCriteria.tSessionId, ptImage)) &&
+           (tCriteria.lJobId == 0 || tCriteria.lJobId == LogGetJobId(ptImage)) &&
+           (tCriteria.lWarningLevels == 0 || (tCriteria.lWarningLevels >> lLevel & 1) == 1) &&
+           (tCriteria.tStart == 0 || tTime >= tCriteria.tStart) &&
+           (tCriteria.tStop == 0 || tTime <= tCriteria.tStop) &&
+           (tCriteria.bOperatorOnly != TRUE || LogIsOperatorMsg(ptImage) == TRUE) &&
+           Holds(tCriteria.oClasses, Taken(LogGetClassString(ptImage))) &&
+           Holds(tCriteria.oClients, Taken(LogGetClientString(ptImage))) &&
+           PoolPtr<char>(LogGetLogString(ptImage, tCriteria.pstrText)).Get() != nullptr;
 }
 
 bool Wanted(const logdRequestEntriesS& tRequest, const ByteT* ptImage) {
-    if (tRequest.pstrSource != nullptr && *tRequest.pstrSource != '\0' &&
-        Taken(LogGetClientString(ptImage)) != tRequest.pstrSource)
-        return false;
-    return tRequest.oCriteria == nullptr ||
-           ObjCheckTypeInternal(tRequest.oCriteria, logdCriteriaMagic) != TRUE ||
-           Matches(*tRequest.oCriteria, ptImage);
+    const std::string source = tRequest.pstrSource == nullptr ? "" : tRequest.pstrSource;
+    return (source.empty() || Taken(LogGetClientString(ptImage)) == source) &&
+           (ObjCheckTypeInternal(tRequest.oCriteria, logdCriteriaMagic) != TRUE ||
+            Matches(*tRequest.oCriteria, ptImage));
 }
 
 void SendEntry(MsgAddressO oTo, const Image& image) {

@@ -372,8 +372,6 @@ void CheckKnown(const char* file, int known, int& value) {
     if (value < known) Fault(Text(file) + " has " + to_string(value) + ", not " + to_string(known));
 }
 
-void BeQuiet(MsgMessageO /*message*/, void* /*body*/) { g_status[Quiet] = 1; }
-
 constexpr Handler Handlers[] = {
     {RosterType, OnText<Roster>},
     {PMGR_PROCESS_DIED_MSG, On<PmgrProcessDiedS, PmgrProcessDiedMagic, Died>},
@@ -386,7 +384,7 @@ constexpr Handler Handlers[] = {
     {PMGR_GIVE_SERVICE_A_TASK_RETURN_MSG,
      On<PmgrGiveServiceATaskReturnS, PmgrGiveServiceATaskReturnMagic, TaskTaken>},
     {DoneType, OnNumber<TaskDone>},
-    {QuietType, On<void, 0, BeQuiet>},
+    {QuietType, On<void, 0, [](MsgMessageO, void*) { g_status[Quiet] = 1; }>},
 };
 
 // Id given by the process manager, or none and the words that a task would bring.

@@ -70,7 +70,7 @@ void Fault(const Text& what) {
     g_faults.push_back(what);
 }
 
-void SendTo(ProcIdT id, MsgTypeT type, void* body) {
+void SendTo(ProcIdT id, MsgTypeT type, void* body = nullptr) {
     const ::Address to(AddressOf(id));
     MsgSendObject(to.Get(), type, body);
 }
@@ -184,21 +184,16 @@ void TaskAnswer(MsgMessageO /*message*/, PmgrGiveServiceATaskReturnS* body) {
               to_string(body->lErrorCode));
 }
 
-void Told(MsgMessageO /*message*/, ObjStringS* text) { Fault(text->pstrValue); }
-
-void LinkLost(MsgMessageO /*message*/, void* /*body*/) {
-    Fault("the communications manager is gone");
-}
-
 constexpr Handler Handlers[] = {
     {HelloType, OnText<Hello>},
     {StatusType, OnText<TakeStatus>},
-    {FaultType, OnText<Told>},
+    {FaultType, OnText<[](MsgMessageO, ObjStringS* text) { Fault(text->pstrValue); }>},
     {PMGR_PROCESS_DIED_MSG, On<PmgrProcessDiedS, PmgrProcessDiedMagic, Died>},
     {MSG_PONG_MSG, On<void, 0, Pong>},
     {PMGR_GIVE_SERVICE_A_TASK_RETURN_MSG,
      On<PmgrGiveServiceATaskReturnS, PmgrGiveServiceATaskReturnMagic, TaskAnswer>},
-    {MSG_LOST_RECEIVE_QUEUE_MSG, On<void, 0, LinkLost>},
+    {MSG_LOST_RECEIVE_QUEUE_MSG,
+     On<void, 0, [](MsgMessageO, void*) { Fault("the communications manager is gone"); }>},
 };
 
 // --- the watchdog ---
@@ -219,10 +214,10 @@ bool Progress() {
                        WhatItDoes(manager.id, manager.process.Id());
     for (const Place& place : g_places) {
         if ((place.state == State::Live ? place.pong : place.since) >= late) continue;
-        const char* how = place.state == State::Live       ? " does not answer\n"
-                          : place.state == State::Starting ? " does not come\n"
-                                                           : " is dead, and nobody tells\n";
-        waiting += place.Name() + ", process " + to_string(place.id) + how +
+        waiting += place.Name() + ", process " + to_string(place.id) +
+                   (place.state == State::Live       ? " does not answer\n"
+                    : place.state == State::Starting ? " does not come\n"
+                                                     : " is dead, and nobody tells\n") +
                    WhatItDoes(place.id, place.pid);
     }
     if (!waiting.empty()) Fault("deadlock:\n" + waiting);
@@ -297,7 +292,7 @@ bool Drain() {
     while (!drained() && Clock::now() <= begin + 4 * Due) {
         Turn();
         if (!IsTime(second, 1)) continue;
-        for (const Place* place : Living()) SendTo(place->id, QuietType, nullptr);
+        for (const Place* place : Living()) SendTo(place->id, QuietType);
         Ping();
         if (!Progress()) return false;
     }
