@@ -28,21 +28,15 @@ constexpr int32 Interface = 4;
 
 // --- the service ---
 
-Text IntegerText(void* object) {
-    return object == nullptr ? "-" : to_string(ObjGetInteger(static_cast<ObjIntegerO>(object)));
-}
-
 // Tells the asker what the task is, on whose behalf it is done, and what the process knows.
 void DoTask(PmgrTaskO task) {
     ObjHolder<void> travels, known;
     auto* context = static_cast<TaskContextO>(gtTlContext.sProcess.oTaskContext);
     if (context != nullptr) TaskGetContextObject(travels.Address(), context, ObjStringMagic);
     ContextGetContextObject(known.Address(), ObjIntegerMagic);
-    const char* server = TaskGetServerName();
-    const Text done = to_string(task->lCookie) + " " + IntegerText(task->oUserArguments) + " for " +
-                      (server == nullptr ? "nobody" : server) + " " +
-                      to_string(TaskGetServerVersion()) + " with " + ObjectText(travels.Get()) +
-                      " and " + IntegerText(known.Get());
+    const Text done = to_string(task->lCookie) + " " + ObjectText(task->oUserArguments) + " for " +
+                      NameText(TaskGetServerName()) + " " + to_string(TaskGetServerVersion()) +
+                      " with " + ObjectText(travels.Get()) + " and " + ObjectText(known.Get());
     const ObjHolder<ObjStringS> answer(ObjStringNew(done.c_str()));
     TaskSetTaskContext(nullptr);
     ProcSendStatus(eProcStatusTaskRequired);
@@ -252,13 +246,13 @@ class System : public testing::Test {
 TEST_F(System, ServicesAndProcessesOfAnotherMachine) {
     EXPECT_NE(A().InRole("identify", {}).Line(), B().InRole("identify", {}).Line());
     Process asker = OnA("ask");
-    const Text done = " 5 for " + A().Name() + " 7001 with OBJ_STRING(bag) and ";
+    const Text done = " OBJ_INTEGER(5) for " + A().Name() + " 7001 with OBJ_STRING(bag) and ";
     for (const Text& line :
          {"1" + done + "-", Text("error 3"), Text("error 3"), Text("error 15"), "5" + done + "-",
           Text("error 3"), Text("error 18"), Text("error 19"), Text("error 17"), Text("error 3")})
         EXPECT_EQ(asker.Line(), line);
-    for (const char* kill : {"0", "1", "2"})
-        EXPECT_EQ(asker.Line(), "same, TRUE, " + done + kill + ", died, FALSE");
+    for (const Text kill : {"0", "1", "2"})
+        EXPECT_EQ(asker.Line(), "same, TRUE, " + done + "OBJ_INTEGER(" + kill + "), died, FALSE");
     EXPECT_EQ(asker.Line(), "FALSE");
 
     ASSERT_EQ(asker.Line(), "asking");

@@ -72,18 +72,14 @@ void InitialStatus(MsgMessageO oMessage, PmgrProcessInitialStatusO oBody) {
 }
 
 void Status(MsgMessageO oMessage, PmgrProcessStatusO oBody) {
-    constexpr std::pair<int32, ProcStateE> States[] = {
-        {eProcStatusTaskRequired, eProcStateReady},
-        {eProcStatusActive, eProcStateBusy},
-        {eProcStatusAboutToDie, eProcStateDying},
-        {eProcStatusRestartService, eProcStateRestartService},
-    };
     Managed* ptProcess = SenderOf(oMessage);
-    for (const auto& [lStatus, eState] : States)
-        if (ptProcess != nullptr && oBody->eStatus == lStatus) TableState(*ptProcess) = eState;
-    if (ptProcess != nullptr &&
-        (oBody->eStatus == eProcStatusTaskRequired || oBody->eStatus == eProcStatusActive))
-        TaskDeliver(ptProcess);
+    if (ptProcess == nullptr) return;
+    int32& eState = TableState(*ptProcess);
+    if (oBody->eStatus == eProcStatusTaskRequired) eState = eProcStateReady;
+    if (oBody->eStatus == eProcStatusActive) eState = eProcStateBusy;
+    if (oBody->eStatus == eProcStatusAboutToDie) eState = eProcStateDying;
+    if (oBody->eStatus == eProcStatusRestartService) eState = eProcStateRestartService;
+    if (eState == eProcStateReady || eState == eProcStateBusy) TaskDeliver(ptProcess);
 }
 
 void ChangeFromReady(MsgMessageO oMessage, void* /*oBody*/) {
@@ -152,23 +148,19 @@ bool PassOn(MsgMessageO oMessage, MsgAddressO oProcess) {
     return true;
 }
 
+// Both bodies begin with the address of the process.
 void Watch(MsgMessageO oMessage, PmgrNotifyOnDeathO oBody) {
     ObjHolder<MsgAddressS> oWatcher;
-    if (MsgGetSender(oWatcher.Address(), oMessage) != TRUE || PassOn(oMessage, oBody->oAddress))
-        return;
     const ProcIdT tId = MsgGetProcessId(oBody->oAddress);
-    if (Managed* ptProcess = TableFind(tId); ptProcess != nullptr)
-        ptProcess->tWatchers.insert(WatcherOf(oWatcher.Get()));
-    else if (tId > MsgNetworkManagerId)
-        TellDied(oWatcher.Get(), tId);
-}
-
-void CancelWatch(MsgMessageO oMessage, PmgrCancelNotifyOnDeathO oBody) {
-    ObjHolder<MsgAddressS> oWatcher;
+    Managed* ptProcess = TableFind(tId);
     if (MsgGetSender(oWatcher.Address(), oMessage) != TRUE || PassOn(oMessage, oBody->oAddress))
         return;
-    Managed* ptProcess = TableFind(MsgGetProcessId(oBody->oAddress));
-    if (ptProcess != nullptr) ptProcess->tWatchers.erase(WatcherOf(oWatcher.Get()));
+    if (oMessage->tMsgType == PMGR_NOTIFY_ON_DEATH_MSG && ptProcess != nullptr)
+        ptProcess->tWatchers.insert(WatcherOf(oWatcher.Get()));
+    else if (oMessage->tMsgType == PMGR_NOTIFY_ON_DEATH_MSG && tId > MsgNetworkManagerId)
+        TellDied(oWatcher.Get(), tId);
+    else if (ptProcess != nullptr)
+        ptProcess->tWatchers.erase(WatcherOf(oWatcher.Get()));
 }
 
 void Kill(MsgMessageO /*oMessage*/, PmgrKillProcessO oBody) {
@@ -275,7 +267,7 @@ constexpr ManagerHandlerT Handlers[] = {
     {PMGR_KILL_PROCESS_MSG, PmgrKillProcessMagic, With<PmgrKillProcessS, Kill>},
     {PMGR_NOTIFY_ON_DEATH_MSG, PmgrNotifyOnDeathMagic, With<PmgrNotifyOnDeathS, Watch>},
     {PMGR_CANCEL_NOTIFY_ON_DEATH_MSG, PmgrCancelNotifyOnDeathMagic,
-     With<PmgrCancelNotifyOnDeathS, CancelWatch>},
+     With<PmgrNotifyOnDeathS, Watch>},
     {PMGR_GET_PROCESS_STATE_MSG, PmgrGetProcessStateMagic, With<PmgrGetProcessStateS, SendState>},
     {CMGR_DROPPED_CHANNEL_MSG, MsgIpcConnectMagic, With<MsgIpcConnectS, Dropped>},
     {MSG_PING_MSG, 0, Ping},
