@@ -111,100 +111,65 @@ int FaultDisarm() {
 }
 
 // The symbols that --wrap puts in the place of a function: of the stand-in and of the function.
+// Names are those that a program built for large files calls.
 #define WRAPPED(result, name, symbol, parameters)           \
     result Real##name parameters __asm__("__real_" symbol); \
-    result Wrap##name parameters __asm__("__wrap_" symbol)
+    result Wrap##name parameters __asm__("__wrap_" symbol);
 
-WRAPPED(void*, Malloc, "malloc", (std::size_t size));
-// The library always passes the permissions.
-WRAPPED(int, Open, "open", (const char* path, int flags, mode_t mode));
-WRAPPED(int, Open64, "open64", (const char* path, int flags, mode_t mode));
-WRAPPED(ssize_t, Read, "read", (int fd, void* buffer, std::size_t size));
-WRAPPED(ssize_t, Write, "write", (int fd, const void* buffer, std::size_t size));
-WRAPPED(int, Close, "close", (int fd));
-WRAPPED(int, Rename, "rename", (const char* from, const char* to));
-WRAPPED(int, Unlink, "unlink", (const char* path));
-WRAPPED(int, Mkdir, "mkdir", (const char* path, mode_t mode));
-WRAPPED(int, Fsync, "fsync", (int fd));
-WRAPPED(int, Stat, "stat", (const char* path, void* status));
-WRAPPED(int, Stat64, "stat64", (const char* path, void* status));
-WRAPPED(int, Fstat, "fstat", (int fd, void* status));
-WRAPPED(int, Fstat64, "fstat64", (int fd, void* status));
-WRAPPED(int, Compress, "compress",
-        (Bytef * dest, uLongf* destLen, const Bytef* source, uLong sourceLen));
-WRAPPED(int, Uncompress, "uncompress",
-        (Bytef * dest, uLongf* destLen, const Bytef* source, uLong sourceLen));
-WRAPPED(ssize_t, Copy, "copy_file_range",
-        (int in, off_t* inOffset, int out, off_t* outOffset, std::size_t size, unsigned flags));
-WRAPPED(int, Allocate, "fallocate", (int fd, int mode, off_t offset, off_t size));
-WRAPPED(int, Allocate64, "fallocate64", (int fd, int mode, off_t offset, off_t size));
-WRAPPED(int, Thread, "pthread_create",
-        (pthread_t * thread, const pthread_attr_t* attributes, void* (*run)(void*),
-         void* argument));
+// A stand-in for a call of that kind which either fails or is made.
+#define FAILING(call, symbol, parameters, arguments) \
+    WRAPPED(int, call, symbol, parameters)           \
+    int Wrap##call parameters { return Fails(Call::call) ? -1 : Real##call arguments; }
 
+FAILING(Rename, "rename", (const char* from, const char* to), (from, to))
+FAILING(Unlink, "unlink", (const char* path), (path))
+FAILING(Mkdir, "mkdir", (const char* path, mode_t mode), (path, mode))
+FAILING(Fsync, "fsync", (int fd), (fd))
+FAILING(Stat, "stat64", (const char* path, void* status), (path, status))
+FAILING(Fstat, "fstat64", (int fd, void* status), (fd, status))
+FAILING(Allocate, "fallocate64", (int fd, int mode, off_t offset, off_t size),
+        (fd, mode, offset, size))
+
+WRAPPED(void*, Malloc, "malloc", (std::size_t size))
 void* WrapMalloc(std::size_t size) { return Fails(Call::Malloc) ? nullptr : RealMalloc(size); }
 
-// TRUE when opening fails.
-static bool OpenFails(const char* path) {
-    if (!Fails(Call::Open)) return false;
-    if (g_fault.error != 0) return true;
-    if (FILE* file = std::fopen(path, "w"); file != nullptr) {
+// The library always passes the permissions.
+WRAPPED(int, Open, "open64", (const char* path, int flags, mode_t mode))
+int WrapOpen(const char* path, int flags, mode_t mode) {
+    const bool fails = Fails(Call::Open);
+    if (fails && g_fault.error != 0) return -1;
+    if (FILE* file = fails ? std::fopen(path, "w") : nullptr; file != nullptr) {
         std::fputs("another's", file);
         std::fclose(file);
     }
-    return false;
+    return RealOpen(path, flags, mode);
 }
 
-int WrapOpen(const char* path, int flags, mode_t mode) {
-    return OpenFails(path) ? -1 : RealOpen(path, flags, mode);
-}
-
-int WrapOpen64(const char* path, int flags, mode_t mode) {
-    return OpenFails(path) ? -1 : RealOpen64(path, flags, mode);
-}
-
+WRAPPED(ssize_t, Read, "read", (int fd, void* buffer, std::size_t size))
 ssize_t WrapRead(int fd, void* buffer, std::size_t size) {
     return Transfer(Call::Read, size) ? RealRead(fd, buffer, size) : -1;
 }
 
+WRAPPED(ssize_t, Write, "write", (int fd, const void* buffer, std::size_t size))
 ssize_t WrapWrite(int fd, const void* buffer, std::size_t size) {
     return FindRoom(size) && Transfer(Call::Write, size) ? RealWrite(fd, buffer, size) : -1;
 }
 
+WRAPPED(int, Close, "close", (int fd))
 int WrapClose(int fd) {
     const int result = RealClose(fd);
     return Fails(Call::Close) ? -1 : result;
 }
 
-int WrapRename(const char* from, const char* to) {
-    return Fails(Call::Rename) ? -1 : RealRename(from, to);
-}
-
-int WrapUnlink(const char* path) { return Fails(Call::Unlink) ? -1 : RealUnlink(path); }
-
-int WrapMkdir(const char* path, mode_t mode) {
-    return Fails(Call::Mkdir) ? -1 : RealMkdir(path, mode);
-}
-
-int WrapFsync(int fd) { return Fails(Call::Fsync) ? -1 : RealFsync(fd); }
-
-int WrapStat(const char* path, void* status) {
-    return Fails(Call::Stat) ? -1 : RealStat(path, status);
-}
-
-int WrapStat64(const char* path, void* status) {
-    return Fails(Call::Stat) ? -1 : RealStat64(path, status);
-}
-
-int WrapFstat(int fd, void* status) { return Fails(Call::Fstat) ? -1 : RealFstat(fd, status); }
-
-int WrapFstat64(int fd, void* status) { return Fails(Call::Fstat) ? -1 : RealFstat64(fd, status); }
-
+WRAPPED(int, Compress, "compress",
+        (Bytef * dest, uLongf* destLen, const Bytef* source, uLong sourceLen))
 int WrapCompress(Bytef* dest, uLongf* destLen, const Bytef* source, uLong sourceLen) {
     if (ChunkFails(Call::Compress, sourceLen == 0 ? -1 : *source)) return g_fault.error;
     return RealCompress(dest, destLen, source, sourceLen);
 }
 
+WRAPPED(int, Uncompress, "uncompress",
+        (Bytef * dest, uLongf* destLen, const Bytef* source, uLong sourceLen))
 int WrapUncompress(Bytef* dest, uLongf* destLen, const Bytef* source, uLong sourceLen) {
     const int result = RealUncompress(dest, destLen, source, sourceLen);
     return ChunkFails(Call::Uncompress, *destLen == 0 ? -1 : *dest) ? g_fault.error : result;
@@ -213,7 +178,7 @@ int WrapUncompress(Bytef* dest, uLongf* destLen, const Bytef* source, uLong sour
 #ifdef TESSEL_HAVE_LIBDEFLATE
 WRAPPED(libdeflate_result, Deflate, "libdeflate_zlib_decompress",
         (libdeflate_decompressor * state, const void* in, std::size_t inSize, void* out,
-         std::size_t outSize, std::size_t* outLength));
+         std::size_t outSize, std::size_t* outLength))
 
 // Faults of expanding are those of uncompress, which decides what is refused here.
 libdeflate_result WrapDeflate(libdeflate_decompressor* state, const void* in, std::size_t inSize,
@@ -224,6 +189,8 @@ libdeflate_result WrapDeflate(libdeflate_decompressor* state, const void* in, st
 #endif
 
 // More is asked for than there is to copy.
+WRAPPED(ssize_t, Copy, "copy_file_range",
+        (int in, off_t* inOffset, int out, off_t* outOffset, std::size_t size, unsigned flags))
 ssize_t WrapCopy(int in, off_t* inOffset, int out, off_t* outOffset, std::size_t size,
                  unsigned flags) {
     if (g_copyRefused) {
@@ -238,14 +205,8 @@ ssize_t WrapCopy(int in, off_t* inOffset, int out, off_t* outOffset, std::size_t
     return Transfer(Call::Copy, size) ? RealCopy(in, inOffset, out, outOffset, size, flags) : -1;
 }
 
-int WrapAllocate(int fd, int mode, off_t offset, off_t size) {
-    return Fails(Call::Allocate) ? -1 : RealAllocate(fd, mode, offset, size);
-}
-
-int WrapAllocate64(int fd, int mode, off_t offset, off_t size) {
-    return Fails(Call::Allocate) ? -1 : RealAllocate64(fd, mode, offset, size);
-}
-
+WRAPPED(int, Thread, "pthread_create",
+        (pthread_t * thread, const pthread_attr_t* attributes, void* (*run)(void*), void* argument))
 int WrapThread(pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*),
                void* argument) {
     if (Fails(Call::Thread)) return g_fault.error;
