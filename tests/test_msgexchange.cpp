@@ -1,9 +1,11 @@
-// Many processes of one machine that send to each other, through the communications manager and
-// over data channels opened in every way, all at once: every message arrives once, in order for
-// each sender and route, intact, and nothing is left over.
+// Many processes that send to each other, through the managers and over data channels opened in
+// every way, all at once: of one machine, and of machines with networks of their own. Every message
+// arrives once, in order for each sender and route, intact, and nothing is left over.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
+#include <algorithm>
+#include <csignal>
 #include <cstring>
 #include <map>
 #include <random>
@@ -13,22 +15,24 @@
 #include "core/list.h"
 #include "core/objwrappers.h"
 #include "support/leftovers.h"
-#include "support/machine.h"
 #include "support/peer.h"
+#include "support/world.h"
 
 namespace {
 
 using Message = ObjHolder<MsgMessageS>;
+using Address = ObjHolder<MsgAddressS>;
+using Arguments = std::vector<std::string>;
+using std::to_string;
 
 #if defined(TEST_IS_EMULATED)
-constexpr int Processes = 6, MessagesEach = 60;
+constexpr int Processes = 6, MessagesEach = 60, MessagesBetween = 20;
 #elif defined(__SANITIZE_ADDRESS__)
-constexpr int Processes = 12, MessagesEach = 250;
+constexpr int Processes = 12, MessagesEach = 250, MessagesBetween = 100;
 #else
-constexpr int Processes = 20, MessagesEach = 5000;
+constexpr int Processes = 20, MessagesEach = 5000, MessagesBetween = 400;
 #endif
 constexpr int Neighbours = 4;  // data channels that each process opens
-static_assert(Neighbours < Processes);
 constexpr ProcIdT FirstId = 100;
 constexpr MsgTypeT StartType = 5000, EndType = 5001, DataType = 6000, DataTypes = 1000;
 
@@ -39,48 +43,45 @@ struct Route {
 };
 using RouteKey = std::pair<ProcIdT, bool>;  // peer, over a data channel
 
-std::uint64_t SeedOf(ProcIdT from, ProcIdT to, bool channel, int number) {
-    return (static_cast<std::uint64_t>(from) << 48) ^ (static_cast<std::uint64_t>(to) << 33) ^
-           (static_cast<std::uint64_t>(channel) << 32) ^ static_cast<std::uint64_t>(number);
-}
-
 // Size and bytes of a message follow from who sends it to whom and from its number.
-int32 SizeOf(std::mt19937_64& random) {
-    const int32 limits[] = {200, 200, 200, 4096, 4096, 65536};
-    const auto kind = random() % 1200;
-    if (kind < 200) return 0;
-    if (kind < 206) return static_cast<int32>(random() % (4 << 20));
-    return static_cast<int32>(random() % static_cast<std::uint64_t>(limits[kind % 6]));
-}
+struct Bytes {
+    int32 size;
+    std::vector<std::uint64_t> words;
 
-void Fill(ByteT* bytes, int32 size, std::mt19937_64& random) {
-    for (int32 at = 0; at < size; at += 8) {
-        const std::uint64_t word = random();
-        std::memcpy(bytes + at, &word, static_cast<std::size_t>(std::min(8, size - at)));
+    Bytes(ProcIdT from, ProcIdT to, bool channel, int number) {
+        std::mt19937_64 random(
+            static_cast<std::uint64_t>(from) << 48 ^ static_cast<std::uint64_t>(to) << 33 ^
+            static_cast<std::uint64_t>(channel) << 32 ^ static_cast<std::uint64_t>(number));
+        const std::uint64_t limits[] = {200, 200, 200, 4096, 4096, 65536};
+        const auto kind = random() % 1200;
+        size = static_cast<int32>(random() % (kind < 200   ? 1
+                                              : kind < 206 ? 4 << 20
+                                                           : limits[kind % 6]));
+        words.resize(static_cast<std::size_t>(size + 7) / 8);
+        std::generate(words.begin(), words.end(), std::ref(random));
     }
-}
+    ObjDataFieldO Body() {
+        ObjDataFieldO body = nullptr;
+        if (size > 0) ObjDataFieldCreate(&body, words.data(), size);
+        return body;
+    }
+    bool Are(ObjDataFieldO body) const {
+        if (body == nullptr) return size == 0;
+        return body->tValue.lSize == size &&
+               std::memcmp(body->tValue.pData, words.data(), static_cast<std::size_t>(size)) == 0;
+    }
+};
 
-ObjDataFieldO BodyOf(ProcIdT from, ProcIdT to, bool channel, int number) {
-    std::mt19937_64 random(SeedOf(from, to, channel, number));
-    const int32 size = SizeOf(random);
-    if (size == 0) return nullptr;
-    std::vector<ByteT> bytes(static_cast<std::size_t>(size));
-    Fill(bytes.data(), size, random);
-    ObjDataFieldO body = nullptr;
-    ObjDataFieldCreate(&body, bytes.data(), size);
-    return body;
-}
-
-bool Same(ObjDataFieldO a, ObjDataFieldO b) {
-    if (a == nullptr || b == nullptr) return a == b;
-    return a->tValue.lSize == b->tValue.lSize &&
-           std::memcmp(a->tValue.pData, b->tValue.pData,
-                       static_cast<std::size_t>(a->tValue.lSize)) == 0;
-}
-
+// Of the processes in turn each is on the next machine; "" is this one.
 class Exchanger {
  public:
-    explicit Exchanger(ProcIdT id) : m_id(id), m_random(static_cast<std::uint64_t>(id)) {}
+    Exchanger(int number, int processes, int messages, int family, Arguments machines)
+        : m_id(FirstId + number),
+          m_processes(processes),
+          m_messages(messages),
+          m_family(family),
+          m_machines(std::move(machines)),
+          m_random(static_cast<std::uint64_t>(m_id)) {}
 
     int Run() {
         if (!Connect(m_id)) return 10;
@@ -88,8 +89,8 @@ class Exchanger {
         const Leftovers before;
         Say("up");
         while (!m_started) Receive(nullptr);
-        for (int n = 1; n <= Neighbours; n++) Open(n);
-        for (int n = 0; n < MessagesEach && m_wrong.empty(); n++) {
+        for (int n = 1; n <= Neighbours; n++) Open(IdAfter(n));
+        for (int n = 0; n < m_messages && m_wrong.empty(); n++) {
             SendOne();
             while (Receive(AtOnce())) {
             }
@@ -99,7 +100,7 @@ class Exchanger {
         Goodbye();
         const std::string left = before.Text();
         if (!left.empty()) m_wrong += " left over: " + left;
-        Say(std::to_string(m_received) + " " + m_wrong);
+        Say(to_string(m_received) + " " + m_wrong);
         ContextReleaseThread();
         return m_wrong.empty() ? 0 : 11;
     }
@@ -110,34 +111,37 @@ class Exchanger {
         return immediate;
     }
 
-    ProcIdT IdAfter(int n) const { return FirstId + (m_id - FirstId + n) % Processes; }
+    ProcIdT IdAfter(int n) const { return FirstId + (m_id - FirstId + n) % m_processes; }
+    MsgAddressO Of(ProcIdT id) const {
+        const auto number = static_cast<std::size_t>(id - FirstId);
+        const std::string& machine = m_machines[number % m_machines.size()];
+        return machine.empty() ? AddressOf(id) : AddressOf(machine, id);
+    }
 
-    // Every kind of opening; waiting for the accept only in a direction without circles, as the
-    // other side must come to answering.
-    void Open(int n) {
-        const ProcIdT to = IdAfter(n);
-        const ObjHolder<MsgAddressS> target(AddressOf(to));
-        const auto blocking = n % 2 == 0 ? eMsgChannelBlocking : eMsgChannelNonBlocking;
-        const auto ok = n % 4 < 2 ? eMsgChannelWaitForOk : eMsgChannelDoNotWaitForOk;
-        const bool waits = to > m_id && n != 3;
+    // Any kind of opening; waiting for the accept only in a direction without circles, as the other
+    // side must come to answering.
+    void Open(ProcIdT to) {
+        const Address target(Of(to));
+        const auto kind = m_random() % 8;
+        const bool waits = to > m_id && (kind & 1) != 0;
         const ObjHolder<ObjIntegerS> mine(ObjIntegerNew(to));
         const ObjHolder<ObjIntegerS> theirs(ObjIntegerNew(m_id));
         MsgAddressO channel = nullptr;
-        if (MsgChannelOpenInternal(&channel, target.Get(), theirs.Get(), mine.Get(), blocking,
-                                   waits ? eMsgChannelWaitForAccept : eMsgChannelDoNotWaitForAccept,
-                                   ok) != TRUE)
-            m_wrong += " cannot open to " + std::to_string(to);
-        m_opened++;
+        if (MsgChannelOpenInternal(
+                &channel, target.Get(), theirs.Get(), mine.Get(),
+                (kind & 2) != 0 ? eMsgChannelBlocking : eMsgChannelNonBlocking,
+                waits ? eMsgChannelWaitForAccept : eMsgChannelDoNotWaitForAccept,
+                (kind & 4) != 0 ? eMsgChannelWaitForOk : eMsgChannelDoNotWaitForOk) != TRUE)
+            m_wrong += " cannot open to " + to_string(to);
         if (waits && channel != nullptr) m_channels[to] = channel;
     }
 
     void Answer(MsgMessageO message) {
         MsgAddressO channel = nullptr;
-        const bool waits = m_random() % 2 == 0;
+        const auto kind = m_random() % 4;
         if (MsgChannelCompleteInternal(
-                &channel, message,
-                m_random() % 2 == 0 ? eMsgChannelBlocking : eMsgChannelNonBlocking,
-                waits ? eMsgChannelWaitForConnect : eMsgChannelDoNotWaitForConnect,
+                &channel, message, (kind & 1) != 0 ? eMsgChannelBlocking : eMsgChannelNonBlocking,
+                (kind & 2) != 0 ? eMsgChannelWaitForConnect : eMsgChannelDoNotWaitForConnect,
                 eMsgChannelSendOk) != TRUE)
             m_wrong += " cannot answer";
         if (channel != nullptr) m_answered.push_back(channel);
@@ -145,7 +149,7 @@ class Exchanger {
 
     void TakeConnected(MsgMessageO message) {
         ObjHolder<MsgConnectedS> body;
-        ObjHolder<MsgAddressS> sender;
+        Address sender;
         MsgGetObject(body.Address(), message, MsgConnectedMagic);
         if (body.Get() == nullptr || body.Get()->bSuccess != TRUE) {
             m_wrong += " connection failed";
@@ -163,14 +167,14 @@ class Exchanger {
 
     // Whether this process opens a channel to that one; it may be the other way round as well.
     bool Opens(ProcIdT id) const {
-        const int n = (id - m_id + Processes) % Processes;
+        const int n = (id - m_id + m_processes) % m_processes;
         return n >= 1 && n <= Neighbours;
     }
 
     void SendNumbered(ProcIdT to, bool channel) {
         Route& route = m_out[{to, channel}];
-        const ObjHolder<ObjDataFieldS> body(BodyOf(m_id, to, channel, route.next));
-        const ObjHolder<MsgAddressS> process(AddressOf(to));
+        const ObjHolder<ObjDataFieldS> body(Bytes(m_id, to, channel, route.next).Body());
+        const Address process(Of(to));
         if (MsgSendObject(channel ? m_channels[to] : process.Get(),
                           DataType + route.next % DataTypes, body.Get()) != TRUE)
             m_wrong += " cannot send";
@@ -178,7 +182,8 @@ class Exchanger {
     }
 
     void SendOne() {
-        const ProcIdT to = IdAfter(1 + static_cast<int>(m_random() % (Processes - 1)));
+        const auto others = static_cast<std::uint64_t>(m_processes - 1);
+        const ProcIdT to = IdAfter(1 + static_cast<int>(m_random() % others));
         if (m_channels.empty() || m_random() % 2 == 0) return SendNumbered(to, false);
         auto channel = m_channels.begin();
         std::advance(channel, m_random() % m_channels.size());
@@ -186,18 +191,23 @@ class Exchanger {
     }
 
     void Announce() {
-        while (m_channels.size() < static_cast<std::size_t>(m_opened) && m_wrong.empty())
-            Receive(nullptr);
-        for (int n = 1; n < Processes; n++) {
-            const ProcIdT to = IdAfter(n);
-            const ObjHolder<MsgAddressS> process(AddressOf(to));
-            const ObjHolder<ObjIntegerS> count(ObjIntegerNew(m_out[{to, false}].next));
-            MsgSendObject(process.Get(), EndType, count.Get());
+        while (m_channels.size() < Neighbours && m_wrong.empty()) Receive(nullptr);
+        for (int n = 1; n < m_processes; n++) {
+            const Address process(Of(IdAfter(n)));
+            SendCount(process.Get(), {IdAfter(n), false});
         }
         for (const auto& [to, channel] : m_channels) {
-            const ObjHolder<ObjIntegerS> count(ObjIntegerNew(m_out[{to, true}].next));
-            MsgSendObject(channel, EndType, count.Get());
+            ObjHolder<MsgChannelS> found;
+            NetAddressT there = {};
+            SendCount(channel, {to, true});
+            MsgGetChannel(found.Address(), channel);
+            NetGetRemoteAddress(&there, MsgChannelSocket(found.Get()));
+            if (NetGetFamily(&there) != m_family) m_wrong += " another family";
         }
+    }
+    void SendCount(MsgAddressO to, RouteKey key) {
+        const ObjHolder<ObjIntegerS> count(ObjIntegerNew(m_out[key].next));
+        MsgSendObject(to, EndType, count.Get());
     }
 
     bool Complete() {
@@ -206,12 +216,12 @@ class Exchanger {
             if (route.announced >= 0 && route.announced != route.next) m_wrong += " lost some";
             if (route.announced >= 0) ended++;
         }
-        return ended == Processes - 1 + m_opened;  // as many come in as go out
+        return ended == m_processes - 1 + Neighbours;  // as many come in as go out
     }
 
     // True when there was a message.
     bool Receive(TimeTimeoutO timeout) {
-        ObjHolder<MsgMessageS> message;
+        Message message;
         if (MsgReceive(message.Address(), timeout) != TRUE) return false;
         const MsgTypeT type = MsgType(message.Get());
         if (type == StartType) {
@@ -229,12 +239,14 @@ class Exchanger {
     }
 
     void TakeNumbered(MsgMessageO message) {
-        ObjHolder<MsgAddressS> sender;
-        if (MsgGetSender(sender.Address(), message) != TRUE) {
+        Address sender;
+        MsgGetSender(sender.Address(), message);
+        const ProcIdT from = sender.Get() == nullptr ? FirstId : sender.Get()->tProcessId;
+        const Address expected(Of(from));
+        if (MsgAddressEqual(sender.Get(), expected.Get()) != TRUE) {
             m_wrong += " unknown sender";
             return;
         }
-        const ProcIdT from = sender.Get()->tProcessId;
         const bool channel = MsgIsFromAChannel(message) == TRUE;
         Route& route = m_in[{from, channel}];
         if (MsgType(message) == EndType) {
@@ -244,12 +256,11 @@ class Exchanger {
             return;
         }
         if (MsgType(message) != DataType + route.next % DataTypes || route.announced >= 0)
-            m_wrong += " out of order from " + std::to_string(from);
-        const ObjHolder<ObjDataFieldS> expected(BodyOf(from, m_id, channel, route.next));
+            m_wrong += " out of order from " + to_string(from);
         ObjHolder<ObjDataFieldS> body;
         MsgGetObject(body.Address(), message, ObjDataFieldMagic);
-        if (!Same(body.Get(), expected.Get()))
-            m_wrong += " changed on the way from " + std::to_string(from);
+        if (!Bytes(from, m_id, channel, route.next).Are(body.Get()))
+            m_wrong += " changed on the way from " + to_string(from);
         route.next++;
         m_received++;
     }
@@ -258,8 +269,6 @@ class Exchanger {
     void Goodbye() {
         for (auto& [to, channel] : m_channels) MsgChannelClose(&channel);
         for (MsgAddressO& channel : m_answered) MsgChannelClose(&channel);
-        m_channels.clear();
-        m_answered.clear();
         const TesselContextMsgS& state = gtTlContext.sMsg;
         while (m_wrong.empty() && state.oLingerList->lItemCount > 0) Receive(nullptr);
         while (Receive(AtOnce())) {
@@ -267,9 +276,10 @@ class Exchanger {
     }
 
     ProcIdT m_id;
+    int m_processes, m_messages, m_family;
+    Arguments m_machines;
     std::mt19937_64 m_random;
     bool m_started = false;
-    int m_opened = 0;
     int m_received = 0;
     std::string m_wrong;
     std::map<ProcIdT, MsgAddressO> m_channels;  // opened by this process
@@ -277,19 +287,50 @@ class Exchanger {
     std::map<RouteKey, Route> m_out, m_in;
 };
 
-const Role exchange("exchange", [](const std::vector<std::string>& arguments) {
-    return Exchanger(std::stoi(arguments.at(0))).Run();
+const Role exchange("exchange", [](const Arguments& words) {
+    return Exchanger(std::stoi(words[0]), std::stoi(words[1]), std::stoi(words[2]),
+                     std::stoi(words[3]), {words.begin() + 4, words.end()})
+        .Run();
 });
 
-const Role start("start", [](const std::vector<std::string>&) {
+// Starts every so manieth process, beginning with one, which is on this machine.
+const Role start("start", [](const Arguments& words) {
     if (!Connect(FirstId - 1)) return 10;
-    for (int n = 0; n < Processes; n++) {
-        const ObjHolder<MsgAddressS> process(AddressOf(FirstId + n));
+    for (int n = std::stoi(words[0]); n < std::stoi(words[1]); n += std::stoi(words[2])) {
+        const Address process(AddressOf(FirstId + n));
         if (MsgSendObject(process.Get(), StartType, nullptr) != TRUE) return 11;
     }
     ContextReleaseThread();
     return 0;
 });
+
+void Exchange(const std::vector<Machine*>& machines, int count, int messages, int family) {
+    const auto stride = static_cast<int>(machines.size());
+    std::vector<Process> processes;
+    for (int n = 0; n < count; n++) {
+        Arguments words = {to_string(n), to_string(count), to_string(messages), to_string(family)};
+        for (const Machine* machine : machines) words.push_back(machine->Name());
+        processes.push_back(
+            machines[static_cast<std::size_t>(n % stride)]->InRole("exchange", words));
+    }
+    for (Process& process : processes) ASSERT_EQ(process.Line(), "up");
+    // All network managers call each other at the same moment.
+    for (Machine* machine : machines)
+        if (stride > 1) machine->Network().Signal(SIGSTOP);
+    for (int n = 0; n < stride; n++) {
+        Process starter = machines[static_cast<std::size_t>(n)]->InRole(
+            "start", {to_string(n), to_string(count), to_string(stride)});
+        ASSERT_EQ(starter.Wait(), 0);
+    }
+    for (Machine* machine : machines)
+        if (stride > 1) machine->Network().Signal(SIGCONT);
+    int received = 0;
+    for (Process& process : processes) {
+        EXPECT_EQ(process.Wait(300), 0) << process.Rest();
+        received += std::atoi(process.Rest().c_str());
+    }
+    EXPECT_EQ(received, count * messages);
+}
 
 // --- a socket that a parent hands over to its child ---
 
@@ -304,7 +345,7 @@ NetInheritContextO AwaitContext(MsgTypeT type) {
     return context.Take();
 }
 
-const Role child("child", [](const std::vector<std::string>&) {
+const Role child("child", [](const Arguments&) {
     if (!Connect(ChildId)) return 10;
     Say("up");
     ObjHolder<NetInheritContextS> context(AwaitContext(MSG_INHERIT_SOCKET_MSG));
@@ -319,7 +360,7 @@ const Role child("child", [](const std::vector<std::string>&) {
     return 0;
 });
 
-const Role parent("parent", [](const std::vector<std::string>&) {
+const Role parent("parent", [](const Arguments&) {
     if (!Connect(ParentId)) return 10;
     int ends[2];
     char word[7] = "";
@@ -351,15 +392,22 @@ TEST(Inherit, AParentHandsASocketToItsChild) {
 TEST(Exchange, EveryMessageArrivesOnceInOrderIntact) {
     Machine machine;
     ASSERT_TRUE(machine.Start());
-    std::vector<Process> processes;
-    for (int n = 0; n < Processes; n++)
-        processes.push_back(machine.InRole("exchange", {std::to_string(FirstId + n)}));
-    for (Process& process : processes) ASSERT_EQ(process.Line(), "up");
-    ASSERT_EQ(machine.InRole("start", {}).Wait(), 0);
-    int received = 0;
-    for (Process& process : processes) {
-        EXPECT_EQ(process.Wait(300), 0) << process.Rest();
-        received += std::atoi(process.Rest().c_str());
+    Exchange({&machine}, Processes, MessagesEach, AF_INET);
+}
+
+TEST(Exchange, BetweenMachines) {
+    for (const bool inet6 : {false, true}) {  // three over the one family, two over the other alone
+        World world(inet6 ? 2 : 3);
+        NEED_NETWORKS(world);
+        world.Introduce(inet6);
+        std::vector<Machine*> machines;
+        for (int n = 0; n < world.Count(); n++) {
+            machines.push_back(&world.At(n));
+            if (!inet6) continue;
+            world.At(n).KnowHosts("::1 localhost\n");
+            world.At(n).Configure("configure.cfg", "[Network]\nPrefer IPV6 for Messaging=TRUE\n");
+        }
+        ASSERT_TRUE(world.Start());
+        Exchange(machines, 6, MessagesBetween, inet6 ? AF_INET6 : AF_INET);
     }
-    EXPECT_EQ(received, Processes * MessagesEach);
 }
