@@ -1,13 +1,5 @@
 // Whole archives from outside, restored into a directory. Nothing may appear beside the target, and
 // nothing may be left over in memory or open.
-#include <dirent.h>
-#include <fcntl.h>
-#include <sys/stat.h>
-
-#include <cstdio>
-#include <filesystem>
-#include <string>
-
 #include "fuzzsupport.h"
 #include "pakzlib.h"
 
@@ -17,44 +9,28 @@ namespace {
 
 std::string g_root;
 
-int OpenDescriptors() {
-    int count = 0;
-    if (DIR* dir = opendir("/proc/self/fd"); dir != nullptr) {
-        while (readdir(dir) != nullptr) count++;
-        closedir(dir);
-    }
-    return count;
-}
-
 int Entries(const std::string& path) {
-    int count = 0;
     std::error_code error;
-    for ([[maybe_unused]] const auto& entry : fs::directory_iterator(path, error)) count++;
-    return count;
+    const auto entries = fs::directory_iterator(path, error);
+    return static_cast<int>(std::distance(begin(entries), end(entries)));
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
-    std::string pattern = fs::exists("/dev/shm") ? "/dev/shm/fuzzXXXXXX" : "/tmp/fuzzXXXXXX";
-    if (mkdtemp(pattern.data()) == nullptr) std::abort();
-    g_root = pattern;
-    std::atexit([] { fs::remove_all(g_root); });
-    FuzzInitialize(g_root.c_str());
+    g_root = FuzzMakeHome("empty");
+    fs::remove(g_root + "/empty");
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string archive = g_root + "/archive";
     const std::string target = g_root + "/target";
-    if (FILE* file = std::fopen(archive.c_str(), "wb"); file != nullptr) {
-        std::fwrite(data, 1, size, file);
-        std::fclose(file);
-    }
-    const int descriptors = OpenDescriptors();
+    WriteFile(archive, data, size);
+    const int descriptors = Entries("/proc/self/fd");
     const BooleanT bResult = PakZlibUncompress(archive.c_str(), target.c_str());
-    if (OpenDescriptors() != descriptors || Entries(g_root) != 2) std::abort();
-    if (bResult == TRUE && Entries(target) < 1) std::abort();
+    Expect(Entries("/proc/self/fd") == descriptors && Entries(g_root) == 2);
+    Expect(bResult != TRUE || Entries(target) > 0);
     fs::remove_all(target);
     return 0;
 }

@@ -9,29 +9,27 @@ namespace {
 
 constexpr ProcIdT atIds[] = {100, 0, MsgCommunicationsManagerId, MsgAuditorId};
 
-constexpr MsgTypeT atTypes[] = {
-    MSG_DISCONNECT_MSG,
-    MSG_FLUSH_CHANNEL_MSG,
-    MSG_CHANNEL_AUTH_MSG,
-    MSG_PROXY_SOURCE_MSG,
-    MSG_SET_PROCESS_CONTEXT_REQUEST_MSG,
-    MSG_CONNECTED_OK_MSG,
-    MSG_TUNNEL_CONNECT_MSG,
-    MSG_IPC_CONNECT_MSG,
-    PMGR_TASK_MSG,
-    PMGR_PROCESS_DIED_MSG,
-    CMGR_MACHINE_DOWN_MSG,
-    MSG_SET_TRACE_FILE_MSG,
-    MSG_PING_MSG,
-    MSG_PONG_MSG,
-    MSG_CONNECT_MSG,
-    MSG_CONNECTED_MSG,
-    MSG_CHANNEL_DOWN_MSG,
-    TIMER_CALLBACK_MSG,
-    MSG_LOST_SEND_QUEUE_MSG,
-    MSG_UNKNOWN_MSG,
-    6000,
-};
+constexpr MsgTypeT atTypes[] = {MSG_DISCONNECT_MSG,
+                                MSG_FLUSH_CHANNEL_MSG,
+                                MSG_CHANNEL_AUTH_MSG,
+                                MSG_PROXY_SOURCE_MSG,
+                                MSG_SET_PROCESS_CONTEXT_REQUEST_MSG,
+                                MSG_CONNECTED_OK_MSG,
+                                MSG_TUNNEL_CONNECT_MSG,
+                                MSG_IPC_CONNECT_MSG,
+                                PMGR_TASK_MSG,
+                                PMGR_PROCESS_DIED_MSG,
+                                CMGR_MACHINE_DOWN_MSG,
+                                MSG_SET_TRACE_FILE_MSG,
+                                MSG_PING_MSG,
+                                MSG_PONG_MSG,
+                                MSG_CONNECT_MSG,
+                                MSG_CONNECTED_MSG,
+                                MSG_CHANNEL_DOWN_MSG,
+                                TIMER_CALLBACK_MSG,
+                                MSG_LOST_SEND_QUEUE_MSG,
+                                MSG_UNKNOWN_MSG,
+                                6000};
 
 std::string FrameOf(FuzzInput& input) {
     const MsgTypeT tMsgType = atTypes[input.Byte() % std::size(atTypes)];

@@ -1,11 +1,8 @@
 // Value lists from outside, by both rules: values between commas without the blanks around them,
 // and a configuration value in which "!" escapes. Each is compared with a reading of its own.
 #include <algorithm>
-#include <string>
-#include <vector>
 
 #include "core/cfg.h"
-#include "core/memory.h"
 #include "core/objwrappers.h"
 #include "core/strbase.h"
 #include "core/strwrappers.h"
@@ -26,7 +23,7 @@ Texts TakeTexts(ListO oList) {
         const char* pstrText = ObjGetString(static_cast<ObjStringO>(oNode->oData));
         texts.emplace_back(pstrText == nullptr ? "" : pstrText);
     }
-    if (static_cast<std::size_t>(oList->lItemCount) != texts.size()) std::abort();
+    Expect(static_cast<std::size_t>(oList->lItemCount) == texts.size());
     ObjRelease(&oList);
     return texts;
 }
@@ -87,19 +84,17 @@ Texts Split(const std::string& text, bool escapes) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string input = std::string(reinterpret_cast<const char*>(data), size).c_str();
-    const int32 lBlocks = MemUsedCount();
-    const int32 lObjects = ObjCount();
+    const NothingLeft nothingLeft;
     ListO oValues = nullptr;
-    if (StrValueListFromString(&oValues, input.c_str()) != TRUE) std::abort();
-    if (TakeTexts(oValues) != Split(input, false)) std::abort();
+    Expect(StrValueListFromString(&oValues, input.c_str()) == TRUE);
+    Expect(TakeTexts(oValues) == Split(input, false));
 
     ListO oText = ListNew(ObjStringMagic);
     ObjStringO oString = ObjStringNew(input.c_str());
     ListPushLastItem(oText, &oString);
     ListO oParsed = nullptr;
-    if (CfgParseValueList(&oParsed, oText) != TRUE) std::abort();
-    if (TakeTexts(oParsed) != Split(input, true)) std::abort();
+    Expect(CfgParseValueList(&oParsed, oText) == TRUE);
+    Expect(TakeTexts(oParsed) == Split(input, true));
     ObjRelease(&oText);
-    if (MemUsedCount() != lBlocks || ObjCount() != lObjects) std::abort();
     return 0;
 }

@@ -7,17 +7,12 @@
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <fstream>
 #include <string>
 
 #include "core/msgchannel.h"
 #include "core/msgwait.h"
 #include "core/process.h"
 #include "fuzzsupport.h"
-
-inline void Expect(bool good) {
-    if (!good) std::abort();
-}
 
 inline MsgAddressO FuzzAddress(const char* machine, ProcIdT id) {
     MsgAddressO oAddress = nullptr;
@@ -249,7 +244,6 @@ class FuzzRun {
         ListReleaseAll(gtTlContext.sMsg.oNotifyOnDeathList);
         ListReleaseAll(gtTlContext.sMsg.oTaskList);
         TraceSetLevel(eTraceLevelNormal);
-        Expect(ObjCount() == m_objects);
     }
     FuzzRun(const FuzzRun&) = delete;
     FuzzRun& operator=(const FuzzRun&) = delete;
@@ -264,7 +258,7 @@ class FuzzRun {
     }
 
  private:
-    const int32 m_objects = ObjCount();
+    const NothingLeft m_nothingLeft{false};
     FuzzInput m_input;
     const unsigned m_flags;
     const unsigned m_piece;

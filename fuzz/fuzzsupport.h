@@ -6,13 +6,46 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "core/context.h"
 #include "core/list.h"
+#include "core/memory.h"
 #include "core/objwalk.h"
 #include "core/tree.h"
+
+inline void Expect(bool good) {
+    if (!good) std::abort();
+}
+
+// That after the input there are as many objects, and blocks of memory, as before.
+class NothingLeft {
+ public:
+    explicit NothingLeft(bool blocks = true) : m_blocks(blocks ? MemUsedCount() : -1) {}
+    ~NothingLeft() {
+        Expect(ObjCount() == m_objects && (m_blocks == -1 || MemUsedCount() == m_blocks));
+    }
+    NothingLeft(const NothingLeft&) = delete;
+    NothingLeft& operator=(const NothingLeft&) = delete;
+
+ private:
+    const int32 m_objects = ObjCount();
+    const int32 m_blocks;
+};
+
+inline void WriteFile(const std::string& path, const uint8_t* data, size_t size) {
+    std::ofstream(path, std::ios::binary)
+        .write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
+}
+
+inline std::string ReadFile(const std::string& path) {
+    std::ostringstream content;
+    content << std::ifstream(path, std::ios::binary).rdbuf();
+    return content.str();
+}
 
 inline struct sigaction g_previousHandler;
 
@@ -28,7 +61,7 @@ inline void PassForcedStop(int signal, siginfo_t* info, void* context) {
 
 inline void FuzzInitialize(const char* home, bool trace = false) {
     setenv("KRHOME", home, 1);
-    if (ContextInitialize() != TRUE) std::abort();
+    Expect(ContextInitialize() == TRUE);
     if (!trace) TraceSetBuffer(nullptr);  // what is traced is not looked at
     struct sigaction pass = {};
     pass.sa_flags = SA_SIGINFO;
@@ -41,7 +74,7 @@ inline void FuzzInitialize(const char* home, bool trace = false) {
 inline std::string FuzzMakeHome(const char* directory, bool trace = false) {
     namespace fs = std::filesystem;
     static std::string home = fs::exists("/dev/shm") ? "/dev/shm/fuzzXXXXXX" : "/tmp/fuzzXXXXXX";
-    if (mkdtemp(home.data()) == nullptr) std::abort();
+    Expect(mkdtemp(home.data()) != nullptr);
     std::atexit([] { fs::remove_all(home); });
     fs::create_directories(home + "/" + directory);
     FuzzInitialize(home.c_str(), trace);
