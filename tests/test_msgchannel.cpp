@@ -3,6 +3,8 @@
 // what bad bytes do. The process behaves as if its interprocess link were up.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
@@ -79,7 +81,9 @@ struct Link {
     static int Connected(int* other) {
         NetAddressT at;
         NetSocketT listening = ListenOnLoopback(&at), accepted = -1;
+        const int on = 1;
         *other = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        setsockopt(*other, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));  // bytes leave at once
         EXPECT_EQ(connect(*other, reinterpret_cast<sockaddr*>(&at), 16), 0);
         EXPECT_EQ(NetAccept(&accepted, listening, nullptr), NET_ERROR_NONE);
         NetClose(&listening);
@@ -88,12 +92,18 @@ struct Link {
     void Say(const Text& text) const {
         EXPECT_EQ(send(raw, text.data(), text.size(), MSG_NOSIGNAL), ssize_t(text.size()));
     }
-    // So many bytes, or what there is after half a second.
+    void Reset() {
+        const linger abort = {1, 0};
+        setsockopt(raw, SOL_SOCKET, SO_LINGER, &abort, sizeof(abort));
+        close(raw);
+        raw = -1;
+    }
+    // So many bytes, or what there is after half a second, and what else is there.
     Text Hear(std::size_t count) const {
-        Text heard(count, '\0');
+        Text heard(count + 100, '\0');
         std::size_t at = 0;
-        for (pollfd p = {raw, POLLIN, 0}; at < count && poll(&p, 1, 500) == 1;) {
-            const ssize_t got = recv(raw, heard.data() + at, count - at, 0);
+        for (pollfd p = {raw, POLLIN, 0}; poll(&p, 1, at < count ? 500 : 0) == 1;) {
+            const ssize_t got = recv(raw, heard.data() + at, heard.size() - at, 0);
             if (got <= 0) break;
             at += static_cast<std::size_t>(got);
         }
@@ -120,12 +130,13 @@ class Channels : public testing::Test {
         ProcSetId(0);
         gtTlContext.sMsg.bInitialized = FALSE;
     }
-    // Serves what is there, and says what came of it: "type source>destination body" of each.
-    static Text Received(int turns = 4) {
+    // Serves what is there, and says what came of it: "type source>destination body" of each. The
+    // first pass may have served something without a message.
+    static Text Received(int turns = 4, int milliseconds = 100) {
         Text all;
         for (int turn = 0; turn < turns; turn++) {
             Message message;
-            const TimeoutIn soon(100);
+            const TimeoutIn soon(milliseconds);
             if (MsgReceive(message.Address(), soon.Get()) == TRUE)
                 all += (all.empty() ? "" : ", ") + Told(message.Get());
             else if (turn > 0)
@@ -165,88 +176,105 @@ class Channels : public testing::Test {
 
 // --- what travels ---
 
-TEST_F(Channels, BytesOnBothKindsOfLinks) {
-    Link data, ipc(eMsgChannelNonBlocking, eMsgChannelDoNotWaitForOk, true);
-    const ObjHolder<ObjIntegerS> seven(ObjIntegerNew(7));
-    ASSERT_EQ(MsgSendObject(data.address, 7001, seven.Get()), TRUE);
-    ASSERT_EQ(MsgSendObject(ipc.address, 7002, nullptr), TRUE);
-    const Text body = Frame(7001, bytes::Integer(7));
-    EXPECT_EQ(data.Hear(body.size() + 1), body);
-    const int32 id = MsgChannelId(ipc.channel.Get());
-    const Text whole = PacketBytes({-id, 1, OwnId, -1, id}, 7002, Absent);
-    EXPECT_EQ(ipc.Hear(whole.size() + 1), whole);
-    // And back: several in one piece, then one in bytes; an absent body is one byte.
-    data.Say(body + Frame(7003, Absent) + body);
-    ipc.Say(FromProcess(9, 7004, bytes::Integer(3)) + FromProcess(9, 7005));
-    const Text to = Id(data) + ">" + Id(data);
-    Text got = Received(8);
-    for (const Text& one : {"7001 " + to + " 7, 7003 " + to + ", 7001 " + to + " 7",
-                            "7004 .:9>" + Own() + " 3, 7005 .:9>" + Own()})
-        EXPECT_NE(got.find(one), Text::npos) << got;
-    for (const char c : body) {
-        data.Say(Text(1, c));
-        MsgChannelInputData(data.channel.Get());
-    }
-    for (const char c : FromProcess(9, 7004)) {
-        ipc.Say(Text(1, c));
-        MsgChannelInputData(ipc.channel.Get());
-    }
-    EXPECT_EQ(Received(2), "7001 " + to + " 7, 7004 .:9>" + Own());
-}
-
-TEST_F(Channels, SizesAroundTheBuffer) {
-    Link link;
-    for (const int size :
-         {1, 300, 480, 490, 491, 492, 493, 494, 504, 505, 511, 512, 513, 1024, 70000}) {
-        const Text object =
-            bytes::Object(0xc999120d, "d;", Long(size) + bytes::RandomBytes(size_t(size), 1));
-        // Twice, with the beginning of a third behind, which comes later.
-        const Text body = Frame(7000, object);
-        link.Say(body + body + body.substr(0, 5));
-        EXPECT_EQ(Received(3), "7000 " + Id(link) + ">" + Id(link) + " other, 7000 " + Id(link) +
-                                   ">" + Id(link) + " other")
-            << size;
-        link.Say(body.substr(5));
-        EXPECT_EQ(Received(2), "7000 " + Id(link) + ">" + Id(link) + " other") << size;
-    }
-}
-
-TEST_F(Channels, BadBytesTakeTheChannelDown) {
+// Over links on which this process has sent two messages; of each whole, and byte by byte.
+TEST_F(Channels, WhatArrivesAndWhatComesOfIt) {
+    enum Kind { Data, Waits, Ipc };  // waits for the word of its peer
+    enum End { Lives, Down, Shut, Abort };
     const int32 largest = 64 * 1024 * 1024;
+    const Text seven = bytes::Integer(7), body = Frame(7001, seven), one = Frame(7001, Absent),
+               ready = Frame(MSG_CONNECTED_OK_MSG, Absent), whole = FromProcess(9, 7000, seven);
+    const Text timer = bytes::Object(0xca18f97a, "p;p;", Long(0x41414141) + Long(0x42424242));
+    Text frames, packets;  // that only this process may send itself
+    for (const MsgTypeT type : {0, 3, 4, 2705, 2706, 2707, 41001}) {
+        frames += Frame(type, timer);
+        packets += FromProcess(9, type, timer);
+    }
     const struct {
         const char* what;
-        bool ipc;
-        Text bytes;
-        bool down;  // else nothing is received and the link lives on
+        Kind kind;
+        Text bytes, received;  // "#": from the channel to itself, "@": its address
+        Text answer = "";
+        End end = Lives;
     } cases[] = {
-        {"length 0", false, Long(0) + Long(7000), true},
-        {"length 7", false, Long(7) + Long(7000), true},
-        {"length 8, which has no object", false, Long(8) + Long(7000), false},
-        {"length 2^31-1", false, Long(INT_MAX) + Long(7000), true},
-        {"length 2^32-1", false, Long(-1) + Long(7000), true},
-        {"a byte more than is allowed", false, Long(largest - 191) + Long(7000), true},
-        {"a stream that is no object", false, Frame(7000, "\x07garbage"), false},
-        {"whole, length 0", true, Text(192, '\0'), true},
-        {"whole, length 7", true, Long(1) + Long(7) + Text(184, '\0'), true},
-        {"whole, length 199", true, Long(1) + Long(199) + Text(184, '\0'), true},
-        {"whole, length 2^31-1", true, Long(1) + Long(INT_MAX) + Text(184, '\0'), true},
-        {"whole, negative", true, Long(1) + Long(-200) + Text(184, '\0'), true},
-        {"whole, body of another length", true,
-         FromProcess(9, 7000, bytes::Integer(1)).replace(192, 4, Long(9)), false},
-        {"whole, body of another type", true,
-         FromProcess(9, 7000, bytes::Integer(1)).replace(196, 4, Long(7001)), false},
-    };
+        {"bodies", Data, body + one + body, "7001 # 7, 7001 #, 7001 # 7"},
+        {"packets", Ipc, whole + FromProcess(9, 7005), "7000 .:9>.:57 7, 7005 .:9>.:57"},
+        {"length 0", Data, Long(0) + Long(7000), "2705 #", "", Down},
+        {"length 7", Data, Long(7) + Long(7000), "2705 #", "", Down},
+        {"length 8, which has no object", Data, Long(8) + Long(7000), ""},
+        {"length 2^31-1", Data, Long(INT_MAX) + Long(7000), "2705 #", "", Down},
+        {"length 2^32-1", Data, Long(-1) + Long(7000), "2705 #", "", Down},
+        {"a byte too many", Data, Long(largest - 191) + Long(7000), "2705 #", "", Down},
+        {"a stream that is no object", Data, Frame(7000, "\x07garbage"), ""},
+        {"whole, length 0", Ipc, Text(192, '\0'), "2705 #", "", Down},
+        {"whole, length 7", Ipc, Long(1) + Long(7) + Text(184, '\0'), "2705 #", "", Down},
+        {"whole, length 199", Ipc, Long(1) + Long(199) + Text(184, '\0'), "2705 #", "", Down},
+        {"whole, 2^31-1", Ipc, Long(1) + Long(INT_MAX) + Text(184, '\0'), "2705 #", "", Down},
+        {"whole, negative", Ipc, Long(1) + Long(-200) + Text(184, '\0'), "2705 #", "", Down},
+        {"body of another length", Ipc, Text(whole).replace(192, 4, Long(9)), ""},
+        {"body of another type", Ipc, Text(whole).replace(196, 4, Long(7001)), ""},
+        {"not from outside", Data, frames, ""},
+        {"not from outside", Ipc, packets, ""},
+        {"a trace file", Data,
+         Frame(TRACE_TO_FILE_MSG, bytes::Object(0xc96cec6f, "s;", bytes::String("/tmp/x"))), ""},
+        // The second one is an ordinary message.
+        {"peer is ready", Waits, ready + ready, "2706 .:70>.:57 0@ 5, 2711 #"},
+        {"flush", Waits, Frame(MSG_FLUSH_CHANNEL_MSG, Absent), "",
+         Frame(MSG_CHANNEL_FLUSHED_MSG, Absent)},
+        {"disconnect", Data, one + Frame(MSG_DISCONNECT_MSG, Absent), "7001 #, 2705 #", "", Down},
+        {"end", Data, one, "7001 #, 2705 #", "", Shut},
+        {"cut", Data, one + Frame(7000, Text(1000, 'x')).substr(0, 700), "7001 #, 2705 #", "",
+         Abort}};
+    const ObjHolder<ObjIntegerS> number(ObjIntegerNew(7)), cookie(ObjIntegerNew(5));
     for (const auto& c : cases) {
-        Link link(eMsgChannelNonBlocking, eMsgChannelDoNotWaitForOk, c.ipc);
-        link.Say(c.bytes);
-        const Text got = Received(2);
-        EXPECT_EQ(link.Down(), c.down) << c.what;
-        EXPECT_EQ(got, c.down ? "2705 " + Id(link) + ">" + Id(link) : "") << c.what;
-        if (!c.down) {
-            link.Say(c.ipc ? FromProcess(9, 7007) : Frame(7007, Absent));
-            EXPECT_NE(Received(2).find("7007"), Text::npos) << c.what;
+        for (const bool inBytes : {false, true}) {
+            SCOPED_TRACE(Text(c.what) + (inBytes ? " in bytes" : ""));
+            Link link(eMsgChannelNonBlocking,
+                      c.kind == Waits ? eMsgChannelWaitForOk : eMsgChannelDoNotWaitForOk,
+                      c.kind == Ipc);
+            const int32 id = MsgChannelId(link.channel.Get());
+            ObjIncRefCount(link.channel.Get()->oCookie = cookie.Get());
+            EXPECT_EQ(MsgSendObject(link.address, 7001, number.Get()) +
+                          MsgSendObject(link.address, 7002, nullptr),
+                      2 * TRUE);
+            EXPECT_EQ(MsgChannelOutputCount(link.channel.Get()), c.kind == Waits ? 2 : 0);
+            Text sent = body + Frame(7002, Absent);
+            if (c.kind == Ipc)
+                sent = PacketBytes({-id, 1, OwnId, -1, id}, 7001, seven) +
+                       PacketBytes({-id, 1, OwnId, -1, id}, 7002, Absent);
+            EXPECT_EQ(link.Hear(c.kind == Waits ? 0 : sent.size()), c.kind == Waits ? "" : sent);
+
+            for (std::size_t at = 0; at < c.bytes.size() && !link.Down();) {
+                const Text piece = c.bytes.substr(at, inBytes ? 1 : Text::npos);
+                link.Say(piece);
+                at += piece.size();
+                if (inBytes) MsgChannelInputData(link.channel.Get());
+            }
+            const auto commas = std::count(c.received.begin(), c.received.end(), ',');
+            Text got = Received(c.end > Down ? static_cast<int>(commas) : 8, 30);
+            if (c.end == Shut) shutdown(link.raw, SHUT_WR);
+            if (c.end == Abort) link.Reset();
+            if (c.end > Down) got += ", " + Received(1);
+            for (const auto& [address, sign] :
+                 {std::pair{Id(link) + ">" + Id(link), "#"}, {Id(link), "@"}})
+                for (std::size_t at = 0; (at = got.find(address)) != Text::npos;)
+                    got.replace(at, address.size(), sign);
+            EXPECT_EQ(got, c.received);
+            EXPECT_EQ(link.Down(), c.end != Lives);
+            if (c.end != Lives) {
+                EXPECT_EQ(MsgSendObject(link.address, 7002, nullptr), FALSE);
+                EXPECT_EQ(MsgChannelSocket(link.channel.Get()), -1);
+                continue;
+            }
+            const Text heard = (c.kind == Waits ? sent : "") + c.answer;
+            EXPECT_EQ(link.Hear(heard.size()), heard);
+            link.Say(c.kind == Ipc ? FromProcess(9, 7007) : Frame(7007, Absent));
+            EXPECT_NE(Received(1).find("7007"), Text::npos);
         }
     }
+}
+
+TEST_F(Channels, LengthsAndMarksAreNotBelieved) {
+    const int32 largest = 64 * 1024 * 1024;
     // The mark of a packet that has never left this process is not believed: pointers stay cut.
     const Text pointers = bytes::Object(0xca18f97a, "p;p;", Text(16, 'A'));
     Link marked(eMsgChannelNonBlocking, eMsgChannelDoNotWaitForOk, true);
@@ -272,57 +300,7 @@ TEST_F(Channels, BadBytesTakeTheChannelDown) {
     EXPECT_LT(usage.ru_maxrss - before, 8192 + unseen);
 }
 
-TEST_F(Channels, TheEndOfThePeer) {
-    for (const auto& end : std::vector<std::function<void(Link&)>>{
-             [](Link& link) { shutdown(link.raw, SHUT_WR); },
-             [](Link& link) {
-                 link.Say(Frame(7000, Text(1000, 'x')).substr(0, 700));
-                 const linger abort = {1, 0};
-                 setsockopt(link.raw, SOL_SOCKET, SO_LINGER, &abort, sizeof(abort));
-                 close(link.raw);
-                 link.raw = -1;
-             },
-             [](Link& link) { link.Say(Frame(MSG_DISCONNECT_MSG, Absent)); }}) {
-        Link link;
-        link.Say(Frame(7001, Absent));
-        EXPECT_EQ(Received(1), "7001 " + Id(link) + ">" + Id(link));
-        end(link);
-        EXPECT_EQ(Received(2), "2705 " + Id(link) + ">" + Id(link));
-        EXPECT_TRUE(link.Down());
-        EXPECT_EQ(MsgSendObject(link.address, 7002, nullptr), FALSE);
-        EXPECT_EQ(MsgChannelSocket(link.channel.Get()), -1);
-    }
-}
-
 // --- what the channel takes for itself ---
-
-TEST_F(Channels, QueuesUntilThePeerIsReady) {
-    Link link(eMsgChannelNonBlocking, eMsgChannelWaitForOk);
-    const ObjHolder<ObjIntegerS> cookie(ObjIntegerNew(5));
-    link.channel.Get()->oCookie = cookie.Get();
-    ObjIncRefCount(cookie.Get());
-    for (MsgTypeT type = 7001; type <= 7003; type++)
-        EXPECT_EQ(MsgSendObject(link.address, type, nullptr), TRUE);
-    EXPECT_EQ(Received(2), "");
-    EXPECT_EQ(MsgChannelOutputCount(link.channel.Get()), 3);
-    EXPECT_EQ(link.Hear(1), "");
-    link.Say(Frame(MSG_CONNECTED_OK_MSG, Absent));
-    EXPECT_EQ(Received(2), "2706 .:70>" + Own() + " 0" + Id(link) + " 5");
-    EXPECT_EQ(link.Hear(28),
-              Frame(7001, Absent) + Frame(7002, Absent) + Frame(7003, Absent).substr(0, 10));
-    // The second one is an ordinary message.
-    link.Say(Frame(MSG_CONNECTED_OK_MSG, Absent));
-    EXPECT_EQ(Received(1), "2711 " + Id(link) + ">" + Id(link));
-    // A flush opens it as well, and is answered behind what waited.
-    Link flushed(eMsgChannelNonBlocking, eMsgChannelWaitForOk);
-    EXPECT_EQ(MsgSendObject(flushed.address, 7001, nullptr), TRUE);
-    flushed.Say(Frame(MSG_FLUSH_CHANNEL_MSG, Absent));
-    EXPECT_EQ(Received(2), "");
-    EXPECT_EQ(flushed.Hear(19), Frame(7001, Absent) + Frame(MSG_CHANNEL_FLUSHED_MSG, Absent));
-    // And asked for.
-    EXPECT_EQ(MsgChannelFlush(flushed.address), TRUE);
-    EXPECT_EQ(flushed.Hear(10), Frame(MSG_FLUSH_CHANNEL_MSG, Absent).substr(0, 10));
-}
 
 TEST_F(Channels, PacketsThatAreOnlyQueued) {
     Link link;
@@ -343,6 +321,11 @@ TEST_F(Channels, PacketsThatAreOnlyQueued) {
               FALSE);
     EXPECT_EQ(Received(2), "");
     EXPECT_EQ(link.Hear(19), Frame(7001, Absent) + Frame(7001, Absent));
+    // Nor does it get out otherwise; it is taken over all the same.
+    EXPECT_EQ(MsgChannelDispatch(link.channel.Get(), within.Address()), FALSE);
+    EXPECT_EQ(within.Get(), nullptr);
+    EXPECT_EQ(MsgChannelFlush(link.address), TRUE);
+    EXPECT_EQ(link.Hear(9), Frame(MSG_FLUSH_CHANNEL_MSG, Absent));
     link.Say(Frame(MSG_DISCONNECT_MSG, Absent));
     Received(2);
     EXPECT_EQ(MsgChannelAddPacket(link.channel.Get(), packet.Get()), FALSE);
@@ -390,24 +373,6 @@ TEST_F(Channels, MessagesForTheChannel) {
     EXPECT_EQ(Received(1), "2708 " + Id(link) + ">" + Id(link));
     EXPECT_FALSE(link.Down());
     gtTlContext.sProcess.bIAmAProxy = FALSE;
-}
-
-TEST_F(Channels, WhatMayNotComeFromOutside) {
-    Link data, ipc(eMsgChannelNonBlocking, eMsgChannelDoNotWaitForOk, true);
-    for (const MsgTypeT type : {0, 3, 4, 2705, 2706, 2707, 41001}) {
-        const Text timer = bytes::Object(0xca18f97a, "p;p;", Long(0x41414141) + Long(0x42424242));
-        data.Say(Frame(type, timer));
-        ipc.Say(FromProcess(9, type, timer));
-    }
-    data.Say(Frame(TRACE_TO_FILE_MSG, bytes::Object(0xc96cec6f, "s;", bytes::String("/tmp/x"))));
-    EXPECT_EQ(Received(2), "");
-    // A message with pointers of this process does not get out either.
-    const ObjHolder<TimerCallbackS> callback(ObjNew<TimerCallbackS>(TimerCallbackMagic, "p;p;"));
-    ASSERT_EQ(MsgSendObjectToSelf(7001, callback.Get()), TRUE);
-    Packet packet;
-    ASSERT_EQ(MsgReceivePopPacket(packet.Address()), TRUE);
-    EXPECT_EQ(MsgChannelDispatch(data.channel.Get(), packet.Address()), FALSE);
-    EXPECT_EQ(packet.Get(), nullptr);  // taken over all the same
 }
 
 TEST_F(Channels, WatchesThatAreCancelled) {

@@ -206,19 +206,6 @@ void PeerStoppedAndKilled() {
     MsgChannelClose(&channel);
 }
 
-void NobodyThere() {
-    const Address nobody(AddressOf(NobodyId));
-    Message notice;
-    const auto start = Clock::now();
-    Check(Open(nobody.Get()) == nullptr, "a channel to nobody");
-    Check(Await(CMGR_PROCESS_UNREACHABLE_MSG, notice.Address()), "not told");
-    Check(SecondsSince(start) < 10, "told late");
-    ObjHolder<CmgrProcessUnreachableS> body;
-    Check(MsgGetObject(body.Address(), notice.Get(), CmgrProcessUnreachableMagic) == TRUE &&
-              MsgAddressEqual(body.Get()->oAddress, nobody.Get()) == TRUE,
-          "another process");
-}
-
 // Attempts are left to the select loop for minutes.
 bool OpenLater(MsgAddressO to, void* cookie) {
     return MsgChannelOpenInternal(nullptr, to, nullptr, cookie, eMsgChannelNonBlocking,
@@ -362,7 +349,6 @@ const std::map<std::string, std::function<void()>> cases = {
     {"peers",
      [] {
          PeerStoppedAndKilled();
-         NobodyThere();
          PendingAttempts();
      }},
     {"ports", Ports},
