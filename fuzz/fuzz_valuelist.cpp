@@ -1,7 +1,5 @@
 // Value lists from outside, by both rules: values between commas without the blanks around them,
 // and a configuration value in which "!" escapes. Each is compared with a reading of its own.
-#include <algorithm>
-
 #include "core/cfg.h"
 #include "core/objwrappers.h"
 #include "core/strbase.h"
@@ -28,55 +26,33 @@ Texts TakeTexts(ListO oList) {
     return texts;
 }
 
-// A character, and whether it stands for itself only.
-struct Token {
-    std::string bytes;
-    bool literal;
-    bool Is(const char* text) const { return !literal && bytes == text; }
-    bool IsBlank() const { return Is(" ") || Is("\t"); }
-};
-
-std::vector<Token> TokensOf(const std::string& text, bool escapes) {
-    std::vector<Token> tokens;
-    bool literal = false;
-    for (std::size_t at = 0, length = 0; at < text.size(); at += length) {
-        const auto lead = static_cast<unsigned char>(text[at]);
-        const bool two = (lead >= 0x80 && lead < 0xa0) || lead >= 0xe0;
-        length = two && at + 1 < text.size() ? 2 : 1;
-        Token token = {text.substr(at, length), literal};
-        if (literal) {
-            if (token.bytes == "n") token.bytes = "\n";
-            tokens.back() = token;
-        } else {
-            tokens.push_back(token);
-        }
-        literal = escapes && token.Is("!");
-    }
-    // A last "!" has nothing to stand for.
-    if (literal) tokens.back() = {"", true};
-    return tokens;
-}
-
+// A character of one or two bytes stands for itself behind a "!", where that escapes.
 Texts Split(const std::string& text, bool escapes) {
-    const std::vector<Token> tokens = TokensOf(text, escapes);
     Texts values(1);
     std::string blanks;
     bool any = false;  // in the value under way
-    for (const Token& token : tokens) {
-        if (token.Is(",")) {
+    bool none = true;  // nothing but blanks at all
+    for (std::size_t at = 0, length = 0; at < text.size(); at += length) {
+        const bool literal = escapes && text[at] == '!';
+        if (literal) at++;
+        const unsigned lead = at < text.size() ? static_cast<unsigned char>(text[at]) : 0;
+        length = (lead >= 0x80 && lead < 0xa0) || lead >= 0xe0 ? 2 : 1;
+        std::string character = text.substr(at, length);  // a last "!" stands for nothing
+        if (literal && character == "n") character = "\n";
+        const bool blank = !literal && (character == " " || character == "\t");
+        none = none && blank;
+        if (!literal && character == ",") {
             values.emplace_back();
             blanks.clear();
             any = false;
-        } else if (token.IsBlank()) {
-            if (any) blanks += token.bytes;
+        } else if (blank) {
+            if (any) blanks += character;
         } else {
-            values.back() += blanks + token.bytes;
+            values.back() += blanks + character;
             blanks.clear();
             any = true;
         }
     }
-    const bool none = std::all_of(tokens.begin(), tokens.end(),
-                                  [](const Token& token) { return token.IsBlank(); });
     return none ? Texts() : values;
 }
 

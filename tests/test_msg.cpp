@@ -5,7 +5,6 @@
 
 #include <array>
 #include <filesystem>
-#include <random>
 
 #include "core/context.h"
 #include "core/list.h"
@@ -306,24 +305,6 @@ TEST(MsgPackets, BytesFromOutside) {
         EXPECT_EQ(Told(PacketBytes(ChannelToOwn, 2701, body)), "refused") << descriptor;
     }
     EXPECT_EQ(before.Text(), "");
-    const Text bodies[] = {
-        empty, number, bytes::List({number, bytes::SharedFirst(1, number), bytes::SharedAgain(1)})};
-    int32 lRead = 0;
-    for (unsigned round = 0; round < 6000; round++) {
-        std::mt19937 random(round);
-        const Text& body = bodies[round % 3];
-        Text bad = PacketBytes(ChannelToOwn, 2701, body);
-        for (unsigned flips = 1 + random() % 3; flips > 0; flips--)
-            bad[random() % 4 == 0 ? random() % bad.size() : 200 + random() % body.size()] ^=
-                static_cast<char>(1U << random() % 8);
-        lRead += static_cast<int32>(Told(bad) != "refused");
-        const Packet hostile(PacketOf(bad));
-        ObjHolder<void> object;
-        if (MsgObjectFromPacketInternal(object.Address(), hostile.Get(), 0) == TRUE)
-            ObjReleaseContents(object.Get());
-        MsgRedirectPacket(MsgNetMgrAddress(), hostile.Get());
-    }
-    EXPECT_GT(lRead, 500);
 }
 
 TEST(MsgPackets, BodyOfTheClassAskedFor) {
