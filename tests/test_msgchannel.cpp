@@ -3,8 +3,6 @@
 // what bad bytes do. The process behaves as if its interprocess link were up.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
@@ -30,6 +28,7 @@
 #include "core/timer.h"
 #include "support/files.h"
 #include "support/leftovers.h"
+#include "support/link.h"
 #include "support/messages.h"
 #include "support/peer.h"
 
@@ -51,67 +50,6 @@ Text AddressBytes(const Text& machine, int32 id) {
 Text FromProcess(int32 from, MsgTypeT type, const Text& object = Absent) {
     return PacketBytes({OwnId, 1, from, 1, OwnId}, type, object);
 }
-
-// One end of a connection is the channel's, the other the test's.
-struct Link {
-    MsgAddressO address = nullptr;
-    ObjHolder<MsgChannelS> channel;
-    int raw = -1;
-
-    explicit Link(MsgChannelBlockingE blocking = eMsgChannelNonBlocking,
-                  MsgChannelOkE ok = eMsgChannelDoNotWaitForOk, bool ipc = false) {
-        const int sockets[2] = {Connected(&raw), raw};
-        const Address remote(At(".:70"));
-        EXPECT_EQ(MsgChannelCreateInternal(channel.Address(), sockets[0], remote.Get(), blocking,
-                                           eMsgChannelNotifyDown,
-                                           ipc ? eMsgChannelIpcChannel : eMsgChannelNotIpcChannel,
-                                           ok, eMsgChannelNotGuiChannel),
-                  TRUE);
-        address = MsgChannelAddress(channel.Get());
-        ObjIncRefCount(address);
-    }
-    ~Link() {
-        if (raw != -1) close(raw);
-        if (address != nullptr) MsgChannelClose(&address);
-    }
-    Link(const Link&) = delete;
-    Link& operator=(const Link&) = delete;
-
-    // A connection over the loopback interface; the result is the other end of *other.
-    static int Connected(int* other) {
-        NetAddressT at;
-        NetSocketT listening = ListenOnLoopback(&at), accepted = -1;
-        const int on = 1;
-        *other = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        setsockopt(*other, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));  // bytes leave at once
-        EXPECT_EQ(connect(*other, reinterpret_cast<sockaddr*>(&at), 16), 0);
-        EXPECT_EQ(NetAccept(&accepted, listening, nullptr), NET_ERROR_NONE);
-        NetClose(&listening);
-        return accepted;
-    }
-    void Say(const Text& text) const {
-        EXPECT_EQ(send(raw, text.data(), text.size(), MSG_NOSIGNAL), ssize_t(text.size()));
-    }
-    void Reset() {
-        const linger abort = {1, 0};
-        setsockopt(raw, SOL_SOCKET, SO_LINGER, &abort, sizeof(abort));
-        close(raw);
-        raw = -1;
-    }
-    // So many bytes, or what there is after half a second, and what else is there.
-    Text Hear(std::size_t count) const {
-        Text heard(count + 100, '\0');
-        std::size_t at = 0;
-        for (pollfd p = {raw, POLLIN, 0}; poll(&p, 1, at < count ? 500 : 0) == 1;) {
-            const ssize_t got = recv(raw, heard.data() + at, heard.size() - at, 0);
-            if (got <= 0) break;
-            at += static_cast<std::size_t>(got);
-        }
-        heard.resize(at);
-        return heard;
-    }
-    bool Down() const { return MsgChannelIsDown(channel.Get()) == TRUE; }
-};
 
 class Channels : public testing::Test {
  protected:

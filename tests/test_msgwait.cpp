@@ -14,7 +14,7 @@
 #include "support/faults.h"
 #include "support/files.h"
 #include "support/leftovers.h"
-#include "support/messages.h"
+#include "support/link.h"
 #include "support/objects.h"
 
 using Text = std::string;
@@ -79,37 +79,20 @@ BooleanT WaitFor(char letter, MsgAddressO oFrom = nullptr, int milliseconds = Lo
     return MsgWaitMessageWithTimeout(nullptr, oFrom, T(letter), TimeoutIn(milliseconds).Get());
 }
 
-// A channel of this process on one end of a pair of sockets; the other is spoken byte by byte.
-struct Peer {
-    explicit Peer(MsgAddressO oRemote) {
-        int fds[2];
-        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
-        fd = fds[1];
-        MsgChannelCreateInternal(m_channel.Address(), fds[0], oRemote, eMsgChannelNonBlocking,
-                                 eMsgChannelNotifyDown, {}, {}, {});
-    }
+struct Peer : Link {
+    explicit Peer(const char* process)
+        : Link(eMsgChannelNonBlocking, eMsgChannelDoNotWaitForOk, false, process) {}
     ~Peer() {
-        close(fd);
-        while (MsgChannelIsDown(m_channel.Get()) != TRUE)
-            MsgWaitPollWithTimeout(TimeoutIn(20).Get());
-        Close();
+        close(std::exchange(raw, -1));
+        while (!Down()) MsgWaitPollWithTimeout(TimeoutIn(20).Get());
     }
+    MsgAddressO operator()() const { return address; }
+    void Send(MsgTypeT tType, const Text& body = Text(1, '\0')) const { Say(Frame(tType, body)); }
     void Close() const {
-        MsgAddressO oAddress = At("-:" + std::to_string(MsgChannelId(m_channel.Get())));
-        MsgChannelClose(&oAddress);
+        MsgAddressO oHeld = address;
+        ObjIncRefCount(oHeld);
+        MsgChannelClose(&oHeld);
     }
-    MsgAddressO operator()() const { return MsgChannelAddress(m_channel.Get()); }
-    void Send(const Text& text) const { EXPECT_GT(send(fd, text.data(), text.size(), 0), 0); }
-    void Send(MsgTypeT tType, const Text& body = Text(1, '\0')) const { Send(Frame(tType, body)); }
-    Text Receive() const {
-        char buffer[4096];
-        const ssize_t count = recv(fd, buffer, sizeof(buffer), MSG_DONTWAIT);
-        return {buffer, count < 0 ? 0 : static_cast<std::size_t>(count)};
-    }
-    int fd;
-
- private:
-    ObjHolder<MsgChannelS> m_channel;
 };
 
 class MsgWaits : public testing::Test {
@@ -259,7 +242,7 @@ TEST_F(MsgWaits, KeptPacketsComeBackAsTheyCame) {
 }
 
 TEST_F(MsgWaits, TypesSourcesAndTheirEnds) {
-    const Peer first(beta), second(peer);
+    const Peer first("beta:9"), second(".:9");
     const Address loud(At("BETA:1"));
     const MsgAddressO aoSources[] = {beta, first(), second(), peer, nullptr};
     const struct {
@@ -322,7 +305,7 @@ TEST_F(MsgWaits, TypesSourcesAndTheirEnds) {
     for (const MsgAddressO oSource : {beta, second()}) {
         const Peer& closing = oSource == beta ? first : second;
         closing.Send(T('A'));
-        shutdown(closing.fd, SHUT_RDWR);
+        shutdown(closing.raw, SHUT_RDWR);
         EXPECT_EQ(MsgWaitMessageWithTimeout(nullptr, oSource, T('A'), never.Get()), TRUE);
         EXPECT_EQ(MsgWaitMessageWithTimeout(nullptr, oSource, T('B'), never.Get()), FALSE);
     }
@@ -370,12 +353,12 @@ TEST_F(MsgWaits, CallbacksFiltersTimersAndTheTimeout) {
 // Over a real channel, then the same with the default handlers disabled.
 TEST_F(MsgWaits, PingsAreAnswered) {
     EXPECT_EQ(MsgWaitDefaultHandlers(nullptr), eMsgWaitResultInvalidArgument);
-    const Peer pinging(peer);
+    const Peer pinging(".:9");
     for (const Text& answer : {bytes::Long(MSG_PONG_MSG), Text()}) {
         pinging.Send(MSG_PING_MSG, bytes::Object(0xc9fed45e, "i;i;", Text(8, '5')));
         pinging.Send(T('X'));
         EXPECT_EQ(WaitFor('X'), TRUE);
-        const Text pong = pinging.Receive();
+        const Text pong = pinging.Hear(0);
         EXPECT_EQ(pong.size() > 8 ? pong.substr(4, 4) : Text(), answer);
         MsgWaitDisableDefaultHandlers();
     }
@@ -436,7 +419,7 @@ TEST_F(MsgWaits, TraceToAFile) {
 // The peer sends back the request for a data channel, so that this process is at both its ends.
 TEST_F(MsgWaits, TaskAndConnectOpenADataChannel) {
     static std::vector<MsgAddressO> channels;
-    const Peer echo(peer);
+    const Peer echo(".:9");
     ObjIncRefCount(echo());
     const New<PmgrTaskExtS> task(PmgrTaskExtMagic, "o;i;o;i;o;o;",
                                  {echo(), 1, ObjIntegerNew(55), 0, nullptr, nullptr});
@@ -450,7 +433,7 @@ TEST_F(MsgWaits, TaskAndConnectOpenADataChannel) {
     Push(PMGR_TASK_MSG, MsgProcMgrAddress(), task.Get());
     const auto callback = [](MsgWaitResultE*, void* pPeer) {
         const auto& self = *static_cast<const Peer*>(pPeer);
-        if (const Text request = self.Receive(); !request.empty()) self.Send(request);
+        if (const Text request = self.Hear(0); !request.empty()) self.Say(request);
         return BooleanFrom(channels.size() == 2);
     };
     EXPECT_EQ(
@@ -468,7 +451,7 @@ TEST_F(MsgWaits, TaskAndConnectOpenADataChannel) {
 }
 
 TEST_F(MsgWaits, RequestAndReply) {
-    const Peer answers(peer);
+    const Peer answers(".:9");
     const Text five = bytes::Integer(5), none(1, '\0'), silence;
     const std::tuple<Text, int32, BooleanT, int32> rows[] = {
         {five, ObjIntegerMagic, TRUE, 5},  {five, 0, TRUE, 5}, {five, ObjStringMagic, FALSE, 0},
@@ -482,10 +465,10 @@ TEST_F(MsgWaits, RequestAndReply) {
                                             T('R'), lMagic, sent == silence ? 1 : 60),
                   bResult);
         EXPECT_EQ(reply.Get() == nullptr ? 0 : reply.Get()->lValue, lReply);
-        EXPECT_EQ(answers.Receive().substr(4), bytes::Long(T('Q')) + bytes::Integer(7));
+        EXPECT_EQ(answers.Hear(1).substr(4), bytes::Long(T('Q')) + bytes::Integer(7));
     }
     EXPECT_EQ(MsgWaitInterchangeInternal(nullptr, nullptr, T('Q'), nullptr, T('R'), 0), FALSE);
-    shutdown(answers.fd, SHUT_WR);  // takes the request, never answers
+    shutdown(answers.raw, SHUT_WR);  // takes the request, never answers
     EXPECT_EQ(MsgWaitInterchangeInternal(nullptr, answers(), T('Q'), nullptr, T('R'), 0), FALSE);
 }
 
