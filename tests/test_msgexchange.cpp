@@ -4,9 +4,6 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
-#include <algorithm>
-#include <csignal>
-#include <cstring>
 #include <map>
 #include <random>
 #include <utility>
@@ -34,7 +31,7 @@ constexpr int Processes = 20, MessagesEach = 5000, MessagesBetween = 400;
 #endif
 constexpr int Neighbours = 4;  // data channels that each process opens
 constexpr ProcIdT FirstId = 100;
-constexpr MsgTypeT StartType = 5000, EndType = 5001, DataType = 6000, DataTypes = 1000;
+constexpr MsgTypeT EndType = 5001, DataType = 6000, DataTypes = 1000;
 
 // One way from a sender to this process, or from it to a receiver.
 struct Route {
@@ -44,33 +41,20 @@ struct Route {
 using RouteKey = std::pair<ProcIdT, bool>;  // peer, over a data channel
 
 // Size and bytes of a message follow from who sends it to whom and from its number.
-struct Bytes {
-    int32 size;
-    std::vector<std::uint64_t> words;
-
-    Bytes(ProcIdT from, ProcIdT to, bool channel, int number) {
-        std::mt19937_64 random(
-            static_cast<std::uint64_t>(from) << 48 ^ static_cast<std::uint64_t>(to) << 33 ^
-            static_cast<std::uint64_t>(channel) << 32 ^ static_cast<std::uint64_t>(number));
-        const std::uint64_t limits[] = {200, 200, 200, 4096, 4096, 65536};
-        const auto kind = random() % 1200;
-        size = static_cast<int32>(random() % (kind < 200   ? 1
-                                              : kind < 206 ? 4 << 20
-                                                           : limits[kind % 6]));
-        words.resize(static_cast<std::size_t>(size + 7) / 8);
-        std::generate(words.begin(), words.end(), std::ref(random));
+std::string BytesOf(ProcIdT from, ProcIdT to, bool channel, int number) {
+    std::mt19937_64 random(
+        static_cast<std::uint64_t>(from) << 48 ^ static_cast<std::uint64_t>(to) << 33 ^
+        static_cast<std::uint64_t>(channel) << 32 ^ static_cast<std::uint64_t>(number));
+    const std::uint64_t limits[] = {200, 200, 200, 4096, 4096, 65536};
+    const auto kind = random() % 1200;
+    std::string bytes(random() % (kind < 200 ? 1 : kind < 206 ? 4 << 20 : limits[kind % 6]), ' ');
+    std::uint64_t word = 0;
+    for (std::size_t at = 0; at < bytes.size(); at++, word >>= 8) {
+        if (at % 8 == 0) word = random();
+        bytes[at] = static_cast<char>(word);
     }
-    ObjDataFieldO Body() {
-        ObjDataFieldO body = nullptr;
-        if (size > 0) ObjDataFieldCreate(&body, words.data(), size);
-        return body;
-    }
-    bool Are(ObjDataFieldO body) const {
-        if (body == nullptr) return size == 0;
-        return body->tValue.lSize == size &&
-               std::memcmp(body->tValue.pData, words.data(), static_cast<std::size_t>(size)) == 0;
-    }
-};
+    return bytes;
+}
 
 // Of the processes in turn each is on the next machine; "" is this one.
 class Exchanger {
@@ -88,7 +72,7 @@ class Exchanger {
         AtOnce();
         const Leftovers before;
         Say("up");
-        while (!m_started) Receive(nullptr);
+        std::getchar();
         for (int n = 1; n <= Neighbours; n++) Open(IdAfter(n));
         for (int n = 0; n < m_messages && m_wrong.empty(); n++) {
             SendOne();
@@ -173,7 +157,10 @@ class Exchanger {
 
     void SendNumbered(ProcIdT to, bool channel) {
         Route& route = m_out[{to, channel}];
-        const ObjHolder<ObjDataFieldS> body(Bytes(m_id, to, channel, route.next).Body());
+        std::string bytes = BytesOf(m_id, to, channel, route.next);
+        const ObjHolder<ObjDataFieldS> body(
+            bytes.empty() ? nullptr
+                          : ObjDataFieldNew(bytes.data(), static_cast<int32>(bytes.size())));
         const Address process(Of(to));
         if (MsgSendObject(channel ? m_channels[to] : process.Get(),
                           DataType + route.next % DataTypes, body.Get()) != TRUE)
@@ -224,9 +211,7 @@ class Exchanger {
         Message message;
         if (MsgReceive(message.Address(), timeout) != TRUE) return false;
         const MsgTypeT type = MsgType(message.Get());
-        if (type == StartType) {
-            m_started = true;
-        } else if (type == MSG_CONNECT_MSG) {
+        if (type == MSG_CONNECT_MSG) {
             Answer(message.Get());
         } else if (type == MSG_CONNECTED_MSG) {
             TakeConnected(message.Get());
@@ -259,7 +244,9 @@ class Exchanger {
             m_wrong += " out of order from " + to_string(from);
         ObjHolder<ObjDataFieldS> body;
         MsgGetObject(body.Address(), message, ObjDataFieldMagic);
-        if (!Bytes(from, m_id, channel, route.next).Are(body.Get()))
+        const auto [size, data] = body.Get() == nullptr ? ObjDataFieldT() : body.Get()->tValue;
+        if (std::string_view(static_cast<char*>(data), static_cast<std::size_t>(size)) !=
+            BytesOf(from, m_id, channel, route.next))
             m_wrong += " changed on the way from " + to_string(from);
         route.next++;
         m_received++;
@@ -279,7 +266,6 @@ class Exchanger {
     int m_processes, m_messages, m_family;
     Arguments m_machines;
     std::mt19937_64 m_random;
-    bool m_started = false;
     int m_received = 0;
     std::string m_wrong;
     std::map<ProcIdT, MsgAddressO> m_channels;  // opened by this process
@@ -293,37 +279,16 @@ const Role exchange("exchange", [](const Arguments& words) {
         .Run();
 });
 
-// Starts every so manieth process, beginning with one, which is on this machine.
-const Role start("start", [](const Arguments& words) {
-    if (!Connect(FirstId - 1)) return 10;
-    for (int n = std::stoi(words[0]); n < std::stoi(words[1]); n += std::stoi(words[2])) {
-        const Address process(AddressOf(FirstId + n));
-        if (MsgSendObject(process.Get(), StartType, nullptr) != TRUE) return 11;
-    }
-    ContextReleaseThread();
-    return 0;
-});
-
 void Exchange(const std::vector<Machine*>& machines, int count, int messages, int family) {
-    const auto stride = static_cast<int>(machines.size());
     std::vector<Process> processes;
     for (int n = 0; n < count; n++) {
         Arguments words = {to_string(n), to_string(count), to_string(messages), to_string(family)};
         for (const Machine* machine : machines) words.push_back(machine->Name());
-        processes.push_back(
-            machines[static_cast<std::size_t>(n % stride)]->InRole("exchange", words));
+        const auto of = static_cast<std::size_t>(n) % machines.size();
+        processes.push_back(machines[of]->InRole("exchange", words));
     }
     for (Process& process : processes) ASSERT_EQ(process.Line(), "up");
-    // All network managers call each other at the same moment.
-    for (Machine* machine : machines)
-        if (stride > 1) machine->Network().Signal(SIGSTOP);
-    for (int n = 0; n < stride; n++) {
-        Process starter = machines[static_cast<std::size_t>(n)]->InRole(
-            "start", {to_string(n), to_string(count), to_string(stride)});
-        ASSERT_EQ(starter.Wait(), 0);
-    }
-    for (Machine* machine : machines)
-        if (stride > 1) machine->Network().Signal(SIGCONT);
+    for (Process& process : processes) process.Write("start\n");
     int received = 0;
     for (Process& process : processes) {
         EXPECT_EQ(process.Wait(300), 0) << process.Rest();

@@ -206,6 +206,20 @@ void PeerStoppedAndKilled() {
     MsgChannelClose(&channel);
 }
 
+// Nothing tells of a peer that is stopped but the time that it leaves data unacknowledged.
+void BlockedOnStopped() {
+    MsgAddressO channel = OpenToEcho(eMsgChannelBlocking);
+    Say("ready");
+    std::getchar();
+    const ObjHolder<ObjDataFieldS> large(Large(32));
+    const auto start = Clock::now();
+    Check(MsgSendObject(channel, AskType, large.Get()) == FALSE, "handed over to nobody");
+    Check(SecondsSince(start) < 20, "blocked for too long");
+    Check(Await(MSG_CHANNEL_DOWN_MSG), "channel not down");
+    Say("queued");
+    MsgChannelClose(&channel);
+}
+
 // Attempts are left to the select loop for minutes.
 bool OpenLater(MsgAddressO to, void* cookie) {
     return MsgChannelOpenInternal(nullptr, to, nullptr, cookie, eMsgChannelNonBlocking,
@@ -351,6 +365,7 @@ const std::map<std::string, std::function<void()>> cases = {
          PeerStoppedAndKilled();
          PendingAttempts();
      }},
+    {"blocked", BlockedOnStopped},
     {"ports", Ports},
     {"silent addresses", SilentAddresses},
     {"line cut", LineCut},
@@ -419,17 +434,21 @@ TEST_F(MsgFaults, ManagerKilled) {
 }
 
 TEST_F(MsgFaults, PeersThatFailAreToldInTime) {
-    Machine machine;
-    ASSERT_TRUE(machine.Start());
-    Start("peers", machine, machine);
-    for (const int then : {SIGCONT, SIGKILL}) {
-        ASSERT_EQ(m_client.Line(), "ready");
-        m_echo.Signal(SIGSTOP);
-        m_client.Write("\n");
-        ASSERT_EQ(m_client.Line(), "queued");
-        m_echo.Signal(then);
+    for (const bool blocked : {false, true}) {
+        Machine machine;
+        if (blocked) machine.Configure("tlnmgr.cfg", "[Network]\nPeer Timeout=2\n");
+        ASSERT_TRUE(machine.Start());
+        Start(blocked ? "blocked" : "peers", machine, machine);
+        for (const int then : {SIGCONT, SIGKILL}) {
+            if (blocked && then == SIGKILL) break;
+            ASSERT_EQ(m_client.Line(), "ready");
+            m_echo.Signal(SIGSTOP);
+            m_client.Write("\n");
+            ASSERT_EQ(m_client.Line(), "queued");
+            m_echo.Signal(then);
+        }
+        End(blocked ? 0 : -1);
     }
-    End(-1);
 }
 
 TEST_F(MsgFaults, AnAdoptedProcessGivesUpEarly) {
