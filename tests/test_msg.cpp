@@ -73,7 +73,14 @@ MsgPacketO PacketOf(const Text& text) {
 Text Told(const Text& text) {
     const Packet packet(PacketOf(text));
     Message message;
-    if (MsgMessageFromPacket(message.Address(), packet.Get()) != TRUE) return "refused";
+    if (MsgMessageFromPacket(message.Address(), packet.Get()) != TRUE) {
+        ObjHolder<void> body;
+        EXPECT_EQ(MsgObjectFromPacketInternal(body.Address(), packet.Get(), 0), FALSE);
+        // Nor is it sent on when it says that it has never left this process.
+        const Packet within(PacketOf(text.size() < 32 ? text : Text(text).replace(28, 4, Long(1))));
+        EXPECT_EQ(MsgRedirectPacket(MsgNetMgrAddress(), within.Get()), FALSE);
+        return "refused";
+    }
     return to_string(MsgType(message.Get())) + " " + Shown(message.Get()->oSource) + ">" +
            Shown(message.Get()->oDestination) + " " + Shown(message.Get()->oObject);
 }

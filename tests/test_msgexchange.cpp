@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
+#include <cstring>
 #include <map>
 #include <random>
 #include <utility>
@@ -48,10 +49,9 @@ std::string BytesOf(ProcIdT from, ProcIdT to, bool channel, int number) {
     const std::uint64_t limits[] = {200, 200, 200, 4096, 4096, 65536};
     const auto kind = random() % 1200;
     std::string bytes(random() % (kind < 200 ? 1 : kind < 206 ? 4 << 20 : limits[kind % 6]), ' ');
-    std::uint64_t word = 0;
-    for (std::size_t at = 0; at < bytes.size(); at++, word >>= 8) {
-        if (at % 8 == 0) word = random();
-        bytes[at] = static_cast<char>(word);
+    for (std::size_t at = 0; at < bytes.size(); at += 8) {
+        const std::uint64_t word = random();
+        std::memcpy(&bytes[at], &word, std::min<std::size_t>(8, bytes.size() - at));
     }
     return bytes;
 }

@@ -433,6 +433,7 @@ TEST_P(Net, Datagrams) {
     EXPECT_EQ(NetUdpReceive(&moved, second, data, 4, &source), NET_ERROR_WOULD_BLOCK);
     EXPECT_EQ(NetUdpSend(first, packet.data(), 70000, &to), NET_ERROR_FATAL);  // too long
     EXPECT_EQ(NetUdpSend(first, packet.data(), 1, nullptr), NET_ERROR_FATAL);
+    EXPECT_EQ(NetPrepareStream(first, 1), FALSE);
     // A hop limit that the system refuses: no socket, and none left open.
     WriteInHome("config/tlnmgr.cfg", "[Network]\nTTL=999\n");
     const Leftovers before;
