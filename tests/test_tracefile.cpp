@@ -1,14 +1,17 @@
-// Trace files as they lie in the trace directory, and dumps taken apart by their layout.
+// Trace files as they lie in the trace directory, dumps taken apart by their layout, and both with
+// one call after the other failing.
 #include <fcntl.h>
 #include <regex.h>
 #include <sys/mman.h>
 
 #include <chrono>
+#include <numeric>
 
 #include "core/context.h"
 #include "core/kilntime.h"
 #include "core/objwrappers.h"
 #include "core/sys.h"
+#include "support/faults.h"
 #include "support/files.h"
 #include "support/objects.h"
 
@@ -66,16 +69,28 @@ class TraceFile : public ObjectTest {
     static void TraceLines(int count) {
         for (int line = 0; line < count; line++) TraceMessageInline(1, 0, 0, "line %d", line);
     }
-    // The numbers of this test's own lines.
-    static std::vector<int> Numbers(const Text& content) {
-        std::vector<int> numbers;
-        for (const Text& line : Split(content)) {
+    static void RemoveTraceFiles() {
+        for (const Text& name : ListDir(TraceDir)) unlink((TraceDir + "/" + name).c_str());
+    }
+};
+
+// The numbers of this test's own lines in all files of a directory.
+std::vector<int> Numbers(const Text& directory = TraceDir) {
+    std::vector<int> numbers;
+    for (const Text& name : ListDir(directory)) {
+        for (const Text& line : Split(ReadFile(directory + "/" + name))) {
             const std::size_t at = line.find(" line ");
             if (at != Text::npos) numbers.push_back(std::stoi(line.substr(at + 6)));
         }
-        return numbers;
     }
-};
+    return numbers;
+}
+
+std::vector<int> Ascending(int first, int count) {
+    std::vector<int> numbers(static_cast<std::size_t>(count));
+    std::iota(numbers.begin(), numbers.end(), first);
+    return numbers;
+}
 
 // Every file holds exactly as many messages as are configured, block included.
 TEST_F(TraceFile, RotatesByNumberOfMessages) {
@@ -84,21 +99,19 @@ TEST_F(TraceFile, RotatesByNumberOfMessages) {
     TraceLines(2500);
     TraceToFileNoConfig("");
     EXPECT_EQ(ListDir(TraceDir), (Lines{"job-000.log", "job-001.log", "job-002.log"}));
-    std::vector<int> all;
+    // Number and text of each message of the block.
+    const std::pair<Text, Text> block[] = {
+        {"3", R"( Running on host '.+', Time now '[0-9]{2}:[0-9]{2}:[0-9]{2}' )"
+              R"(on '[A-Z][a-z]{2} [0-9]{2} [A-Z][a-z]{2} [0-9]{4}' \*\*)"},
+        {"4", R"( Host OS 'Linux' version '.+' on '.+' hardware \*\*)"},
+        {"5", R"( Server 'Unknown' KRVersion 6003 KRBuildLevel 0 )"
+              R"(Description '<no description>' \*\*)"},
+        {"6", R"( KR Process Id '0' KR System Name '.+')"},
+        {"7", R"( sizeof\(long\) = '[48]' \*\*)"},
+        {"9", ""}};
     for (const Text& name : ListDir(TraceDir)) {
-        const Text content = ReadFile(TraceDir + "/" + name);
-        const Lines lines = Split(content);
+        const Lines lines = Split(ReadFile(TraceDir + "/" + name));
         EXPECT_EQ(lines.size() == 1000, name != "job-002.log") << name << lines.size();
-        // Number and text of each message.
-        const std::pair<Text, Text> block[] = {
-            {"3", R"( Running on host '.+', Time now '[0-9]{2}:[0-9]{2}:[0-9]{2}' )"
-                  R"(on '[A-Z][a-z]{2} [0-9]{2} [A-Z][a-z]{2} [0-9]{4}' \*\*)"},
-            {"4", R"( Host OS 'Linux' version '.+' on '.+' hardware \*\*)"},
-            {"5", R"( Server 'Unknown' KRVersion 6003 KRBuildLevel 0 )"
-                  R"(Description '<no description>' \*\*)"},
-            {"6", R"( KR Process Id '0' KR System Name '.+')"},
-            {"7", R"( sizeof\(long\) = '[48]' \*\*)"},
-            {"9", ""}};
         std::size_t next = 0;
         for (const auto& [number, text] : block) {
             const Text pattern =
@@ -106,11 +119,8 @@ TEST_F(TraceFile, RotatesByNumberOfMessages) {
             while (next < lines.size() && !Matches(lines[next], pattern.c_str())) next++;
             EXPECT_LT(next, number == "3" ? 1 : lines.size()) << name << pattern;
         }
-        const std::vector<int> numbers = Numbers(content);
-        all.insert(all.end(), numbers.begin(), numbers.end());
     }
-    ASSERT_EQ(all.size(), 2500U);
-    for (int line = 0; line < 2500; line++) EXPECT_EQ(all[static_cast<std::size_t>(line)], line);
+    EXPECT_EQ(Numbers(), Ascending(0, 2500));
 }
 
 TEST_F(TraceFile, NamesAndRefusals) {
@@ -126,7 +136,7 @@ TEST_F(TraceFile, NamesAndRefusals) {
         EXPECT_EQ(TraceToFileNoConfig(wanted), BooleanFrom(!files.empty())) << wanted;
         EXPECT_EQ(ListDir(TraceDir), files);
         TraceToFileNoConfig(nullptr);
-        for (const Text& name : ListDir(TraceDir)) unlink((TraceDir + "/" + name).c_str());
+        RemoveTraceFiles();
     }
     Configure("Trace To File=FALSE\n");
     EXPECT_EQ(TraceToFile("job.log"), TRUE);
@@ -194,7 +204,7 @@ TEST_F(TraceFile, OpensAFileAgainAfterTheTool) {
     unlink(Tool.c_str());
     TraceLines(1);
     EXPECT_EQ(unlink(done.c_str()), 0);
-    EXPECT_EQ(Numbers(ReadFile(TraceDir + "/job-000.log")), (std::vector<int>{0}));
+    EXPECT_EQ(Numbers(), Ascending(0, 1));
 }
 
 TEST_F(TraceFile, SynchronousAndReferenceTime) {
@@ -207,7 +217,7 @@ TEST_F(TraceFile, SynchronousAndReferenceTime) {
     EXPECT_EQ(fcntl(gtTlContext.sTrace.tFd, F_GETFL) & O_SYNC, O_SYNC);
     EXPECT_EQ(fcntl(gtTlContext.sTrace.tFd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
     TraceLines(3);
-    EXPECT_EQ(Numbers(ReadFile(TraceDir + "/job.log")), (std::vector<int>{0, 1, 2}));
+    EXPECT_EQ(Numbers(), Ascending(0, 3));
     for (const BooleanT use : {TRUE, FALSE}) {
         gtTlContext.sProcess.ptKilnTime = &reference;
         gtTlContext.sTrace.bUseKilnTime = use;
@@ -385,55 +395,77 @@ TEST_F(TraceFile, StringDumpAndHistoryOfASharedBuffer) {
     TraceToFileNoConfig(nullptr);
 }
 
+// --- one call after the other failing ---
+
+TEST_F(TraceFile, FailingWhileFilesRotate) {
+    Configure("Lines per File=1000\nFiles to Keep=9\n");
+    constexpr int Count = 2050;
+    for (const Call call :
+         {Call::Open, Call::Close, Call::Unlink, Call::Write, Call::Mkdir, Call::Stat}) {
+        const auto attempt = [&](const Fault& fault) {
+            RemoveTraceFiles();
+            const NothingLeft nothing;
+            FaultArm(fault);
+            const BooleanT opened = TraceToFileNoConfig("fault.log");
+            TraceLines(Count);
+            const bool hit = FaultDisarm() > 0;
+            // Whatever became of the files, the ring has the last line, and no line is there twice.
+            const auto* newest = TraceCurrentMessage(TraceGetBuffer());
+            EXPECT_EQ(reinterpret_cast<const char*>(newest + 1),
+                      "line " + std::to_string(Count - 1));
+            const std::vector<int> numbers = Numbers();
+            EXPECT_EQ(std::adjacent_find(numbers.begin(), numbers.end(), std::greater_equal<>()),
+                      numbers.end());
+            if (call == Call::Write || call == Call::Close) {
+                EXPECT_GE(numbers.size(), Count - 1U);
+            } else if (opened != TRUE) {
+                EXPECT_TRUE(numbers.empty());
+            }
+            TraceToFileNoConfig(nullptr);
+            TraceFileRelease();
+            return hit;
+        };
+        FaultSweep(call, attempt, call == Call::Write ? 131 : 1);
+    }
+}
+
+TEST_F(TraceFile, FailingDumps) {
+    TraceMessageInline(1, 0, 0, "something to dump");
+    for (const Call call : FileCalls) {
+        FaultSweep(call, [](const Fault& fault) {
+            const NothingLeft nothing;
+            FaultArm(fault);
+            const Text path = Owned(TraceDump(nullptr, nullptr, "title"));
+            const bool hit = FaultDisarm() > 0;
+            EXPECT_TRUE(path.ends_with(".dmp"));
+            EXPECT_EQ(gtTlContext.sTrace.pfileOutput, nullptr);
+            unlink(path.c_str());
+            return hit;
+        });
+    }
+    EXPECT_EQ(TraceWouldTrace(eTraceLevelNormal), TRUE);
+}
+
 // --- the example program ---
 
-struct ExampleHome {
-    TempDir dir;
-    ExampleHome(const Text& configuration) {
-        for (const char* name : {"config", "trace", "tmp"}) mkdir((dir / name).c_str(), 0755);
-        WriteFile(dir / "config/configure.cfg", configuration);
-        WriteFile(dir / "config/programs.cfg", "[tracing]\nLines=12000\nTrace Level=1\n");
-    }
-    RunResult Run() const { return ::Run({TEST_EXAMPLES "/tracing"}, {"KRHOME=" + dir.Path()}); }
-};
-
 TEST_F(TraceFile, ExampleWithoutTheTool) {
-    const ExampleHome home(
-        "[Trace]\nTrace To File=TRUE\nLines per File=1000\nFiles to Keep=3\n[Machine]\nName=m\n");
-    const RunResult result = home.Run();
+    const TempDir home;
+    for (const char* name : {"config", "trace", "tmp"}) mkdir((home / name).c_str(), 0755);
+    WriteFile(home / "config/configure.cfg",
+              "[Trace]\nTrace To File=TRUE\nLines per File=1000\nFiles to Keep=3\n"
+              "[Machine]\nName=m\n");
+    WriteFile(home / "config/programs.cfg", "[tracing]\nLines=12000\nTrace Level=1\n");
+    const RunResult result = Run({TEST_EXAMPLES "/tracing"}, {"KRHOME=" + home.Path()});
     EXPECT_EQ(result.exitCode, 0);
     EXPECT_EQ(result.output,
               "machine m: 12000 lines to tracing.log\n6000 lines recorded, trace file open\n");
-    const Lines names = ListDir(home.dir / "trace");
+    const Lines names = ListDir(home / "trace");
     ASSERT_EQ(names.size(), 3U);
     EXPECT_EQ(names[2], "tracing-006.log");
     // The last files hold the last lines.
-    Text content;
-    for (const Text& name : names) content += ReadFile(home.dir / ("trace/" + name));
-    const std::vector<int> numbers = Numbers(content);
+    const std::vector<int> numbers = Numbers(home / "trace");
     ASSERT_FALSE(numbers.empty());
-    for (std::size_t line = 1; line < numbers.size(); line++)
-        EXPECT_EQ(numbers[line], numbers[line - 1] + 1);
-    EXPECT_EQ(numbers.back(), 5999);
-}
-
-TEST_F(TraceFile, ExampleWithATraceDirectoryThatIsNotForIt) {
-    const ExampleHome home("[Trace]\nTrace To File=TRUE\n");
-    chmod(home.dir.Path().c_str(), 0755);
-    chmod((home.dir / "config").c_str(), 0777);  // for the lock files
-    const auto run = [&] {
-        // Another user reads the configuration but cannot write to the trace directory.
-        if (setgid(65534) != 0 || setuid(65534) != 0) return 99;
-        const RunResult result = home.Run();
-        std::fputs(result.output.c_str(), stdout);
-        return result.exitCode;
-    };
-    ASSERT_EQ(getuid(), 0U) << "only the superuser can become another user";
-    const RunResult result = InChild(run);
-    EXPECT_EQ(result.exitCode, 1) << result.output;
-    EXPECT_NE(result.output.find("6000 lines recorded, trace file not open"), Text::npos)
-        << result.output;
-    EXPECT_TRUE(ListDir(home.dir / "trace").empty());
+    EXPECT_EQ(numbers, Ascending(numbers[0], 6000 - numbers[0]));
 }
 
 }  // namespace

@@ -4,7 +4,11 @@
 // header is.
 #pragma once
 
+#include <gtest/gtest.h>
+
+#include <cerrno>
 #include <cstddef>
+#include <string>
 
 enum class Call {
     Malloc,
@@ -46,3 +50,17 @@ void FaultArm(const Fault& fault);
 void FaultArmFullDisk(std::size_t room, bool copyRefused = false);
 // Ends the faults; the number of calls that were hit.
 int FaultDisarm();
+
+// Calls attempt(fault) with the first call of a kind failing, the second, or another stride on, and
+// so forth, until it says that no call was hit.
+template <class F>
+void FaultSweep(Call call, F attempt, int stride = 1) {
+    for (int nth = 1;; nth += stride) {
+        SCOPED_TRACE("kind " + std::to_string(static_cast<int>(call)) + ", call " +
+                     std::to_string(nth));
+        ASSERT_LT(nth, 200 * stride);
+        if (!attempt(Fault{.call = call, .nth = nth, .error = EIO})) break;
+    }
+}
+constexpr Call FileCalls[] = {Call::Open,   Call::Read,  Call::Write, Call::Close, Call::Rename,
+                              Call::Unlink, Call::Mkdir, Call::Fsync, Call::Stat,  Call::Fstat};
