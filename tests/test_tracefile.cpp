@@ -455,7 +455,7 @@ TEST_F(TraceFile, ExampleWithoutTheTool) {
               "[Trace]\nTrace To File=TRUE\nLines per File=1000\nFiles to Keep=3\n"
               "[Machine]\nName=m\n");
     WriteFile(home / "config/programs.cfg", "[tracing]\nLines=12000\nTrace Level=1\n");
-    const RunResult result = Run({TEST_EXAMPLES "/tracing"}, {"KRHOME=" + home.Path()});
+    const RunResult result = ::Run({TEST_EXAMPLES "/tracing"}, {"KRHOME=" + home.Path()});
     EXPECT_EQ(result.exitCode, 0);
     EXPECT_EQ(result.output,
               "machine m: 12000 lines to tracing.log\n6000 lines recorded, trace file open\n");
