@@ -1,23 +1,11 @@
 // Typed values, stanza lists and the scan of a directory tree.
-#include "core/stnzbase.h"
-#include "core/stnzfile.h"
 #include "core/stnzlist.h"
-#include "core/stnzwrappers.h"
-#include "support/files.h"
 #include "support/leftovers.h"
-#include "support/lists.h"
+#include "support/stanzas.h"
 
 namespace {
 
 using Text = std::string;
-
-ListO Load(const Text& content) {
-    const Dir dir;
-    WriteFile(dir("f"), content);
-    ListO list = nullptr;
-    EXPECT_EQ(StnzLoadStanzaListFromFile(&list, dir("f")), TRUE);
-    return list;
-}
 
 Text Saved(ListO list) {
     const Dir dir;
@@ -31,52 +19,44 @@ Text Titles(ListO list) {
     return text;
 }
 
-// Each keyword read as every type; the defaults are "d", 7, 8 and TRUE.
 TEST(StanzaValues, Getters) {
     const NothingLeft nothing;
-    ListO list = Load(
+    ListO list = LoadStanzas(
         "[other]\nmissing=1\n[C:t]\nnumber=12,x\nlong=5000000000\ntext=abc\nyes=True\nno=yes\n"
         "none=\nnull=,1\nNUMBER=13\n");
-    // Keyword, what each getter reads, and the value list.
-    using Texts = std::vector<Text>;
-    const std::tuple<const char*, Text, int32, int64, BooleanT, Texts> table[] = {
-        {"Number", "12", 12, 12, FALSE, {"12", "x"}},
-        {"long", "5000000000", 7, 5000000000, FALSE, {"5000000000"}},
-        {"text", "abc", 7, 8, FALSE, {"abc"}},
-        {"yes", "True", 7, 8, TRUE, {"True"}},
-        {"no", "yes", 7, 8, FALSE, {"yes"}},
-        {"none", "<null>", 7, 8, FALSE, {}},
-        {"null", "<null>", 7, 8, FALSE, {"<null>", "1"}},
-        {"missing", "d", 7, 8, TRUE, {}}};
+    // Keyword; string and integer out of the list; of the list and the stanza the 64-bit integer,
+    // the boolean and the values. The defaults are "d", 7, 8 and TRUE.
+    const Text table[][3] = {
+        {"Number", "12 12", "12 0 12|x|"},     {"long", "5000000000 7", "5000000000 0 5000000000|"},
+        {"text", "abc 7", "8 0 abc|"},         {"yes", "True 7", "8 1 True|"},
+        {"no", "yes 7", "8 0 yes|"},           {"none", "<null> 7", "8 0 "},
+        {"null", "<null> 7", "8 0 <null>|1|"}, {"missing", "d 7", "8 1 "}};
     StnzT* stanza = nullptr;
+    char* text = nullptr;
+    int32 number = 0;
     ASSERT_EQ(StnzListFindStanza(&stanza, list, "c", "T"), TRUE);
-    for (const auto& [keyword, asText, asNumber, asLarge, asBoolean, asValues] : table) {
-        // Number and string through the list, the others also from the stanza.
-        char* text = nullptr;
-        int32 number = 0;
-        int64 large = 0, largeInList = 0;
-        BooleanT boolean = FALSE, booleanInList = FALSE;
-        ObjHolder<ListS> values, valuesInList;
-        EXPECT_EQ(StnzListGetInt64(&largeInList, list, "c", "t", keyword, 8), TRUE);
-        EXPECT_EQ(StnzListGetBoolean(&booleanInList, list, "c", "t", keyword, TRUE), TRUE);
-        EXPECT_EQ(StnzListGetValueList(valuesInList.Address(), list, "c", "t", keyword),
-                  BooleanFrom(keyword != Text("missing")));
-        EXPECT_EQ(TextsOf(valuesInList.Get()), asValues) << keyword;
-        EXPECT_EQ(largeInList, asLarge) << keyword;
-        EXPECT_EQ(booleanInList, asBoolean) << keyword;
+    for (const auto& [name, inList, inBoth] : table) {
+        const char* keyword = name.c_str();
         EXPECT_EQ(StnzListGetString(&text, list, "c", "t", keyword, "d"), TRUE);
         EXPECT_EQ(StnzListGetInteger(&number, list, "c", "t", keyword, 7), TRUE);
-        EXPECT_EQ(StnzGetInt64(stanza, keyword, 8, &large), TRUE);
-        EXPECT_EQ(StnzGetBoolean(stanza, keyword, TRUE, &boolean), TRUE);
-        EXPECT_EQ(Owned(text), asText) << keyword;
-        EXPECT_EQ(number, asNumber) << keyword;
-        EXPECT_EQ(large, asLarge) << keyword;
-        EXPECT_EQ(boolean, asBoolean) << keyword;
-        EXPECT_EQ(StnzGetValueList(stanza, keyword, values.Address()),
-                  BooleanFrom(keyword != Text("missing")));
-        EXPECT_EQ(TextsOf(values.Get()), asValues) << keyword;
+        EXPECT_EQ(Owned(text) + " " + std::to_string(number), inList);
+        for (const bool ofList : {true, false}) {
+            int64 large = 0;
+            BooleanT boolean = 9;
+            ObjHolder<ListS> values;
+            const BooleanT results[] = {
+                ofList ? StnzListGetInt64(&large, list, "c", "t", keyword, 8)
+                       : StnzGetInt64(stanza, keyword, 8, &large),
+                ofList ? StnzListGetBoolean(&boolean, list, "c", "t", keyword, TRUE)
+                       : StnzGetBoolean(stanza, keyword, TRUE, &boolean),
+                ofList ? StnzListGetValueList(values.Address(), list, "c", "t", keyword)
+                       : StnzGetValueList(stanza, keyword, values.Address())};
+            EXPECT_EQ(results[0] + results[1] + results[2], name == "missing" ? 2 : 3) << name;
+            Text found = std::to_string(large) + " " + std::to_string(boolean) + " ";
+            for (const Text& value : TextsOf(values.Get())) found += value + "|";
+            EXPECT_EQ(found, inBoth) << name << ofList;
+        }
     }
-    int32 number = 0;
     EXPECT_EQ(StnzListGetInteger(&number, nullptr, nullptr, "t", "number", 7), TRUE);
     EXPECT_EQ(number, 7);
     EXPECT_EQ(StnzListGetInteger(nullptr, list, "c", "t", "number", 7), FALSE);
@@ -85,7 +65,7 @@ TEST(StanzaValues, Getters) {
 
 TEST(StanzaList, Setters) {
     const NothingLeft nothing;
-    ListO list = Load("[a]\nk=1\nK=2\nl=3\n[B:b]\n[x:a]\nk=4\n");
+    ListO list = LoadStanzas("[a]\nk=1\nK=2\nl=3\n[B:b]\n[x:a]\nk=4\n");
     ListO values = ListOf({"1", nullptr, "x,y"});
     values->lItemMagic = 0;
     ObjIntegerO stranger = ObjIntegerNew(1);
@@ -134,7 +114,7 @@ TEST(StanzaList, Setters) {
 
 TEST(StanzaList, FiltersAndWalks) {
     const NothingLeft nothing;
-    ListO list = Load("[a]\non=true\n[b]\n[c]\nON=no\n[d]\non=\n");
+    ListO list = LoadStanzas("[a]\non=true\n[b]\n[c]\nON=no\n[d]\non=\n");
     const auto filtered = [&](BooleanT value, BooleanT standard) {
         ListO result = nullptr;
         if (StnzListFilterByBooleanKeyword(&result, list, "on", value, standard) != TRUE)
@@ -156,7 +136,8 @@ TEST(StanzaList, FiltersAndWalks) {
     ObjRelease(&with);
     EXPECT_EQ(filtered(TRUE, FALSE), "a c ");
 
-    const auto walk = [](ListO oList, Text stop) {
+    const TraceCapture trace;
+    const auto walk = [&](ListO oList, Text stop) {
         std::pair<Text, Text> context = {"", stop};
         const StnzListCallbackFnT visit = [](void* cookie, StnzT* visited) {
             auto& [seen, last] = *static_cast<std::pair<Text, Text>*>(cookie);
@@ -164,22 +145,17 @@ TEST(StanzaList, FiltersAndWalks) {
             return BooleanFrom(visited->pstrTitle != last);
         };
         const BooleanT result = StnzListWalk(oList, visit, &context);
-        return context.first + (result == TRUE ? "+" : "-");
+        return context.first + (result == TRUE ? "+" : "-") + trace.Records().back().text;
     };
-    const TraceCapture trace;
-    EXPECT_EQ(walk(list, ""), "abcd+");
-    EXPECT_EQ(walk(list, "b"), "ab-");
+    EXPECT_EQ(walk(list, ""), "abcd+StnzListWalk suceeded");
+    EXPECT_TRUE(walk(list, "b").starts_with("ab-"));
     ListO untyped = ListOf({"no stanza"});
     untyped->lItemMagic = 0;
-    EXPECT_EQ(walk(untyped, ""), "-");
+    EXPECT_EQ(walk(untyped, ""), "-StnzListWalk failing as bad object type in stanza list");
     EXPECT_EQ(StnzListFilterByKeyword(&with, untyped, "on"), FALSE);
     ListReleaseAll(untyped);
-    EXPECT_EQ(walk(untyped, ""), "+");
-    EXPECT_EQ(walk(nullptr, ""), "-");
-    for (const char* text : {"StnzListWalk suceeded", "Stnz list suceeding, but with empty list",
-                             "StnzListWalk failing as bad object type in stanza list",
-                             "StnzListWalk not given valid list"})
-        EXPECT_EQ(trace.CountText(text), 1) << text;
+    EXPECT_EQ(walk(untyped, ""), "+Stnz list suceeding, but with empty list");
+    EXPECT_EQ(walk(nullptr, ""), "-StnzListWalk not given valid list");
     ObjRelease(&untyped);
     ObjRelease(&found);
     ObjRelease(&list);
@@ -203,19 +179,23 @@ TEST(StanzaScan, TakesTheFilesOfATree) {
         ObjRelease(&lists);
         return count;
     };
-    const auto loaded = [](const TraceCapture& trace, const Text& path) {
-        return trace.CountText("Loaded stanz list file '" + path + "'");
+    // How many of the texts were traced once.
+    const auto count = [](const TraceCapture& trace, const std::vector<Text>& texts) {
+        int all = 0;
+        for (const Text& text : texts) all += trace.CountText(text) == 1 ? 1 : 0;
+        return all;
     };
     scan("none", FALSE);  // makes the class known
     const NothingLeft nothing;
+    const Text loaded = "Loaded stanz list file '", ignored = "StnzScanForStnzListsCB() - Ignore ";
     {
         const TraceCapture trace;
         EXPECT_EQ(scan(".cfg", FALSE), 3);
-        EXPECT_EQ(loaded(trace, dir("b.cfg.cfg")), 1);
-        EXPECT_EQ(loaded(trace, dir("sub/x.cfg/f.cfg")), 1);
-        EXPECT_EQ(trace.CountText("StnzScanForStnzListsCB() - Ignore .lck file 'd.cfg.lck'"), 1);
-        EXPECT_EQ(trace.CountText("StnzScanForStnzListsCB() - Ignore file 'c.cfg.old'"), 1);
-        EXPECT_EQ(trace.CountText("Found 3 stanz list files in '" + dir.Path() + "'"), 1);
+        EXPECT_EQ(
+            count(trace, {loaded + dir("b.cfg.cfg") + "'", loaded + dir("sub/x.cfg/f.cfg") + "'",
+                          ignored + ".lck file 'd.cfg.lck'", ignored + "file 'c.cfg.old'",
+                          "Found 3 stanz list files in '" + dir.Path() + "'"}),
+            5);
     }
     for (const char* every : {"", static_cast<const char*>(nullptr)})
         EXPECT_EQ(scan(every, FALSE), 6);
@@ -223,10 +203,10 @@ TEST(StanzaScan, TakesTheFilesOfATree) {
     const TraceCapture trace;
     EXPECT_EQ(scan(".cfg", TRUE), 3);
     EXPECT_EQ(scan(".cfg", FALSE), -1);
-    const Text bad = "Could not interpret file as stanza list. ";
-    EXPECT_EQ(trace.CountText(bad + "Continuing scan. ('" + dir("bad.cfg") + "')"), 1);
-    EXPECT_EQ(trace.CountText(bad + "Failing. ('" + dir("bad.cfg") + "')"), 1);
-    EXPECT_EQ(trace.CountText("Failed to scan dir '" + dir.Path() + "' for stanza lists"), 1);
+    const Text bad = "Could not interpret file as stanza list. ", file = " ('" + dir("bad.cfg");
+    EXPECT_EQ(count(trace, {bad + "Continuing scan." + file + "')", bad + "Failing." + file + "')",
+                            "Failed to scan dir '" + dir.Path() + "' for stanza lists"}),
+              3);
     EXPECT_EQ(StnzScanDirForStnzLists(nullptr, "d", "e", TRUE), FALSE);
     EXPECT_EQ(trace.Level("STANZA", 3), -1);
 }

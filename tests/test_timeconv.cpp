@@ -50,13 +50,13 @@ TimeBreakdownT Breakdown(const struct tm& f) {
             {f.tm_year + 1900, f.tm_mon + 1, f.tm_mday, f.tm_wday}};
 }
 
-template <BooleanT NoSeconds>
+template <BooleanT... Without>
 BooleanT OfDay(char* text, int32 size, TimeT clock) {
-    return TimeToTimeOfDayStringInternal(text, size, clock, NoSeconds);
+    return TimeToTimeOfDayStringInternal(text, size, clock, Without...);
 }
-template <BooleanT NoDay, BooleanT NoYear>
+template <BooleanT... Without>
 BooleanT Long(char* text, int32 size, TimeT clock) {
-    return TimeToLongDateStringInternal(text, size, clock, NoDay, NoYear);
+    return TimeToLongDateStringInternal(text, size, clock, Without...);
 }
 const struct Form {
     const char* strftime;
@@ -132,65 +132,70 @@ TEST(TimeConv, UtcFieldsAndBack) {
         gmtime_r(&wide, &fields);
         TimeUTCBreakdownT got = {{}, {0, 0, 0, fields.tm_wday}};
         ASSERT_EQ(TimeToUTCBreakdownStruct(&got, clock), TRUE);
-        const TimeBreakdownT plain = {got.tTime, got.tDate};
-        ASSERT_TRUE(Same(plain, Breakdown(fields))) << clock;
+        ASSERT_TRUE(Same(TimeBreakdownT{got.tTime, got.tDate}, Breakdown(fields))) << clock;
         ASSERT_EQ(TimeFromUTCBreakdown(&got), clock);
     }
     EXPECT_EQ(TimeTToUTCtmTime(-1)->tm_year, 69);
     // The clock: now, and now for a negative value.
     const auto before = static_cast<TimeT>(std::time(nullptr));
     const TimeT local = TimeMakeTime(TimeLocalTime(-1));
-    for (const int64 now : {int64{TimeNow()}, TimeNowAsInt64() / 1000, int64{local}}) {
-        EXPECT_GE(now, before);
-        EXPECT_LE(now, before + 60);
-    }
+    for (const int64 now : {int64{TimeNow()}, TimeNowAsInt64() / 1000, int64{local}})
+        EXPECT_TRUE(now >= before && now <= before + 60) << now;
 }
 
 TEST(TimeConv, Buffers) {
     SetZone(Zones[1]);
+    const Text blank(64, '#');
     for (const Form& form : Forms) {
-        const std::string expected = Strftime(Local(1112361480), form.strftime);
-        char text[64];
-        std::memset(text, '#', sizeof(text));
-        EXPECT_EQ(form.write(text, form.minimum - 1, 1112361480), FALSE);
-        EXPECT_EQ(std::string(text, sizeof(text)), std::string(sizeof(text), '#')) << form.strftime;
+        Text text = blank;
+        EXPECT_EQ(form.write(text.data(), form.minimum - 1, 1112361480), FALSE);
+        EXPECT_EQ(text, blank) << form.strftime;
         EXPECT_EQ(form.write(nullptr, 64, 1112361480), FALSE);
-        EXPECT_EQ(form.write(text, form.minimum, 1112361480), TRUE);
-        EXPECT_EQ(text, expected.substr(0, static_cast<std::size_t>(form.minimum) - 1));
-        EXPECT_EQ(text[form.minimum], '#') << form.strftime;
+        EXPECT_EQ(form.write(text.data(), form.minimum, 1112361480), TRUE);
+        const Text whole = Strftime(Local(1112361480), form.strftime);
+        EXPECT_EQ(text.c_str(), whole.substr(0, static_cast<std::size_t>(form.minimum) - 1));
+        EXPECT_EQ(text[static_cast<std::size_t>(form.minimum)], '#') << form.strftime;
     }
-    char text[24];
+    char date[24];
     const TimeDateT none = {INT_MIN, INT_MIN, INT_MIN, 7};
-    EXPECT_EQ(TimeDateToDateString(text, sizeof(text), &none, FALSE, FALSE), TRUE);
-    EXPECT_STREQ(text, "??? -2147483648 ??? -21");
-    const std::tuple<int64, int32, const char*> spans[] = {{90061999, 20, "25:01:01"},
-                                                           {90061000, 8, "25:01:0"},
-                                                           {90061000, 1, ""},
-                                                           {-3723000, 20, "-01:-02:-03"},
-                                                           {360000000000, 20, "100000:00:00"},
-                                                           {INT64_MAX, 30, "2147483647:12:55"}};
+    EXPECT_EQ(TimeDateToDateString(date, sizeof(date), &none, FALSE, FALSE), TRUE);
+    EXPECT_STREQ(date, "??? -2147483648 ??? -21");
+    const std::tuple<int64, int32, Text> spans[] = {{90061999, 20, "25:01:01"},
+                                                    {90061000, 8, "25:01:0"},
+                                                    {90061000, 1, ""},
+                                                    {-3723000, 20, "-01:-02:-03"},
+                                                    {360000000000, 20, "100000:00:00"},
+                                                    {INT64_MAX, 30, "2147483647:12:55"}};
     for (const auto& [span, size, expected] : spans) {
-        char buffer[32];
-        std::memset(buffer, '#', sizeof(buffer));
-        TimeElapsedSince(span, buffer, size);
-        EXPECT_STREQ(buffer, expected);
-        EXPECT_EQ(buffer[size], '#') << expected;
+        Text text = blank;
+        TimeElapsedSince(span, text.data(), size);
+        EXPECT_EQ(text.c_str(), expected);
+        EXPECT_EQ(text[static_cast<std::size_t>(size)], '#') << expected;
     }
 }
 
 // In a child, because order and breakdown format are kept for good. A catalogue is data: long
 // names, double-byte ones, formats that would read other arguments (559).
 TEST(TimeConv, LocalisedTextsAndReversedOrder) {
-    std::string wide;
+    Text wide;
     for (int i = 0; i < 12; i++) wide += "\x81\x41";
     WriteInHome("locale/Test/locale.ctl",
                 "540 \"Dienstag\"\n549 \"Mai\"\n557 \"%02ld. %s\"\n558 \"%ld. %s %ld\"\n"
                 "559 \"%s %s %s %s\"\n560 \"%s, der %02ld. %s %4ld\"\n561 \"%d-%d-%d %d.%d.%d\"\n"
                 "562 \"%ldh%ldm%lds\"\n548 \"" +
                     wide + "\"\n");
+    const Text part = wide.substr(0, 14);
+    const std::pair<const char*, Text> languages[] = {
+        {"Test", "Dienstag, der 03. Mai 2005|Dienstag 03 Mai|3. Mai 2005|05. " +
+                     wide.substr(0, 18) + "|05. " + wide.substr(0, 20) +
+                     "|20 Mai 03. der Dienstag,|Mai 03 Dienstag|2005 Mai 3.|" + part + " 05.|" +
+                     part + " 05.|00:10 2005 Mai 3.|25h1m1s|2005-5-3 0.10.10|2005-5-3 0.||"},
+        {nullptr,
+         "Tue 03 May 2005|Tue 03 May|03 May 2005|05 Apr|05 Apr|Tue 03 May 2005|Tue 03 May|"
+         "03 May 2005|05 Apr|05 Apr|00:10 03 May 2005|25:01:01|2005/05/03 00:10:10|2005/05/03 ||"}};
     WriteInHome("config/language.cfg", "[Display]\nReverse Date Display Order=true\n");
-    const auto run = [](const char* language) {
-        return InChild([&]() -> int {
+    for (const auto& [name, expected] : languages) {
+        const RunResult result = InChild([language = name] {
             SetZone("UTC0");
             const TimeT may = 1115079010;  // Tuesday 2005-05-03 00:10:10
             char text[64];
@@ -203,8 +208,7 @@ TEST(TimeConv, LocalisedTextsAndReversedOrder) {
                 put(Long<FALSE, FALSE>(text, 64, may));
                 put(Long<FALSE, TRUE>(text, 64, may));
                 put(Long<TRUE, FALSE>(text, 64, may));
-                put(Long<TRUE, TRUE>(text, 24, may - 28 * Day));
-                put(Long<TRUE, TRUE>(text, 25, may - 28 * Day));
+                for (const int32 size : {24, 25}) put(Long<TRUE, TRUE>(text, size, may - 28 * Day));
                 if (done == FALSE) unlink((TestHome() + "/config/language.cfg").c_str());
             }
             put(TimeToNiceDateString(text, 30, may));
@@ -216,24 +220,14 @@ TEST(TimeConv, LocalisedTextsAndReversedOrder) {
             }
             return TimeToBreakdownString(text, 0, may);
         });
-    };
-    const RunResult result = run("Test");
-    EXPECT_EQ(result.exitCode, FALSE);
-    const std::string part = wide.substr(0, 14);
-    EXPECT_EQ(result.output, "Dienstag, der 03. Mai 2005|Dienstag 03 Mai|3. Mai 2005|05. " +
-                                 wide.substr(0, 18) + "|05. " + wide.substr(0, 20) +
-                                 "|20 Mai 03. der Dienstag,|Mai 03 Dienstag|" + "2005 Mai 3.|" +
-                                 part + " 05.|" + part + " 05.|00:10 2005 Mai 3.|25h1m1s|" +
-                                 "2005-5-3 0.10.10|2005-5-3 0.||");
-    EXPECT_EQ(run(nullptr).output,
-              "Tue 03 May 2005|Tue 03 May|03 May 2005|05 Apr|05 Apr|Tue 03 May 2005|Tue 03 May|"
-              "03 May 2005|05 Apr|05 Apr|00:10 03 May 2005|25:01:01|2005/05/03 00:10:10|"
-              "2005/05/03 ||");
+        EXPECT_EQ(result.exitCode, FALSE);
+        EXPECT_EQ(result.output, expected);
+    }
 }
 
 TEST(TimeConv, Parsing) {
+    // Dates with the message; empty: 2005-04-01.
     const std::pair<const char*, Text> dates[] = {
-        // with the message; empty: 2005-04-01
         {"20050401", ""},
         {"2005 401", ""},  // numbers may have a blank in front of them
         {"2005041", "Wrong numeric date string size. Is 7, should be 8"},
@@ -245,8 +239,8 @@ TEST(TimeConv, Parsing) {
         {"20050230", "Invalid date from date string30.2/2.2/2005.4"},
         {"19700601", "Invalid date from date string1.2/6.2/1970.4"},
     };
+    const TraceCapture trace(-1);
     for (const auto& [text, message] : dates) {
-        TraceCapture trace(-1);
         const bool good = message.empty();
         TimeDateT date = {1, 2, 3, 4};
         EXPECT_EQ(TimeDateFromNumericDateString(&date, text), BooleanFrom(good)) << text;
@@ -258,7 +252,6 @@ TEST(TimeConv, Parsing) {
         EXPECT_EQ(TimeOfDayFromString(&time, text), TRUE) << text;
         EXPECT_TRUE(Same(time, *text == '9' ? TimeOfDayT{99, 99, 99} : TimeOfDayT{15, 18, 12}));
     }
-    TraceCapture trace(-1);
     const Text refused = "TimeOfDayFromString() - cannot convert string '";
     for (const Text text : {"", "1", "15::18:12", "15181", " 51812", "15:18:1x"}) {
         EXPECT_EQ(TimeOfDayFromString(&time, text.c_str()), FALSE) << text;
