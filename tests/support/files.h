@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "core/filelock.h"
+#include "core/filesys.h"
 #include "core/memory.h"
 #include "support/support.h"
 
@@ -59,6 +61,15 @@ inline bool InChildren(int count, const std::function<int(int number)>& function
         failed += child < 0 || waitpid(child, &status, 0) != child || status != 0 ? 1 : 0;
     }
     return failed == 0;
+}
+
+// Whether another process would get a lock on a file without waiting.
+inline bool LockIsFree(const std::string& path, FileLockT lock) {
+    return InChild([&] {
+               FileHandleT handle = FileHandleClosed;
+               FileSysOpen(&handle, path.c_str(), FileModeReadWrite);
+               return FileLockSetNoWait(handle, lock);
+           }).exitCode == TRUE;
 }
 
 // Type and permissions of a file; 0 when it is not there.
