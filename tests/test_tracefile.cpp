@@ -236,36 +236,32 @@ struct DumpRecord {
     Text text;
 };
 
-// Takes the dump of a buffer apart by its layout; a failure names what does not fit. The newest
-// record comes first.
-void ReadDump(std::vector<DumpRecord>* records, const Text& path, const TraceBufHeaderT* header,
-              const char* title) {
+// The records of a buffer's dump, taken apart by its layout, the newest first.
+std::vector<DumpRecord> ReadDump(const Text& path, TraceBufHeaderT* header, const char* title) {
+    std::vector<DumpRecord> records;
     const Text bytes = ReadFile(path);
     char head[200];
     std::snprintf(head, sizeof(head),
                   "-*- Tessel Trace Dump -*-\nTitle: %s\nUsing buffer at %p\n(size %d, position ",
-                  title, static_cast<const void*>(header), header->bufferSize);
-    std::size_t at = std::strlen(head);
-    ASSERT_EQ(bytes.substr(0, at), head);
-    std::size_t digits = 0;
-    std::ignore = std::stoi(bytes.substr(at), &digits);
-    at += digits + 2;
-    ASSERT_EQ(bytes.substr(at - 2, 2), ")\n");
-    while (at < bytes.size()) {
+                  title, static_cast<void*>(header), header->bufferSize);
+    EXPECT_TRUE(bytes.starts_with(head)) << bytes.substr(0, 200);
+    std::size_t at = bytes.find_first_not_of("0123456789", std::strlen(head));
+    EXPECT_EQ(bytes.substr(at, 2), ")\n");
+    at += 2;
+    while (at + 40 < bytes.size()) {
         DumpRecord record;
-        ASSERT_LE(at + 40, bytes.size());
         std::memcpy(&record.head, bytes.data() + at, 40);
         const auto size = static_cast<std::size_t>(record.head.lSize);
-        ASSERT_GE(record.head.lSize, 41);
-        ASSERT_EQ(size % 8, 0U);
-        ASSERT_LE(at + size, bytes.size());
+        if (record.head.lSize < 41 || size % 8 != 0 || at + size > bytes.size()) break;
         record.text = bytes.substr(at + 40, size - 40).c_str();
-        if (!records->empty()) {
-            ASSERT_EQ(record.head.lSequenceNumber + 1, records->back().head.lSequenceNumber);
-        }
-        records->push_back(record);
+        const int32 next =
+            records.empty() ? record.head.lSequenceNumber + 1 : records.back().head.lSequenceNumber;
+        EXPECT_EQ(record.head.lSequenceNumber + 1, next);
+        records.push_back(record);
         at += size;
     }
+    EXPECT_EQ(at, bytes.size());
+    return records;
 }
 
 // A buffer in shared memory, in use while it lives.
@@ -294,8 +290,7 @@ TEST_F(TraceFile, DumpsOfAWrappedRing) {
     }
     const Text path = Owned(TraceDump(nullptr, nullptr, "My title"));
     EXPECT_EQ(path, DumpDir + "/000000000000001.dmp");
-    std::vector<DumpRecord> records;
-    ReadDump(&records, path, buffer.Header(), "My title");
+    const std::vector<DumpRecord> records = ReadDump(path, buffer.Header(), "My title");
     ASSERT_GT(records.size(), 30U);
     int line = 500;
     for (const DumpRecord& record : records) {
@@ -311,9 +306,7 @@ TEST_F(TraceFile, DumpsOfAWrappedRing) {
     ASSERT_EQ(TraceGetPosition(&position), TRUE);
     TraceMessageInline(1, 0, 0, "after");
     const Text part = Owned(TraceDump(&position, (DumpDir + "/part").c_str(), "t"));
-    std::vector<DumpRecord> two;
-    ReadDump(&two, part, buffer.Header(), "t");
-    EXPECT_EQ(two.size(), 2U);
+    EXPECT_EQ(ReadDump(part, buffer.Header(), "t").size(), 2U);
     position.pTraceBuffer = TraceInternalBuffer();
     EXPECT_EQ(TraceDump(&position, nullptr, "t"), nullptr);
     ObjStringO oString = nullptr;
@@ -352,10 +345,8 @@ TEST_F(TraceFile, DumpsOfABufferThatIsBeingWritten) {
     std::size_t records = 0;
     for (int round = 0; round < 500; round++) {
         Owned(TraceDumpBuffer(buffer.Header(), path.c_str(), "t", 7));
-        std::vector<DumpRecord> some;
-        ReadDump(&some, path, buffer.Header(), "t");
-        records += some.size();
-        for (const DumpRecord& record : some) {
+        for (const DumpRecord& record : ReadDump(path, buffer.Header(), "t")) {
+            records++;
             const int line = record.head.lSequenceNumber;
             EXPECT_EQ(record.text, std::to_string(line) + Repeated(line * 37 % 190, '.'));
         }
