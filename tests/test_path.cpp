@@ -156,12 +156,12 @@ TEST(PathApplications, Parameters) {
         {"App::inst", FALSE, none, none, none}};
     char *name = nullptr, *instance = nullptr, *restore = nullptr;
     for (const auto& [path, backup, nameWanted, instanceWanted, restoreWanted] : cases) {
+        SCOPED_TRACE(path);
         EXPECT_EQ(PathGetAppParams(path.c_str(), backup, &name, &instance, &restore),
-                  BooleanFrom(nameWanted != none))
-            << path;
-        EXPECT_EQ(Owned(name), nameWanted) << path;
-        EXPECT_EQ(Owned(instance), instanceWanted) << path;
-        EXPECT_EQ(Owned(restore), restoreWanted) << path;
+                  BooleanFrom(nameWanted != none));
+        EXPECT_EQ(Owned(name), nameWanted);
+        EXPECT_EQ(Owned(instance), instanceWanted);
+        EXPECT_EQ(Owned(restore), restoreWanted);
     }
     char* file = nullptr;
     EXPECT_EQ(PathGetAppLibrary("Db", &file), TRUE);
@@ -194,19 +194,14 @@ TEST(PathDirectories, TheCurrentOne) {
     }
 }
 
-TEST(PathDirectories, AreMadeForTheOwner) {
-    Dir dir;
-    umask(077);
-    EXPECT_EQ(PathCreateDirectory(dir("new")), TRUE);
-    EXPECT_EQ(umask(0), 0U);
-    EXPECT_EQ(ModeOf(dir("new")), S_IFDIR | 0700U);
-}
-
 TEST(PathDirectories, TreesAreDeletedWithoutLeavingThem) {
     for (const auto remove : {PathRemoveDirectory, PathDestroyDirectory}) {
         Dir dir;
         const Name tree = dir("tree");
-        ASSERT_EQ(mkdir(dir("outside"), 0700), 0);
+        umask(077);
+        EXPECT_EQ(PathCreateDirectory(dir("outside")), TRUE);  // the owner's
+        EXPECT_EQ(umask(0), 0U);
+        EXPECT_EQ(ModeOf(dir("outside")), S_IFDIR | 0700U);
         WriteFile(dir("outside/kept"), "kept");
         std::string deep = tree;
         for (int level = 0; level < 200; ++level, deep += "/d") {
@@ -308,7 +303,7 @@ TEST(PathMounts, Classes) {
 TEST(PathMounts, ThisHost) {
     ObjHolder<ListS> mounts;
     ASSERT_EQ(PathUnixMountPoints(mounts.Address(), nullptr), TRUE);
-    Texts found;
+    Texts found, expected;
     for (const auto* mount : ItemsOf<PathKrMountPointO>(mounts.Get())) {
         const std::string entry = std::string(mount->pstrSpecial) + " " + mount->pstrName;
         if (std::count(entry.begin(), entry.end(), ' ') == 1) found.push_back(entry);
@@ -317,11 +312,9 @@ TEST(PathMounts, ThisHost) {
         EXPECT_EQ(mount->llTotalSize,
                   static_cast<int64>(uint64{system.f_frsize} * system.f_blocks));
         EXPECT_EQ(mount->llTotalInodes, static_cast<int64>(system.f_files)) << entry;
-        EXPECT_LE(mount->llUsedSize, mount->llTotalSize) << entry;
-        EXPECT_GE(mount->llUsedSize, 0) << entry;
+        EXPECT_TRUE(mount->llUsedSize >= 0 && mount->llUsedSize <= mount->llTotalSize) << entry;
     }
     // The other account of the same table: six fields, options up to a lone "-", type and device.
-    Texts expected;
     for (const std::string& line : Split(ReadFile("/proc/self/mountinfo"))) {
         const Texts fields = Split(line, ' ');
         const auto end = std::find(fields.begin() + 6, fields.end(), "-");
