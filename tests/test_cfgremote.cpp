@@ -2,11 +2,6 @@
 // gives what it gives on a file of this machine, writers do not lose each other's changes, and
 // servers that answer late, wrongly or not at all are told apart. Also what the network manager is
 // asked about machines.
-#include <gtest/gtest.h>
-
-#include <chrono>
-#include <csignal>
-
 #include "core/context.h"
 #include "core/machineinfo.h"
 #include "core/msgchannel.h"
@@ -25,21 +20,14 @@ Text g_inner;  // what the handler has got
 const Role asker("asker", [](const Arguments& arguments) {
     if (!Connect(100)) return 10;
     WorkForClient(SysLocalMachineName());
-    const bool inside = arguments.at(0) == "inside";
-    if (inside) {
-        MsgWaitAddHandler(
-            AskAgainType,
-            [](MsgMessageO, void*) {
-                g_inner = String("inner");
-                return eMsgWaitResultHandled;
-            },
-            nullptr);
-    }
-    const auto start = std::chrono::steady_clock::now();
-    const Text outer = String("outer");
-    const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - start;
-    Say(outer);
-    Say(std::to_string(static_cast<int>(taken.count())));
+    const auto ask = [](MsgMessageO, void*) {
+        g_inner = String("inner");
+        return eMsgWaitResultHandled;
+    };
+    if (arguments.at(0) == "inside") MsgWaitAddHandler(AskAgainType, ask, nullptr);
+    const auto start = Clock::now();
+    Say(String("outer"));
+    Say(std::to_string(SecondsSince(start)));
     if (arguments.at(0) == "again") g_inner = String("inner");
     Say(g_inner);
     ContextReleaseThread();
@@ -54,22 +42,15 @@ const Role liar("liar", [](const Arguments&) {
         ObjHolder<MsgMessageS> message;
         if (MsgReceive(message.Address(), nullptr) != TRUE) continue;
         if (MsgType(message.Get()) != CFG_SVR_CONFIG_REQUEST_MSG) return 0;
-        ObjHolder<ObjIntegerS> number(ObjIntegerNew(7));
         const ObjHolder<CfgSvrConfigReplyS> reply(
             ObjNew<CfgSvrConfigReplyS>(CfgSvrConfigReplyMagic, CfgSvrConfigReplyDescriptor));
+        ObjHolder<void> number(ObjIntegerNew(7));
         reply.Get()->bSuccess = TRUE;
-        void* wrong = number.Get();
-        if (n == 3) reply.Get()->oStnzKey = static_cast<CfgStnzKeyO>(wrong);
-        if (n == 4) reply.Get()->oStanza = static_cast<CfgStnzO>(wrong);
-        if (n >= 3 && n <= 4) number.Take();
-        if (n >= 5) {
-            reply.Get()->oValueList = ListNew();
-            ListPushLastItem(reply.Get()->oValueList, number.Address());
-        }
-        MsgSendReply(message.Get(), CFG_SVR_CONFIG_REPLY_MSG,
-                     n == 0   ? nullptr
-                     : n == 1 ? static_cast<void*>(number.Get())
-                              : reply.Get());
+        if (n == 3) reply.Get()->oStnzKey = static_cast<CfgStnzKeyO>(number.Take());
+        if (n == 4) reply.Get()->oStanza = static_cast<CfgStnzO>(number.Take());
+        if (n >= 5) ListPushLastItem(reply.Get()->oValueList = ListNew(), number.Address());
+        void* const bodies[] = {nullptr, number.Get()};
+        MsgSendReply(message.Get(), CFG_SVR_CONFIG_REPLY_MSG, n < 2 ? bodies[n] : reply.Get());
     }
 });
 

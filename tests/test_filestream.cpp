@@ -79,23 +79,24 @@ TEST(FileStream, RewriteReplacesTheFileInOneStep) {
     ASSERT_EQ(FileStreamStartRewrite(stream), TRUE);
     EXPECT_EQ(ReadFile(dir("f.new")), "");
     EXPECT_EQ(FileStreamPrintF(stream, "%s %d", "new", 1), TRUE);
-    EXPECT_EQ(ReadAll(stream) + ReadFile(dir("f")), "old contentold content");
+    EXPECT_EQ(ReadAll(stream), "old content");
+    EXPECT_EQ(ReadFile(dir("f")), "old content");
     EXPECT_EQ(FileStreamCloseOutput(stream), TRUE);
     EXPECT_EQ(ReadAll(stream), "new 1");
 
-    EXPECT_EQ(FileStreamStartAppend(stream) + FileStreamWriteByte(stream, '!'), 2);
+    EXPECT_TRUE(FileStreamStartAppend(stream) && FileStreamWriteByte(stream, '!'));
     // Starting the next output finishes this one.
     ASSERT_EQ(FileStreamStartRewrite(stream), TRUE);
     EXPECT_EQ(ReadAll(stream), "new 1!");
-    EXPECT_EQ(Write(stream, "dropped") + FileStreamCancelRewrite(stream), 2);
+    EXPECT_TRUE(Write(stream, "dropped") && FileStreamCancelRewrite(stream));
     EXPECT_EQ(ReadAll(stream), "new 1!");
-    EXPECT_EQ(FileStreamStartRewrite(stream) + Write(stream, "last"), 2);
+    EXPECT_TRUE(FileStreamStartRewrite(stream) && Write(stream, "last"));
     EXPECT_EQ(FileStreamClose(&stream), TRUE);
     EXPECT_EQ(ReadAll(reader), "old content");
     EXPECT_EQ(FileStreamClose(&reader), TRUE);
     // Without closing, what was written is dropped.
     stream = Open(dir("f"), 260);
-    EXPECT_EQ(FileStreamStartRewrite(stream) + Write(stream, "dropped"), 2);
+    EXPECT_TRUE(FileStreamStartRewrite(stream) && Write(stream, "dropped"));
     ObjRelease(&stream);
     EXPECT_EQ(ReadFile(dir("f")), "last");
     EXPECT_EQ(ModeOf(dir("f")) & 07777, 0640U);
@@ -152,7 +153,7 @@ TEST(FileStream, FailuresAreTraced) {
     ASSERT_EQ(OpenLocking(&stream, dir("f"), 516), TRUE);
     EXPECT_EQ(FileStreamWriteByte(stream, 7) + FileStreamPrintF(stream, "x"), FALSE);
     EXPECT_EQ(trace.Level("FILE", 18), 3);
-    EXPECT_EQ(FileStreamStartAppend(stream) + Write(stream, ""), 2);
+    EXPECT_TRUE(FileStreamStartAppend(stream) && Write(stream, ""));
     EXPECT_EQ(FileStreamWrite(stream, nullptr, -1), FALSE);
     EXPECT_EQ(trace.Count("FILE", 19), 1);
     EXPECT_EQ(FileStreamClose(&stream), TRUE);
