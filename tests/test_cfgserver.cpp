@@ -110,8 +110,8 @@ std::set<Text> AllFiles() {
 
 class CfgServer : public ObjectTest {};
 
-// What clients of this library never ask for; what they do is played in test_cfgremote.
-TEST_F(CfgServer, RequestsOfOtherClients) {
+TEST_F(CfgServer, EveryTypeOfRequest) {
+    StnzT* pStanza = StanzaOf("C", "T", {});
     const struct {
         Ask ask;
         Text reply;
@@ -119,11 +119,21 @@ TEST_F(CfgServer, RequestsOfOtherClients) {
     } requests[] = {
         {{1, "S", "K"}, "TRUE K=a,b,a of 3", ""},
         {{1, "S", "missing"}, "FALSE", ""},
+        {{2, "N", "k", Items({Word("x,y"), Word("")})},
+         "TRUE",
+         Plain + Displayed + "[N]\nk=x!,y,\n\n"},
         {{2, "N", "k", Word(nullptr)}, "TRUE", Plain + Displayed + "[N]\nk=\n\n"},
+        {{3, "S", "k"}, "TRUE", "[S]\nl=1\n\n" + Displayed},
         {{4, "S", nullptr}, "TRUE S{k=a,b,a;l=1}", ""},
         {{4, "L", nullptr}, "FALSE", ""},
+        {{5, nullptr, nullptr}, "TRUE S{k=a,b,a;l=1} L:list{label=x;value=One,two}", ""},
+        {{6, nullptr, nullptr, Items({ObjStanzaNew(pStanza)})}, "TRUE", "[C:T]\n\n"},
+        {{7, nullptr, nullptr, Keyed("S")}, "TRUE", Plain + Displayed + "[S]\nn=1,\n\n"},
         {{8, nullptr, nullptr, Keyed("S")}, "TRUE", "[S]\nn=1,\n\n" + Displayed},
+        {{9, "list", nullptr, nullptr, FALSE, FALSE, "L"}, "TRUE", Plain},
         {{10, "L", "list", Word("one"), TRUE, TRUE}, "FALSE", ""},
+        {{11, "L", "list", Word("x"), FALSE, TRUE}, "FALSE", ""},
+        {{12, "S", "k", Word("c")}, "TRUE", "[S]\nl=1\nk=a,b,a,c\n\n" + Displayed},
         {{13, "S", "k", Word("a")}, "TRUE", "[S]\nk=b\nl=1\n\n" + Displayed},
     };
     for (const auto& r : requests) {

@@ -365,7 +365,7 @@ TEST(FileLocks, LockedReplacement) {
         char seen[8] = {};
         if (FileSysOpenLocked(&handle, path, FileModeRead) != TRUE) _exit(2);
         if (FileSysRead(&count, handle, seen, sizeof(seen)) != TRUE) _exit(3);
-        _exit(std::strcmp(seen, "new") == 0 && Interrupter::s_count >= 2 ? 0 : 4);
+        EndChild(std::strcmp(seen, "new") == 0 && Interrupter::s_count >= 2 ? 0 : 4);
     }
     waiting.CloseWriting();
     EXPECT_EQ(waiting.Take(), 'x');

@@ -246,6 +246,9 @@ TEST(StnzFile, Modes) {
     EXPECT_EQ(ReadFile(dir("f")), once);
 
     StnzKeyT* key = nullptr;
+    EXPECT_EQ(StnzLoadKeyFromFile(&key, dir("f"), "C", "T", "K"), TRUE);
+    EXPECT_EQ(KeyText(key), "K=v");
+    StnzReleaseKey(&key);
     EXPECT_EQ(StnzLineToKey(&key, "x") + StnzFindNextStanza(nullptr), FALSE);
     EXPECT_EQ(StnzAddStanzaToFile(nullptr, "f") + StnzAddStanzaToFile(stanza, nullptr), FALSE);
     EXPECT_EQ(StnzReplaceStanzaInFile(nullptr, "f") + StnzReplaceStanzaInFile(stanza, nullptr),

@@ -102,6 +102,9 @@ TEST(StanzaList, Setters) {
     EXPECT_EQ(StnzListReplaceStanza(list, stanza), TRUE);
     EXPECT_EQ(Titles(list), "b a new a ");
     EXPECT_EQ(StnzCreate(&stanza, "b", "B", 0), TRUE);
+    EXPECT_EQ(StnzSetKeywordFromString(&stanza, "k", "x", FALSE), TRUE);
+    EXPECT_EQ(StnzSetKeywordFromInteger(&stanza, "k", -5, TRUE), TRUE);
+    EXPECT_EQ(StanzaText(stanza), "b:B{k=-5}");
     EXPECT_EQ(StnzListReplaceStanza(list, stanza), TRUE);
     EXPECT_EQ(Titles(list), "a new a B ");
     EXPECT_EQ(StnzListRemoveStanza(list, nullptr, "new"), FALSE);
