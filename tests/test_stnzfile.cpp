@@ -109,6 +109,7 @@ TEST(StnzFile, Rewriting) {
     const Change AddKey = WithKey<FALSE>, ReplaceKey = WithKey<TRUE>;
     const Text mixed =
         "# c\n\n[ a ]\n\n x = 1 , 2 \nno\n[t]\nold=1\n[c : t]\n z=\n[T]\nold=2\n[b]\n";
+    const Text cleaned = "[a]\nx= 1 , 2 \n\n[T]\nnew=\n\n[c:t]\nz=\n\n\n[b]\n";
     const Text escapes = "[a!b: c,d ]\nk,l! = x!q\n", plain = "[a!b:c,d]\nk,l!= x!q\n";
     const struct {
         Change change;
@@ -120,12 +121,7 @@ TEST(StnzFile, Rewriting) {
         {Replace, "", nullptr, "t", {"a= 1 ,2,x!!"}, "[t]\na=1,2,x!!\n\n"},
         {Replace, "", "", "t", {}, "[t]\n\n"},
         {Replace, "x=1\n[a]\ny=1", nullptr, "t", {"k=!,"}, "x=1\n[a]\ny=1\n\n[t]\nk=!,\n\n"},
-        {Replace,
-         mixed,
-         nullptr,
-         "T",
-         {"new="},
-         "[a]\nx= 1 , 2 \n\n[T]\nnew=\n\n[c:t]\nz=\n\n\n[b]\n"},
+        {Replace, mixed, nullptr, "T", {"new="}, cleaned},
         {Replace, "[c:t]\na=1\n[b]\n", "C", "T", {"e= "}, "[C:T]\ne=\n\n[b]\n"},
         // Names have no escapes.
         {Replace, "[t]\na=1\n", nullptr, "t!,", {"b!=! x! !n"}, "[t]\na=1\n\n[t!,]\nb!=! x !n\n\n"},
