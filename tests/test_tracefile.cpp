@@ -321,34 +321,28 @@ TEST_F(TraceFile, DumpsOfAWrappedRing) {
 
 TEST_F(TraceFile, DumpsOfABufferThatIsBeingWritten) {
     SharedBuffer buffer(32752);
-    int ready[2];
-    ASSERT_EQ(pipe(ready), 0);
+    const auto text = [](int line) {
+        return std::to_string(line) + Repeated(line * 37 % 190, '.');
+    };
     const pid_t writer = fork();
     ASSERT_GE(writer, 0);
-    if (writer == 0) {
-        for (int line = 1;; line++) {
-            TraceMessageInline(line & 0x7fff, 0, 0, "%d%s", line,
-                               Repeated(line * 37 % 190, '.').c_str());
-            if (line == 100 && write(ready[1], "x", 1) != 1) _exit(1);
-        }
-    }
-    char byte = 0;
-    ASSERT_EQ(read(ready[0], &byte, 1), 1);
+    for (int line = 1; writer == 0; line++)
+        TraceMessageInline(line & 0x7fff, 0, 0, "%s", text(line).c_str());
+    EXPECT_TRUE(Eventually([&] {
+        const auto* newest = TraceCurrentMessage(buffer.Header());
+        return newest != nullptr && newest->lSequenceNumber >= 100;
+    }));
     const Text path = DumpDir + "/running";
     std::size_t records = 0;
-    for (int round = 0; round < 500; round++) {
+    for (int round = 0; round < 500 && !HasFailure(); round++) {
         Owned(TraceDumpBuffer(buffer.Header(), path.c_str(), "t", 7));
         for (const DumpRecord& record : ReadDump(path, buffer.Header(), "t")) {
             records++;
-            const int line = record.head.lSequenceNumber;
-            EXPECT_EQ(record.text, std::to_string(line) + Repeated(line * 37 % 190, '.'));
+            EXPECT_EQ(record.text, text(record.head.lSequenceNumber));
         }
-        if (HasFailure()) break;
     }
     kill(writer, SIGKILL);
     waitpid(writer, nullptr, 0);
-    close(ready[0]);
-    close(ready[1]);
     EXPECT_GT(records, 500U);
 }
 
