@@ -119,6 +119,7 @@ TEST_F(CfgServer, EveryTypeOfRequest) {
     } requests[] = {
         {{1, "S", "K"}, "TRUE K=a,b,a of 3", ""},
         {{1, "S", "missing"}, "FALSE", ""},
+        {{2, "L", "list", Word("new")}, "TRUE", Plain + "[L:list]\nlabel=x\nvalue=new\n\n"},
         {{2, "N", "k", Items({Word("x,y"), Word("")})},
          "TRUE",
          Plain + Displayed + "[N]\nk=x!,y,\n\n"},
