@@ -326,8 +326,10 @@ TEST_F(TraceFile, DumpsOfABufferThatIsBeingWritten) {
     };
     const pid_t writer = fork();
     ASSERT_GE(writer, 0);
-    for (int line = 1; writer == 0; line++)
-        TraceMessageInline(line & 0x7fff, 0, 0, "%s", text(line).c_str());
+    if (writer == 0) {
+        for (int line = 1;; line++)
+            TraceMessageInline(line & 0x7fff, 0, 0, "%s", text(line).c_str());
+    }
     EXPECT_TRUE(Eventually([&] {
         const auto* newest = TraceCurrentMessage(buffer.Header());
         return newest != nullptr && newest->lSequenceNumber >= 100;
