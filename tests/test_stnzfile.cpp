@@ -3,6 +3,8 @@
 #include <sys/resource.h>
 
 #include <chrono>
+#include <csignal>
+#include <random>
 
 #include "core/cfg.h"
 #include "core/stnzlist.h"
@@ -338,6 +340,47 @@ TEST(StnzFile, AFullOrFailingDiskLeavesTheOldFile) {
             EXPECT_TRUE(!needed || hits > 0);
         }
     }
+}
+
+// A rewriting process that is killed leaves the old or the new file; the next one goes on.
+TEST(StnzFile, KilledWhileRewriting) {
+    const Dir dir;
+    const auto replace = [&](int version) {
+        Lines lines(300, "filler=text");
+        lines.push_back("version=" + std::to_string(version));
+        return Replace(nullptr, "t", lines, dir("f"));
+    };
+    const auto fileNumber = [&] {
+        struct stat status = {};
+        stat(dir("f"), &status);
+        return status.st_ino;
+    };
+    EXPECT_EQ(replace(0), TRUE);
+    const Text whole = StanzasOfFile(dir("f"));
+    const Text expected = whole.substr(0, whole.size() - 2);  // without "0}"
+    std::mt19937 random(7);
+    for (int round = 0; round < 60; round++) {
+        const auto first = fileNumber();
+        const pid_t child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            for (int version = 1; replace(version) == TRUE;) version++;
+            _exit(1);
+        }
+        int status = 0;
+        // From the first file that it has put in place on.
+        while (fileNumber() == first && waitpid(child, &status, WNOHANG) == 0) usleep(50);
+        usleep(random() % 3000);
+        kill(child, SIGKILL);
+        waitpid(child, &status, 0);
+        ASSERT_TRUE(WIFSIGNALED(status)) << status;
+        const Text text = StanzasOfFile(dir("f"));
+        ASSERT_TRUE(text.starts_with(expected)) << text;
+        ASSERT_EQ(text.find_first_not_of("0123456789", expected.size()), text.size() - 1) << text;
+    }
+    EXPECT_EQ(replace(0), TRUE);
+    EXPECT_EQ(StanzasOfFile(dir("f")), whole);
+    EXPECT_EQ(ListDir(dir.Path()), (Lines{"f", "f.lck"}));
 }
 
 TEST(StnzFile, LoadingTakesTimeInProportion) {
