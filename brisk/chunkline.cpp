@@ -12,7 +12,9 @@ MEM_DEFAULT_POOL_CACHE
 
 namespace {
 
-constexpr int32 ChunksPerWorker = 4;  // one at work, the others read or waiting to be written
+// One at work, some read and some done: so many that the calling thread, which is woken when half
+// of the line is done, hands new ones over before the others are used up.
+constexpr int32 ChunksPerWorker = 8;
 
 int32 glWorkers = PakZlibAllProcessors;
 

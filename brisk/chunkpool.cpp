@@ -60,12 +60,20 @@ void ChunkPool::Submit() {
 const ChunkJobT& ChunkPool::Finish() {
     const ChunkJobT& tOldest = Job(m_llOldest);
     std::unique_lock<std::mutex> tGuard(m_tLock);
-    // Waking a thread costs more than a small chunk, so the owner works rather than waits.
-    while (!tOldest.bDone && m_llBegun < m_llNext) DoNext(tGuard);
-    m_llAwaited = m_llOldest;
-    m_tJobIsDone.wait(tGuard, [&] { return tOldest.bDone; });
-    m_llAwaited = -1;
+    if (m_llBegun == m_llOldest) DoNext(tGuard);
+    if (tOldest.bDone) return tOldest;
+    m_bOwnerWaits = true;
+    m_tJobsAreDone.wait(tGuard, [&] { return IsWorthWaking(); });
+    m_bOwnerWaits = false;
     return tOldest;
+}
+
+// Waking the owner costs as much as a small job, and it takes a processor from a worker. So it
+// sleeps until half of the ring is done, or the workers have nothing left to begin.
+bool ChunkPool::IsWorthWaking() {
+    if (!Job(m_llOldest).bDone) return false;
+    const int64 llBatch = m_llOldest + m_lJobs / 2;
+    return m_llBegun == m_llNext || llBatch >= m_llNext || Job(llBatch).bDone;
 }
 
 void ChunkPool::DoNext(std::unique_lock<std::mutex>& tGuard) {
@@ -74,7 +82,7 @@ void ChunkPool::DoNext(std::unique_lock<std::mutex>& tGuard) {
     m_fnStep(Job(llNumber));
     tGuard.lock();
     Job(llNumber).bDone = true;
-    if (llNumber == m_llAwaited) m_tJobIsDone.notify_one();
+    if (m_bOwnerWaits && IsWorthWaking()) m_tJobsAreDone.notify_one();
 }
 
 void ChunkPool::StartWorker() {

@@ -5,8 +5,8 @@
 // of its job and nothing else: whatever belongs to the library (pools, objects, files, traces) is
 // the owner's. Workers take no signals.
 //
-// An owner that would have to wait for a job does one that no worker has begun. So the pool works,
-// one job after the other, without workers and when the system makes no thread.
+// A job that no worker has begun when the owner wants it back is done by the owner. So the pool
+// works, one job after the other, without workers and when the system makes no thread.
 #pragma once
 
 #include <pthread.h>
@@ -53,6 +53,7 @@ class ChunkPool {
     static void* Run(void* pPool);
     void Work();
     void DoNext(std::unique_lock<std::mutex>& tGuard);  // under the lock, given up meanwhile
+    bool IsWorthWaking();                               // under the lock
     void StartWorker();
 
     const ChunkStepF m_fnStep;
@@ -68,9 +69,9 @@ class ChunkPool {
     // Everybody's, under the lock.
     std::mutex m_tLock;
     std::condition_variable m_tWorkIsThere;
-    std::condition_variable m_tJobIsDone;
-    int64 m_llNext = 0;      // changed by the owner only
-    int64 m_llBegun = 0;     // jobs below this number are done or being worked on
-    int64 m_llAwaited = -1;  // the job that the owner waits for
+    std::condition_variable m_tJobsAreDone;
+    int64 m_llNext = 0;   // changed by the owner only
+    int64 m_llBegun = 0;  // jobs below this number are done or being worked on
+    bool m_bOwnerWaits = false;
     bool m_bEnding = false;
 };
