@@ -346,6 +346,17 @@ BooleanT WriteHeaders(PakZlibContextO oContext) {
     return WriteHeaderBlock(oContext, tBlock.Get(), lSize + PakZlibSizeField);
 }
 
+// Blocks for all of the archive, whose header list is written. One that is copied in one go gets its
+// blocks in one go anyway.
+void ReserveArchive(PakZlibContextO oContext) {
+    int64 llTemp = 0;
+    int64 llHeaders = 0;
+    if (FileSysSize(&llTemp, oContext->tTempFileHandle) == TRUE && llTemp > PakZlibCopySize &&
+        FileSysGetOffset(&llHeaders, oContext->tOutputFileHandle) == TRUE) {
+        FileSysReserve(oContext->tOutputFileHandle, llHeaders + llTemp);
+    }
+}
+
 BooleanT WriteArchive(PakZlibContextO oContext) {
     if (WriteHeaders(oContext) != TRUE) return FALSE;
     if (FileSysClose(&oContext->tTempFileHandle) != TRUE) {
@@ -357,12 +368,7 @@ BooleanT WriteArchive(PakZlibContextO oContext) {
         TraceMessageInline(13, 0, -1, "Failed to re-open temp compress file");
         return FALSE;
     }
-    int64 llTempSize = 0;
-    int64 llHeaderSize = 0;
-    if (FileSysSize(&llTempSize, oContext->tTempFileHandle) == TRUE &&
-        FileSysGetOffset(&llHeaderSize, oContext->tOutputFileHandle) == TRUE) {
-        FileSysReserve(oContext->tOutputFileHandle, llHeaderSize + llTempSize);
-    }
+    ReserveArchive(oContext);
     if (PakZlibCopyTempToOutput(oContext) != TRUE) {
         FileSysUnreserve(oContext->tOutputFileHandle);
         TraceMessageInline(14, 0, -1, "Failed to copy compressed files");
