@@ -172,8 +172,17 @@ struct Side {
     bool toOutput = false;                  // writes to standard output
     std::string packedBy = {};              // unpacks what this other side has packed
     Cost packCost = {}, unpackCost = {};
+    std::vector<double> packTimes = {}, unpackTimes = {};  // on the clock, of each round
     std::uintmax_t packedSize = 0;
 };
+
+// The machine's speed drifts, so times are compared within a round: the median of the ratios.
+double Ratio(const std::vector<double>& times, const std::vector<double>& own) {
+    std::vector<double> ratios;
+    for (std::size_t i = 0; i < times.size(); ++i) ratios.push_back(times[i] / own[i]);
+    std::sort(ratios.begin(), ratios.end());
+    return (ratios[(ratios.size() - 1) / 2] + ratios[ratios.size() / 2]) / 2;
+}
 
 std::vector<std::string> Fill(std::vector<std::string> arguments, const std::string& in,
                               const std::string& out, const std::string& directory) {
@@ -223,12 +232,16 @@ void RunRound(std::vector<Side>& sides, const std::string& in, const std::string
         std::filesystem::remove(restored);
         if (side.packedBy.empty()) {
             std::filesystem::remove(packed);
-            side.packCost.Least(
-                RunProcess(Fill(side.pack, in, packed, scratch), side.toOutput ? packed : said));
+            const Cost cost =
+                RunProcess(Fill(side.pack, in, packed, scratch), side.toOutput ? packed : said);
+            side.packCost.Least(cost);
+            side.packTimes.push_back(cost.wall);
         }
         side.packedSize = std::filesystem::file_size(packed);
-        side.unpackCost.Least(RunProcess(Fill(side.unpack, packed, restored, scratch),
-                                         side.toOutput ? restored : said));
+        const Cost cost = RunProcess(Fill(side.unpack, packed, restored, scratch),
+                                     side.toOutput ? restored : said);
+        side.unpackCost.Least(cost);
+        side.unpackTimes.push_back(cost.wall);
         if (!SameFiles(in, restored)) Fail(side.name + " did not restore " + in);
     }
 }
@@ -278,12 +291,12 @@ void Compare(const std::string& self, const std::string& samples, const std::str
                                                                              : side.packedSize) /
                                 bytes,
                             rate(side.packCost.wall), rate(side.packCost.cpu),
-                            side.packCost.wall / sides[0].packCost.wall);
+                            Ratio(side.packTimes, sides[0].packTimes));
             } else {
                 std::printf("| | | ");
             }
             std::printf("%.0f (%.0f) | %.2f |\n", rate(side.unpackCost.wall),
-                        rate(side.unpackCost.cpu), side.unpackCost.wall / sides[0].unpackCost.wall);
+                        rate(side.unpackCost.cpu), Ratio(side.unpackTimes, sides[0].unpackTimes));
         }
         std::printf("| %s | writing alone | | | | %.0f | |\n", name,
                     WriteSpeed(scratch + "/written", std::filesystem::file_size(in)) / 1e6);

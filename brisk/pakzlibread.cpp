@@ -92,14 +92,29 @@ BooleanT UncompressChunks(FileHandleT tCompressedHandle, ListO oChunkLengths,
     return TRUE;
 }
 
-// The size that a file will have, as far as its header is right about it; 0 when it cannot be.
-int64 ExpectedSize(PakZlibFileHeaderO oHeader) {
-    const int64 llWhole =
-        static_cast<int64>(oHeader->oChunkLengths->lItemCount - 1) * PakZlibChunkSize;
+// The size that a file will have, when its header agrees with what the archive holds behind the
+// current offset; else 0, so that nothing is set aside for a lie.
+int64 ExpectedSize(FileHandleT tArchive, PakZlibFileHeaderO oHeader) {
+    constexpr int64 MostExpansion = 1032;  // of deflate: 258 bytes for two bits
+    const ListO oLengths = oHeader->oChunkLengths;
+    const int64 llWhole = int64{oLengths->lItemCount - 1} * PakZlibChunkSize;
     // The header holds the lowest 32 bits of the size.
     const uint32 lLast =
         static_cast<uint32>(oHeader->lUncompressedLength) - static_cast<uint32>(llWhole);
-    return lLast <= PakZlibChunkSize ? llWhole + lLast : 0;
+    int64 llOffset = 0;
+    int64 llArchive = 0;
+    if (llWhole == 0 || lLast > PakZlibChunkSize || FileSysGetOffset(&llOffset, tArchive) != TRUE ||
+        FileSysSize(&llArchive, tArchive) != TRUE) {
+        return 0;
+    }
+    int64 llCompressed = 0;
+    for (ListNodeO oNode = oLengths->oFirst; oNode != nullptr; oNode = oNode->oNext) {
+        if (!IsChunkLength(LengthOf(oNode))) return 0;
+        llCompressed += LengthOf(oNode);
+    }
+    const int64 llSize = llWhole + lLast;
+    const bool bHeld = llCompressed <= llArchive - llOffset;
+    return bHeld && llSize / MostExpansion <= llCompressed ? llSize : 0;
 }
 
 // The length of the header list, or 0 when there is none.
@@ -238,13 +253,12 @@ BooleanT PakZlibUncompressFile(FileHandleT tCompressedHandle, PakZlibFileHeaderO
         TraceMessageInline(42, 0, -1, "Compression error, no chunks to uncompress");
         return FALSE;
     }
-    const int64 llSize = ExpectedSize(oHeader);
-    if (llSize > PakZlibChunkSize) FileSysReserve(tDest.Get(), llSize);
+    const int64 llSize = ExpectedSize(tCompressedHandle, oHeader);
+    if (llSize > 0) FileSysReserve(tDest.Get(), llSize);
     const BooleanT bWhole =
         UncompressChunks(tCompressedHandle, oHeader->oChunkLengths, tDest.Get());
     int64 llWritten = 0;
-    if (llSize > PakZlibChunkSize &&
-        (FileSysGetOffset(&llWritten, tDest.Get()) != TRUE || llWritten < llSize)) {
+    if (llSize > 0 && (FileSysGetOffset(&llWritten, tDest.Get()) != TRUE || llWritten < llSize)) {
         FileSysUnreserve(tDest.Get());
     }
     if (bWhole != TRUE) return FALSE;

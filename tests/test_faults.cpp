@@ -166,8 +166,9 @@ TEST_P(Faults, EveryFailingCallIsReported) {
         // Of the archive and of the source, which is no directory, exists and has a size; of the
         // archive and of the target.
         {Call::Stat, {EIO}, 1, "PPCC", "NR"},
-        // Of the temporary file, for the size that is set aside; of the archive.
-        {Call::Fstat, {EIO}, 1, "P", "N"},
+        // Of the temporary file; of the archive for its headers, then for a file: for sizes that
+        // are set aside.
+        {Call::Fstat, {EIO}, 1, "P", "NR"},
         {Call::Compress, {Z_MEM_ERROR}, 1, "CCCC", ""},
         {Call::Uncompress, {Z_MEM_ERROR}, 1, "", "NNNNN"},
         // Short transfers, of 3 bytes. Where the writer copies it goes on after them.
@@ -200,7 +201,7 @@ TEST_P(Faults, InterruptedCallsAreRepeated) {
     // Numbers of calls when packing and unpacking.
     const std::tuple<Call, std::size_t, std::size_t> rows[] = {
         {Call::Open, 4, 3},   {Call::Read, 5, 7},    {Call::Write, 5, 5}, {Call::Close, 4, 3},
-        {Call::Unlink, 1, 0}, {Call::Mkdir, 0, 1},   {Call::Stat, 4, 2},  {Call::Fstat, 1, 1},
+        {Call::Unlink, 1, 0}, {Call::Mkdir, 0, 1},   {Call::Stat, 4, 2},  {Call::Fstat, 1, 2},
         {Call::Copy, 2, 0},   {Call::Allocate, 1, 1}};
     for (const auto& [call, pack, unpack] : rows) {
         SCOPED_TRACE(static_cast<int>(call));
@@ -382,6 +383,30 @@ TEST_P(Faults, ArchiveGoesOnAfterAFailedFile) {
         EXPECT_EQ(PakZlibCompressFile(oContext, dir("large"), nullptr), TRUE);
         EXPECT_EQ(PakZlibFinalize(&oContext), TRUE);
         EXPECT_TRUE(ReadFile(dir("archive")) == ArchiveOf({Small[0], Large[0]}));
+    }
+}
+
+// Blocks are asked for ahead only for a size that the archive bears out.
+TEST_F(ArchiveTest, NoBlocksForALie) {
+    const bytes::File empty = {"name", std::vector<std::string>(100)};
+    const bytes::File large = bytes::Chunked("name", Large[0].content);
+    const auto archive = [](const bytes::File& file, int64 size) {
+        bytes::FileHeader header = bytes::HeaderOf(file);
+        header.uncompressed = size;
+        std::string chunks;
+        for (const std::string& piece : file.pieces) chunks += bytes::Compress(piece);
+        return bytes::Archive(bytes::List({header.Encode()}), chunks);
+    };
+    const std::string cut = archive(large, 200000);
+    const std::pair<std::string, int> cases[] = {
+        {archive(large, 200000), 1},        {archive(large, 300000), 0},
+        {cut.substr(0, cut.size() - 1), 0}, {archive({"name", {"one"}}, 3), 0},
+        {archive(empty, 99 * 65536), 0},
+    };
+    for (const auto& [bytes, asked] : cases) {
+        FaultArm({.call = Call::Allocate, .error = ENOSPC, .times = FaultForEver});
+        Restore(bytes);
+        EXPECT_EQ(FaultDisarm(), asked) << bytes.size();
     }
 }
 
