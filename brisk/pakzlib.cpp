@@ -346,8 +346,8 @@ BooleanT WriteHeaders(PakZlibContextO oContext) {
     return WriteHeaderBlock(oContext, tBlock.Get(), lSize + PakZlibSizeField);
 }
 
-// Blocks for all of the archive, whose header list is written. One that is copied in one go gets its
-// blocks in one go anyway.
+// Blocks for all of the archive, whose header list is written. One that is copied in one go gets
+// its blocks in one go anyway.
 void ReserveArchive(PakZlibContextO oContext) {
     int64 llTemp = 0;
     int64 llHeaders = 0;
