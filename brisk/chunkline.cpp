@@ -18,10 +18,12 @@ constexpr int32 ChunksPerWorker = 8;
 
 int32 glWorkers = PakZlibAllProcessors;
 
-int32 WorkersFor(int64 llChunks) {
-    if (llChunks < 2) return 0;
-    const int32 lGranted = glWorkers == PakZlibAllProcessors ? ProcessorCount() : glWorkers;
-    return static_cast<int32>(std::min<int64>({llChunks, lGranted, int64{ChunkPool::MostWorkers}}));
+int32 WorkersFor(int64 llChunks, int32 lWorthWorker) {
+    const bool bAsGranted = glWorkers == PakZlibAllProcessors;
+    const int64 llUseful = bAsGranted ? llChunks / lWorthWorker : llChunks;
+    if (llChunks < 2 || llUseful < 1) return 0;
+    const int32 lGranted = bAsGranted ? ProcessorCount() : glWorkers;
+    return static_cast<int32>(std::min<int64>({llUseful, lGranted, int64{ChunkPool::MostWorkers}}));
 }
 
 }  // namespace
@@ -48,7 +50,7 @@ PoolPtr<T> NewArray(int32 lItems) {
 
 ChunkLine::ChunkLine(const ChunkShapeT& tShape, int64 llChunks, bool bAhead)
     : m_tShape(tShape),
-      m_lWorkers(bAhead ? WorkersFor(llChunks) : 0),
+      m_lWorkers(bAhead ? WorkersFor(llChunks, tShape.lWorthWorker) : 0),
       m_lSlots(static_cast<int32>(
           std::clamp<int64>(llChunks, 1, std::max(tShape.lLeast, m_lWorkers * ChunksPerWorker)))),
       m_tMemory(PakZlibNewBlock(m_lSlots * (tShape.lInputRoom + tShape.lOutputRoom))),

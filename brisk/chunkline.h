@@ -15,9 +15,10 @@ BooleanT PakZlibWriteAll(FileHandleT tHandle, const void* pBytes, int32 lSize);
 
 struct ChunkShapeT {
     ChunkStepF fnStep;
-    int32 lInputRoom;   // bytes of a chunk as it is read
-    int32 lOutputRoom;  // bytes of it at the most afterwards
-    int32 lLeast;       // chunks that the caller holds at once
+    int32 lInputRoom;    // bytes of a chunk as it is read
+    int32 lOutputRoom;   // bytes of it at the most afterwards
+    int32 lLeast;        // chunks that the caller holds at once
+    int32 lWorthWorker;  // chunks that are done while a thread is made
 };
 
 class ChunkLine {

@@ -264,7 +264,8 @@ BooleanT CompressOpenFile(PakZlibContextO oContext, FileHandleT tHandle, int64 l
     ChunkLine tLine({.fnStep = ChunkCompress,
                      .lInputRoom = PakZlibChunkSize,
                      .lOutputRoom = CompressedRoom(PakZlibChunkSize),
-                     .lLeast = 2},
+                     .lLeast = 2,
+                     .lWorthWorker = 1},
                     llChunks, true);
     if (!tLine.IsWhole()) return FALSE;
     int64 llToRead = llSize;

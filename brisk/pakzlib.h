@@ -58,7 +58,7 @@ using PakZlibPendingFileHeaderO = PakZlibPendingFileHeaderS*;
 constexpr int32 PakZlibPendingFileHeaderMagic = ObjMagic(0xca1113ce);
 
 // The most workers from now on for a file, 0 for none. A file of one chunk never has any.
-constexpr int32 PakZlibAllProcessors = -1;  // as many as ProcessorCount says for each file
+constexpr int32 PakZlibAllProcessors = -1;  // as many as ProcessorCount says, where they pay
 void PakZlibUseWorkers(int32 lWorkers);
 
 // --- writing ---

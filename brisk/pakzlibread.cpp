@@ -20,6 +20,9 @@ MEM_DEFAULT_POOL_CACHE
 namespace {
 
 constexpr int32 PakZlibSizeField = 4;  // the header list's length in front of it
+// Expanding a chunk takes some 50 microseconds, waking a sleeping processor for a thread often
+// more.
+constexpr int32 ChunksWorthWorker = 32;
 
 BooleanT ReadExactly(FileHandleT tHandle, void* pBytes, int32 lSize) {
     int32 lRead = 0;
@@ -75,7 +78,8 @@ BooleanT UncompressChunks(FileHandleT tCompressedHandle, ListO oChunkLengths,
     ChunkLine tLine({.fnStep = ChunkExpand,
                      .lInputRoom = PakZlibLargestCompressed,
                      .lOutputRoom = PakZlibChunkSize,
-                     .lLeast = 1},
+                     .lLeast = 1,
+                     .lWorthWorker = ChunksWorthWorker},
                     oChunkLengths->lItemCount, bAhead);
     if (!tLine.IsWhole()) return FALSE;
     ListNodeO oToRead = oChunkLengths->oFirst;

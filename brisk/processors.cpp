@@ -109,6 +109,7 @@ int32 ProcessorQuota(const char* pstrGroups, const char* pstrMounts) {
     const std::vector<std::string> tGroups = Lines(pstrGroups);
     int32 lLimit = 0;
     for (const std::string& strMount : Lines(pstrMounts)) {
+        if (strMount.find("cgroup") == std::string::npos) continue;
         // ID, parent, device, root, mount point, options..., "-", type, source, options
         const std::vector<std::string> tFields = Fields(strMount, ' ');
         const auto tDash = std::find(tFields.begin(), tFields.end(), "-");
