@@ -295,6 +295,30 @@ TEST_F(PakZlib, NoMoreIsReadThanWasRestored) {
     EXPECT_EQ(bResult, TRUE);
 }
 
+TEST_F(PakZlib, OneChunkByItself) {
+    const std::string chunk = bytes::Compress("text");
+    const auto size = static_cast<int32>(chunk.size());
+    // Its length, room for what it expands to, and the number of the failure's message.
+    const std::tuple<int32, int32, int32> cases[] = {
+        {size, 65536, 0},      {size, 4, 0},        {size, 3, 37},  {size - 1, 65536, 37},
+        {size + 1, 65536, 39}, {131073, 65536, 39}, {-1, 65536, 39}};
+    std::vector<ByteT> compressed(PakZlibLargestCompressed), expanded(PakZlibChunkSize);
+    for (const auto& [length, room, number] : cases) {
+        FileCloser tFrom, tTo;
+        const std::string from = Put("chunk", chunk), to = m_dir / "to";
+        ASSERT_EQ(FileSysOpen(tFrom.Address(), from.c_str(), FileModeReadBinary), TRUE);
+        ASSERT_EQ(FileSysOpen(tTo.Address(), to.c_str(), FileModeWriteBinary), TRUE);
+        const TraceCapture trace;
+        int32 lWritten = -1;
+        EXPECT_EQ(PakZlibReadUncompressWrite(&lWritten, length, tFrom.Get(), tTo.Get(),
+                                             compressed.data(), expanded.data(), room),
+                  BooleanFrom(number == 0));
+        EXPECT_EQ(lWritten, number == 0 ? 4 : -1);
+        EXPECT_EQ(ReadFile(to), number == 0 ? "text" : "") << length;
+        EXPECT_EQ(trace.Has("PAKZLIB", number), number != 0) << length;
+    }
+}
+
 // --- failures ---
 
 TEST_F(PakZlib, FailuresAreNamed) {
