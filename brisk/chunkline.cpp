@@ -72,10 +72,7 @@ FileReadT ChunkLine::HandOver(const FileReadT& tRead) {
     m_tPool.Job(m_tPool.Next()) = {.pInput = NextInput(),
                                    .lInputLength = tRead.lBytes,
                                    .pOutput = NextInput() + m_tShape.lInputRoom,
-                                   .lOutputRoom = m_tShape.lOutputRoom,
-                                   .lOutputLength = 0,
-                                   .iResult = 0,
-                                   .bDone = false};
+                                   .lOutputRoom = m_tShape.lOutputRoom};
     m_tPool.Submit();
     return tRead;
 }

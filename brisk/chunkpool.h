@@ -22,9 +22,9 @@ struct ChunkJobT {
     int32 lInputLength;
     ByteT* pOutput;
     int32 lOutputRoom;
-    int32 lOutputLength;
-    int iResult;  // zlib's
-    bool bDone;   // the pool's
+    int32 lOutputLength = 0;
+    int iResult = 0;     // zlib's
+    bool bDone = false;  // the pool's
 };
 using ChunkStepF = void (*)(ChunkJobT& tJob);
 

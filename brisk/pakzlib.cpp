@@ -29,7 +29,6 @@ MEM_DEFAULT_POOL_CACHE
 namespace {
 
 constexpr int32 PakZlibCopySize = 131072;
-constexpr int32 PakZlibSizeField = 4;  // the header list's length in front of it
 
 constexpr int32 CompressedRoom(int32 lLength) { return 2 * lLength + 12; }
 
@@ -115,10 +114,7 @@ BooleanT PakZlibCompressBuffer(int32* plCompressedLength, PakZlibContextO oConte
     ChunkJobT tJob = {.pInput = pBuffer,
                       .lInputLength = lBufLen,
                       .pOutput = tOutput.Get(),
-                      .lOutputRoom = CompressedRoom(lBufLen),
-                      .lOutputLength = 0,
-                      .iResult = 0,
-                      .bDone = false};
+                      .lOutputRoom = CompressedRoom(lBufLen)};
     ChunkCompress(tJob);
     return WriteCompressed(plCompressedLength, oContext, tJob);
 }

@@ -17,6 +17,7 @@
 #include "core/types.h"
 
 constexpr int32 PakZlibChunkSize = 65536;  // uncompressed bytes of every chunk but the last
+constexpr int32 PakZlibSizeField = 4;      // bytes of the header list's length in front of it
 constexpr int32 PakZlibLargestCompressed = 131072;  // compressed bytes of a chunk at the most
 
 // Descriptor "o;s;p;s;p;o;o;".

@@ -19,7 +19,6 @@ MEM_DEFAULT_POOL_CACHE
 
 namespace {
 
-constexpr int32 PakZlibSizeField = 4;  // the header list's length in front of it
 // Expanding a chunk takes some 50 microseconds, waking a sleeping processor for a thread often
 // more.
 constexpr int32 ChunksWorthWorker = 32;
@@ -284,10 +283,7 @@ BooleanT PakZlibReadUncompressWrite(int32* plWritten, int32 lReadLen, FileHandle
     ChunkJobT tJob = {.pInput = pCompressedBuffer,
                       .lInputLength = lReadLen,
                       .pOutput = pDestBuffer,
-                      .lOutputRoom = lDestBufSize,
-                      .lOutputLength = 0,
-                      .iResult = 0,
-                      .bDone = false};
+                      .lOutputRoom = lDestBufSize};
     ChunkExpand(tJob);
     if (WriteExpanded(tJob, tDestHandle) != TRUE) return FALSE;
     if (plWritten != nullptr) *plWritten = tJob.lOutputLength;
